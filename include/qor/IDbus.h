@@ -1,0 +1,42 @@
+// What every endpoint offers: message callbacks by type, and readiness.
+#ifndef QOR_IDBUS_H
+#define QOR_IDBUS_H
+
+#include <qor/Export.h>
+#include <qor/Types.h>
+
+namespace qor
+{
+
+/// An endpoint of the channel between applications and the platform monitoring service.
+/// All functions may be called from any thread.
+class QOR_API IDbus
+{
+public:
+    virtual ~IDbus();
+
+    /// Registers the callback for messages of a type (any signed 32-bit value).
+    ///
+    /// A type has at most one callback: an existing one stays in force and false is returned.
+    /// The callback is copied. May wait for a callback of this endpoint that is running, so it
+    /// must not be called from one, nor while holding a lock that one takes.
+    ///
+    /// @return true if the callback was registered.
+    virtual bool SetCallback(
+        int type,
+        const boost::function<bool(const std::vector<unsigned char>&, std::vector<unsigned char>&)>&
+            callback) = 0;
+
+    /// Removes the callback of a type; false if the type has none. When it returns, the removed
+    /// callback is not running and will not run again. Waits like SetCallback, with the same rule.
+    virtual bool UnSetCallback(int type) = 0;
+
+    /// Whether the channel is up. For a client: the service is on the bus. For the service: its
+    /// well-known name has been acquired. Turns true only while the endpoint's main context is
+    /// iterated.
+    virtual bool IsReady() = 0;
+};
+
+} // namespace qor
+
+#endif

@@ -1,0 +1,36 @@
+// The client endpoint as applications and proxies see it.
+#ifndef QOR_IDBUSCLIENT_H
+#define QOR_IDBUSCLIENT_H
+
+#include <qor/IDbus.h>
+
+namespace qor
+{
+
+/// The application's end of the channel; obtained from TCDbusClientProvider::Get.
+class QOR_API IDbusClient : public virtual IDbus
+{
+public:
+    ~IDbusClient() override;
+
+    /// Sends a message to the service. May be called from any thread, also before the service is
+    /// on the bus: where the bus knows how to start the service, the call starts it.
+    ///
+    /// @param type      message type, any signed 32-bit value
+    /// @param data      payload; with the envelope it must fit into one bus message (the build's
+    ///                  QOR_MAX_MESSAGE_SIZE, 32 MiB by default), otherwise nothing is sent, an
+    ///                  error is logged and false is returned
+    /// @param response  replaced by the reply's output bytes when a reply arrives, whatever its
+    ///                  result; untouched otherwise, and always untouched when isAsync is true
+    /// @param isAsync   true: returns at once and the reply is dropped; nothing is known of the
+    ///                  delivery. false: blocks until the reply arrives, for at most 10000 ms.
+    ///
+    /// @return asynchronous: true. Synchronous: the result of the service's handler; false, with
+    ///         an error log line, when the call failed or timed out.
+    virtual bool SendMessage(int type, const std::vector<unsigned char>& data,
+                             std::vector<unsigned char>& response, bool isAsync) = 0;
+};
+
+} // namespace qor
+
+#endif

@@ -1,0 +1,69 @@
+// The process-wide callbacks object.
+#ifndef QOR_QORCALLBACKSPROXY_H
+#define QOR_QORCALLBACKSPROXY_H
+
+#include <pthread.h>
+
+#include <vector>
+
+#include <boost/shared_ptr.hpp>
+#include <boost/thread/mutex.hpp>
+
+#include <qor/Export.h>
+#include <qor/ICallbacks.h>
+#include <qor/IDbusClient.h>
+
+namespace qor
+{
+
+/// Passes the service's events on to the application's functions.
+class QOR_API TCCallbacksProxy : public ICallbacks
+{
+public:
+    /// The callbacks object, created on first use. Creating it connects to the system bus if the
+    /// process has no client endpoint yet, and blocks meanwhile; the endpoint then belongs to the
+    /// calling thread's main context. Any thread. Exceptions out of creating it pass through.
+    ///
+    /// @return the object, or an empty pointer after Destroy
+    static boost::shared_ptr<ICallbacks> Instance();
+
+    /// Releases the object and forbids a new one. Not called by the library: a host that unloads
+    /// the library calls it first. Any thread, but not from an application function. A caller that
+    /// still holds the pointer keeps a working object until it lets go.
+    static void Destroy();
+
+    TCCallbacksProxy();
+    ~TCCallbacksProxy() override;
+
+    TCCallbacksProxy(const TCCallbacksProxy&) = delete;
+    TCCallbacksProxy& operator=(const TCCallbacksProxy&) = delete;
+
+    bool SetPolicyUpdateCb(const boost::function<void()>& callback) override;
+    bool ResetPolicyUpdateCb() override;
+    bool SetRequestProcessInfoCb(const boost::function<bool()>& callback) override;
+    bool ResetRequestProcessInfoCb() override;
+
+private:
+    template <class TFunction>
+    bool m_Set(ECallbackType type, TFunction& field, const TFunction& callback);
+    template <class TFunction>
+    bool m_Reset(ECallbackType type, TFunction& field);
+
+    bool m_Callback(int type, const std::vector<unsigned char>& in,
+                    std::vector<unsigned char>& out);
+    bool m_OnCallback(int type, const std::vector<unsigned char>& in,
+                      std::vector<unsigned char>& out);
+
+    boost::function<void()> m_policyUpdateCb;
+    boost::function<bool()> m_requestProcessInfoCb;
+    boost::shared_ptr<IDbusClient> m_dbusClient;
+    boost::mutex m_registrationMutex;
+
+    static boost::shared_ptr<ICallbacks>* const m_pInstance;
+    static pthread_rwlock_t m_rwlock;
+    static bool m_destroyed;
+};
+
+} // namespace qor
+
+#endif

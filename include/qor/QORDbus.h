@@ -1,0 +1,141 @@
+// The common base of both endpoints: connection, exported object, message dispatch, wire format.
+#ifndef QOR_QORDBUS_H
+#define QOR_QORDBUS_H
+
+#include <cstddef>
+#include <map>
+#include <string>
+
+#include <boost/thread/shared_mutex.hpp>
+
+#include <qor/Export.h>
+#include <qor/GlibTypes.h>
+#include <qor/IDbus.h>
+
+namespace qor
+{
+
+struct TSDbusLink;
+
+/// An endpoint on the D-Bus system bus. It exports one object with the interface
+/// com.norvane.qor.IControl and hands each incoming Send to the callback of the message's type.
+///
+/// Main context: incoming messages and name events are dispatched by the thread-default main
+/// context of the thread that constructs the endpoint (normally the process's default context). Who
+/// owns the endpoint must iterate that context; nothing arrives otherwise.
+///
+/// Lifetime: the last reference may be dropped on any thread but never from inside one of the
+/// endpoint's own handlers or callbacks. The destructor waits for a handler that is running at that
+/// moment; afterwards none runs any more, whatever is still queued in the main context.
+///
+/// Losing the bus never ends the process: calls then fail with a log line. Processes share one
+/// connection to the bus; once all endpoints of a process have let go of a closed one, a new
+/// endpoint connects afresh.
+///
+/// Locks: t_stateMutex is taken before t_callbacksMutex and before t_watchMutex. A message callback
+/// runs with t_callbacksMutex held shared.
+class QOR_API TCDbus : public virtual IDbus
+{
+public:
+    /// Chooses the names on the bus (test mode: com.norvane.qor.IControlTest and
+    /// /com/norvane/qor/CommunicationChannelTest). Does not touch the bus.
+    explicit TCDbus(bool testMode);
+    ~TCDbus() override;
+
+    TCDbus(const TCDbus&) = delete;
+    TCDbus& operator=(const TCDbus&) = delete;
+
+    bool IsReady() override;
+
+    /// This connection's unique name on the bus; empty without a connection. Any thread.
+    std::string GetUniqueName();
+
+    /// The most payload or output bytes that one message of this build can carry.
+    static std::size_t MaxPayload();
+
+private:
+    bool m_testMode;
+
+protected:
+    /// Handles one D-Bus method: the sender's unique name, the parameters, and the invocation,
+    /// which the handler answers.
+    using TMethodHandler = boost::function<void(const char*, GVariant*, GDBusMethodInvocation*)>;
+
+    /// Connects, registers the Send handler and exports the object. The caller holds t_stateMutex
+    /// exclusively. Calls that arrive are held back until t_LetHandlersRun.
+    bool t_Start();
+
+    /// Releases what t_Start acquired; runs once, after t_StopHandlers.
+    void t_Stop();
+
+    /// Sets the handler of a D-Bus method, replacing an earlier one. Only while starting.
+    void t_SetDbusCallback(const char* method, const TMethodHandler& handler);
+
+    /// Ends the start: until then handlers on other threads wait, so that none sees an endpoint
+    /// that is still under construction.
+    void t_LetHandlersRun();
+
+    /// From here on no handler starts; waits for one that is running. Must be called without locks,
+    /// since that handler may need them to finish.
+    void t_StopHandlers();
+
+    /// What GLib is given as user data in place of the endpoint: a new reference to the link, to be
+    /// released with t_ReleaseUserData.
+    void* t_NewUserData();
+    static void t_ReleaseUserData(void* pUserData);
+
+    /// Whether a message with that many payload bytes fits under the bus's size limit.
+    static bool t_Fits(std::size_t payloadSize);
+
+    /// Unwraps an "(ay)" value and appends its bytes. A value of another type has no bytes.
+    void t_ConvertBytes(GVariant* pValue, TByteArray& bytes) const;
+    /// Wraps bytes into a new floating "(ay)" value.
+    void t_ConvertBytes(const TByteArray& bytes, GVariant*& pValue) const;
+    /// Writes a request envelope (type, async flag, payload) as a new floating "(ay)" value.
+    void t_ConvertBytes(int type, bool isAsync, const TByteArray& payload, GVariant*& pValue) const;
+    /// Writes a reply envelope (result, output) as a new floating "(ay)" value.
+    void t_ConvertBytes(const TByteArray& output, bool result, GVariant*& pValue) const;
+    /// Reads a reply envelope; one that is empty is reported and leaves the outputs unchanged.
+    void t_ConvertBytes(GVariant* pValue, bool& result, TByteArray& output) const;
+    /// Reads a request envelope; one of fewer than 5 bytes is reported and leaves the outputs
+    /// unchanged.
+    void t_ConvertBytes(GVariant* pValue, int& type, bool& isAsync, TByteArray& payload) const;
+
+    static const char* const t_dbusHelloMethod;
+    static const char* const t_dbusSendMethod;
+    static const char* const t_interfaceName;
+
+    TGlibPtr<GDBusConnection> t_pConnection;
+    const char* t_busName;
+    const char* t_objectPath;
+    std::string t_uniqueName;
+    bool t_isReady;
+    boost::shared_mutex t_callbacksMutex;
+    std::map<int, TMessageCallback> t_callbacks;
+    boost::shared_mutex t_stateMutex;
+    boost::shared_mutex t_watchMutex;
+    std::string t_currentSender;
+    bool t_isCurrentMessageAsync;
+
+private:
+    static void m_HandleMethodCall(GDBusConnection* pConnection, const char* sender,
+                                   const char* objectPath, const char* interfaceName,
+                                   const char* methodName, GVariant* pParameters,
+                                   GDBusMethodInvocation* pInvocation, void* pUserData);
+    void m_HandleMethodCall(const char* sender, const char* objectPath, const char* methodName,
+                            GVariant* pParameters, TGlibPtr<GDBusMethodInvocation> pInvocation);
+    void m_HandleMessage(const char* sender, GVariant* pParameters,
+                         GDBusMethodInvocation* pInvocation);
+
+    static const char* const m_interfaceXml;
+    static const GDBusInterfaceVTable m_interfaceVtable;
+
+    TGlibPtr<GDBusNodeInfo> m_pNodeInfo;
+    unsigned int m_registrationId;
+    std::map<std::string, TMethodHandler> m_methodHandlers;
+    TSDbusLink* m_pLink;
+};
+
+} // namespace qor
+
+#endif

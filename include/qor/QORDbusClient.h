@@ -1,0 +1,77 @@
+// The application's endpoint, and the provider that shares one per process.
+#ifndef QOR_QORDBUSCLIENT_H
+#define QOR_QORDBUSCLIENT_H
+
+#include <boost/shared_ptr.hpp>
+#include <boost/thread/mutex.hpp>
+#include <boost/weak_ptr.hpp>
+
+#include <qor/IDbusClient.h>
+#include <qor/QORDbus.h>
+
+namespace qor
+{
+
+/// The client endpoint: watches the service's name, announces the types that it has callbacks for
+/// with Hello whenever the service appears or the set changes, and sends messages to the service.
+///
+/// Normally obtained from TCDbusClientProvider. See TCDbus for the main context and the lifetime.
+class QOR_API TCDbusClient : public TCDbus, public IDbusClient
+{
+public:
+    /// Connects to the bus and starts watching for the service; blocks meanwhile. Always succeeds:
+    /// where the start fails (the log says why) the client stays unready, its synchronous sends
+    /// return false, and callbacks can still be set.
+    explicit TCDbusClient(bool testMode);
+    ~TCDbusClient() override;
+
+    bool SetCallback(
+        int type,
+        const boost::function<bool(const std::vector<unsigned char>&, std::vector<unsigned char>&)>&
+            callback) override;
+    bool UnSetCallback(int type) override;
+    bool SendMessage(int type, const std::vector<unsigned char>& data,
+                     std::vector<unsigned char>& response, bool isAsync) override;
+
+protected:
+    bool t_Start();
+    void t_Stop();
+
+private:
+    bool m_SendHello();
+    void m_CallWithoutReply(const char* method, GVariant* pParameters);
+    bool m_CallAndWait(int type, const TByteArray& data, TByteArray& response);
+
+    static void m_NameAppeared(GDBusConnection* pConnection, const char* name, const char* owner,
+                               void* pUserData);
+    void m_NameAppeared(GDBusConnection* pConnection, const char* name, const char* owner);
+    static void m_NameVanished(GDBusConnection* pConnection, const char* name, void* pUserData);
+    void m_NameVanished(GDBusConnection* pConnection, const char* name);
+
+    unsigned int m_watcherId;
+    TGlibPtr<GDBusProxy> m_pProxy;
+};
+
+/// Shares one client endpoint among all that need it in the process.
+class QOR_API TCDbusClientProvider
+{
+public:
+    /// The process's client endpoint: the one that is alive, else a new one. It lives as long as
+    /// somebody holds the pointer, and is destroyed on the thread that lets go last.
+    ///
+    /// Any thread may call it; calls are serialised, and creating an endpoint connects to the bus
+    /// and blocks meanwhile. A new endpoint belongs to the calling thread's main context.
+    ///
+    /// @param testMode  the test names, for an endpoint that has to be created; ignored otherwise
+    ///
+    /// @return never empty. Exceptions out of creating the endpoint (out of memory) pass through.
+    static boost::shared_ptr<IDbusClient> Get(bool testMode);
+
+private:
+    static boost::mutex* const m_pMutex;
+    static boost::weak_ptr<IDbusClient>* const m_pDbusClient;
+};
+
+} // namespace qor
+
+#endif

@@ -1,0 +1,87 @@
+// The service's endpoint: the bus name, the registry of clients, event delivery.
+#ifndef QOR_QORDBUSSERVER_H
+#define QOR_QORDBUSSERVER_H
+
+#include <map>
+#include <set>
+#include <string>
+
+#include <boost/thread/thread.hpp>
+
+#include <qor/IDbusServer.h>
+#include <qor/QORDbus.h>
+
+namespace qor
+{
+
+/// The server endpoint. The service constructs one and keeps it for its lifetime.
+///
+/// It owns the well-known name, registers every client that says Hello with the types it wants, and
+/// forgets it when it leaves the bus. See TCDbus for the main context and the lifetime: the service
+/// must iterate that context, until then the server does not become ready and learns of no client.
+/// A thread of the server's own carries the outgoing event calls.
+///
+/// The server must not be destroyed while a SendMessage is waiting, nor on its own thread.
+class QOR_API TCDbusServer : public TCDbus, public IDbusServer
+{
+public:
+    /// Connects to the bus, asks for the name and starts the thread; blocks meanwhile, but does not
+    /// wait for the name. Where the connection fails (the log says why) the server exists but never
+    /// becomes ready.
+    ///
+    /// @throws boost::thread_resource_error when the thread cannot be created
+    explicit TCDbusServer(bool testMode);
+    ~TCDbusServer() override;
+
+    bool SetCallback(
+        int type,
+        const boost::function<bool(const std::vector<unsigned char>&, std::vector<unsigned char>&)>&
+            callback) override;
+    bool UnSetCallback(int type) override;
+    std::size_t NumberOfClients() override;
+    std::pair<std::size_t, std::size_t> SendMessage(int type,
+                                                    const std::vector<unsigned char>& data,
+                                                    int timeout) override;
+
+protected:
+    bool t_Start();
+    void t_Stop();
+
+private:
+    struct TSClient
+    {
+        std::set<int> m_events;
+        TGlibPtr<GDBusProxy> m_pProxy;
+        unsigned int m_watcherId = 0;
+    };
+    struct TSAsyncMessage;
+
+    void m_StartMainLoop();
+    static int m_QuitMainLoop(void* pLoop);
+
+    static void m_NameAcquired(GDBusConnection* pConnection, const char* name, void* pUserData);
+    void m_NameAcquired(GDBusConnection* pConnection, const char* name);
+    static void m_NameLost(GDBusConnection* pConnection, const char* name, void* pUserData);
+
+    void m_HandleHelloMessage(const char* sender, GVariant* pParameters,
+                              GDBusMethodInvocation* pInvocation);
+    bool m_AddClient(const char* sender);
+    static void m_ClientNameVanished(GDBusConnection* pConnection, const char* name,
+                                     void* pUserData);
+    void m_ClientNameVanished(GDBusConnection* pConnection, const char* name);
+    static void m_DestroyClient(TSClient& client);
+
+    static int m_SendMessage(void* pMessage);
+    static void m_AsyncReadyCallback(GObject* pSource, GAsyncResult* pResult, void* pMessage);
+    void m_AsyncReadyCallback(GObject* pSource, GAsyncResult* pResult, TSAsyncMessage* pMessage);
+
+    unsigned int m_ownNameId;
+    std::map<std::string, TSClient> m_clients;
+    boost::thread m_thread;
+    TGlibPtr<GMainContext> m_pContext;
+    TGlibPtr<GMainLoop> m_pMainLoop;
+};
+
+} // namespace qor
+
+#endif

@@ -1,0 +1,32 @@
+// The application's way in.
+#ifndef QOR_API_H
+#define QOR_API_H
+
+#include <boost/shared_ptr.hpp>
+
+#include <qor/Export.h>
+#include <qor/IControl.h>
+
+namespace qor
+{
+namespace api
+{
+
+/// The process-wide control object, created on first use.
+///
+/// Creating it connects to the system bus and blocks meanwhile; where that fails the object exists
+/// all the same and its SetPolicy returns -1. The client endpoint behind it belongs to the
+/// thread-default main context of the calling thread (normally the process's default context).
+/// The object is released at library unload or process exit; a caller that holds the pointer keeps
+/// a working object until it lets go.
+///
+/// May be called from any thread. Exceptions out of creating the object (out of memory) pass
+/// through.
+///
+/// @return the control object, or an empty pointer once the teardown has run
+QOR_API boost::shared_ptr<IControl> GetControl();
+
+} // namespace api
+} // namespace qor
+
+#endif
