@@ -37,8 +37,7 @@ const char* ServiceName(bool testNames)
 qor::TGlibPtr<GDBusConnection> ConnectToSystemBus(std::string& error)
 {
     GError* pError = nullptr;
-    qor::TGlibPtr<GDBusConnection> connection(
-        g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &pError));
+    qor::TGlibPtr<GDBusConnection> connection(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &pError));
     const qor::TGlibPtr<GError> errorOwner(pError);
     if (!connection)
     {
@@ -63,8 +62,7 @@ TSServiceStatus QueryService(GDBusConnection* pConnection, bool testNames)
     g_variant_get(owner.get(), "(&s)", &ownerName);
 
     // Asked of the owner found, not of the well-known name, so that both belong together.
-    const auto process =
-        AskBus(pConnection, "GetConnectionUnixProcessID", ownerName, "(u)", error);
+    const auto process = AskBus(pConnection, "GetConnectionUnixProcessID", ownerName, "(u)", error);
     if (!process)
     {
         status.m_error = HasNoOwner(error) ? "" : error->message;

@@ -27,9 +27,7 @@ constexpr mode_t g_permissionBits = 0777;
 class TCFile
 {
 public:
-    explicit TCFile(int descriptor) : m_descriptor(descriptor)
-    {
-    }
+    explicit TCFile(int descriptor) : m_descriptor(descriptor) {}
 
     ~TCFile()
     {
@@ -105,8 +103,7 @@ public:
     {
         for (std::size_t written = 0; written < text.size();)
         {
-            const ssize_t count =
-                write(m_file.Get(), text.data() + written, text.size() - written);
+            const ssize_t count = write(m_file.Get(), text.data() + written, text.size() - written);
             if (count < 0 && errno != EINTR)
             {
                 Fail("writing");
@@ -133,8 +130,8 @@ private:
     static int m_Create(int directory, const std::string& name)
     {
         unlinkat(directory, name.c_str(), 0);
-        return openat(directory, name.c_str(),
-                      O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        return openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                      0600);
     }
 
     int m_directory;
@@ -216,9 +213,7 @@ void Replace(const boost::filesystem::path& target, const std::string& text)
 
 } // namespace
 
-TCPolicyStore::TCPolicyStore(std::string path) : m_path(std::move(path))
-{
-}
+TCPolicyStore::TCPolicyStore(std::string path) : m_path(std::move(path)) {}
 
 bool TCPolicyStore::Store(const std::string& text, std::string& error) const
 {

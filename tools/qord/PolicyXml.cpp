@@ -24,10 +24,13 @@ constexpr unsigned int g_parseFlags = pugi::parse_cdata | pugi::parse_pi | pugi:
 // The parser takes a zero byte for the end of the text and lets other control characters pass.
 bool HasOnlyXmlCharacters(const std::string& text)
 {
-    const bool hasControls = std::any_of(text.begin(), text.end(), [](char character) {
-        const auto code = static_cast<unsigned char>(character);
-        return code < 0x20 && code != '\t' && code != '\n' && code != '\r';
-    });
+    const bool hasControls =
+        std::any_of(text.begin(), text.end(),
+                    [](char character)
+                    {
+                        const auto code = static_cast<unsigned char>(character);
+                        return code < 0x20 && code != '\t' && code != '\n' && code != '\r';
+                    });
     return !hasControls &&
            g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) != FALSE;
 }
@@ -36,9 +39,10 @@ bool IsCharacterReference(std::string_view name)
 {
     const bool isHex = name.size() > 1 && name[1] == 'x';
     name.remove_prefix(isHex ? 2 : 1);
-    return !name.empty() && std::all_of(name.begin(), name.end(), [isHex](unsigned char digit) {
-        return isHex ? std::isxdigit(digit) != 0 : std::isdigit(digit) != 0;
-    });
+    return !name.empty() &&
+           std::all_of(name.begin(), name.end(),
+                       [isHex](unsigned char digit)
+                       { return isHex ? std::isxdigit(digit) != 0 : std::isdigit(digit) != 0; });
 }
 
 bool IsKnownReference(std::string_view name, bool hasDoctype)
@@ -70,9 +74,7 @@ bool HasOnlyKnownReferences(std::string_view text, bool hasDoctype)
 class TCContentCheck : public pugi::xml_tree_walker
 {
 public:
-    explicit TCContentCheck(bool hasDoctype) : m_hasDoctype(hasDoctype)
-    {
-    }
+    explicit TCContentCheck(bool hasDoctype) : m_hasDoctype(hasDoctype) {}
 
     bool for_each(pugi::xml_node& node) override
     {
@@ -121,7 +123,8 @@ bool StartsWithDeclaration(const std::string& text)
 class TCProlog
 {
 public:
-    explicit TCProlog(const std::string& text) : m_startsWithDeclaration(StartsWithDeclaration(text))
+    explicit TCProlog(const std::string& text)
+        : m_startsWithDeclaration(StartsWithDeclaration(text))
     {
     }
 

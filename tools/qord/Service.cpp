@@ -76,9 +76,8 @@ bool TCService::m_Start()
     }
     m_announcer = std::make_unique<TCAnnouncer>([this](int type) { m_Deliver(type); });
     m_server->SetCallback(g_setPolicyType,
-                          [this](const qor::TByteArray& request, qor::TByteArray& reply) {
-                              return m_OnSetPolicy(request, reply);
-                          });
+                          [this](const qor::TByteArray& request, qor::TByteArray& reply)
+                          { return m_OnSetPolicy(request, reply); });
     // The server has asked for the name before, on the same connection: the watch's first report
     // tells how that ended.
     m_nameWatch = std::make_unique<tools::TCNameWatch>(
