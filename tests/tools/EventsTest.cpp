@@ -123,6 +123,7 @@ TEST_F(Events, ListenerSaysWhenTheServiceComesAndGoes)
     {
         usleep(1000);
     }
+    SyncWithService();
     qord->Signal(SIGUSR1);
     EXPECT_TRUE(listener->WaitForOut("process-info"));
     listener->Signal(SIGINT);
@@ -134,10 +135,9 @@ TEST_F(Events, ListenerSaysWhenTheServiceComesAndGoes)
 TEST_F(Events, CommandRunsOnEachEventWithoutAShell)
 {
     auto qord = StartQord();
-    const std::string script =
-        "printf '%s %s\\n' \"$QOR_EVENT\" \"$1\" >>" + m_directory.Path("ran");
-    auto listener =
-        StartListener({"--count", "2", "--exec", "sh -c '" + script + "' name '*; not a shell'"});
+    const std::string hook = m_directory.Path("hook");
+    WriteFile(hook, "echo \"$QOR_EVENT $1\" >>" + m_directory.Path("ran"));
+    auto listener = StartListener({"--count", "2", "--exec", "sh " + hook + " '*; not a shell'"});
     qord->Signal(SIGUSR1);
     ASSERT_TRUE(listener->WaitForOut("process-info"));
     EXPECT_EQ(Qorctl({"set-policy", "-"}, "<a/>").exitCode, 0);

@@ -70,6 +70,7 @@ TEST_F(SetPolicy, OversizedPolicyIsRefusedUnsentAndTheEndpointStaysUsable)
     EXPECT_EQ(control->SetPolicy(huge), -1);
     EXPECT_EQ(control->SetPolicy("<next/>"), 0);
     EXPECT_EQ(StoredPolicy(), "<next/>");
+    EXPECT_TRUE(qord->WaitForOut("a policy of 7 bytes is stored"));
     EXPECT_EQ(CountOf(qord->Out() + qord->Err(), "policy of"), 1u);
 }
 

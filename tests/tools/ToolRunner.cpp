@@ -1,6 +1,8 @@
 // Runs qord and qorctl on a bus of the test's own.
 #include "ToolRunner.h"
 
+#include "RawPeer.h"
+
 namespace qortest
 {
 
@@ -67,7 +69,14 @@ std::unique_ptr<ChildProcess> ToolTest::StartListener(const Arguments& arguments
     all.insert(all.end(), arguments.begin(), arguments.end());
     auto listener = StartTool(QORCTL, all);
     EXPECT_TRUE(listener->WaitForOut("appeared")) << listener->Err();
+    SyncWithService();
     return listener;
+}
+
+void ToolTest::SyncWithService()
+{
+    constexpr int unknownType = 99;
+    EXPECT_TRUE(RawPeer().Call(SERVICE_NAME, SERVICE_PATH, "Send", Request(unknownType, false)).ok);
 }
 
 } // namespace qortest

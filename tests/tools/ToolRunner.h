@@ -42,6 +42,10 @@ protected:
     /// Starts qord and waits until it is ready.
     std::unique_ptr<ChildProcess> StartQord(Arguments arguments = {});
 
+    /// Waits until the service has handled whatever has been sent to it before. A signal to the
+    /// service is not sent through the bus, and would overtake that.
+    static void SyncWithService();
+
     /// Starts a listener and waits until the service will call it.
     static std::unique_ptr<ChildProcess> StartListener(const Arguments& arguments = {});
 
