@@ -195,18 +195,17 @@ TEST_F(DbusServer, InterruptedOwnerStillStopsIt)
         []
         {
             auto pServer = std::make_unique<TCDbusServer>(false);
-            const boost::this_thread::disable_interruption notYet;
+            boost::this_thread::disable_interruption notYet;
             while (!boost::this_thread::interruption_requested())
             {
                 boost::this_thread::yield();
             }
-            const boost::this_thread::restore_interruption now(
-                const_cast<boost::this_thread::disable_interruption&>(notYet));
+            const boost::this_thread::restore_interruption now(notYet);
             pServer.reset();
         });
     owner.interrupt();
     owner.join();
-    EXPECT_TRUE(SharedConnectionIsLetGo()); // the thread of the server is gone, and its context
+    EXPECT_TRUE(SharedConnectionIsLetGo());
 }
 
 TEST_F(DbusServer, StopsWithClientsAndTheNameIsFreeAgain)
