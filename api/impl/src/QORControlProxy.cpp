@@ -1,8 +1,10 @@
 // The process-wide control object and the application's way to it.
 #include "QORControlProxy.h"
 
+#include <cstring>
 #include <sstream>
 
+#include <boost/archive/archive_exception.hpp>
 #include <boost/archive/binary_iarchive.hpp>
 #include <boost/archive/binary_oarchive.hpp>
 #include <boost/serialization/string.hpp>
@@ -23,6 +25,24 @@ namespace
 
 constexpr int SET_POLICY = 4; // client to service; numbers are per direction
 constexpr int NOT_DELIVERED = -1;
+
+// An archive begins with the length of its signature, and opening it allocates that much before it
+// looks at the signature. A length that the reply cannot hold is no archive's, so it ends the same
+// way as any other wrong signature, but without the allocation.
+void RefuseOverlongSignature(const std::vector<unsigned char>& reply)
+{
+    std::size_t length = 0;
+    if (reply.size() < sizeof length)
+    {
+        return;
+    }
+    memcpy(&length, reply.data(), sizeof length);
+    if (length > reply.size() - sizeof length)
+    {
+        throw boost::archive::archive_exception(
+            boost::archive::archive_exception::invalid_signature);
+    }
+}
 
 } // namespace
 
@@ -64,6 +84,7 @@ int TCControlProxy::SetPolicy(const std::string& policy)
         return NOT_DELIVERED;
     }
 
+    RefuseOverlongSignature(reply);
     std::stringstream stream;
     TCIpcSerializationUtil::ConvertData(reply, stream);
     boost::archive::binary_iarchive archive(stream);
