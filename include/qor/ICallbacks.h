@@ -21,7 +21,8 @@ namespace qor
 /// - holds up all further messages of the service while it runs, so it should be quick.
 ///
 /// All operations may be called from any other place and thread. They wait for a function of this
-/// object that is running, and for a synchronous send of the endpoint only as far as name events do.
+/// object that is running, and for a synchronous send of the endpoint only as far as name events
+/// do.
 class QOR_API ICallbacks
 {
 public:

@@ -22,10 +22,9 @@ public:
     /// must not be called from one, nor while holding a lock that one takes.
     ///
     /// @return true if the callback was registered.
-    virtual bool SetCallback(
-        int type,
-        const boost::function<bool(const std::vector<unsigned char>&, std::vector<unsigned char>&)>&
-            callback) = 0;
+    virtual bool
+    SetCallback(int type, const boost::function<bool(const std::vector<unsigned char>&,
+                                                     std::vector<unsigned char>&)>& callback) = 0;
 
     /// Removes the callback of a type; false if the type has none. When it returns, the removed
     /// callback is not running and will not run again. Waits like SetCallback, with the same rule.

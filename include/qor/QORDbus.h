@@ -79,10 +79,8 @@ protected:
     /// since that handler may need them to finish.
     void t_StopHandlers();
 
-    /// What GLib is given as user data in place of the endpoint: a new reference to the link, to be
-    /// released with t_ReleaseUserData.
+    /// What GLib is given as user data in place of the endpoint: a new reference to the link.
     void* t_NewUserData();
-    static void t_ReleaseUserData(void* pUserData);
 
     /// Whether a message with that many payload bytes fits under the bus's size limit.
     static bool t_Fits(std::size_t payloadSize);

@@ -25,10 +25,9 @@ public:
     explicit TCDbusClient(bool testMode);
     ~TCDbusClient() override;
 
-    bool SetCallback(
-        int type,
-        const boost::function<bool(const std::vector<unsigned char>&, std::vector<unsigned char>&)>&
-            callback) override;
+    bool SetCallback(int type,
+                     const boost::function<bool(const std::vector<unsigned char>&,
+                                                std::vector<unsigned char>&)>& callback) override;
     bool UnSetCallback(int type) override;
     bool SendMessage(int type, const std::vector<unsigned char>& data,
                      std::vector<unsigned char>& response, bool isAsync) override;

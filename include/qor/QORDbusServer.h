@@ -33,15 +33,13 @@ public:
     explicit TCDbusServer(bool testMode);
     ~TCDbusServer() override;
 
-    bool SetCallback(
-        int type,
-        const boost::function<bool(const std::vector<unsigned char>&, std::vector<unsigned char>&)>&
-            callback) override;
+    bool SetCallback(int type,
+                     const boost::function<bool(const std::vector<unsigned char>&,
+                                                std::vector<unsigned char>&)>& callback) override;
     bool UnSetCallback(int type) override;
     std::size_t NumberOfClients() override;
-    std::pair<std::size_t, std::size_t> SendMessage(int type,
-                                                    const std::vector<unsigned char>& data,
-                                                    int timeout) override;
+    std::pair<std::size_t, std::size_t>
+    SendMessage(int type, const std::vector<unsigned char>& data, int timeout) override;
 
 protected:
     bool t_Start();
@@ -65,12 +63,14 @@ private:
 
     void m_HandleHelloMessage(const char* sender, GVariant* pParameters,
                               GDBusMethodInvocation* pInvocation);
-    bool m_AddClient(const char* sender);
+    bool m_AddClient(const std::string& name);
     static void m_ClientNameVanished(GDBusConnection* pConnection, const char* name,
                                      void* pUserData);
     void m_ClientNameVanished(GDBusConnection* pConnection, const char* name);
     static void m_DestroyClient(TSClient& client);
 
+    bool m_IsToBeCalled(const TSClient& client, int type, const TByteArray& data,
+                        std::size_t& failed) const;
     static int m_SendMessage(void* pMessage);
     static void m_AsyncReadyCallback(GObject* pSource, GAsyncResult* pResult, void* pMessage);
     void m_AsyncReadyCallback(GObject* pSource, GAsyncResult* pResult, TSAsyncMessage* pMessage);

@@ -1,0 +1,42 @@
+// The process-wide control object behind qor::api::GetControl.
+#ifndef QOR_QORCONTROLPROXY_H
+#define QOR_QORCONTROLPROXY_H
+
+#include <pthread.h>
+
+#include <string>
+
+#include <boost/shared_ptr.hpp>
+
+#include <qor/IControl.h>
+#include <qor/IDbusClient.h>
+
+namespace qor
+{
+
+// Sends policies over the process's client endpoint, which it keeps alive.
+class QOR_API TCControlProxy : public IControl
+{
+public:
+    static boost::shared_ptr<IControl> Instance();
+    static void Destroy();
+
+    TCControlProxy();
+    ~TCControlProxy() override;
+
+    TCControlProxy(const TCControlProxy&) = delete;
+    TCControlProxy& operator=(const TCControlProxy&) = delete;
+
+    int SetPolicy(const std::string& policy) override;
+
+private:
+    boost::shared_ptr<IDbusClient> m_dbusClient;
+
+    static boost::shared_ptr<IControl>* const m_pInstance;
+    static pthread_rwlock_t m_rwlock;
+    static bool m_destroyed;
+};
+
+} // namespace qor
+
+#endif

@@ -1,0 +1,68 @@
+// The counted link that GLib holds in place of an endpoint.
+#include "QORDbusLink.h"
+
+#include <new>
+#include <type_traits>
+
+#include "QORPosixLock.h"
+
+namespace qor
+{
+
+TSDbusLink* NewDbusLink(TCDbus* pEndpoint)
+{
+    static_assert(std::is_trivially_destructible<TSDbusLink>::value, "freed without a destructor");
+    return new (g_atomic_rc_box_alloc(sizeof(TSDbusLink)))
+        TSDbusLink{PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER, pEndpoint, true, 0};
+}
+
+void OpenDbusLink(TSDbusLink* pLink)
+{
+    const TCMutexLock lock(pLink->m_mutex);
+    pLink->m_isStarting = false;
+    pthread_cond_broadcast(&pLink->m_changed);
+}
+
+void SeverDbusLink(TSDbusLink* pLink)
+{
+    TCMutexLock lock(pLink->m_mutex);
+    pLink->m_pEndpoint = nullptr;
+    pLink->m_isStarting = false;
+    pthread_cond_broadcast(&pLink->m_changed);
+    while (pLink->m_running != 0)
+    {
+        lock.Wait(pLink->m_changed);
+    }
+}
+
+TCDbusLinkUse::TCDbusLinkUse(void* pUserData)
+    : m_pLink(static_cast<TSDbusLink*>(pUserData)), m_pEndpoint(nullptr)
+{
+    if (m_pLink == nullptr)
+    {
+        return;
+    }
+    TCMutexLock lock(m_pLink->m_mutex);
+    while (m_pLink->m_isStarting)
+    {
+        lock.Wait(m_pLink->m_changed);
+    }
+    m_pEndpoint = m_pLink->m_pEndpoint;
+    if (m_pEndpoint != nullptr)
+    {
+        ++m_pLink->m_running;
+    }
+}
+
+TCDbusLinkUse::~TCDbusLinkUse()
+{
+    if (m_pEndpoint == nullptr)
+    {
+        return;
+    }
+    const TCMutexLock lock(m_pLink->m_mutex);
+    --m_pLink->m_running;
+    pthread_cond_broadcast(&m_pLink->m_changed);
+}
+
+} // namespace qor

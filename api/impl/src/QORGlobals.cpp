@@ -1,0 +1,47 @@
+// The library's process-wide state, built in this order and torn down in the reverse one.
+//
+// The order is part of what the library promises, and the language gives none between units: so
+// everything with a constructor or a destructor is defined here, and its class only declares it.
+// Holders that must outlive the teardown are allocated and never freed.
+#include <boost/shared_ptr.hpp>
+#include <boost/thread/mutex.hpp>
+#include <boost/weak_ptr.hpp>
+
+#include <qor/QORCallbacksProxy.h>
+#include <qor/QORDbusClient.h>
+#include <qor/QORDeactivator.h>
+#include <qor/QORDebug.h>
+
+#include "QORControlProxy.h"
+
+namespace qor
+{
+
+// 1. The policy paths and their lock: used until everything else is gone.
+
+// 2. The log settings. No destructor: every line logged during the teardown still finds them.
+TCDebug TCDebug::m_instance;
+
+// 3. The teardown coordinator.
+pthread_mutex_t TCDeactivator::m_mutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+bool TCDeactivator::m_destroyed = false;
+TCDeactivator TCDeactivator::m_instance;
+
+// 4. The client provider.
+boost::mutex* const TCDbusClientProvider::m_pMutex = new boost::mutex;
+boost::weak_ptr<IDbusClient>* const TCDbusClientProvider::m_pDbusClient =
+    new boost::weak_ptr<IDbusClient>;
+
+// 5. The holders of the two proxies, empty.
+boost::shared_ptr<IControl>* const TCControlProxy::m_pInstance = new boost::shared_ptr<IControl>;
+pthread_rwlock_t TCControlProxy::m_rwlock = PTHREAD_RWLOCK_INITIALIZER;
+bool TCControlProxy::m_destroyed = false;
+
+boost::shared_ptr<ICallbacks>* const TCCallbacksProxy::m_pInstance =
+    new boost::shared_ptr<ICallbacks>;
+pthread_rwlock_t TCCallbacksProxy::m_rwlock = PTHREAD_RWLOCK_INITIALIZER;
+bool TCCallbacksProxy::m_destroyed = false;
+
+// 6. The caches of platform values and their lock: the first to go.
+
+} // namespace qor

@@ -1,0 +1,40 @@
+// What the code under test wrote to the platform log.
+#ifndef QORTEST_LOGCAPTURE_H
+#define QORTEST_LOGCAPTURE_H
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace qortest
+{
+
+constexpr int LOG_DEBUG = 3;
+constexpr int LOG_INFO = 4;
+constexpr int LOG_ERROR = 6;
+
+struct LogLine
+{
+    int id;
+    int priority;
+    std::string tag;
+    std::string text; // "File.cpp: function(line) > message"
+};
+
+class LogCapture
+{
+public:
+    static void Clear();
+    static std::vector<LogLine> Lines();
+
+    /// How many lines of that priority contain the text.
+    static std::size_t Count(int priority, const std::string& messagePart);
+
+    /// Blocks until there is such a line; false after the timeout. Iterates no main context: where
+    /// the line comes out of this thread's context, use PumpUntil with Count.
+    static bool WaitFor(int priority, const std::string& messagePart, int timeoutMs = 10000);
+};
+
+} // namespace qortest
+
+#endif
