@@ -44,8 +44,10 @@ char* vconf_get_str(const char* key)
     const char* path = key + strspn(key, "/");
     const char* slash = strrchr(path, '/');
     char* group = slash != NULL ? g_strndup(path, (gsize)(slash - path)) : g_strdup(default_group);
-    char* value = g_key_file_get_string(settings, group, slash != NULL ? slash + 1 : path, NULL);
-    char* result = value != NULL ? strdup(value) : NULL; /* for free(), not g_free() */
+    GError* error = NULL; /* may come with a value, when that has a bad escape */
+    char* value = g_key_file_get_string(settings, group, slash != NULL ? slash + 1 : path, &error);
+    char* result = error == NULL ? strdup(value) : NULL; /* for free(), not g_free() */
+    g_clear_error(&error);
     g_free(value);
     g_free(group);
     g_key_file_free(settings);
