@@ -15,8 +15,9 @@ extern "C"
         SYSTEM_INFO_KEY_SYSTEM_NAME,    /**< string: the distribution's name */
         SYSTEM_INFO_KEY_SYSTEM_VERSION, /**< string: the distribution's version, where it has one */
         SYSTEM_INFO_KEY_KERNEL_RELEASE, /**< string: as uname -r prints it */
-        SYSTEM_INFO_KEY_PROCESSOR_COUNT, /**< int: processors that are online */
-        SYSTEM_INFO_KEY_MEMORY_MIB       /**< int: physical memory in MiB, rounded down */
+        SYSTEM_INFO_KEY_PROCESSOR_COUNT,   /**< int: processors that are online */
+        SYSTEM_INFO_KEY_MEMORY_MIB,        /**< int: physical memory in MiB, rounded down */
+        SYSTEM_INFO_KEY_LIMIT = 0x7fffffff /**< no key: fixes the range of the type */
     } system_info_key_e;
 
     /** Results of the queries. */

@@ -104,11 +104,6 @@ int system_info_get_value_int(system_info_key_e key, int* value)
         result = (long)(pages * sysconf(_SC_PAGESIZE) / (1024 * 1024));
         break;
     }
-    case SYSTEM_INFO_KEY_INVALID:
-    case SYSTEM_INFO_KEY_MODEL:
-    case SYSTEM_INFO_KEY_SYSTEM_NAME:
-    case SYSTEM_INFO_KEY_SYSTEM_VERSION:
-    case SYSTEM_INFO_KEY_KERNEL_RELEASE:
     default:
         return SYSTEM_INFO_BAD_KEY;
     }
@@ -141,9 +136,6 @@ int system_info_get_value_string(system_info_key_e key, char** value)
     case SYSTEM_INFO_KEY_KERNEL_RELEASE:
         text = kernel_release();
         break;
-    case SYSTEM_INFO_KEY_INVALID:
-    case SYSTEM_INFO_KEY_PROCESSOR_COUNT:
-    case SYSTEM_INFO_KEY_MEMORY_MIB:
     default:
         return SYSTEM_INFO_BAD_KEY;
     }
