@@ -12,8 +12,8 @@ namespace qor
 TSDbusLink* NewDbusLink(TCDbus* pEndpoint)
 {
     static_assert(std::is_trivially_destructible<TSDbusLink>::value, "freed without a destructor");
-    return new (g_atomic_rc_box_alloc(sizeof(TSDbusLink)))
-        TSDbusLink{PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER, pEndpoint, true, 0};
+    return new (g_atomic_rc_box_alloc(sizeof(TSDbusLink))) TSDbusLink{
+        PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER, pEndpoint, true, 0, pthread_self()};
 }
 
 void OpenDbusLink(TSDbusLink* pLink)
@@ -29,7 +29,7 @@ void SeverDbusLink(TSDbusLink* pLink)
     pLink->m_pEndpoint = nullptr;
     pLink->m_isStarting = false;
     pthread_cond_broadcast(&pLink->m_changed);
-    while (pLink->m_running != 0)
+    while (pLink->m_running != 0 && !pthread_equal(pLink->m_runner, pthread_self()))
     {
         lock.Wait(pLink->m_changed);
     }
@@ -51,6 +51,7 @@ TCDbusLinkUse::TCDbusLinkUse(void* pUserData)
     if (m_pEndpoint != nullptr)
     {
         ++m_pLink->m_running;
+        m_pLink->m_runner = pthread_self();
     }
 }
 

@@ -24,6 +24,7 @@ struct TSDbusLink
     TCDbus* m_pEndpoint; // null once severed
     bool m_isStarting;   // handlers wait while this is set
     unsigned int m_running;
+    pthread_t m_runner; // the thread of the running handlers: one context, so one at a time
 };
 
 // How GLib gives back its reference: a function of GLib's own, for the same reason.
@@ -31,6 +32,9 @@ constexpr GDestroyNotify RELEASE_DBUS_LINK = &g_atomic_rc_box_release;
 
 TSDbusLink* NewDbusLink(TCDbus* pEndpoint);
 void OpenDbusLink(TSDbusLink* pLink);
+
+// Waits for a running handler, unless it is the caller's own: a process that exits from inside a
+// handler gets here too, and that handler never returns.
 void SeverDbusLink(TSDbusLink* pLink);
 
 // Holds the endpoint behind a handler's user data for as long as the handler runs.

@@ -1,0 +1,19 @@
+// Exit statuses of the tools.
+#ifndef TOOLS_COMMON_EXITSTATUS_H
+#define TOOLS_COMMON_EXITSTATUS_H
+
+namespace tools
+{
+
+enum EExitStatus
+{
+    EXIT_OK = 0,
+    EXIT_REFUSED = 1,       ///< qorctl: the service refused the policy. qord: it cannot go on.
+    EXIT_NOT_DELIVERED = 2, ///< qorctl: no bus, no service, or no answer.
+    EXIT_BAD_ANSWER = 3,    ///< qorctl: an answer that cannot be read.
+    EXIT_WRONG_USAGE = 64   ///< The command line, or the input that it names.
+};
+
+} // namespace tools
+
+#endif

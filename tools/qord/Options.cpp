@@ -1,0 +1,53 @@
+// The command line of qord.
+#include "qord/Options.h"
+
+#include <CLI/CLI.hpp>
+
+#include "common/ExitStatus.h"
+
+namespace qord
+{
+
+std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitStatus)
+{
+    TSOptions options;
+    CLI::App app("Platform monitoring service: keeps the policy, and tells applications about it.\n"
+                 "SIGUSR1 makes it ask every registered application for process information; "
+                 "SIGTERM and SIGINT stop it.",
+                 "qord");
+    app.set_version_flag("--version", std::string("qord ") + QOR_VERSION);
+    app.add_option("--policy", options.m_policyFile, "The policy file to keep")
+        ->required()
+        ->type_name("FILE");
+    app.add_flag("--test-bus-names", options.m_testNames, "Use the bus names meant for tests");
+    app.add_option("--event-timeout", options.m_eventTimeoutMs,
+                   "How long an application may take to answer an event")
+        ->type_name("MS")
+        ->check(CLI::Range(1, 600000))
+        ->capture_default_str();
+    app.add_option("--process-info-interval", options.m_processInfoSeconds,
+                   "Ask for process information regularly")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1, 1000000));
+    app.add_flag("--verbose", options.m_verbose, "Print the library's log lines too");
+    app.add_flag("--log-file", options.m_logFile,
+                 "Write the library's log lines to /tmp/qor_NAME_PID.log");
+    try
+    {
+        app.parse(count, pArguments);
+    }
+    catch (const CLI::ParseError& error)
+    {
+        exitStatus = app.exit(error) == 0 ? tools::EXIT_OK : tools::EXIT_WRONG_USAGE;
+        return std::nullopt;
+    }
+    if (options.m_policyFile.empty())
+    {
+        std::cerr << "--policy: the name of a file is missing\n";
+        exitStatus = tools::EXIT_WRONG_USAGE;
+        return std::nullopt;
+    }
+    return options;
+}
+
+} // namespace qord

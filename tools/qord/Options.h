@@ -1,0 +1,27 @@
+// The command line of qord.
+#ifndef QORD_OPTIONS_H
+#define QORD_OPTIONS_H
+
+#include <optional>
+#include <string>
+
+namespace qord
+{
+
+struct TSOptions
+{
+    std::string m_policyFile;
+    bool m_testNames = false;
+    int m_eventTimeoutMs = 2000;
+    unsigned int m_processInfoSeconds = 0; ///< 0: only when asked for.
+    bool m_verbose = false;
+    bool m_logFile = false;
+};
+
+/// Reads the command line. Empty where the process has nothing left to do but to end with
+/// exitStatus: help or version has been printed, or what is wrong.
+std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitStatus);
+
+} // namespace qord
+
+#endif

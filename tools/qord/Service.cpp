@@ -1,0 +1,225 @@
+// The service: answers policy requests, announces events, and watches over its bus name.
+#include "qord/Service.h"
+
+#include <csignal>
+#include <exception>
+
+#include <gio/gio.h>
+#include <glib-unix.h>
+#include <systemd/sd-daemon.h>
+
+#include <qor/ICallbacks.h>
+#include <qor/PolicyResult.h>
+
+#include "common/Events.h"
+#include "common/ExitStatus.h"
+#include "common/SystemBus.h"
+#include "qord/PolicyRequest.h"
+#include "qord/PolicyXml.h"
+#include "qord/Report.h"
+
+namespace qord
+{
+
+TCService::TCService(const TSOptions& options) : m_options(options), m_store(options.m_policyFile)
+{
+}
+
+TCService::~TCService()
+{
+    m_announcer.reset();
+    m_nameWatch.reset();
+    m_server.reset();
+    for (const unsigned int source : m_sources)
+    {
+        g_source_remove(source);
+    }
+}
+
+int TCService::Run()
+{
+    // From the start, so that an early signal is not missed and does not end the process.
+    std::signal(SIGPIPE, SIG_IGN);
+    m_sources.push_back(g_unix_signal_add(SIGTERM, m_QuitSignal, this));
+    m_sources.push_back(g_unix_signal_add(SIGINT, m_QuitSignal, this));
+    m_sources.push_back(g_unix_signal_add(SIGUSR1, m_AskForProcessInfo, this));
+    if (!m_Start())
+    {
+        return m_exitStatus;
+    }
+    while (m_isRunning)
+    {
+        g_main_context_iteration(nullptr, TRUE);
+        if (m_isRunning && !m_isReady && m_server->IsReady())
+        {
+            m_SayReady();
+        }
+    }
+    sd_notify(0, "STOPPING=1");
+    return m_exitStatus;
+}
+
+bool TCService::m_Start()
+{
+    std::string error;
+    m_connection = tools::ConnectToSystemBus(error);
+    if (!m_connection)
+    {
+        m_Fail("cannot reach the system bus: " + error);
+        return false;
+    }
+    m_server = std::make_unique<qor::TCDbusServer>(m_options.m_testNames);
+    if (m_server->GetUniqueName().empty())
+    {
+        m_Fail("cannot serve on the system bus");
+        return false;
+    }
+    m_announcer = std::make_unique<TCAnnouncer>([this](int type) { m_Deliver(type); });
+    m_server->SetCallback(g_setPolicyType,
+                          [this](const qor::TByteArray& request, qor::TByteArray& reply)
+                          { return m_OnSetPolicy(request, reply); });
+    // The server has asked for the name before, on the same connection: the watch's first report
+    // tells how that ended.
+    m_nameWatch = std::make_unique<tools::TCNameWatch>(
+        m_connection.get(), tools::ServiceName(m_options.m_testNames),
+        tools::TCNameWatch::TSHandlers{
+            [this](const std::string& owner) { m_OwnerIs(owner); },
+            [this] { m_Fail(m_isReady ? "the bus name was lost" : "the bus name is not granted"); },
+            [this] { m_Fail("the connection to the system bus is closed"); }});
+    if (m_options.m_processInfoSeconds != 0)
+    {
+        m_sources.push_back(
+            g_timeout_add_seconds(m_options.m_processInfoSeconds, m_AskForProcessInfo, this));
+    }
+    return true;
+}
+
+void TCService::m_SayReady()
+{
+    m_isReady = true;
+    Report("ready as %s (%s), policy file %s", tools::ServiceName(m_options.m_testNames),
+           m_server->GetUniqueName().c_str(), m_options.m_policyFile.c_str());
+    sd_notify(0, "READY=1");
+}
+
+void TCService::m_Quit()
+{
+    m_isRunning = false;
+    g_main_context_wakeup(nullptr);
+}
+
+void TCService::m_Fail(const std::string& reason)
+{
+    if (m_isRunning)
+    {
+        ReportError("%s", reason.c_str());
+        m_exitStatus = tools::EXIT_REFUSED;
+    }
+    m_Quit();
+}
+
+void TCService::m_OwnerIs(const std::string& owner)
+{
+    if (owner != m_server->GetUniqueName())
+    {
+        m_Fail("the bus name belongs to another process (" + owner + ")");
+    }
+}
+
+// Runs inside the bus library, which takes no exception.
+bool TCService::m_OnSetPolicy(const qor::TByteArray& request, qor::TByteArray& reply) noexcept
+{
+    try
+    {
+        return m_SetPolicy(request, reply);
+    }
+    catch (const std::exception& exception)
+    {
+        ReportError("a policy request failed: %s", exception.what());
+    }
+    catch (...)
+    {
+        ReportError("a policy request failed");
+    }
+    return false;
+}
+
+bool TCService::m_SetPolicy(const qor::TByteArray& request, qor::TByteArray& reply)
+{
+    std::string policy;
+    std::string error;
+    if (!DecodePolicyRequest(request, policy, error))
+    {
+        ReportError("a request of %zu bytes is not a policy: %s", request.size(), error.c_str());
+        return false;
+    }
+    const int result = m_CheckAndStore(policy);
+    if (result == qor::POLICY_STORED)
+    {
+        m_AnnounceAfterReply();
+    }
+    EncodePolicyResult(result, reply);
+    return true;
+}
+
+int TCService::m_CheckAndStore(const std::string& policy)
+{
+    std::string error;
+    if (!IsWellFormedPolicy(policy, error))
+    {
+        ReportError("a policy of %zu bytes is not well-formed: %s", policy.size(), error.c_str());
+        return qor::POLICY_NOT_WELL_FORMED;
+    }
+    if (!m_store.Store(policy, error))
+    {
+        ReportError("a policy of %zu bytes could not be stored: %s", policy.size(), error.c_str());
+        return qor::POLICY_NOT_STORED;
+    }
+    Report("a policy of %zu bytes is stored", policy.size());
+    return qor::POLICY_STORED;
+}
+
+// The sender still waits for the reply, and a client that waits is not called: the announcement
+// begins when the context comes round again, after the reply.
+void TCService::m_AnnounceAfterReply()
+{
+    g_idle_add_full(G_PRIORITY_DEFAULT, m_AnnouncePolicy, this, nullptr);
+}
+
+void TCService::m_Deliver(int type) noexcept
+{
+    try
+    {
+        const auto counts = m_server->SendMessage(type, {}, m_options.m_eventTimeoutMs);
+        Report("event %s: %zu delivered, %zu failed", tools::EventName(type), counts.first,
+               counts.second);
+    }
+    catch (const std::exception& exception)
+    {
+        ReportError("event %s failed: %s", tools::EventName(type), exception.what());
+    }
+}
+
+int TCService::m_QuitSignal(void* pService)
+{
+    static_cast<TCService*>(pService)->m_Quit();
+    return G_SOURCE_CONTINUE;
+}
+
+int TCService::m_AskForProcessInfo(void* pService)
+{
+    const auto& announcer = static_cast<TCService*>(pService)->m_announcer;
+    if (announcer)
+    {
+        announcer->Announce(qor::ICallbacks::REQUEST_PROCESS_INFO);
+    }
+    return G_SOURCE_CONTINUE;
+}
+
+int TCService::m_AnnouncePolicy(void* pService)
+{
+    static_cast<TCService*>(pService)->m_announcer->Announce(qor::ICallbacks::POLICY_UPDATE);
+    return G_SOURCE_REMOVE;
+}
+
+} // namespace qord

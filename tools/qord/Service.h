@@ -1,0 +1,66 @@
+// The service: answers policy requests, announces events, and watches over its bus name.
+#ifndef QORD_SERVICE_H
+#define QORD_SERVICE_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <qor/GlibTypes.h>
+#include <qor/QORDbusServer.h>
+
+#include "common/NameWatch.h"
+#include "qord/Announcer.h"
+#include "qord/Options.h"
+#include "qord/PolicyStore.h"
+
+namespace qord
+{
+
+/// Lives in the process's default main context, and takes over the process's signals.
+class TCService
+{
+public:
+    explicit TCService(const TSOptions& options);
+    ~TCService();
+
+    TCService(const TCService&) = delete;
+    TCService& operator=(const TCService&) = delete;
+
+    /// Serves until a signal ends it or it can no longer serve.
+    ///
+    /// @return the process's exit status
+    int Run();
+
+private:
+    bool m_Start();
+    void m_SayReady();
+    void m_Quit();
+    void m_Fail(const std::string& reason);
+    void m_OwnerIs(const std::string& owner);
+
+    bool m_OnSetPolicy(const qor::TByteArray& request, qor::TByteArray& reply) noexcept;
+    bool m_SetPolicy(const qor::TByteArray& request, qor::TByteArray& reply);
+    int m_CheckAndStore(const std::string& policy);
+    void m_AnnounceAfterReply();
+    void m_Deliver(int type) noexcept;
+
+    static int m_QuitSignal(void* pService);
+    static int m_AskForProcessInfo(void* pService);
+    static int m_AnnouncePolicy(void* pService);
+
+    TSOptions m_options;
+    TCPolicyStore m_store;
+    bool m_isRunning = true;
+    bool m_isReady = false;
+    int m_exitStatus = 0;
+    std::vector<unsigned int> m_sources;
+    qor::TGlibPtr<GDBusConnection> m_connection;
+    std::unique_ptr<qor::TCDbusServer> m_server;
+    std::unique_ptr<tools::TCNameWatch> m_nameWatch;
+    std::unique_ptr<TCAnnouncer> m_announcer; ///< Its worker uses the server: it ends before.
+};
+
+} // namespace qord
+
+#endif

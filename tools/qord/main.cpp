@@ -1,0 +1,30 @@
+// qord, the reference service.
+#include <exception>
+
+#include <qor/QORDebug.h>
+
+#include "common/ExitStatus.h"
+#include "qord/Options.h"
+#include "qord/Report.h"
+#include "qord/Service.h"
+
+int main(int count, char** pArguments)
+{
+    try
+    {
+        int exitStatus = tools::EXIT_OK;
+        const auto options = qord::ParseOptions(count, pArguments, exitStatus);
+        if (!options)
+        {
+            return exitStatus;
+        }
+        qor::TCDebug::m_instance.EnableStdoutLog(options->m_verbose);
+        qor::TCDebug::m_instance.EnableFileLog(options->m_logFile);
+        return qord::TCService(*options).Run();
+    }
+    catch (const std::exception& exception)
+    {
+        qord::ReportError("%s", exception.what());
+        return tools::EXIT_REFUSED;
+    }
+}
