@@ -101,7 +101,7 @@ int system_info_get_value_int(system_info_key_e key, int* value)
     case SYSTEM_INFO_KEY_MEMORY_MIB:
     {
         const long long pages = sysconf(_SC_PHYS_PAGES);
-        result = (long)(pages * sysconf(_SC_PAGESIZE) / (1024 * 1024));
+        result = (long)(pages * sysconf(_SC_PAGESIZE) >> 20);
         break;
     }
     default:

@@ -6,9 +6,9 @@
 namespace qor
 {
 
-static_assert(std::is_trivial<TSBufferProperties>::value &&
-                  std::is_standard_layout<TSBufferProperties>::value,
-              "the record is plain data");
+// The record is plain data.
+static_assert(std::is_trivial<TSBufferProperties>::value, "no constructor");
+static_assert(std::is_standard_layout<TSBufferProperties>::value, "fields in order");
 
 void TSBufferProperties::Init()
 {

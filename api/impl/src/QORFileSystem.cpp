@@ -124,6 +124,8 @@ void AddEntrySize(const TCDirectoryReader& entry, TCTreeQueue& queue, unsigned i
 
 } // namespace
 
+// NOLINTBEGIN(performance-unnecessary-value-param): which paths come by value is the interface's
+
 // --- Queries -------------------------------------------------------------------------------------
 
 bool TSFileSystem::FileExists(fs::path path)
@@ -424,17 +426,17 @@ bool TSFileSystem::MakeDir(const fs::path& path, bool openPermissions)
 bool TSFileSystem::GenerateUniqueName(const fs::path& directory, const fs::path& fileName,
                                       fs::path& uniquePath)
 {
-    const std::string name = fileName.string();
+    const std::string& name = fileName.native();
     const std::size_t suffix = std::min(name.rfind('.'), name.size()); // at the end without a dot
-    const fs::path place = directory; // the caller may want the result in the same variable
     error_code error;
-    uniquePath = place / fileName;
-    for (int counter = 1; fs::exists(fs::status(uniquePath, error)); ++counter)
+    fs::path tried = directory / fileName;
+    for (int counter = 1; fs::exists(fs::status(tried, error)); ++counter)
     {
         std::string candidate = name;
         candidate.insert(suffix, "_" + std::to_string(counter));
-        uniquePath = place / candidate;
+        tried = directory / candidate;
     }
+    uniquePath = std::move(tried);
     if (error != boost::system::errc::no_such_file_or_directory)
     {
         QOR_LOG_DEBUG("Not expected boost error %d", error.value());
@@ -442,5 +444,7 @@ bool TSFileSystem::GenerateUniqueName(const fs::path& directory, const fs::path&
     }
     return true;
 }
+
+// NOLINTEND(performance-unnecessary-value-param)
 
 } // namespace qor
