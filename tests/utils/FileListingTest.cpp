@@ -107,6 +107,16 @@ TEST_F(FileListingTest, OnlyTheLatestErrorOfAWalkCounts)
 {
     Link("dangling", "nowhere");
     EXPECT_EQ(Files(""), TLines{"false"});
+    for (int i = 0; i < 10; ++i)
+    {
+        Write("later" + std::to_string(i) + ".x");
+    }
+    std::string last;
+    for (const auto& entry : fs::directory_iterator(At("")))
+    {
+        last = entry.path().filename().string();
+    }
+    EXPECT_EQ(Files(""), TLines{last == "dangling" ? "false" : "true"});
     MakeDirectory("sub");
     EXPECT_EQ(Files(""), TLines{"true"});
     EXPECT_EQ(TSFileSystem::GetFileList(At(""), "", ""), std::list<fs::path>());

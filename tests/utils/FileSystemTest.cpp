@@ -70,7 +70,7 @@ TEST_F(FileSystemTest, ModificationTimeAndFreeSpaceAreRoundedDown)
     const timeval times[] = {{1, 0}, {1234567890, 999999}};
     ASSERT_EQ(utimes(Write("file").c_str(), times), 0);
     EXPECT_EQ(TSFileSystem::GetLastModificationTime(At("file")), 1234567890);
-    systemCalls.smallFileSystem = true;
+    systemCalls.smallFileSystem = At("");
     EXPECT_EQ(TSFileSystem::GetFreeSpaceSize(At("")), 3);
     EXPECT_EQ(Logged(), TLines());
     EXPECT_EQ(TSFileSystem::GetLastModificationTime(At("none")), 0);
@@ -89,7 +89,7 @@ TEST_F(FileSystemTest, FileContentsAreAllOrNothing)
     const auto before = data;
     EXPECT_FALSE(TSFileSystem::GetFileContents(Write("empty", ""), data));
     EXPECT_FALSE(TSFileSystem::GetFileContents(At("none"), data));
-    fs::resize_file(Write("huge"), 0x80000000);
+    fs::resize_file(Write("huge"), 0x100000005); // 5 in 32 bits
     EXPECT_FALSE(TSFileSystem::GetFileContents(At("huge"), data));
     EXPECT_EQ(Logged(), (TLines{"E File " + At("empty") + " size is 0!",
                                 "D File " + At("none") + " opening failed",
@@ -197,7 +197,7 @@ TEST_F(FileSystemTest, MakeDirOnAFile)
 {
     const std::string file = Write("file");
     const std::string below = file + "/below/it";
-    systemCalls.smallFileSystem = true;
+    systemCalls.smallFileSystem = At("");
     EXPECT_FALSE(TSFileSystem::MakeDir(file, true));
     EXPECT_EQ(Logged(), (TLines{"E Path " + file + " exists but it is not a directory",
                                 "E Path " + file + " exists but it is not a directory",

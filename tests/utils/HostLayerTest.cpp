@@ -157,7 +157,8 @@ TEST_F(HostLayerTest, UsbDisksAreTheOnesBelowARootHub)
     usb_device_init();
     EXPECT_EQ(count(), -1); // no sysfs
     AddDisk("pci0000:00/ata1", "sda");
-    AddDisk("usbip/platform", "sdx"); // a name that only begins like a root hub's
+    AddDisk("usb/platform", "sdx"); // names that only look like a root hub's
+    AddDisk("usb2net/platform", "sdy");
     EXPECT_EQ(count(), 0);
     EXPECT_NE(usb_device_list_get_first(list, &device), 0);
     AddDisk("pci0000:00/usb2/2-1/2-1:1.0", "sdc");

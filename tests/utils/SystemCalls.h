@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <string>
 
 namespace qortest
 {
@@ -24,7 +25,7 @@ struct SystemCalls
     int chownError = 0;
     int chownCalls = 0;
     bool mkdirComesSecond = false; // somebody else has made the directory just now
-    bool smallFileSystem = false;  // 3.5 MiB for unprivileged users, of 5 free and 9 in all
+    std::string smallFileSystem;   // 3.5 MiB for unprivileged users, of 5 free and 9 in all
 };
 inline SystemCalls systemCalls;
 inline std::atomic<int> statusQueries(0);
@@ -103,7 +104,7 @@ QORTEST_DOUBLE(int, mkdir, (const char* path, mode_t mode), noexcept)
 QORTEST_DOUBLE(int, statvfs64, (const char* path, struct statvfs64* pSpace), noexcept)
 {
     const int result = Real_statvfs64()(path, pSpace);
-    if (result == 0 && qortest::systemCalls.smallFileSystem)
+    if (result == 0 && qortest::systemCalls.smallFileSystem == path)
     {
         pSpace->f_frsize = pSpace->f_bsize = 512 * 1024;
         pSpace->f_bavail = 7;
