@@ -7,17 +7,23 @@
 #include <boost/thread/mutex.hpp>
 #include <boost/weak_ptr.hpp>
 
+#include <qor/QORCachingUtils.h>
 #include <qor/QORCallbacksProxy.h>
 #include <qor/QORDbusClient.h>
 #include <qor/QORDeactivator.h>
 #include <qor/QORDebug.h>
+#include <qor/QORDirsManager.h>
 
 #include "QORControlProxy.h"
+#include "QORPolicyPaths.h"
 
 namespace qor
 {
 
 // 1. The policy paths and their lock: used until everything else is gone.
+boost::shared_mutex TCDirsManager::m_mutex;
+std::string TCDirsManager::m_policyXmlPath = DEFAULT_POLICY_XML_PATH;
+std::string TCDirsManager::m_policyPath = DEFAULT_POLICY_PATH;
 
 // 2. The log settings. No destructor: every line logged during the teardown still finds them.
 TCDebug TCDebug::m_instance;
@@ -43,5 +49,9 @@ pthread_rwlock_t TCCallbacksProxy::m_rwlock = PTHREAD_RWLOCK_INITIALIZER;
 bool TCCallbacksProxy::m_destroyed = false;
 
 // 6. The caches of platform values and their lock: the first to go.
+boost::shared_mutex TCVelkinCachingUtils::m_CacheMapMutex;
+std::map<system_info_key_e, std::string> TCVelkinCachingUtils::m_systemInfoStrCache;
+std::map<system_info_key_e, int> TCVelkinCachingUtils::m_systemInfoKeysInt;
+std::map<std::string, std::string> TCVelkinCachingUtils::m_vconfStringCache;
 
 } // namespace qor
