@@ -11,6 +11,7 @@
 #include <gio/gio.h>
 
 #include "QORDbusLink.h"
+#include "QORFork.h"
 #include "QORLog.h"
 
 #define QOR_LOG_CLASS "qor::TCDbusServer"
@@ -60,6 +61,15 @@ TCDbusServer::TCDbusServer(bool testMode) : TCDbus(testMode), m_ownNameId(0)
 
 TCDbusServer::~TCDbusServer()
 {
+    if (!t_IsInOwnProcess())
+    {
+        Abandon(m_clients);
+        Abandon(m_thread);
+        static_cast<void>(m_pContext.release());
+        static_cast<void>(m_pMainLoop.release());
+        t_Abandon();
+        return;
+    }
     // A pending interruption of this thread must not break off the join.
     const boost::this_thread::disable_interruption notNow;
     t_Stop();
