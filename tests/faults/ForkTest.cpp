@@ -16,12 +16,8 @@
 #include <qor/QORDbusServer.h>
 #include <qor/api.h>
 
-#include "ChildProcess.h"
-#include "LogCapture.h"
-#include "MainContext.h"
-#include "PrivateBus.h"
+#include "BusTest.h"
 #include "QORControlProxy.h"
-#include "RawPeer.h"
 
 namespace
 {
@@ -113,9 +109,14 @@ private:
     std::vector<std::thread> m_threads;
 };
 
-TEST(Fork, ChildOfABusyClientHostCanExitAndTheHostGoesOn)
+class Fork : public BusTest
 {
-    const PrivateBus bus;
+};
+
+using Host = Fork;
+
+TEST_F(Fork, ChildOfABusyClientHostCanExitAndTheHostGoesOn)
+{
     RawPeer service;
     ASSERT_TRUE(service.OwnName(SERVICE_NAME));
     service.AnswerWith(PolicyStored());
@@ -168,9 +169,8 @@ TEST(Fork, ChildOfABusyClientHostCanExitAndTheHostGoesOn)
     qor::TCControlProxy::Destroy();
 }
 
-TEST(Fork, ChildThatUsesAnInheritedClientIsRefusedAtOnce)
+TEST_F(Fork, ChildThatUsesAnInheritedClientIsRefusedAtOnce)
 {
-    const PrivateBus bus;
     RawPeer service;
     ASSERT_TRUE(service.OwnName(SERVICE_NAME));
     const auto client = std::make_unique<qor::TCDbusClient>(false);
@@ -190,9 +190,8 @@ TEST(Fork, ChildThatUsesAnInheritedClientIsRefusedAtOnce)
     EXPECT_EQ(service.Count("Send"), 0U);
 }
 
-TEST(Fork, ChildOfABusyServiceCanExitAndTheServiceGoesOn)
+TEST_F(Fork, ChildOfABusyServiceCanExitAndTheServiceGoesOn)
 {
-    const PrivateBus bus;
     auto server = std::make_unique<qor::TCDbusServer>(false);
     ASSERT_TRUE(PumpUntil([&] { return server->IsReady(); }));
     BackgroundPump pump;
@@ -221,9 +220,8 @@ TEST(Fork, ChildOfABusyServiceCanExitAndTheServiceGoesOn)
 
 // --- Hosts in processes of their own -------------------------------------------------------------
 
-TEST(Host, ForksFirstAndUsesTheLibraryInTheChild)
+TEST_F(Host, ForksFirstAndUsesTheLibraryInTheChild)
 {
-    const PrivateBus bus;
     RawPeer service;
     ASSERT_TRUE(service.OwnName(SERVICE_NAME));
     service.AnswerWith(PolicyStored());
@@ -232,9 +230,8 @@ TEST(Host, ForksFirstAndUsesTheLibraryInTheChild)
     EXPECT_EQ(host.Out(), "result 0\n");
 }
 
-TEST(Host, ExitsInsideACallbackWhileACallIsPending)
+TEST_F(Host, ExitsInsideACallbackWhileACallIsPending)
 {
-    const PrivateBus bus;
     RawPeer service;
     ASSERT_TRUE(service.OwnName(SERVICE_NAME));
     service.AnswerWith({Answer::NEVER, {}, ""});
