@@ -144,6 +144,7 @@ TEST_F(Fork, ChildOfABusyClientHostCanExitAndTheHostGoesOn)
             callbacks->ResetRequestProcessInfoCb();
             std::this_thread::sleep_for(std::chrono::milliseconds(1)); // each says Hello
         });
+    workers.Add([] { qor::api::GetControl(); }); // takes the library's own locks
     workers.Add([&] { service.Call(name, SERVICE_PATH, "Send", Request(2, false)); });
 
     for (int round = 0; round < 40; ++round)
