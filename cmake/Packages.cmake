@@ -3,7 +3,7 @@
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME qor)
 set(CPACK_PACKAGE_VENDOR "QOR developers")
-set(CPACK_PACKAGE_CONTACT "QOR developers <qor@packages.debian.org>")
+set(CPACK_PACKAGE_CONTACT "QOR developers <developers@qor.invalid>")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_OUTPUT_FILE_PREFIX ${PROJECT_BINARY_DIR}/packages)
 set(CPACK_STRIP_FILES ON)
@@ -22,29 +22,29 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libqor${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers)
-set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
 "D-Bus channel to the platform monitoring service - libraries
- The library through which applications hand the platform monitoring service
- a new policy and hear of its events, and with which the service is built.")
+The library through which applications hand the platform monitoring service
+a new policy and hear of its events, and with which the service is built.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libqor-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_COMPONENT_DEV_DEPENDS runtime)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
     "libboost-filesystem-dev, libboost-serialization-dev, libboost-thread-dev")
-set(CPACK_COMPONENT_DEV_DESCRIPTION
+set(CPACK_DEBIAN_DEV_DESCRIPTION
 "D-Bus channel to the platform monitoring service - development files
- Headers, CMake package and pkg-config file.")
+Headers, CMake package and pkg-config file.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME qor-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
 set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "adduser")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "default-dbus-system-bus | dbus-system-bus")
-set(CPACK_COMPONENT_TOOLS_DESCRIPTION
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION
 "D-Bus channel to the platform monitoring service - service and tools
- qord, the reference service, with its bus policy, activation file and systemd
- unit, and qorctl, which hands it policies and listens to its events.")
+qord, the reference service, with its bus policy, activation file and systemd
+unit, and qorctl, which hands it policies and listens to its events.")
 
 # Maintainer scripts of the tools; what they do depends on the service's user.
 set(_scripts)

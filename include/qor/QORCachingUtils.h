@@ -43,6 +43,8 @@ public:
     static bool GetSystemInfoKeyCached(system_info_key_e key, std::string& value);
 
 private:
+    friend struct TSForkHandler;
+
     static boost::shared_mutex m_CacheMapMutex; // one for the three maps
     static std::map<system_info_key_e, std::string> m_systemInfoStrCache;
     static std::map<system_info_key_e, int> m_systemInfoKeysInt;

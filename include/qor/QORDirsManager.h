@@ -39,6 +39,8 @@ public:
     static int QORMode;
 
 private:
+    friend struct TSForkHandler;
+
     static boost::shared_mutex m_mutex; // guards the two paths
     static std::string m_policyXmlPath;
     static std::string m_policyPath;

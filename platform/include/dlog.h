@@ -34,10 +34,8 @@ extern "C"
      *
      * @return the number of bytes written, 0 if the line was dropped
      */
-    /* NOLINTBEGIN(bugprone-reserved-identifier): the platform's name */
     __attribute__((visibility("default"), format(printf, 4, 5))) int
     __dlog_print(int log_id, int priority, const char* tag, const char* format, ...);
-    /* NOLINTEND(bugprone-reserved-identifier) */
 
 #ifdef __cplusplus
 }
