@@ -1,20 +1,12 @@
 // The process-wide control object and the application's way to it.
 #include "QORControlProxy.h"
 
-#include <cstring>
-#include <sstream>
-
-#include <boost/archive/archive_exception.hpp>
-#include <boost/archive/binary_iarchive.hpp>
-#include <boost/archive/binary_oarchive.hpp>
-#include <boost/serialization/string.hpp>
-
 #include <qor/QORDbusClient.h>
 #include <qor/QORDeactivator.h>
-#include <qor/QORIpcSerializationUtil.h>
 #include <qor/api.h>
 
 #include "QORLog.h"
+#include "QORPolicyMessage.h"
 #include "QORProxySingleton.h"
 
 namespace qor
@@ -25,24 +17,6 @@ namespace
 
 constexpr int SET_POLICY = 4; // client to service; numbers are per direction
 constexpr int NOT_DELIVERED = -1;
-
-// An archive begins with the length of its signature, and opening it allocates that much before it
-// looks at the signature. A length that the reply cannot hold is no archive's, so it ends the same
-// way as any other wrong signature, but without the allocation.
-void RefuseOverlongSignature(const std::vector<unsigned char>& reply)
-{
-    std::size_t length = 0;
-    if (reply.size() < sizeof length)
-    {
-        return;
-    }
-    memcpy(&length, reply.data(), sizeof length);
-    if (length > reply.size() - sizeof length)
-    {
-        throw boost::archive::archive_exception(
-            boost::archive::archive_exception::invalid_signature);
-    }
-}
 
 } // namespace
 
@@ -71,26 +45,14 @@ TCControlProxy::~TCControlProxy() = default;
 int TCControlProxy::SetPolicy(const std::string& policy)
 {
     std::vector<unsigned char> request;
-    {
-        std::stringstream stream;
-        boost::archive::binary_oarchive archive(stream);
-        archive << policy;
-        TCIpcSerializationUtil::ConvertData(stream, request);
-    }
-
+    WritePolicyRequest(policy, request);
     std::vector<unsigned char> reply;
     if (!m_dbusClient || !m_dbusClient->SendMessage(SET_POLICY, request, reply, false))
     {
         return NOT_DELIVERED;
     }
 
-    RefuseOverlongSignature(reply);
-    std::stringstream stream;
-    TCIpcSerializationUtil::ConvertData(reply, stream);
-    boost::archive::binary_iarchive archive(stream);
-    int result = NOT_DELIVERED;
-    archive >> result;
-    return result;
+    return ReadPolicyReply(reply);
 }
 
 namespace api
