@@ -1,18 +1,12 @@
 // The process-wide control object and the application's way to it.
 #include "QORControlProxy.h"
 
-#include <sstream>
-
-#include <boost/archive/binary_iarchive.hpp>
-#include <boost/archive/binary_oarchive.hpp>
-#include <boost/serialization/string.hpp>
-
 #include <qor/QORDbusClient.h>
 #include <qor/QORDeactivator.h>
-#include <qor/QORIpcSerializationUtil.h>
 #include <qor/api.h>
 
 #include "QORLog.h"
+#include "QORPolicyMessage.h"
 #include "QORProxySingleton.h"
 
 namespace qor
@@ -51,25 +45,14 @@ TCControlProxy::~TCControlProxy() = default;
 int TCControlProxy::SetPolicy(const std::string& policy)
 {
     std::vector<unsigned char> request;
-    {
-        std::stringstream stream;
-        boost::archive::binary_oarchive archive(stream);
-        archive << policy;
-        TCIpcSerializationUtil::ConvertData(stream, request);
-    }
-
+    WritePolicyRequest(policy, request);
     std::vector<unsigned char> reply;
     if (!m_dbusClient || !m_dbusClient->SendMessage(SET_POLICY, request, reply, false))
     {
         return NOT_DELIVERED;
     }
 
-    std::stringstream stream;
-    TCIpcSerializationUtil::ConvertData(reply, stream);
-    boost::archive::binary_iarchive archive(stream);
-    int result = NOT_DELIVERED;
-    archive >> result;
-    return result;
+    return ReadPolicyReply(reply);
 }
 
 namespace api
