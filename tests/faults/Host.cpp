@@ -1,11 +1,14 @@
 // Hosts of the library that do what a test wants done in a process of its own.
 //
 //   qor-fault-host after-fork            forks first, uses the library in the child
-//   qor-fault-host exit-in-callback      exits inside a callback while a call is pending on another
+//   qor-fault-host reconnect             takes a new endpoint whenever the old one loses the
+//   service qor-fault-host exit-in-callback      exits inside a callback while a call is pending on
+//   another
 //                                        thread; what it reads from standard input says when
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +17,7 @@
 #include <glib.h>
 
 #include <qor/QORCallbacksProxy.h>
+#include <qor/QORDbusClient.h>
 #include <qor/QORDebug.h>
 #include <qor/api.h>
 
@@ -63,6 +67,53 @@ int ExitInCallback()
     }
 }
 
+// Takes a new endpoint whenever the old one has lost the service, until it is told to end.
+int Reconnect()
+{
+    static volatile std::sig_atomic_t isEnding = 0;
+    std::signal(SIGTERM, [](int) { isEnding = 1; });
+    constexpr int PATIENCE = 50;
+    int unready = 0;
+    bool wasReady = false;
+    boost::shared_ptr<qor::IDbusClient> client;
+    while (isEnding == 0)
+    {
+        if (!client)
+        {
+            client = qor::TCDbusClientProvider::Get(false);
+            client->SetCallback(qor::ICallbacks::POLICY_UPDATE,
+                                [](const qor::TByteArray&, qor::TByteArray&)
+                                {
+                                    Say("policy");
+                                    return true;
+                                });
+        }
+        while (g_main_context_iteration(nullptr, FALSE) != FALSE)
+        {
+        }
+        const bool isReady = client->IsReady();
+        if (isReady && !wasReady)
+        {
+            Say("ready");
+        }
+        if (wasReady && !isReady)
+        {
+            qor::TByteArray response;
+            Say(client->SendMessage(1, {}, response, false) ? "delivered" : "refused");
+            unready = PATIENCE;
+        }
+        wasReady = isReady;
+        unready = isReady ? 0 : unready + 1;
+        if (unready > PATIENCE)
+        {
+            client.reset(); // a closed connection is let go of
+            unready = 0;
+        }
+        g_usleep(20000);
+    }
+    return 0;
+}
+
 } // namespace
 
 int main(int count, char** arguments)
@@ -76,6 +127,10 @@ int main(int count, char** arguments)
     if (std::strcmp(mode, "exit-in-callback") == 0)
     {
         return ExitInCallback();
+    }
+    if (std::strcmp(mode, "reconnect") == 0)
+    {
+        return Reconnect();
     }
     return 64;
 }
