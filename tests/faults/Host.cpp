@@ -1,10 +1,10 @@
 // Hosts of the library that do what a test wants done in a process of its own.
 //
-//   qor-fault-host after-fork            forks first, uses the library in the child
-//   qor-fault-host reconnect             takes a new endpoint whenever the old one loses the
-//   service qor-fault-host exit-in-callback      exits inside a callback while a call is pending on
-//   another
-//                                        thread; what it reads from standard input says when
+//   qor-fault-host after-fork        forks first, uses the library in the child
+//   qor-fault-host exit-in-callback  exits inside a callback while a call is pending on another
+//                                    thread; what it reads from standard input says when
+//   qor-fault-host reconnect         takes a new endpoint whenever the old one loses the service
+//   qor-fault-host count             counts the events that it is told of
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +14,7 @@
 #include <cstring>
 #include <thread>
 
+#include <glib-unix.h>
 #include <glib.h>
 
 #include <qor/QORCallbacksProxy.h>
@@ -114,6 +115,49 @@ int Reconnect()
     return 0;
 }
 
+// Counts the events that it is told of, until it is told to end.
+int Count()
+{
+    bool isEnding = false;
+    g_unix_signal_add(
+        SIGTERM,
+        [](void* pIsEnding) -> int
+        {
+            *static_cast<bool*>(pIsEnding) = true;
+            return G_SOURCE_CONTINUE;
+        },
+        &isEnding);
+    int policies = 0;
+    int processInfos = 0;
+    const auto callbacks = qor::TCCallbacksProxy::Instance();
+    callbacks->SetPolicyUpdateCb([&] { ++policies; });
+    callbacks->SetRequestProcessInfoCb(
+        [&]
+        {
+            ++processInfos;
+            return true;
+        });
+    const auto client = qor::TCDbusClientProvider::Get(false);
+    bool isRegistered = false;
+    while (!isEnding)
+    {
+        g_main_context_iteration(nullptr, TRUE);
+        if (!isRegistered && client->IsReady())
+        {
+            // Answered after the Hello that went before: the service knows this client by then.
+            qor::TByteArray response;
+            client->SendMessage(1, {}, response, false);
+            Say("registered");
+            isRegistered = true;
+        }
+    }
+    std::printf("policies %d, process infos %d\n", policies, processInfos);
+    callbacks->ResetPolicyUpdateCb();
+    callbacks->ResetRequestProcessInfoCb();
+    qor::TCCallbacksProxy::Destroy();
+    return 0;
+}
+
 } // namespace
 
 int main(int count, char** arguments)
@@ -131,6 +175,10 @@ int main(int count, char** arguments)
     if (std::strcmp(mode, "reconnect") == 0)
     {
         return Reconnect();
+    }
+    if (std::strcmp(mode, "count") == 0)
+    {
+        return Count();
     }
     return 64;
 }
