@@ -60,7 +60,7 @@ endif()
 install(FILES data/sample-policy.xml DESTINATION ${CMAKE_INSTALL_DATADIR}/qor COMPONENT tools)
 
 # --- For people ----------------------------------------------------------------------------------
-install(FILES docs/man/qorctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools OPTIONAL)
-install(FILES docs/man/qord.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT tools OPTIONAL)
+install(FILES docs/man/qorctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+install(FILES docs/man/qord.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT tools)
 install(FILES data/completions/qorctl data/completions/qord
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools OPTIONAL)
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)

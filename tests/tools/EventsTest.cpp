@@ -37,7 +37,7 @@ TEST_F(Events, EveryRegisteredClientHearsOfAPolicyTheSetterToo)
     setter.Sync();
     ASSERT_EQ(setter.Call(SERVICE_NAME, SERVICE_PATH, "Send", PolicyRequest("<a/>")).bytes.at(0),
               1);
-    EXPECT_TRUE(setter.WaitForCalls("Send", 1));
+    ASSERT_TRUE(setter.WaitForCalls("Send", 1));
     EXPECT_EQ(setter.Calls("Send")[0].bytes, Request(2, false));
 
     EXPECT_EQ(plain->Wait(), 0);

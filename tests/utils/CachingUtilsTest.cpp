@@ -2,7 +2,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,166 +21,121 @@ using qortest::LogCapture;
 namespace
 {
 
-struct Platform
-{
-    std::atomic<int> queries{0};
-    int result = 0;
-    const char* text = nullptr;
-    int number = 0;
-    int pauseMs = 0;
-};
-Platform platform;
+std::atomic<int> queries;
+int result;
+const char* text;
+int pauseMs;
 
 char* Answer()
 {
-    return platform.text != nullptr ? strdup(platform.text) : nullptr;
-}
-
-void CountQuery()
-{
-    ++platform.queries;
-    std::this_thread::sleep_for(std::chrono::milliseconds(platform.pauseMs));
+    ++queries;
+    std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
+    return text != nullptr ? strdup(text) : nullptr;
 }
 
 } // namespace
 
 char* vconf_get_str(const char*)
 {
-    CountQuery();
     return Answer();
 }
 
 int system_info_get_value_int(system_info_key_e, int* pValue)
 {
-    CountQuery();
-    *pValue = platform.number;
-    return platform.result;
+    ++queries;
+    *pValue = 42;
+    return result;
 }
 
 int system_info_get_value_string(system_info_key_e, char** pValue)
 {
-    CountQuery();
-    if (platform.result == 0)
-    {
-        *pValue = Answer();
-    }
-    return platform.result;
+    *pValue = Answer();
+    return result;
 }
 
 namespace
 {
 
-constexpr char FAILED[] = "Fail getting systeminfo value";
-
 // The caches last for the life of the process: every test has keys of its own.
-system_info_key_e Key(int number)
-{
-    return static_cast<system_info_key_e>(number);
-}
-
 class CachingUtilsTest : public testing::Test
 {
 protected:
     CachingUtilsTest()
     {
-        platform.queries = 0;
-        platform.result = 0;
-        platform.text = nullptr;
-        platform.number = 0;
-        platform.pauseMs = 0;
+        queries = 0;
+        result = 0;
+        text = nullptr;
+        pauseMs = 0;
         LogCapture::Clear();
+    }
+
+    static bool Setting(const std::string& key, std::string& value)
+    {
+        return TCVelkinCachingUtils::GetVconfCachedString(key, value);
+    }
+
+    template <class TValue>
+    static bool Information(int key, TValue& value)
+    {
+        return TCVelkinCachingUtils::GetSystemInfoKeyCached(static_cast<system_info_key_e>(key),
+                                                            value);
     }
 };
 
-TEST_F(CachingUtilsTest, SettingIsAskedOnceItHasAnAnswer)
+TEST_F(CachingUtilsTest, SettingIsAskedForUntilItHasAnAnswer)
 {
     std::string value = "before";
-    EXPECT_FALSE(TCVelkinCachingUtils::GetVconfCachedString("db/a", value));
+    EXPECT_FALSE(Setting("db/a", value));
     EXPECT_EQ(value, "before");
-    EXPECT_TRUE(LogCapture::Lines().empty());
+    text = ""; // which is an answer
+    EXPECT_TRUE(Setting("db/a", value));
+    text = "later";
+    value = "before";
+    EXPECT_TRUE(Setting("db/a", value));
+    EXPECT_EQ(value, "");
+    EXPECT_EQ(queries, 2);
 
-    platform.text = "first";
-    EXPECT_TRUE(TCVelkinCachingUtils::GetVconfCachedString("db/a", value));
-    platform.text = "second";
-    value.clear();
-    EXPECT_TRUE(TCVelkinCachingUtils::GetVconfCachedString("db/a", value));
-    EXPECT_EQ(value, "first");
-    EXPECT_EQ(platform.queries, 2);
-
-    EXPECT_TRUE(TCVelkinCachingUtils::GetVconfCachedString("db/b", value));
-    EXPECT_EQ(value, "second");
-}
-
-TEST_F(CachingUtilsTest, EmptySettingIsAnAnswer)
-{
-    platform.text = "";
-    for (int i = 0; i < 2; ++i)
-    {
-        std::string value = "before";
-        EXPECT_TRUE(TCVelkinCachingUtils::GetVconfCachedString("db/empty", value));
-        EXPECT_EQ(value, "");
-    }
-    EXPECT_EQ(platform.queries, 1);
-}
-
-TEST_F(CachingUtilsTest, ValueMayBeTheKeyItself)
-{
-    platform.text = "answer";
-    std::string keyAndValue = "db/alias";
-    EXPECT_TRUE(TCVelkinCachingUtils::GetVconfCachedString(keyAndValue, keyAndValue));
-    EXPECT_EQ(keyAndValue, "answer");
-    std::string value;
-    EXPECT_TRUE(TCVelkinCachingUtils::GetVconfCachedString("db/alias", value));
-    EXPECT_EQ(platform.queries, 1);
-}
-
-TEST_F(CachingUtilsTest, IntegerAndTextOfAKeyAreCachedApart)
-{
-    platform.number = 42;
-    platform.text = "forty-two";
-    for (int i = 0; i < 2; ++i)
-    {
-        int number = 0;
-        std::string text;
-        EXPECT_TRUE(TCVelkinCachingUtils::GetSystemInfoKeyCached(Key(100), number));
-        EXPECT_TRUE(TCVelkinCachingUtils::GetSystemInfoKeyCached(Key(100), text));
-        EXPECT_EQ(number, 42);
-        EXPECT_EQ(text, "forty-two");
-        platform.number = 0;
-        platform.text = "";
-    }
-    EXPECT_EQ(platform.queries, 2);
+    std::string keyAndValue = "db/b";
+    EXPECT_TRUE(Setting(keyAndValue, keyAndValue));
+    EXPECT_EQ(keyAndValue, "later");
+    EXPECT_TRUE(Setting("db/b", value));
+    EXPECT_EQ(queries, 3);
     EXPECT_TRUE(LogCapture::Lines().empty());
 }
 
-TEST_F(CachingUtilsTest, FailedSystemInformationIsLoggedAndAskedAgain)
+TEST_F(CachingUtilsTest, IntegerAndTextOfAKeyAreAskedForUntilTheyHaveAnswers)
 {
     int number = 5;
-    std::string text = "before";
-    platform.result = -1;
-    platform.number = 17;
-    EXPECT_FALSE(TCVelkinCachingUtils::GetSystemInfoKeyCached(Key(200), number));
-    EXPECT_EQ(number, 17); // what the platform left there
-    EXPECT_FALSE(TCVelkinCachingUtils::GetSystemInfoKeyCached(Key(200), text));
-    platform.result = 0; // and a null text
-    EXPECT_FALSE(TCVelkinCachingUtils::GetSystemInfoKeyCached(Key(200), text));
-    EXPECT_EQ(text, "before");
-    EXPECT_EQ(LogCapture::Count(qortest::LOG_ERROR, FAILED), 3U);
+    std::string value = "before";
+    EXPECT_FALSE(Information(100, value)); // a success without a text
+    result = -1;
+    EXPECT_FALSE(Information(100, number));
+    EXPECT_EQ(number, 42); // what the platform left there
+    EXPECT_FALSE(Information(100, value));
+    EXPECT_EQ(value, "before");
     EXPECT_EQ(LogCapture::Count(qortest::LOG_ERROR, "QORCachingUtils.cpp: GetSystemInfoKeyCached("),
               3U);
+    EXPECT_EQ(LogCapture::Count(qortest::LOG_ERROR, ") > Fail getting systeminfo value"), 3U);
 
-    platform.text = "now";
-    EXPECT_TRUE(TCVelkinCachingUtils::GetSystemInfoKeyCached(Key(200), number));
-    EXPECT_TRUE(TCVelkinCachingUtils::GetSystemInfoKeyCached(Key(200), text));
-    EXPECT_EQ(text, "now");
-    EXPECT_EQ(platform.queries, 5);
+    result = 0;
+    text = "forty-two";
+    for (int i = 0; i < 2; ++i)
+    {
+        number = 0;
+        EXPECT_TRUE(Information(100, number));
+        EXPECT_TRUE(Information(100, value));
+        EXPECT_EQ(number, 42);
+        EXPECT_EQ(value, "forty-two");
+        text = "";
+    }
+    EXPECT_EQ(queries, 5);
+    EXPECT_EQ(LogCapture::Lines().size(), 3U);
 }
 
 TEST_F(CachingUtilsTest, ConcurrentFirstLookupsAskOnce)
 {
-    platform.text = "answer";
-    platform.number = 9;
-    platform.pauseMs = 50;
+    text = "answer";
+    pauseMs = 50;
     std::atomic<int> right(0);
     std::vector<std::thread> threads;
     for (int i = 0; i < 8; ++i)
@@ -189,13 +143,11 @@ TEST_F(CachingUtilsTest, ConcurrentFirstLookupsAskOnce)
         threads.emplace_back(
             [&right]
             {
-                std::string setting, text;
+                std::string setting, value;
                 int number = 0;
-                const bool ok =
-                    TCVelkinCachingUtils::GetVconfCachedString("db/concurrent", setting) &&
-                    TCVelkinCachingUtils::GetSystemInfoKeyCached(Key(300), number) &&
-                    TCVelkinCachingUtils::GetSystemInfoKeyCached(Key(300), text);
-                right += ok && setting == "answer" && text == "answer" && number == 9;
+                const bool ok = Setting("db/concurrent", setting) && Information(300, number) &&
+                                Information(300, value);
+                right += ok && setting == "answer" && value == "answer" && number == 42;
             });
     }
     for (auto& thread : threads)
@@ -203,7 +155,7 @@ TEST_F(CachingUtilsTest, ConcurrentFirstLookupsAskOnce)
         thread.join();
     }
     EXPECT_EQ(right, 8);
-    EXPECT_EQ(platform.queries, 3);
+    EXPECT_EQ(queries, 3);
 }
 
 } // namespace

@@ -2,7 +2,6 @@
 #include <atomic>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -10,12 +9,12 @@
 
 #include <qor/QORDirsManager.h>
 
-#include "LogCapture.h"
+#include "Logged.h"
 #include "SystemCalls.h"
 #include "TemporaryDirectory.h"
 
 using qor::TCDirsManager;
-using qortest::LogCapture;
+using qortest::TLines;
 
 struct usb_device_s
 {
@@ -31,15 +30,15 @@ namespace
 {
 
 const std::string DEFAULT_XML = "/opt/usr/share/vantorix/velkin_qor_policy.xml";
+const std::string xmlPathAtStart = TCDirsManager::GetPolicyXmlPath();
 
 struct UsbService
 {
     int listResult = 0;
-    int firstResult = 0;
     usb_device_list_s list = {1};
+    int firstResult = 0;
     usb_device_s device = {nullptr};
-    int type = 0;
-    std::vector<std::string> calls;
+    std::string calls;
 };
 UsbService usb;
 
@@ -47,50 +46,43 @@ UsbService usb;
 
 int usb_device_init(void)
 {
-    usb.calls.push_back("init");
+    usb.calls += "init ";
     return 0;
 }
 
 int usb_device_fini(void)
 {
-    usb.calls.push_back("fini");
+    usb.calls += "fini";
     return 0;
 }
 
 int usb_device_get_device_list(int type, usb_device_list_h* pList)
 {
-    usb.calls.push_back("list");
-    usb.type = type;
+    usb.calls += "list-" + std::to_string(type) + " ";
     *pList = &usb.list;
     return usb.listResult;
 }
 
 int usb_device_list_get_count(usb_device_list_h pList)
 {
-    usb.calls.push_back("count");
     return pList->count;
 }
 
 int usb_device_list_get_first(usb_device_list_h, usb_device_h* pDevice)
 {
-    usb.calls.push_back("first");
+    usb.calls += "first ";
     *pDevice = &usb.device;
     return usb.firstResult;
 }
 
 const char* usb_device_get_mountpath(usb_device_h pDevice)
 {
-    usb.calls.push_back("mountpath");
+    usb.calls += "mountpath ";
     return pDevice->mountPoint;
 }
 
 namespace
 {
-
-const std::string xmlPathAtStart = TCDirsManager::GetPolicyXmlPath();
-
-using TCalls = std::vector<std::string>;
-const TCalls ALL_CALLS = {"init", "list", "count", "first", "mountpath", "fini"};
 
 class DirsManagerTest : public testing::Test
 {
@@ -98,126 +90,97 @@ protected:
     DirsManagerTest()
     {
         usb = UsbService();
-        qortest::SystemCalls::Reset();
-        qortest::SystemCalls::debugImage = true;
-        TCDirsManager::QORMode = 1; // a value that Initialize never writes
-        LogCapture::Clear();
+        qortest::systemCalls.debugImage = true;
     }
 
-    // The last line reports the outcome, whatever it is.
-    void ExpectOutcome(const std::string& xmlPath, int mode)
+    // Starts from a mode that the library never writes, or from the given one.
+    static void Initialize(int mode = 1)
+    {
+        qortest::LogCapture::Clear();
+        usb.calls.clear();
+        TCDirsManager::QORMode = mode;
+        TCDirsManager::Initialize();
+    }
+
+    // The last line reports the outcome, the one before it the reason.
+    static void ExpectOutcome(const std::string& reason, const std::string& xmlPath, int mode)
     {
         EXPECT_EQ(TCDirsManager::GetPolicyXmlPath(), xmlPath);
         EXPECT_EQ(TCDirsManager::QORMode, mode);
         EXPECT_EQ(TCDirsManager::GetPolicyPath(), "/opt/usr/share/vantorix/");
-        const auto lines = LogCapture::Lines();
-        ASSERT_FALSE(lines.empty());
-        EXPECT_EQ(lines.back().priority, qortest::LOG_DEBUG);
-        EXPECT_NE(lines.back().text.find(") > QORMode: " + std::to_string(mode) +
-                                         ", policy xml path: " + xmlPath),
-                  std::string::npos);
-        for (const auto& line : lines)
+        TLines expected = {reason,
+                           "D QORMode: " + std::to_string(mode) + ", policy xml path: " + xmlPath};
+        if (qortest::systemCalls.debugImage)
         {
-            EXPECT_EQ(line.text.find("QORDirsManager.cpp: Initialize("), 0U) << line.text;
+            expected.insert(expected.begin(), "D Debug Image!");
         }
+        EXPECT_EQ(qortest::Logged("QORDirsManager.cpp: Initialize("), expected);
     }
 
     qortest::TemporaryDirectory m_stick;
+    const std::string stick = m_stick.At("");
 };
 
 TEST_F(DirsManagerTest, ReleaseImageAsksForNoDevices)
 {
     EXPECT_EQ(xmlPathAtStart, DEFAULT_XML);
-    qortest::SystemCalls::debugImage = false;
-    TCDirsManager::Initialize();
-    EXPECT_EQ(usb.calls, TCalls());
-    EXPECT_EQ(
-        LogCapture::Count(qortest::LOG_ERROR, "Release Image! Default dirs will be returned!"), 1U);
-    EXPECT_EQ(LogCapture::Lines().size(), 2U);
-    ExpectOutcome(DEFAULT_XML, 1);
+    qortest::systemCalls.debugImage = false;
+    Initialize();
+    EXPECT_EQ(usb.calls, "");
+    ExpectOutcome("E Release Image! Default dirs will be returned!", DEFAULT_XML, 1);
 }
 
 TEST_F(DirsManagerTest, FailuresOfTheUsbServiceKeepDefaultAndMode)
 {
-    struct
+    usb.firstResult = 7;
+    Initialize();
+    EXPECT_EQ(usb.calls, "init list-8 first fini");
+    ExpectOutcome("E Cant get first usb device! Default dirs will be returned!", DEFAULT_XML, 1);
+    for (int count : {0, -1})
     {
-        int listResult, count, firstResult;
-        const char* message;
-        TCalls calls;
-    } const cases[] = {
-        {-1, 1, 0, "Cant get usb device list! Default", {"init", "list", "fini"}},
-        {0, 0, 0, "No usb devices! Default", {"init", "list", "count", "fini"}},
-        {0, -1, 0, "No usb devices! Default", {"init", "list", "count", "fini"}},
-        {0, 2, 7, "Cant get first usb device! Default", {"init", "list", "count", "first", "fini"}},
-    };
-    for (const auto& failure : cases)
-    {
-        LogCapture::Clear();
-        usb = UsbService();
-        usb.listResult = failure.listResult;
-        usb.list.count = failure.count;
-        usb.firstResult = failure.firstResult;
-        TCDirsManager::Initialize();
-        EXPECT_EQ(usb.type, 8);
-        EXPECT_EQ(usb.calls, failure.calls);
-        EXPECT_EQ(LogCapture::Count(qortest::LOG_DEBUG, "Debug Image!"), 1U);
-        EXPECT_EQ(LogCapture::Count(qortest::LOG_ERROR, failure.message), 1U) << failure.message;
-        ExpectOutcome(DEFAULT_XML, 1);
+        usb.list.count = count;
+        Initialize();
+        EXPECT_EQ(usb.calls, "init list-8 fini");
+        ExpectOutcome("E No usb devices! Default dirs will be returned!", DEFAULT_XML, 1);
     }
+    usb.listResult = -1;
+    Initialize();
+    EXPECT_EQ(usb.calls, "init list-8 fini");
+    ExpectOutcome("E Cant get usb device list! Default dirs will be returned!", DEFAULT_XML, 1);
 }
 
 TEST_F(DirsManagerTest, PolicyOnTheStickIsUsedUntilTheStickIsGone)
 {
-    const auto policy = m_stick.Write("velkin/velkin_qor_policy.xml").string();
-    for (const std::string& mountPoint : {m_stick.Path().string(), m_stick.Path().string() + "/"})
+    // Anything of that name counts.
+    const auto policy = m_stick.MakeDirectory("velkin/velkin_qor_policy.xml");
+    for (const std::string& mountPoint : {stick, stick + "/"})
     {
-        usb.calls.clear();
         usb.device.mountPoint = mountPoint.c_str();
-        TCDirsManager::QORMode = 0;
-        TCDirsManager::Initialize();
-        EXPECT_EQ(usb.calls, ALL_CALLS);
-        ExpectOutcome(policy, 2);
+        Initialize();
+        EXPECT_EQ(usb.calls, "init list-8 first mountpath fini");
+        ExpectOutcome("D USB test mode!", policy, 2);
     }
-    EXPECT_EQ(LogCapture::Count(qortest::LOG_DEBUG, "USB test mode!"), 2U);
-
     usb.list.count = 0;
-    TCDirsManager::Initialize();
-    ExpectOutcome(DEFAULT_XML, 2);
-}
-
-TEST_F(DirsManagerTest, DirectoryWithThePolicysNameCounts)
-{
-    const auto policy = m_stick.MakeDirectory("velkin/velkin_qor_policy.xml").string();
-    usb.device.mountPoint = m_stick.Path().c_str();
-    TCDirsManager::Initialize();
-    ExpectOutcome(policy, 2);
+    Initialize(TCDirsManager::QORMode);
+    ExpectOutcome("E No usb devices! Default dirs will be returned!", DEFAULT_XML, 2);
 }
 
 TEST_F(DirsManagerTest, StickWithoutPolicyResetsTheMode)
 {
-    m_stick.MakeDirectory("velkin");
-    m_stick.Link("loop", "loop");
-    const std::string unreadable = (m_stick.Path() / "loop").string();
-    for (const char* mountPoint : {m_stick.Path().c_str(), unreadable.c_str(), "/nowhere",
-                                   static_cast<const char*>(nullptr)})
+    const std::string unreadable = m_stick.Link("loop", "loop");
+    const char* const notMounted = nullptr;
+    for (const char* mountPoint : {stick.c_str(), unreadable.c_str(), notMounted})
     {
-        LogCapture::Clear();
-        usb.calls.clear();
         usb.device.mountPoint = mountPoint;
-        TCDirsManager::QORMode = 2;
-        TCDirsManager::Initialize();
-        EXPECT_EQ(usb.calls, ALL_CALLS);
-        EXPECT_EQ(LogCapture::Count(qortest::LOG_DEBUG, "USB test Policy file is not detected!"),
-                  1U);
-        ExpectOutcome(DEFAULT_XML, 0);
+        Initialize(2);
+        EXPECT_EQ(usb.calls, "init list-8 first mountpath fini");
+        ExpectOutcome("D USB test Policy file is not detected!", DEFAULT_XML, 0);
     }
 }
 
 TEST_F(DirsManagerTest, ReadersNeverSeeAHalfWrittenPath)
 {
-    const auto policy = m_stick.Write("velkin/velkin_qor_policy.xml").string();
-    usb.device.mountPoint = m_stick.Path().c_str();
-    TCDirsManager::Initialize();
+    const auto policy = m_stick.Write("velkin/velkin_qor_policy.xml");
     std::atomic<bool> done(false);
     std::atomic<int> strange(0);
     std::thread reader(
@@ -231,8 +194,8 @@ TEST_F(DirsManagerTest, ReadersNeverSeeAHalfWrittenPath)
         });
     for (int i = 0; i < 500; ++i)
     {
-        usb.device.mountPoint = i % 2 == 0 ? "/nowhere" : m_stick.Path().c_str();
-        TCDirsManager::Initialize();
+        usb.device.mountPoint = i % 2 == 0 ? stick.c_str() : "/nowhere";
+        Initialize();
     }
     done = true;
     reader.join();

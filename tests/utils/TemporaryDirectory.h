@@ -10,6 +10,7 @@
 namespace qortest
 {
 
+/// Every function returns the full path of the name.
 class TemporaryDirectory
 {
 public:
@@ -17,7 +18,7 @@ public:
         : m_path(boost::filesystem::temp_directory_path() /
                  boost::filesystem::unique_path("qor-%%%%%%%%%%%%%%%%"))
     {
-        boost::filesystem::create_directory(m_path);
+        MakeDirectory("");
     }
     ~TemporaryDirectory()
     {
@@ -27,34 +28,30 @@ public:
     TemporaryDirectory(const TemporaryDirectory&) = delete;
     TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
 
-    const boost::filesystem::path& Path() const
+    std::string At(const std::string& name) const
     {
-        return m_path;
+        return name.empty() ? m_path.string() : (m_path / name).string();
     }
-
-    /// Creates a file with the directories above it.
-    boost::filesystem::path Write(const std::string& name, const std::string& content = "x") const
+    std::string MakeDirectory(const std::string& name) const
     {
-        const boost::filesystem::path file = m_path / name;
-        boost::filesystem::create_directories(file.parent_path());
-        std::ofstream(file.string(), std::ios::binary) << content;
-        return file;
+        boost::filesystem::create_directories(At(name));
+        return At(name);
     }
-
-    boost::filesystem::path MakeDirectory(const std::string& name) const
+    /// A file, with the directories above it.
+    std::string Write(const std::string& name, const std::string& content = "x") const
     {
-        boost::filesystem::create_directories(m_path / name);
-        return m_path / name;
+        boost::filesystem::create_directories((m_path / name).parent_path());
+        std::ofstream(At(name), std::ios::binary) << content;
+        return At(name);
     }
-
-    boost::filesystem::path Link(const std::string& name, const std::string& target) const
+    std::string Link(const std::string& name, const std::string& target) const
     {
-        boost::filesystem::create_symlink(target, m_path / name);
-        return m_path / name;
+        boost::filesystem::create_symlink(target, At(name));
+        return At(name);
     }
 
 private:
-    boost::filesystem::path m_path;
+    const boost::filesystem::path m_path;
 };
 
 } // namespace qortest
