@@ -41,6 +41,7 @@ int TCService::Run()
 {
     // From the start, so that an early signal is not missed and does not end the process.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN); // a write over the limit fails instead
     m_sources.push_back(g_unix_signal_add(SIGTERM, m_QuitSignal, this));
     m_sources.push_back(g_unix_signal_add(SIGINT, m_QuitSignal, this));
     m_sources.push_back(g_unix_signal_add(SIGUSR1, m_AskForProcessInfo, this));
