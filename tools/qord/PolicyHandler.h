@@ -13,8 +13,8 @@ namespace qord
 {
 
 /// Decodes a request, checks the policy and stores it; says on standard output and standard error
-/// what came of it. Whatever the bytes are, it takes a small multiple of their memory, and none for a
-/// policy over the limit.
+/// what came of it. Whatever the bytes are, it takes a small multiple of their memory, and none for
+/// a policy over the limit.
 class TCPolicyHandler
 {
 public:
