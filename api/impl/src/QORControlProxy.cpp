@@ -1,7 +1,9 @@
 // The process-wide control object and the application's way to it.
 #include "QORControlProxy.h"
 
+#include <cstddef>
 #include <sstream>
+#include <streambuf>
 
 #include <boost/archive/binary_iarchive.hpp>
 #include <boost/archive/binary_oarchive.hpp>
@@ -23,6 +25,36 @@ namespace
 
 constexpr int SET_POLICY = 4; // client to service; numbers are per direction
 constexpr int NOT_DELIVERED = -1;
+
+// What an archive writes beside a string's bytes: its own header and the string's length.
+constexpr std::size_t ARCHIVE_ROOM = 64;
+
+// Lets an archive write straight into a byte array. A policy may be large, and a string stream
+// would hold it twice more on the way.
+class TCByteArrayBuffer : public std::streambuf
+{
+public:
+    explicit TCByteArrayBuffer(TByteArray& bytes) : m_bytes(bytes) {}
+
+protected:
+    std::streamsize xsputn(const char* pText, std::streamsize count) override
+    {
+        const auto* pBytes = reinterpret_cast<const unsigned char*>(pText);
+        m_bytes.insert(m_bytes.end(), pBytes, pBytes + count);
+        return count;
+    }
+    int_type overflow(int_type character) override
+    {
+        if (character != traits_type::eof())
+        {
+            m_bytes.push_back(static_cast<unsigned char>(character));
+        }
+        return traits_type::not_eof(character);
+    }
+
+private:
+    TByteArray& m_bytes;
+};
 
 } // namespace
 
@@ -50,15 +82,15 @@ TCControlProxy::~TCControlProxy() = default;
 
 int TCControlProxy::SetPolicy(const std::string& policy)
 {
-    std::vector<unsigned char> request;
+    TByteArray request;
+    request.reserve(policy.size() + ARCHIVE_ROOM);
     {
-        std::stringstream stream;
-        boost::archive::binary_oarchive archive(stream);
+        TCByteArrayBuffer buffer(request);
+        boost::archive::binary_oarchive archive(buffer);
         archive << policy;
-        TCIpcSerializationUtil::ConvertData(stream, request);
     }
 
-    std::vector<unsigned char> reply;
+    TByteArray reply;
     if (!m_dbusClient || !m_dbusClient->SendMessage(SET_POLICY, request, reply, false))
     {
         return NOT_DELIVERED;
