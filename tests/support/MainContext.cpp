@@ -55,6 +55,31 @@ bool WaitUntil(const std::function<bool()>& condition, int watchdogMs)
     return StepUntil(condition, watchdogMs, [] { return false; });
 }
 
+bool SharedConnectionIsLetGo()
+{
+    GDBusConnection* const pConnection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    if (pConnection == nullptr)
+    {
+        return true;
+    }
+    g_dbus_connection_set_exit_on_close(pConnection, FALSE);
+    GWeakRef weak;
+    g_weak_ref_init(&weak, pConnection);
+    g_object_unref(pConnection);
+    const bool result = PumpUntil(
+        [&]
+        {
+            gpointer const pObject = g_weak_ref_get(&weak);
+            if (pObject != nullptr)
+            {
+                g_object_unref(pObject);
+            }
+            return pObject == nullptr;
+        });
+    g_weak_ref_clear(&weak);
+    return result;
+}
+
 BackgroundPump::BackgroundPump()
     : m_stop(false),
       m_thread(

@@ -22,6 +22,10 @@ void PumpPending();
 /// Waits until the condition holds, iterating nothing; false after the watchdog.
 bool WaitUntil(const std::function<bool()>& condition, int watchdogMs = WATCHDOG_MS);
 
+/// Waits until nobody in this process holds GIO's shared connection to the system bus any more.
+/// Whoever leaks an endpoint, a proxy or an invocation leaks a reference to it. Whether it is so.
+bool SharedConnectionIsLetGo();
+
 /// Iterates the default main context on a thread of its own for as long as it lives. Meanwhile no
 /// other thread may iterate it.
 class BackgroundPump

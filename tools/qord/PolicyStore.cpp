@@ -2,12 +2,12 @@
 #include "qord/PolicyStore.h"
 
 #include <cerrno>
+#include <climits>
 #include <system_error>
 #include <utility>
 
 #include <boost/filesystem/path.hpp>
 #include <fcntl.h>
-#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

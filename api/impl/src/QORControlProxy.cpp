@@ -2,9 +2,11 @@
 #include "QORControlProxy.h"
 
 #include <cstddef>
+#include <cstring>
 #include <sstream>
 #include <streambuf>
 
+#include <boost/archive/archive_exception.hpp>
 #include <boost/archive/binary_iarchive.hpp>
 #include <boost/archive/binary_oarchive.hpp>
 #include <boost/serialization/string.hpp>
@@ -56,6 +58,24 @@ private:
     TByteArray& m_bytes;
 };
 
+// An archive begins with the length of its signature, and opening it allocates that much before it
+// looks at the signature. A length that the reply cannot hold is no archive's, so it ends the same
+// way as any other wrong signature, but without the allocation.
+void RefuseOverlongSignature(const std::vector<unsigned char>& reply)
+{
+    std::size_t length = 0;
+    if (reply.size() < sizeof length)
+    {
+        return;
+    }
+    memcpy(&length, reply.data(), sizeof length);
+    if (length > reply.size() - sizeof length)
+    {
+        throw boost::archive::archive_exception(
+            boost::archive::archive_exception::invalid_signature);
+    }
+}
+
 } // namespace
 
 IControl::~IControl() = default;
@@ -96,6 +116,7 @@ int TCControlProxy::SetPolicy(const std::string& policy)
         return NOT_DELIVERED;
     }
 
+    RefuseOverlongSignature(reply);
     std::stringstream stream;
     TCIpcSerializationUtil::ConvertData(reply, stream);
     boost::archive::binary_iarchive archive(stream);

@@ -1,0 +1,66 @@
+# What an installation holds, in three components: runtime (the libraries), dev (what it takes to
+# build against them) and tools (the service, the command line, and what the bus and the service
+# manager need of them). Everything is found relative to where it stands, so any prefix works.
+
+option(QOR_INSTALL_RPATH "Installed binaries find the libraries beside them, whatever the prefix" ON)
+
+set(QOR_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/QOR)
+set(QOR_LIBRARY_TARGETS QOR)
+if(TARGET qor-platform)
+    list(APPEND QOR_LIBRARY_TARGETS qor-platform)
+endif()
+
+if(QOR_INSTALL_RPATH)
+    file(RELATIVE_PATH _to_lib "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
+    set_target_properties(${QOR_LIBRARY_TARGETS} PROPERTIES INSTALL_RPATH "$ORIGIN")
+    set_target_properties(qord qorctl PROPERTIES INSTALL_RPATH "$ORIGIN/${_to_lib}")
+endif()
+
+install(TARGETS ${QOR_LIBRARY_TARGETS}
+    EXPORT QORTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qor/platform)
+install(TARGETS qord qorctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+
+install(DIRECTORY include/qor DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
+if(TARGET qor-platform)
+    install(DIRECTORY platform/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qor/platform
+        COMPONENT dev)
+endif()
+
+include(CMakePackageConfigHelpers)
+configure_package_config_file(cmake/QORConfig.cmake.in QORConfig.cmake
+    INSTALL_DESTINATION ${QOR_CMAKE_DIR})
+write_basic_package_version_file(QORConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/QORConfig.cmake ${PROJECT_BINARY_DIR}/QORConfigVersion.cmake
+    DESTINATION ${QOR_CMAKE_DIR} COMPONENT dev)
+install(EXPORT QORTargets NAMESPACE QOR:: DESTINATION ${QOR_CMAKE_DIR} COMPONENT dev)
+
+file(RELATIVE_PATH QOR_PC_PREFIX "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
+configure_file(cmake/qor.pc.in qor.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/qor.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+
+# --- The service on the bus ----------------------------------------------------------------------
+set(QOR_BUS_DIR ${CMAKE_INSTALL_DATADIR}/dbus-1)
+set(QOR_UNIT_DIR lib/systemd)
+set(QOR_STATE_DIR ${CMAKE_INSTALL_FULL_LOCALSTATEDIR}/lib/qor)
+configure_file(data/com.norvane.qor.IControl.service.in com.norvane.qor.IControl.service @ONLY)
+configure_file(data/qord.service.in qord.service @ONLY)
+configure_file(data/qor-sysusers.conf.in qor-sysusers.conf @ONLY)
+
+install(FILES ${PROJECT_BINARY_DIR}/data/com.norvane.qor.IControl.conf
+    DESTINATION ${QOR_BUS_DIR}/system.d COMPONENT tools)
+install(FILES ${PROJECT_BINARY_DIR}/com.norvane.qor.IControl.service
+    DESTINATION ${QOR_BUS_DIR}/system-services COMPONENT tools)
+install(FILES ${PROJECT_BINARY_DIR}/qord.service DESTINATION ${QOR_UNIT_DIR}/system COMPONENT tools)
+if(NOT QOR_SERVICE_USER STREQUAL "root")
+    install(FILES ${PROJECT_BINARY_DIR}/qor-sysusers.conf DESTINATION lib/sysusers.d RENAME qor.conf
+        COMPONENT tools)
+endif()
+install(FILES data/sample-policy.xml DESTINATION ${CMAKE_INSTALL_DATADIR}/qor COMPONENT tools)
+
+# --- For people ----------------------------------------------------------------------------------
+install(FILES docs/man/qorctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+install(FILES docs/man/qord.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT tools)
+install(FILES data/completions/qorctl data/completions/qord
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)

@@ -1,0 +1,180 @@
+#!/usr/bin/env python3
+"""Hands the platform monitoring service a policy, and listens to its events.
+
+Speaks the wire protocol (docs/wire-protocol.md) through the Debian package python3-gi and uses
+nothing of the QOR library.
+
+Exit status: 0 the policy is stored, 1 the service refused it, 2 it was not delivered,
+3 an answer that cannot be read.
+"""
+
+import argparse
+import struct
+import sys
+
+from gi.repository import Gio, GLib
+
+INTERFACE = "com.norvane.qor.IControl"
+PATH = "/com/norvane/qor/CommunicationChannel"
+INTROSPECTION = """
+<node>
+  <interface name='com.norvane.qor.IControl'>
+    <method name='Send'>
+      <arg type='ay' name='data' direction='in'/>
+      <arg type='ay' name='response' direction='out'/>
+    </method>
+  </interface>
+</node>
+"""
+
+SET_POLICY = 4  # to the service
+POLICY_UPDATE, REQUEST_PROCESS_INFO = 2, 4  # from the service
+EVENT_NAMES = {POLICY_UPDATE: "policy-update", REQUEST_PROCESS_INFO: "process-info"}
+
+SIGNATURE = b"serialization::archive"
+ARCHIVE_VERSION = 17  # readers take their own version and every older one
+# The sizes of the types int, long, float and double, and the number 1, which shows the byte order.
+ARCHIVE_LAYOUT = bytes(struct.calcsize(c) for c in "ilfd") + struct.pack("=i", 1)
+
+
+class ProtocolError(Exception):
+    """Bytes that do not follow the protocol."""
+
+
+def archive_header():
+    return (struct.pack("@N", len(SIGNATURE)) + SIGNATURE +
+            struct.pack("<H", ARCHIVE_VERSION) + ARCHIVE_LAYOUT)
+
+
+def read_archived_int(data):
+    header = archive_header()
+    version = len(header) - len(ARCHIVE_LAYOUT) - 2
+    if len(data) < len(header) + 4:
+        raise ProtocolError("an answer of %d bytes is too short for an integer" % len(data))
+    if data[:version] != header[:version] or data[version + 2:len(header)] != ARCHIVE_LAYOUT:
+        raise ProtocolError("an answer that is not an archive of this kind of machine")
+    return struct.unpack_from("<i", data, len(header))[0]
+
+
+def set_policy_request(text):
+    archive = archive_header() + struct.pack("@N", len(text)) + text
+    is_async = False
+    return struct.pack("<i?", SET_POLICY, is_async) + archive
+
+
+class Client:
+    def __init__(self, arguments):
+        suffix = "Test" if arguments.test_bus_names else ""
+        self.service = INTERFACE + suffix
+        self.path = PATH + suffix
+        self.show_bytes = arguments.show_bytes
+        self.result_of_events = not arguments.refuse
+        self.events_left = arguments.listen
+        self.loop = GLib.MainLoop()
+        self.bus = Gio.bus_get_sync(Gio.BusType.SYSTEM, None)
+        self.bus.set_exit_on_close(False)
+
+    def show(self, what, data):
+        if self.show_bytes:
+            print(what, data.hex(" "), flush=True)
+
+    def call(self, method, data):
+        """Calls the service; gives back the bytes of the answer, none if the method has none."""
+        self.show("> " + method, data)
+        reply = self.bus.call_sync(self.service, self.path, INTERFACE, method, wrap(data), None,
+                                   Gio.DBusCallFlags.NONE, 10000, None)
+        answer = unwrap(reply) if reply.n_children() else b""
+        self.show("< " + method, answer)
+        return answer
+
+    def set_policy(self, text):
+        """Gives back the service's result code; None if the service could not take the request."""
+        answer = self.call("Send", set_policy_request(text))
+        if not answer:
+            raise ProtocolError("an empty answer")
+        return read_archived_int(answer[1:]) if answer[0] else None
+
+    def listen(self):
+        """Makes events reach this process: exports the object and announces the types."""
+        interface = Gio.DBusNodeInfo.new_for_xml(INTROSPECTION).interfaces[0]
+        self.bus.register_object(self.path, interface, self.on_call, None, None)
+        self.say_hello()
+        # A service that has been restarted knows nobody: the types are announced anew.
+        Gio.bus_watch_name_on_connection(self.bus, self.service, Gio.BusNameWatcherFlags.NONE,
+                                         lambda *_: self.say_hello(), None)
+
+    def say_hello(self):
+        self.call("Hello", struct.pack("<2i", POLICY_UPDATE, REQUEST_PROCESS_INFO))
+
+    def on_call(self, _bus, _sender, _path, _interface, _method, parameters, invocation):
+        request = unwrap(parameters)
+        self.show("> event", request)
+        event = struct.unpack_from("<i?", request)[0] if len(request) >= 5 else 0
+        known = event in EVENT_NAMES
+        answer = struct.pack("?", known and self.result_of_events)
+        self.show("< event", answer)
+        invocation.return_value(wrap(answer))
+        if known:
+            print("event", EVENT_NAMES[event], flush=True)
+            self.events_left -= 1
+        if self.events_left == 0:
+            self.bus.flush_sync(None)  # the answer is out before this process ends
+            self.loop.quit()
+
+
+def wrap(data):
+    array = GLib.Variant.new_from_bytes(GLib.VariantType("ay"), GLib.Bytes(data), True)
+    return GLib.Variant.new_tuple(array)
+
+
+def unwrap(value):
+    return value.get_child_value(0).get_data_as_bytes().get_data() or b""
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(description="Hands the platform monitoring service a policy.")
+    parser.add_argument("file", nargs="?", metavar="FILE", help="the policy; none: only listen")
+    parser.add_argument("--listen", type=int, default=0, metavar="N",
+                        help="stay until N events have come")
+    parser.add_argument("--refuse", action="store_true", help="answer events with a false result")
+    parser.add_argument("--show-bytes", action="store_true", help="print every envelope in hex")
+    parser.add_argument("--test-bus-names", action="store_true",
+                        help="use the bus names meant for tests")
+    arguments = parser.parse_args()
+    if arguments.file is None and arguments.listen == 0:
+        parser.error("nothing to do: neither FILE nor --listen is given")
+    return arguments
+
+
+def run(arguments):
+    text = None
+    if arguments.file is not None:
+        with open(arguments.file, "rb") as policy:
+            text = policy.read()
+    client = Client(arguments)
+    result = 0
+    if arguments.listen:
+        client.listen()
+    if text is not None:
+        result = client.set_policy(text)
+        print("the service could not take the request" if result is None else "result %d" % result,
+              flush=True)
+    if arguments.listen:
+        client.loop.run()
+    return 0 if result == 0 else 1
+
+
+def main():
+    arguments = parse_arguments()
+    try:
+        return run(arguments)
+    except GLib.Error as error:
+        print("not delivered:", error.message, file=sys.stderr)
+        return 2
+    except ProtocolError as error:
+        print(error, file=sys.stderr)
+        return 3
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,73 @@
+#!/usr/bin/env python3
+"""Checks the documents of a tree against the tree: documents.py TOP
+
+Links between them lead to a file and a heading, the C++ of the README is the C++ of the examples,
+and the page of messages has every message of the library.
+"""
+
+import pathlib
+import re
+import sys
+
+
+def without_code(text):
+    return re.sub(r"^```.*?^```$", "", text, flags=re.M | re.S)
+
+
+def anchors(page):
+    """The names that a page's headings get."""
+    headings = re.findall(r"^#+ (.*)$", without_code(page.read_text(encoding="utf-8")), re.M)
+    return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-") for heading in headings}
+
+
+def broken_links(top, pages):
+    for page in pages:
+        text = re.sub(r"`[^`\n]*`", "", without_code(page.read_text(encoding="utf-8")))
+        for target in re.findall(r"\]\(([^)]+)\)", text):
+            if re.match(r"[a-z]+:", target):
+                continue
+            path, _, anchor = target.partition("#")
+            file = (page.parent / path).resolve() if path else page
+            if not file.exists():
+                yield "%s: no file for %s" % (page.relative_to(top), target)
+            elif anchor and anchor not in anchors(file):
+                yield "%s: no heading for %s" % (page.relative_to(top), target)
+
+
+def missing_examples(top):
+    readme = (top / "README.md").read_text(encoding="utf-8")
+    blocks = re.findall(r"^```cpp\n(.*?)^```$", readme, re.M | re.S)
+    examples = {file.name: file.read_text(encoding="utf-8")
+                for file in sorted((top / "examples").glob("*.cpp"))}
+    for name, code in examples.items():
+        if code not in blocks:
+            yield "README.md: does not show examples/%s as it is" % name
+    for block in blocks:
+        if block not in examples.values():
+            yield "README.md: shows code that is no example:\n" + block
+
+
+def missing_messages(top):
+    page = (top / "docs" / "operations.md").read_text(encoding="utf-8")
+    sources = [*(top / "api" / "impl" / "src").glob("*.cpp"), *(top / "platform" / "src").glob("*.c")]
+    logged = r'(?:QOR_LOG_(?:DEBUG|ERROR)\(|__dlog_print\([^"]*"QOR",)\s*"((?:[^"\\]|\\.)*)"'
+    count = 0
+    for source in sources:
+        for message in re.findall(logged, source.read_text(encoding="utf-8")):
+            count += 1
+            if "`%s`" % message.replace("%s: %s(%d) > ", "") not in page:
+                yield "docs/operations.md: no %r of %s" % (message, source.relative_to(top))
+    if count < 40:
+        yield "only %d messages found in the sources" % count
+
+
+def main():
+    top = pathlib.Path(sys.argv[1]).resolve()
+    pages = [*top.glob("*.md"), *(top / "docs").glob("*.md")]
+    faults = [*broken_links(top, pages), *missing_examples(top), *missing_messages(top)]
+    print("\n".join(faults) or "%d pages" % len(pages))
+    sys.exit(1 if faults else 0)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,82 @@
+// Runs qord and qorctl on a bus of the test's own.
+#include "ToolRunner.h"
+
+#include "RawPeer.h"
+
+namespace qortest
+{
+
+std::unique_ptr<PrivateBus> ToolTest::m_pBus;
+
+Outcome RunTool(const std::string& program, const Arguments& arguments,
+                const ChildProcess::Options& options)
+{
+    Arguments command = {program};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    ChildProcess process(command, options);
+    Outcome outcome;
+    outcome.exitCode = process.Wait();
+    outcome.out = process.Out();
+    outcome.err = process.Err();
+    return outcome;
+}
+
+Outcome Qorctl(const Arguments& arguments, const std::string& input)
+{
+    ChildProcess::Options options;
+    options.input = input;
+    return RunTool(QORCTL, arguments, options);
+}
+
+std::unique_ptr<ChildProcess> StartTool(const std::string& program, const Arguments& arguments)
+{
+    Arguments command = {program};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return std::make_unique<ChildProcess>(command);
+}
+
+std::size_t CountOf(const std::string& text, const std::string& part)
+{
+    std::size_t count = 0;
+    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+    {
+        ++count;
+    }
+    return count;
+}
+
+void ToolTest::SetUpTestSuite()
+{
+    m_pBus = std::make_unique<PrivateBus>();
+}
+
+void ToolTest::TearDownTestSuite()
+{
+    m_pBus.reset();
+}
+
+std::unique_ptr<ChildProcess> ToolTest::StartQord(Arguments arguments)
+{
+    arguments.insert(arguments.begin(), {"--policy", m_policyFile});
+    auto qord = StartTool(QORD, arguments);
+    EXPECT_TRUE(qord->WaitForOut("qord: ready")) << qord->Err();
+    return qord;
+}
+
+std::unique_ptr<ChildProcess> ToolTest::StartListener(const Arguments& arguments)
+{
+    Arguments all = {"listen"};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    auto listener = StartTool(QORCTL, all);
+    EXPECT_TRUE(listener->WaitForOut("appeared")) << listener->Err();
+    SyncWithService();
+    return listener;
+}
+
+void ToolTest::SyncWithService()
+{
+    constexpr int unknownType = 99;
+    EXPECT_TRUE(RawPeer().Call(SERVICE_NAME, SERVICE_PATH, "Send", Request(unknownType, false)).ok);
+}
+
+} // namespace qortest

@@ -1,0 +1,64 @@
+// Runs qord and qorctl on a bus of the test's own.
+#ifndef QORTEST_TOOLRUNNER_H
+#define QORTEST_TOOLRUNNER_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ChildProcess.h"
+#include "PrivateBus.h"
+
+namespace qortest
+{
+
+using Arguments = std::vector<std::string>;
+
+struct Outcome
+{
+    int exitCode = -1;
+    std::string out;
+    std::string err;
+};
+
+Outcome RunTool(const std::string& program, const Arguments& arguments,
+                const ChildProcess::Options& options = {});
+Outcome Qorctl(const Arguments& arguments, const std::string& input = "");
+
+std::unique_ptr<ChildProcess> StartTool(const std::string& program, const Arguments& arguments);
+
+/// How often a text occurs in another.
+std::size_t CountOf(const std::string& text, const std::string& part);
+
+/// A bus for the whole suite, since a process keeps its connection; a policy file for each test.
+class ToolTest : public testing::Test
+{
+protected:
+    static void SetUpTestSuite();
+    static void TearDownTestSuite();
+
+    /// Starts qord and waits until it is ready.
+    std::unique_ptr<ChildProcess> StartQord(Arguments arguments = {});
+
+    /// Waits until the service has handled whatever has been sent to it before. A signal to the
+    /// service is not sent through the bus, and would overtake that.
+    static void SyncWithService();
+
+    /// Starts a listener and waits until the service will call it.
+    static std::unique_ptr<ChildProcess> StartListener(const Arguments& arguments = {});
+
+    std::string StoredPolicy() const
+    {
+        return ReadFile(m_policyFile);
+    }
+
+    static std::unique_ptr<PrivateBus> m_pBus;
+    TemporaryDirectory m_directory;
+    std::string m_policyFile = m_directory.Path("policy.xml");
+};
+
+} // namespace qortest
+
+#endif
