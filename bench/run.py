@@ -415,6 +415,14 @@ def parse_arguments():
     return parser.parse_args()
 
 
+def store(path, results):
+    """Replaces the contests that ran; the others keep what an earlier run has found."""
+    ran = {result["contest"] for result in results}
+    earlier = json.loads(path.read_text()) if path.exists() else []
+    kept = [result for result in earlier if result["contest"] not in ran]
+    path.write_text(json.dumps(kept + results, indent=1) + "\n")
+
+
 def main():
     arguments = parse_arguments()
     # One descriptor for each client of the fan-out.
@@ -435,7 +443,7 @@ def main():
         if bench is not None:
             bench.close()
         shutil.rmtree(work, ignore_errors=True)
-    arguments.output.write_text(json.dumps(bench.results, indent=1) + "\n")
+    store(arguments.output, bench.results)
 
 
 if __name__ == "__main__":
