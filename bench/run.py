@@ -393,6 +393,60 @@ def log_statement(bench):
         log.unlink(missing_ok=True)
 
 
+def lookup(bench):
+    settings = bench.work / "settings.ini"
+    settings.write_text("[db/bench]\nvalue=what the platform has said\n")
+    bench.environment["QOR_VCONF_FILE"] = str(settings)
+    with bench.running(("bench-qor-utilities",), ("bench-standard-utilities",)) as (mine, other):
+        for threads in (1, 2):
+            bench.compare(
+                "cached lookup",
+                f"{threads} thread" + ("s" if threads > 1 else ""),
+                lambda: mine.samples("lookup", threads, 5, 20000),
+                {"mutex and map": lambda: other.samples("lookup", threads, 5, 20000)},
+                bench.rounds(60),
+                "ns",
+            )
+
+
+def make_tree(root, folders, files_per_folder):
+    """Ten folders to a level. Returns the numbers of .xml files and of bytes."""
+    content = b"0123456789" * 8
+    xml_files = 0
+    for index in range(folders):
+        folder = root.joinpath(*(f"folder{digit}" for digit in str(index)))
+        folder.mkdir(parents=True, exist_ok=True)
+        for name in range(files_per_folder):
+            suffix = ".xml" if name % 4 == 0 else ".dat"
+            (folder / f"file{name}{suffix}").write_bytes(content)
+            xml_files += suffix == ".xml"
+    return xml_files, folders * files_per_folder * len(content)
+
+
+def tree_walk(bench):
+    tree = bench.work / "tree"
+    xml_files, size = make_tree(tree, 1000, 100)
+    with bench.running(
+        ("bench-qor-utilities",), ("bench-standard-utilities",), ("bench-launcher",)
+    ) as (mine, other, launcher):
+        find = ("find", tree, "-type", "f", "-name", "*.xml")
+        for job, expected, command in (
+            ("files", xml_files, find),
+            ("size", size, ("du", "-s", "-b", tree)),
+        ):
+            bench.compare(
+                "tree walk",
+                "GetFiles" if job == "files" else "GetDirSize",
+                lambda: mine.samples(job, tree, 1, expected),
+                {
+                    "recursive iterator": lambda: other.samples(job, tree, 1, expected),
+                    command[0]: lambda: launcher.samples("end", 1, *command),
+                },
+                bench.rounds(30),
+                "ms",
+            )
+
+
 CONTESTS = {
     "round-trip": round_trip,
     "set-policy": set_policy,
@@ -400,6 +454,8 @@ CONTESTS = {
     "fan-out": fan_out,
     "start-up": start_up,
     "log": log_statement,
+    "lookup": lookup,
+    "tree-walk": tree_walk,
 }
 
 
