@@ -7,7 +7,6 @@
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
-#include <boost/thread/mutex.hpp>
 
 #include <qor/Export.h>
 #include <qor/ICallbacks.h>
@@ -44,6 +43,8 @@ public:
     bool ResetRequestProcessInfoCb() override;
 
 private:
+    friend struct TSForkHandler;
+
     template <class TFunction>
     bool m_Set(ECallbackType type, TFunction& field, const TFunction& callback);
     template <class TFunction>
@@ -57,7 +58,8 @@ private:
     boost::function<void()> m_policyUpdateCb;
     boost::function<bool()> m_requestProcessInfoCb;
     boost::shared_ptr<IDbusClient> m_dbusClient;
-    boost::mutex m_registrationMutex;
+    pthread_mutex_t
+        m_registrationMutex; ///< Needs no destructor, which a forked child might trip over.
 
     static boost::shared_ptr<ICallbacks>* const m_pInstance;
     static pthread_rwlock_t m_rwlock;

@@ -32,6 +32,10 @@ struct TSDbusLink;
 /// connection to the bus; once all endpoints of a process have let go of a closed one, a new
 /// endpoint connects afresh.
 ///
+/// Fork: a child process inherits no connection to the bus. An endpoint that it finds belongs to
+/// its parent; it may not use it, and letting go of it there (at exit at the latest) disturbs
+/// nobody. A process that wants to use the library in a child forks before its first use.
+///
 /// Locks: t_stateMutex is taken before t_callbacksMutex and before t_watchMutex. A message callback
 /// runs with t_callbacksMutex held shared.
 class QOR_API TCDbus : public virtual IDbus
@@ -78,6 +82,14 @@ protected:
     /// From here on no handler starts; waits for one that is running. Must be called without locks,
     /// since that handler may need them to finish.
     void t_StopHandlers();
+
+    /// False in a forked child, where this endpoint must not be touched.
+    bool t_IsInOwnProcess() const;
+
+    /// In place of t_StopHandlers and t_Stop in a forked child: gives up everything inherited
+    /// without releasing it, so that the destructor finds nothing that other threads of the parent
+    /// were using.
+    void t_Abandon();
 
     /// What GLib is given as user data in place of the endpoint: a new reference to the link.
     void* t_NewUserData();

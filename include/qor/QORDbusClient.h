@@ -67,6 +67,8 @@ public:
     static boost::shared_ptr<IDbusClient> Get(bool testMode);
 
 private:
+    friend struct TSForkHandler;
+
     static boost::mutex* const m_pMutex;
     static boost::weak_ptr<IDbusClient>* const m_pDbusClient;
 };

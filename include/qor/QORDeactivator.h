@@ -42,6 +42,8 @@ public:
     static void UnregisterUser(TIDestroyCallback& user);
 
 private:
+    friend struct TSForkHandler;
+
     void m_Deactivate();
 
     TIDestroyCallback* m_pUser;

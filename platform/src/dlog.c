@@ -205,6 +205,18 @@ int __dlog_print(int log_id, int priority, const char* tag, const char* format, 
     return written > 0 ? (int)written : 0;
 }
 
+/* A forked child logs too, whichever thread of its parent was writing at that moment. */
+static void free_mutex_in_child(void)
+{
+    const pthread_mutex_t fresh = PTHREAD_MUTEX_INITIALIZER;
+    stderr_mutex = fresh;
+}
+
+__attribute__((constructor)) static void watch_for_forks(void)
+{
+    pthread_atfork(NULL, NULL, &free_mutex_in_child);
+}
+
 /* Whoever unloads this library gets the descriptor back. */
 __attribute__((destructor)) static void close_socket(void)
 {

@@ -83,6 +83,10 @@ int Report(const TSOptions& options, int result, std::size_t size)
     case qor::POLICY_NOT_STORED:
         SayError("the service refused the policy: it could not store it");
         return tools::EXIT_REFUSED;
+    case qor::POLICY_TOO_LARGE:
+        SayError("the service refused the policy: its " + std::to_string(size) +
+                 " bytes are more than the service accepts");
+        return tools::EXIT_REFUSED;
     default:
         SayError("the service refused the policy: result code " + std::to_string(result));
         return tools::EXIT_REFUSED;

@@ -1,6 +1,8 @@
 // The command line of qord.
 #include "qord/Options.h"
 
+#include <limits>
+
 #include <CLI/CLI.hpp>
 
 #include "common/ExitStatus.h"
@@ -19,6 +21,11 @@ std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitSta
     app.add_option("--policy", options.m_policyFile, "The policy file to keep")
         ->required()
         ->type_name("FILE");
+    app.add_option("--max-policy-size", options.m_maxPolicySize,
+                   "Refuse larger policies; the bus sets a limit of its own")
+        ->type_name("BYTES")
+        ->check(CLI::Range(std::size_t(1), std::numeric_limits<std::size_t>::max()))
+        ->capture_default_str();
     app.add_flag("--test-bus-names", options.m_testNames, "Use the bus names meant for tests");
     app.add_option("--event-timeout", options.m_eventTimeoutMs,
                    "How long an application may take to answer an event")

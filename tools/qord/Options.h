@@ -2,6 +2,7 @@
 #ifndef QORD_OPTIONS_H
 #define QORD_OPTIONS_H
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
@@ -11,6 +12,7 @@ namespace qord
 struct TSOptions
 {
     std::string m_policyFile;
+    std::size_t m_maxPolicySize = 16 * 1024 * 1024;
     bool m_testNames = false;
     int m_eventTimeoutMs = 2000;
     unsigned int m_processInfoSeconds = 0; ///< 0: only when asked for.

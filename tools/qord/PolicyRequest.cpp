@@ -10,6 +10,7 @@
 #include <boost/archive/basic_archive.hpp>
 #include <boost/archive/binary_iarchive.hpp>
 #include <boost/archive/binary_oarchive.hpp>
+#include <boost/serialization/string.hpp>
 
 #include <qor/QORIpcSerializationUtil.h>
 
@@ -31,6 +32,19 @@ bool HasArchiveSignature(const qor::TByteArray& request)
     std::memcpy(&length, request.data(), sizeof length);
     return length == signature.size() &&
            std::memcmp(request.data() + sizeof length, signature.data(), length) == 0;
+}
+
+// Where the text begins: what an archive puts before it has always the same size.
+std::size_t PolicyOffset()
+{
+    static const std::size_t offset = []
+    {
+        std::stringstream stream;
+        boost::archive::binary_oarchive archive(stream);
+        archive << std::string();
+        return stream.str().size();
+    }();
+    return offset;
 }
 
 std::size_t ReadPosition(std::stringstream& stream)
@@ -58,6 +72,12 @@ bool ReadPolicy(const qor::TByteArray& request, std::string& policy, std::string
 }
 
 } // namespace
+
+std::size_t PolicySize(const qor::TByteArray& request)
+{
+    const std::size_t overhead = PolicyOffset();
+    return request.size() > overhead ? request.size() - overhead : 0;
+}
 
 bool DecodePolicyRequest(const qor::TByteArray& request, std::string& policy, std::string& error)
 {

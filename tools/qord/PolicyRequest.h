@@ -2,6 +2,7 @@
 #ifndef QORD_POLICYREQUEST_H
 #define QORD_POLICYREQUEST_H
 
+#include <cstddef>
 #include <string>
 
 #include <qor/Types.h>
@@ -11,6 +12,9 @@ namespace qord
 
 /// The message type with which a client hands over a policy.
 constexpr int g_setPolicyType = 4;
+
+/// The size of the policy that a request of that size can carry.
+std::size_t PolicySize(const qor::TByteArray& request);
 
 /// Reads the policy text out of a request. Whatever the bytes are, it allocates no more than a
 /// small multiple of their number, and it does not throw (short of memory running out).

@@ -15,13 +15,13 @@
 #include "common/ExitStatus.h"
 #include "common/SystemBus.h"
 #include "qord/PolicyRequest.h"
-#include "qord/PolicyXml.h"
 #include "qord/Report.h"
 
 namespace qord
 {
 
-TCService::TCService(const TSOptions& options) : m_options(options), m_store(options.m_policyFile)
+TCService::TCService(const TSOptions& options)
+    : m_options(options), m_handler(options.m_policyFile, options.m_maxPolicySize)
 {
 }
 
@@ -146,37 +146,13 @@ bool TCService::m_OnSetPolicy(const qor::TByteArray& request, qor::TByteArray& r
 
 bool TCService::m_SetPolicy(const qor::TByteArray& request, qor::TByteArray& reply)
 {
-    std::string policy;
-    std::string error;
-    if (!DecodePolicyRequest(request, policy, error))
-    {
-        ReportError("a request of %zu bytes is not a policy: %s", request.size(), error.c_str());
-        return false;
-    }
-    const int result = m_CheckAndStore(policy);
-    if (result == qor::POLICY_STORED)
+    int result = qor::POLICY_NOT_STORED;
+    const bool isPolicy = m_handler.Handle(request, reply, result);
+    if (isPolicy && result == qor::POLICY_STORED)
     {
         m_AnnounceAfterReply();
     }
-    EncodePolicyResult(result, reply);
-    return true;
-}
-
-int TCService::m_CheckAndStore(const std::string& policy)
-{
-    std::string error;
-    if (!IsWellFormedPolicy(policy, error))
-    {
-        ReportError("a policy of %zu bytes is not well-formed: %s", policy.size(), error.c_str());
-        return qor::POLICY_NOT_WELL_FORMED;
-    }
-    if (!m_store.Store(policy, error))
-    {
-        ReportError("a policy of %zu bytes could not be stored: %s", policy.size(), error.c_str());
-        return qor::POLICY_NOT_STORED;
-    }
-    Report("a policy of %zu bytes is stored", policy.size());
-    return qor::POLICY_STORED;
+    return isPolicy;
 }
 
 // The sender still waits for the reply, and a client that waits is not called: the announcement

@@ -12,7 +12,7 @@
 #include "common/NameWatch.h"
 #include "qord/Announcer.h"
 #include "qord/Options.h"
-#include "qord/PolicyStore.h"
+#include "qord/PolicyHandler.h"
 
 namespace qord
 {
@@ -41,7 +41,6 @@ private:
 
     bool m_OnSetPolicy(const qor::TByteArray& request, qor::TByteArray& reply) noexcept;
     bool m_SetPolicy(const qor::TByteArray& request, qor::TByteArray& reply);
-    int m_CheckAndStore(const std::string& policy);
     void m_AnnounceAfterReply();
     void m_Deliver(int type) noexcept;
 
@@ -50,7 +49,7 @@ private:
     static int m_AnnouncePolicy(void* pService);
 
     TSOptions m_options;
-    TCPolicyStore m_store;
+    TCPolicyHandler m_handler;
     bool m_isRunning = true;
     bool m_isReady = false;
     int m_exitStatus = 0;

@@ -2,7 +2,6 @@
 #include <qor/QORCallbacksProxy.h>
 
 #include <boost/bind/bind.hpp>
-#include <boost/thread/lock_types.hpp>
 
 #include <qor/QORDbusClient.h>
 
@@ -26,7 +25,8 @@ void TCCallbacksProxy::Destroy()
     ProxyDestroy(*m_pInstance, m_rwlock, m_destroyed);
 }
 
-TCCallbacksProxy::TCCallbacksProxy() : m_dbusClient(TCDbusClientProvider::Get(false))
+TCCallbacksProxy::TCCallbacksProxy()
+    : m_dbusClient(TCDbusClientProvider::Get(false)), m_registrationMutex(PTHREAD_MUTEX_INITIALIZER)
 {
     if (!m_dbusClient)
     {
@@ -73,7 +73,7 @@ template <class TFunction>
 bool TCCallbacksProxy::m_Set(ECallbackType type, TFunction& field, const TFunction& callback)
 {
     TFunction copy(callback);
-    const boost::unique_lock<boost::mutex> registrationLock(m_registrationMutex);
+    const TCMutexLock registrationLock(m_registrationMutex);
     {
         const TCWriteLock lock(m_rwlock);
         if (!field.empty())
@@ -97,7 +97,7 @@ template <class TFunction>
 bool TCCallbacksProxy::m_Reset(ECallbackType type, TFunction& field)
 {
     TFunction last; // destroyed without a lock: it is the application's
-    const boost::unique_lock<boost::mutex> registrationLock(m_registrationMutex);
+    const TCMutexLock registrationLock(m_registrationMutex);
     const bool withdrawn = m_dbusClient && m_dbusClient->UnSetCallback(type);
     const TCWriteLock lock(m_rwlock);
     field.swap(last);

@@ -30,6 +30,8 @@ public:
     int SetPolicy(const std::string& policy) override;
 
 private:
+    friend struct TSForkHandler;
+
     boost::shared_ptr<IDbusClient> m_dbusClient;
 
     static boost::shared_ptr<IControl>* const m_pInstance;

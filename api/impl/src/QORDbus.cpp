@@ -1,6 +1,8 @@
 // The common base of both endpoints: connection, exported object, message dispatch, wire format.
 #include <qor/QORDbus.h>
 
+#include <unistd.h>
+
 #include <cstring>
 #include <utility>
 
@@ -13,6 +15,7 @@
 #include <qor/IDbusServer.h>
 
 #include "QORDbusLink.h"
+#include "QORFork.h"
 #include "QORLog.h"
 
 #define QOR_LOG_CLASS "qor::TCDbus"
@@ -168,7 +171,10 @@ TCDbus::TCDbus(bool testMode)
 
 TCDbus::~TCDbus()
 {
-    RELEASE_DBUS_LINK(m_pLink);
+    if (m_pLink != nullptr)
+    {
+        RELEASE_DBUS_LINK(m_pLink);
+    }
 }
 
 bool TCDbus::IsReady()
@@ -251,6 +257,23 @@ void TCDbus::t_LetHandlersRun()
 void TCDbus::t_StopHandlers()
 {
     SeverDbusLink(m_pLink);
+}
+
+bool TCDbus::t_IsInOwnProcess() const
+{
+    return m_pLink->m_process == getpid();
+}
+
+void TCDbus::t_Abandon()
+{
+    static_cast<void>(t_pConnection.release());
+    static_cast<void>(m_pNodeInfo.release());
+    m_pLink = nullptr;
+    Abandon(t_callbacksMutex);
+    Abandon(t_callbacks);
+    Abandon(t_stateMutex);
+    Abandon(t_watchMutex);
+    Abandon(t_currentSender);
 }
 
 void* TCDbus::t_NewUserData()

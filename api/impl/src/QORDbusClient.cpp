@@ -29,7 +29,13 @@ TCDbusClient::TCDbusClient(bool testMode) : TCDbus(testMode), m_watcherId(0)
 
 TCDbusClient::~TCDbusClient()
 {
-    t_Stop();
+    if (t_IsInOwnProcess())
+    {
+        t_Stop();
+        return;
+    }
+    static_cast<void>(m_pProxy.release());
+    t_Abandon();
 }
 
 bool TCDbusClient::t_Start()
@@ -142,6 +148,10 @@ void TCDbusClient::m_CallWithoutReply(const char* method, GVariant* pParameters)
 
 bool TCDbusClient::SetCallback(int type, const TMessageCallback& callback)
 {
+    if (!t_IsInOwnProcess())
+    {
+        return false;
+    }
     const boost::shared_lock<boost::shared_mutex> stateLock(t_stateMutex);
     const boost::unique_lock<boost::shared_mutex> callbacksLock(t_callbacksMutex);
     const bool inserted = t_callbacks.emplace(type, callback).second;
@@ -155,6 +165,10 @@ bool TCDbusClient::SetCallback(int type, const TMessageCallback& callback)
 
 bool TCDbusClient::UnSetCallback(int type)
 {
+    if (!t_IsInOwnProcess())
+    {
+        return false;
+    }
     const boost::shared_lock<boost::shared_mutex> stateLock(t_stateMutex);
     const boost::unique_lock<boost::shared_mutex> callbacksLock(t_callbacksMutex);
     const bool erased = t_callbacks.erase(type) != 0;
@@ -167,6 +181,10 @@ bool TCDbusClient::UnSetCallback(int type)
 
 bool TCDbusClient::SendMessage(int type, const TByteArray& data, TByteArray& response, bool isAsync)
 {
+    if (!t_IsInOwnProcess())
+    {
+        return false;
+    }
     const boost::shared_lock<boost::shared_mutex> stateLock(t_stateMutex);
     if (!t_isReady)
     {

@@ -1,6 +1,8 @@
 // The counted link that GLib holds in place of an endpoint.
 #include "QORDbusLink.h"
 
+#include <unistd.h>
+
 #include <new>
 #include <type_traits>
 
@@ -12,8 +14,13 @@ namespace qor
 TSDbusLink* NewDbusLink(TCDbus* pEndpoint)
 {
     static_assert(std::is_trivially_destructible<TSDbusLink>::value, "freed without a destructor");
-    return new (g_atomic_rc_box_alloc(sizeof(TSDbusLink))) TSDbusLink{
-        PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER, pEndpoint, true, 0, pthread_self()};
+    return new (g_atomic_rc_box_alloc(sizeof(TSDbusLink))) TSDbusLink{PTHREAD_MUTEX_INITIALIZER,
+                                                                      PTHREAD_COND_INITIALIZER,
+                                                                      pEndpoint,
+                                                                      true,
+                                                                      0,
+                                                                      pthread_self(),
+                                                                      getpid()};
 }
 
 void OpenDbusLink(TSDbusLink* pLink)

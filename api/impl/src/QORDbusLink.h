@@ -7,6 +7,7 @@
 #define QOR_QORDBUSLINK_H
 
 #include <pthread.h>
+#include <sys/types.h>
 
 #include <glib.h>
 
@@ -25,6 +26,7 @@ struct TSDbusLink
     bool m_isStarting;   // handlers wait while this is set
     unsigned int m_running;
     pthread_t m_runner; // the thread of the running handlers: one context, so one at a time
+    pid_t m_process;    // that created the endpoint
 };
 
 // How GLib gives back its reference: a function of GLib's own, for the same reason.

@@ -1,7 +1,6 @@
 // The service's endpoint: the bus name, the registry of clients, event delivery.
 #include <qor/QORDbusServer.h>
 
-#include <cstring>
 #include <future>
 #include <list>
 
@@ -11,6 +10,8 @@
 #include <gio/gio.h>
 
 #include "QORDbusLink.h"
+#include "QOREventList.h"
+#include "QORFork.h"
 #include "QORLog.h"
 
 #define QOR_LOG_CLASS "qor::TCDbusServer"
@@ -88,6 +89,15 @@ TCDbusServer::TCDbusServer(bool testMode) : TCDbus(testMode), m_ownNameId(0)
 
 TCDbusServer::~TCDbusServer()
 {
+    if (!t_IsInOwnProcess())
+    {
+        Abandon(m_clients);
+        Abandon(m_thread);
+        static_cast<void>(m_pContext.release());
+        static_cast<void>(m_pMainLoop.release());
+        t_Abandon();
+        return;
+    }
     // A pending interruption of this thread must not break off the join.
     const boost::this_thread::disable_interruption notNow;
     t_Stop();
@@ -187,13 +197,7 @@ void TCDbusServer::m_HandleHelloMessage(const char* sender, GVariant* pParameter
 {
     TByteArray bytes;
     t_ConvertBytes(pParameters, bytes);
-    std::set<int> events;
-    for (std::size_t i = 0; i + sizeof(int) <= bytes.size(); i += sizeof(int))
-    {
-        int type = 0;
-        memcpy(&type, bytes.data() + i, sizeof type);
-        events.insert(type);
-    }
+    std::set<int> events = ReadEventList(bytes);
     const std::string client(sender); // answering the call may free what it came with
     g_dbus_method_invocation_return_value(pInvocation, nullptr);
 

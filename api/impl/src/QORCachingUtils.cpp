@@ -1,0 +1,104 @@
+// Cached lookups of platform values.
+#include <qor/QORCachingUtils.h>
+
+#include <cstdlib>
+#include <memory>
+
+#include <boost/thread/lock_types.hpp>
+
+#include <vconf.h>
+
+#include "QORLog.h"
+
+#define QOR_LOG_CLASS "qor::TCVelkinCachingUtils"
+
+namespace qor
+{
+
+namespace
+{
+
+// Admits one lookup at a time, so that concurrent first calls for a key ask the platform once.
+using TLookupLock = boost::upgrade_lock<boost::shared_mutex>;
+using TExclusiveLock = boost::upgrade_to_unique_lock<boost::shared_mutex>;
+
+struct TSFree
+{
+    void operator()(char* text) const
+    {
+        std::free(text);
+    }
+};
+using TPlatformString = std::unique_ptr<char, TSFree>;
+
+template <class TMap>
+bool Find(const TMap& cache, const typename TMap::key_type& key, typename TMap::mapped_type& value)
+{
+    const auto entry = cache.find(key);
+    if (entry == cache.end())
+    {
+        return false;
+    }
+    value = entry->second;
+    return true;
+}
+
+} // namespace
+
+// The string functions fill the cache first: the caller's value may be the key itself, and stays
+// as it was if there is no memory for the entry.
+
+bool TCVelkinCachingUtils::GetVconfCachedString(const std::string& key, std::string& value)
+{
+    TLookupLock lock(m_CacheMapMutex);
+    if (Find(m_vconfStringCache, key, value))
+    {
+        return true;
+    }
+    TExclusiveLock exclusive(lock);
+    const TPlatformString answer(vconf_get_str(key.c_str()));
+    if (!answer)
+    {
+        return false;
+    }
+    value = m_vconfStringCache.emplace(key, answer.get()).first->second;
+    return true;
+}
+
+bool TCVelkinCachingUtils::GetSystemInfoKeyCached(system_info_key_e key, int& value)
+{
+    TLookupLock lock(m_CacheMapMutex);
+    if (Find(m_systemInfoKeysInt, key, value))
+    {
+        return true;
+    }
+    TExclusiveLock exclusive(lock);
+    if (system_info_get_value_int(key, &value) != 0)
+    {
+        QOR_LOG_ERROR("Fail getting systeminfo value");
+        return false;
+    }
+    m_systemInfoKeysInt.emplace(key, value);
+    return true;
+}
+
+bool TCVelkinCachingUtils::GetSystemInfoKeyCached(system_info_key_e key, std::string& value)
+{
+    TLookupLock lock(m_CacheMapMutex);
+    if (Find(m_systemInfoStrCache, key, value))
+    {
+        return true;
+    }
+    TExclusiveLock exclusive(lock);
+    char* pText = nullptr;
+    if (system_info_get_value_string(key, &pText) != 0 || pText == nullptr)
+    {
+        QOR_LOG_ERROR("Fail getting systeminfo value");
+        return false;
+    }
+    const TPlatformString answer(pText);
+    value = m_systemInfoStrCache.emplace(key, answer.get()).first->second;
+    return true;
+}
+
+} // namespace qor

@@ -1,0 +1,30 @@
+// What a forked child does with what it inherits.
+//
+// The child has one thread. Locks that other threads of the parent held stay locked in it, a
+// condition variable they waited on cannot even be destroyed, and a container that one of them was
+// changing may be in any state. So nothing inherited is used or released there.
+#ifndef QOR_QORFORK_H
+#define QOR_QORFORK_H
+
+#include <new>
+
+namespace qor
+{
+
+// Gives the object a fresh content in place of the inherited one, which is left as it is.
+template <class T>
+void Abandon(T& object)
+{
+    new (&object) T();
+}
+
+// Makes the library's static locks usable in the child; see QORGlobals.cpp.
+struct TSForkHandler
+{
+    TSForkHandler();
+    static void ResetLocks();
+};
+
+} // namespace qor
+
+#endif

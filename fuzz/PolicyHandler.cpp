@@ -1,0 +1,88 @@
+// The service's answer to any request: decode, check, store.
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include <boost/filesystem.hpp>
+
+#include <qor/PolicyResult.h>
+
+#include "FuzzTarget.h"
+#include "QORPolicyMessage.h"
+#include "qord/PolicyHandler.h"
+#include "qord/PolicyRequest.h"
+
+namespace
+{
+
+constexpr std::size_t g_maxPolicySize = 4096;
+
+class TCDirectory
+{
+public:
+    TCDirectory()
+        : m_path(boost::filesystem::temp_directory_path() /
+                 boost::filesystem::unique_path("qorfuzz-%%%%-%%%%-%%%%"))
+    {
+        boost::filesystem::create_directory(m_path);
+    }
+
+    ~TCDirectory()
+    {
+        boost::system::error_code error;
+        boost::filesystem::remove_all(m_path, error);
+    }
+
+    TCDirectory(const TCDirectory&) = delete;
+    TCDirectory& operator=(const TCDirectory&) = delete;
+
+    std::string File() const
+    {
+        return (m_path / "policy.xml").string();
+    }
+
+    std::ptrdiff_t Entries() const
+    {
+        return std::distance(boost::filesystem::directory_iterator(m_path),
+                             boost::filesystem::directory_iterator());
+    }
+
+private:
+    boost::filesystem::path m_path;
+};
+
+std::string ReadFile(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+} // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size)
+{
+    static const TCDirectory directory;
+    static const qord::TCPolicyHandler handler(directory.File(), g_maxPolicySize);
+    const qor::TByteArray request = qorfuzz::Bytes(pData, size);
+    const std::string before = ReadFile(directory.File());
+
+    qor::TByteArray reply;
+    int result = -1;
+    const bool isPolicy = handler.Handle(request, reply, result);
+    const std::string after = ReadFile(directory.File());
+    if (!isPolicy || result != qor::POLICY_STORED)
+    {
+        qorfuzz::Require(after == before, "a refused request changes nothing");
+    }
+    else
+    {
+        std::string policy;
+        std::string error;
+        qorfuzz::Require(qord::DecodePolicyRequest(request, policy, error) && after == policy,
+                         "a stored policy is the one that was sent");
+    }
+    qorfuzz::Require(!isPolicy || qor::ReadPolicyReply(reply) == result,
+                     "a client reads the result");
+    qorfuzz::Require(directory.Entries() <= 1, "nothing is left beside the policy");
+    return 0;
+}

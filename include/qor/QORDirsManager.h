@@ -1,0 +1,51 @@
+// Where the service's policy lives.
+#ifndef QOR_QORDIRSMANAGER_H
+#define QOR_QORDIRSMANAGER_H
+
+#include <string>
+
+#include <boost/thread/shared_mutex.hpp>
+
+#include <qor/Export.h>
+
+namespace qor
+{
+
+/// The policy's location. On a release image it is fixed; on a debug image (one that has a file
+/// /etc/debug) a policy file on a USB stick takes the place of the installed one.
+///
+/// All functions may be called from any thread until the library is torn down.
+class QOR_API TCDirsManager
+{
+public:
+    /// Decides where the policy file is. Normally called once, when the service starts; every
+    /// further call decides anew. A stick counts when it is the first USB storage device and has
+    /// velkin/velkin_qor_policy.xml (of any file type) below its mount point. Whatever fails on the
+    /// way leads back to the installed policy; the log says what.
+    ///
+    /// Asks the platform for its USB devices on a debug image and may block on that; nothing is
+    /// locked meanwhile.
+    static void Initialize();
+
+    /// The directory of the installed policy, with a trailing slash; the same in every mode.
+    static std::string GetPolicyPath();
+
+    /// The policy file that the latest Initialize found, or the installed one before the first.
+    static std::string GetPolicyXmlPath();
+
+    /// 0: the policy at its default place; 2: the policy on a USB stick. Written by an Initialize
+    /// that has found a first USB device, and only then, so it keeps an earlier value when the
+    /// stick is gone. A plain integer: not synchronised with Initialize on another thread.
+    static int QORMode;
+
+private:
+    friend struct TSForkHandler;
+
+    static boost::shared_mutex m_mutex; // guards the two paths
+    static std::string m_policyXmlPath;
+    static std::string m_policyPath;
+};
+
+} // namespace qor
+
+#endif

@@ -1,0 +1,37 @@
+// Answers the requests that carry a new policy.
+#ifndef QORD_POLICYHANDLER_H
+#define QORD_POLICYHANDLER_H
+
+#include <cstddef>
+#include <string>
+
+#include <qor/Types.h>
+
+#include "qord/PolicyStore.h"
+
+namespace qord
+{
+
+/// Decodes a request, checks the policy and stores it; says on standard output and standard error
+/// what came of it. Whatever the bytes are, it takes a small multiple of their memory, and none for a
+/// policy over the limit.
+class TCPolicyHandler
+{
+public:
+    TCPolicyHandler(std::string policyFile, std::size_t maxPolicySize);
+
+    /// @return false for a request that is not a policy; else the answer, one of
+    ///         qor::EPolicyResult, is in reply and result
+    bool Handle(const qor::TByteArray& request, qor::TByteArray& reply, int& result) const;
+
+private:
+    bool m_Decide(const qor::TByteArray& request, int& result) const;
+    int m_CheckAndStore(const std::string& policy) const;
+
+    TCPolicyStore m_store;
+    std::size_t m_maxPolicySize;
+};
+
+} // namespace qord
+
+#endif
