@@ -359,10 +359,13 @@ int TCDbusServer::m_SendMessage(void* pMessage)
         QOR_LOG_ERROR("Dbus server equals NULL");
         return G_SOURCE_REMOVE;
     }
-    g_dbus_proxy_call(pAsyncMessage->m_pProxy.get(), t_dbusSendMethod,
-                      pAsyncMessage->m_event.m_pParameters.get(), G_DBUS_CALL_FLAGS_NONE,
-                      pAsyncMessage->m_event.m_timeout, nullptr,
-                      &TCDbusServer::m_AsyncReadyCallback, pAsyncMessage);
+    // What a call through the proxy comes to, without a second task around the first.
+    GDBusProxy* pProxy = pAsyncMessage->m_pProxy.get();
+    g_dbus_connection_call(g_dbus_proxy_get_connection(pProxy), g_dbus_proxy_get_name(pProxy),
+                           g_dbus_proxy_get_object_path(pProxy), t_interfaceName, t_dbusSendMethod,
+                           pAsyncMessage->m_event.m_pParameters.get(), nullptr,
+                           G_DBUS_CALL_FLAGS_NONE, pAsyncMessage->m_event.m_timeout, nullptr,
+                           &TCDbusServer::m_AsyncReadyCallback, pAsyncMessage);
     return G_SOURCE_REMOVE;
 }
 
@@ -380,10 +383,11 @@ void TCDbusServer::m_AsyncReadyCallback(GObject* pSource, GAsyncResult* pResult,
 void TCDbusServer::m_AsyncReadyCallback(GObject* pSource, GAsyncResult* pResult,
                                         TSAsyncMessage* pMessage)
 {
-    auto* pProxy = reinterpret_cast<GDBusProxy*>(pSource);
+    auto* pConnection = reinterpret_cast<GDBusConnection*>(pSource);
     GError* pRawError = nullptr;
-    const TGlibPtr<GVariant> pReply(g_dbus_proxy_call_finish(pProxy, pResult, &pRawError));
-    const char* name = g_dbus_proxy_get_name(pProxy);
+    const TGlibPtr<GVariant> pReply(
+        g_dbus_connection_call_finish(pConnection, pResult, &pRawError));
+    const char* name = g_dbus_proxy_get_name(pMessage->m_pProxy.get());
     if (pRawError != nullptr)
     {
         const TGlibPtr<GError> pError(pRawError);
