@@ -3,6 +3,7 @@
 
 import json
 import pathlib
+import re
 import sys
 
 import matplotlib
@@ -66,8 +67,8 @@ def draw(found, path, title, x_label, y_label, ticks):
 
 
 def clients_of(case, wanted):
-    count, _, payload = case.partition(" clients, ")
-    return int(count) if payload == wanted else None
+    found = re.fullmatch(r"(\d+) clients?, (.*)", case)
+    return int(found[1]) if found and found[2] == wanted else None
 
 
 def main():

@@ -72,6 +72,7 @@ class Bench:
         self.quick = quick
         self.work = work
         self.results = []
+        self.pairs = {}
         self.environment = dict(os.environ)
         self.bus = self._start_bus()
 
@@ -123,19 +124,22 @@ class Bench:
                 program.stop()
 
     def rounds(self, full):
-        return max(3, full // 4) if self.quick else full
+        return max(3, full // 6) if self.quick else full
 
-    def compare(self, contest, case, ours, peers, rounds, unit="us", warm_up=True):
-        """Lets us and each peer take turns, and stores the outcome for every peer.
+    def generations(self):
+        """How often to start all processes afresh: how an allocator lays out a process's memory is
+        luck that lasts as long as the process, and should not decide a contest."""
+        return range(1 if self.quick else 4)
+
+    def compare(self, contest, case, ours, peers, rounds, unit="us"):
+        """Lets us and each peer take turns, and keeps the outcome of every pair until report().
 
         ours and the values of peers measure one round and return its samples in nanoseconds.
         """
-        scale = {"ns": 1.0, "us": 1e-3, "ms": 1e-6}[unit]
-        if warm_up:
-            ours()
-            for measure in peers.values():
-                measure()
-        pairs = {peer: [] for peer in peers}
+        ours()
+        for measure in peers.values():
+            measure()
+        pairs = {peer: self.pairs.setdefault((contest, case, peer, unit), []) for peer in peers}
         for turn in range(rounds):
             for peer, measure in peers.items():
                 if turn % 2 == 0:
@@ -145,29 +149,31 @@ class Bench:
                     theirs = measure()
                     mine = ours()
                 pairs[peer].append((mine, theirs))
-        for peer in peers:
-            self._store(contest, case, peer, pairs[peer], unit, scale)
 
-    def _store(self, contest, case, peer, pairs, unit, scale):
-        mine = [sample * scale for pair in pairs for sample in pair[0]]
-        theirs = [sample * scale for pair in pairs for sample in pair[1]]
-        ratios = [statistics.median(a) / statistics.median(b) for a, b in pairs]
-        self.add(
-            {
-                "contest": contest,
-                "case": case,
-                "peer": peer,
-                "ours": statistics.median(mine),
-                "theirs": statistics.median(theirs),
-                "unit": unit,
-                "ratio": statistics.median(ratios),
-                "spread": [quantile(ratios, 0.25), quantile(ratios, 0.75)],
-                "ours_p99": quantile(mine, 0.99),
-                "theirs_p99": quantile(theirs, 0.99),
-                "rounds": len(pairs),
-                "samples": len(mine),
-            }
-        )
+    def report(self):
+        """Compares the pairs that were collected, and stores and prints the results."""
+        for (contest, case, peer, unit), pairs in self.pairs.items():
+            scale = {"ns": 1.0, "us": 1e-3, "ms": 1e-6}[unit]
+            mine = [sample * scale for pair in pairs for sample in pair[0]]
+            theirs = [sample * scale for pair in pairs for sample in pair[1]]
+            ratios = [statistics.median(a) / statistics.median(b) for a, b in pairs]
+            self.add(
+                {
+                    "contest": contest,
+                    "case": case,
+                    "peer": peer,
+                    "ours": statistics.median(mine),
+                    "theirs": statistics.median(theirs),
+                    "unit": unit,
+                    "ratio": statistics.median(ratios),
+                    "spread": [quantile(ratios, 0.25), quantile(ratios, 0.75)],
+                    "ours_p99": quantile(mine, 0.99),
+                    "theirs_p99": quantile(theirs, 0.99),
+                    "rounds": len(pairs),
+                    "samples": len(mine),
+                }
+            )
+        self.pairs = {}
 
     def add(self, result):
         self.results.append(result)
@@ -220,46 +226,54 @@ def round_trip(bench):
     clients.append(("bench-socket", "client", relay))
     names = [name for name, _ in PEER_NAMES.values()] + ["Unix socket and relay"]
 
-    with bench.running(*servers, *clients) as started:
-        mine, *others = started[len(servers):]
-        for size, calls, rounds in (
-            (16, 200, 40),
-            (4 * KIB, 200, 40),
-            (64 * KIB, 50, 40),
-            (1 * MIB, 5, 40),
-            (16 * MIB, 1, 20),
-        ):
-            peers = dict(zip(names, others))
-            if bench.quick and size > MIB:
-                del peers["sdbus-c++"]  # seconds for each call
-            bench.compare(
-                "round trip",
-                size_name(size),
-                lambda: mine.samples("call", size, calls),
-                {
-                    name: lambda peer=peer: peer.samples("call", size, calls)
-                    for name, peer in peers.items()
-                },
-                bench.rounds(rounds),
-            )
+    for _ in bench.generations():
+        for path in (socket, relay):
+            path.unlink(missing_ok=True)
+        with bench.running(*servers, *clients) as started:
+            mine, *others = started[len(servers):]
+            round_trip_sizes(bench, mine, dict(zip(names, others)))
+
+
+def round_trip_sizes(bench, mine, others):
+    for size, calls, rounds in (
+        (16, 200, 10),
+        (4 * KIB, 200, 10),
+        (64 * KIB, 50, 10),
+        (1 * MIB, 5, 10),
+        (16 * MIB, 1, 5),
+    ):
+        peers = dict(others)
+        if bench.quick and size > MIB:
+            del peers["sdbus-c++"]  # seconds for each call
+        bench.compare(
+            "round trip",
+            size_name(size),
+            lambda: mine.samples("call", size, calls),
+            {
+                name: lambda peer=peer: peer.samples("call", size, calls)
+                for name, peer in peers.items()
+            },
+            bench.rounds(rounds),
+        )
 
 
 def set_policy(bench):
     name = PEER_NAMES["bench-gdbus"][1]
-    with bench.running(
-        ("bench-qor", "server"),
-        ("bench-gdbus", "server", name),
-        ("bench-qor", "client"),
-        ("bench-gdbus", "client", name),
-    ) as (_, _, mine, other):
-        for size, calls, rounds in ((4 * KIB, 100, 60), (1 * MIB, 5, 60)):
-            bench.compare(
-                "set a policy",
-                size_name(size),
-                lambda: mine.samples("policy", size, calls),
-                {"raw GDBus by hand": lambda: other.samples("policy", size, calls)},
-                bench.rounds(rounds),
-            )
+    for _ in bench.generations():
+        with bench.running(
+            ("bench-qor", "server"),
+            ("bench-gdbus", "server", name),
+            ("bench-qor", "client"),
+            ("bench-gdbus", "client", name),
+        ) as (_, _, mine, other):
+            for size, calls, rounds in ((4 * KIB, 100, 20), (1 * MIB, 5, 20)):
+                bench.compare(
+                    "set a policy",
+                    size_name(size),
+                    lambda: mine.samples("policy", size, calls),
+                    {"raw GDBus by hand": lambda: other.samples("policy", size, calls)},
+                    bench.rounds(rounds),
+                )
 
 
 def memory(bench):
@@ -293,29 +307,33 @@ def fan_out(bench):
     names = {program: PEER_NAMES[program] for program in ("bench-gdbus", "bench-sd-bus")}
     servers = [("bench-qor", "server")]
     servers += [(program, "server", bus_name) for program, (_, bus_name) in names.items()]
-    with bench.running(*servers) as started, bench.running(
-        ("bench-event-clients", SERVICE, *(bus_name for _, bus_name in names.values()))
-    ) as (clients,):
-        mine, *others = started
-        peers = dict(zip((name for name, _ in names.values()), others))
-        for count in (1, 10, 100, 500):
-            clients.ask("connect", count)
-            for server in started:
-                if server.ask("clients")["clients"] != count:
-                    raise SystemExit(f"bench: {server.name} does not know its {count} clients")
-            for size in (64, 64 * KIB):
-                events = max(1, (200 if size == 64 else 40) // count)
-                bench.compare(
-                    "fan-out",
-                    f"{count} clients, {size_name(size)}",
-                    lambda: mine.samples("event", size, events),
-                    {
-                        name: lambda peer=peer: peer.samples("event", size, events)
-                        for name, peer in peers.items()
-                    },
-                    bench.rounds(40 if count < 500 else 24),
-                )
+    clients = ("bench-event-clients", SERVICE, *(bus_name for _, bus_name in names.values()))
+    for _ in bench.generations():
+        with bench.running(*servers) as started, bench.running(clients) as (crowd,):
+            fan_out_sizes(bench, crowd, started, [name for name, _ in names.values()])
+    bench.report()
     growth(bench)
+
+
+def fan_out_sizes(bench, crowd, servers, names):
+    mine, *others = servers
+    for count in (1, 10, 100, 500):
+        crowd.ask("connect", count)
+        for server in servers:
+            if server.ask("clients")["clients"] != count:
+                raise SystemExit(f"bench: {server.name} does not know its {count} clients")
+        for size in (64, 64 * KIB):
+            events = max(1, (200 if size == 64 else 40) // count)
+            bench.compare(
+                "fan-out",
+                f"{count} client{'s' if count > 1 else ''}, {size_name(size)}",
+                lambda: mine.samples("event", size, events),
+                {
+                    name: lambda peer=peer: peer.samples("event", size, events)
+                    for name, peer in zip(names, others)
+                },
+                bench.rounds(12 if count < 500 else 6),
+            )
 
 
 def growth(bench):
@@ -495,6 +513,7 @@ def main():
         for name, contest in CONTESTS.items():
             if not arguments.only or name in arguments.only:
                 contest(bench)
+                bench.report()
     finally:
         if bench is not None:
             bench.close()
