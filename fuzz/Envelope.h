@@ -36,13 +36,13 @@ public:
 // in a message, the bytes are not known to form a value of that type.
 inline qor::TGlibPtr<GVariant> ReceivedValue(const std::uint8_t* pData, std::size_t size)
 {
-    static const char* const types[] = {"(ay)", "(ay)", "(ay)", "(s)",   "()",
-                                        "(ayay)", "(v)", "(aay)", "(ai)", "(a{sv})"};
+    static const char* const types[] = {"(ay)",   "(ay)", "(ay)",  "(s)",  "()",
+                                        "(ayay)", "(v)",  "(aay)", "(ai)", "(a{sv})"};
     const std::size_t kind = size == 0 ? 0 : pData[0] % (sizeof types / sizeof types[0]);
     const std::size_t skip = size == 0 ? 0 : 1;
     GBytes* pBytes = g_bytes_new(pData + skip, size - skip);
-    qor::TGlibPtr<GVariant> value(g_variant_ref_sink(
-        g_variant_new_from_bytes(G_VARIANT_TYPE(types[kind]), pBytes, FALSE)));
+    qor::TGlibPtr<GVariant> value(
+        g_variant_ref_sink(g_variant_new_from_bytes(G_VARIANT_TYPE(types[kind]), pBytes, FALSE)));
     g_bytes_unref(pBytes);
     return value;
 }

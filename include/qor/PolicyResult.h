@@ -13,7 +13,7 @@ enum EPolicyResult
     POLICY_STORED = 0,          ///< The policy is stored and synced to disk.
     POLICY_NOT_WELL_FORMED = 1, ///< The text is not well-formed XML; the old policy is in force.
     POLICY_NOT_STORED = 2,      ///< The policy could not be stored; the old policy is in force.
-    POLICY_TOO_LARGE = 3        ///< The text is over the service's limit; the old policy is in force.
+    POLICY_TOO_LARGE = 3 ///< The text is over the service's limit; the old policy is in force.
 };
 
 } // namespace qor

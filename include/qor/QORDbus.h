@@ -58,7 +58,7 @@ public:
     static std::size_t MaxPayload();
 
 private:
-    bool m_testMode;
+    [[maybe_unused]] bool m_testMode;
 
 protected:
     /// Handles one D-Bus method: the sender's unique name, the parameters, and the invocation,

@@ -13,12 +13,12 @@ namespace qord
 {
 
 /// Decodes a request, checks the policy and stores it; says on standard output and standard error
-/// what came of it. Whatever the bytes are, it takes a small multiple of their memory, and none for a
-/// policy over the limit.
+/// what came of it. Whatever the bytes are, it takes a small multiple of their memory, and none for
+/// a policy over the limit.
 class TCPolicyHandler
 {
 public:
-    TCPolicyHandler(std::string policyFile, std::size_t maxPolicySize);
+    TCPolicyHandler(TCPolicyStore store, std::size_t maxPolicySize);
 
     /// @return false for a request that is not a policy; else the answer, one of
     ///         qor::EPolicyResult, is in reply and result

@@ -9,7 +9,8 @@ namespace qord
 namespace
 {
 
-void Write(FILE* pStream, const char* format, va_list arguments)
+__attribute__((format(printf, 2, 0))) void Write(FILE* pStream, const char* format,
+                                                 va_list arguments)
 {
     flockfile(pStream);
     std::fputs("qord: ", pStream);

@@ -21,7 +21,8 @@ namespace qord
 {
 
 TCService::TCService(const TSOptions& options)
-    : m_options(options), m_handler(options.m_policyFile, options.m_maxPolicySize)
+    : m_options(options),
+      m_handler(TCPolicyStore(options.m_policyFile, options.m_storeRules), options.m_maxPolicySize)
 {
 }
 
@@ -40,6 +41,7 @@ int TCService::Run()
 {
     // From the start, so that an early signal is not missed and does not end the process.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN); // a write over the limit fails instead
     m_sources.push_back(g_unix_signal_add(SIGTERM, m_QuitSignal, this));
     m_sources.push_back(g_unix_signal_add(SIGINT, m_QuitSignal, this));
     m_sources.push_back(g_unix_signal_add(SIGUSR1, m_AskForProcessInfo, this));
