@@ -19,25 +19,53 @@
 namespace qor
 {
 
-// One outgoing call. It belongs to the SendMessage that made it; the loop thread borrows it until
-// it has stored the outcome.
+// One outgoing call of an event.
 struct TCDbusServer::TSAsyncMessage
 {
-    TSAsyncMessage(TCDbusServer* pServer, GDBusProxy* pProxy)
+    struct TSEvent;
+
+    TSAsyncMessage(TCDbusServer* pServer, TSEvent& event, GDBusProxy* pProxy)
         : m_pServer(pServer),
-          m_future(m_promise.get_future()),
-          m_pProxy(static_cast<GDBusProxy*>(g_object_ref(pProxy))),
-          m_pParameters(nullptr),
-          m_timeout(-1)
+          m_event(event),
+          m_pProxy(static_cast<GDBusProxy*>(g_object_ref(pProxy)))
     {
     }
 
     TCDbusServer* m_pServer;
-    std::promise<bool> m_promise;
-    std::future<bool> m_future;
+    TSEvent& m_event;
     TGlibPtr<GDBusProxy> m_pProxy;
-    GVariant* m_pParameters; // floating; the call takes it over
-    int m_timeout;
+};
+
+// One event on its way to the clients. It belongs to the SendMessage that made it; from the moment
+// that it is posted until the outcome is there, only the loop thread touches it.
+struct TCDbusServer::TSAsyncMessage::TSEvent
+{
+    // The whole event in one go: the loop thread is woken once, not once for each client.
+    static int Send(void* pEvent)
+    {
+        for (TSAsyncMessage& message : static_cast<TSEvent*>(pEvent)->m_messages)
+        {
+            m_SendMessage(&message);
+        }
+        return G_SOURCE_REMOVE;
+    }
+
+    // Counts the outcome of one call. After the last one the event may be gone.
+    void Complete(bool succeeded)
+    {
+        m_succeeded += succeeded ? 1U : 0U;
+        if (--m_pending == 0)
+        {
+            m_outcome.set_value(m_succeeded);
+        }
+    }
+
+    std::list<TSAsyncMessage> m_messages;
+    TGlibPtr<GVariant> m_pParameters; // the body that all calls share
+    int m_timeout = -1;
+    std::size_t m_pending = 0;
+    std::size_t m_succeeded = 0;
+    std::promise<std::size_t> m_outcome;
 };
 
 TCDbusServer::TCDbusServer(bool testMode) : TCDbus(testMode), m_ownNameId(0)
@@ -262,35 +290,35 @@ std::size_t TCDbusServer::NumberOfClients()
 std::pair<std::size_t, std::size_t> TCDbusServer::SendMessage(int type, const TByteArray& data,
                                                               int timeout)
 {
-    std::size_t succeeded = 0;
     std::size_t failed = 0;
-    std::list<TSAsyncMessage> messages;
+    TSAsyncMessage::TSEvent event;
     {
         const boost::shared_lock<boost::shared_mutex> lock(t_stateMutex);
         if (!t_isReady || m_clients.empty())
         {
             QOR_LOG_DEBUG("Connection is ready %d, number of clients %zu", t_isReady,
                           m_clients.size());
-            return {succeeded, failed};
+            return {0, failed};
         }
         for (const auto& entry : m_clients)
         {
             if (m_IsToBeCalled(entry.second, type, data, failed))
             {
-                messages.emplace_back(this, entry.second.m_pProxy.get());
+                event.m_messages.emplace_back(this, event, entry.second.m_pProxy.get());
             }
         }
-        for (TSAsyncMessage& message : messages)
+        if (!event.m_messages.empty())
         {
-            t_ConvertBytes(type, false, data, message.m_pParameters);
-            message.m_timeout = timeout;
-            g_main_context_invoke(m_pContext.get(), &TCDbusServer::m_SendMessage, &message);
+            GVariant* pParameters = nullptr;
+            t_ConvertBytes(type, false, data, pParameters);
+            event.m_pParameters.reset(g_variant_ref_sink(pParameters));
+            event.m_timeout = timeout;
+            event.m_pending = event.m_messages.size();
+            g_main_context_invoke(m_pContext.get(), &TSAsyncMessage::TSEvent::Send, &event);
         }
     }
-    for (; !messages.empty(); messages.pop_front())
-    {
-        ++(messages.front().m_future.get() ? succeeded : failed);
-    }
+    const std::size_t succeeded = event.m_messages.empty() ? 0 : event.m_outcome.get_future().get();
+    failed += event.m_messages.size() - succeeded;
     QOR_LOG_DEBUG("Callback result: success %zu, fails %zu", succeeded, failed);
     return {succeeded, failed};
 }
@@ -331,9 +359,13 @@ int TCDbusServer::m_SendMessage(void* pMessage)
         QOR_LOG_ERROR("Dbus server equals NULL");
         return G_SOURCE_REMOVE;
     }
-    g_dbus_proxy_call(pAsyncMessage->m_pProxy.get(), t_dbusSendMethod, pAsyncMessage->m_pParameters,
-                      G_DBUS_CALL_FLAGS_NONE, pAsyncMessage->m_timeout, nullptr,
-                      &TCDbusServer::m_AsyncReadyCallback, pAsyncMessage);
+    // What a call through the proxy comes to, without a second task around the first.
+    GDBusProxy* pProxy = pAsyncMessage->m_pProxy.get();
+    g_dbus_connection_call(g_dbus_proxy_get_connection(pProxy), g_dbus_proxy_get_name(pProxy),
+                           g_dbus_proxy_get_object_path(pProxy), t_interfaceName, t_dbusSendMethod,
+                           pAsyncMessage->m_event.m_pParameters.get(), nullptr,
+                           G_DBUS_CALL_FLAGS_NONE, pAsyncMessage->m_event.m_timeout, nullptr,
+                           &TCDbusServer::m_AsyncReadyCallback, pAsyncMessage);
     return G_SOURCE_REMOVE;
 }
 
@@ -351,15 +383,16 @@ void TCDbusServer::m_AsyncReadyCallback(GObject* pSource, GAsyncResult* pResult,
 void TCDbusServer::m_AsyncReadyCallback(GObject* pSource, GAsyncResult* pResult,
                                         TSAsyncMessage* pMessage)
 {
-    auto* pProxy = reinterpret_cast<GDBusProxy*>(pSource);
+    auto* pConnection = reinterpret_cast<GDBusConnection*>(pSource);
     GError* pRawError = nullptr;
-    const TGlibPtr<GVariant> pReply(g_dbus_proxy_call_finish(pProxy, pResult, &pRawError));
-    const char* name = g_dbus_proxy_get_name(pProxy);
+    const TGlibPtr<GVariant> pReply(
+        g_dbus_connection_call_finish(pConnection, pResult, &pRawError));
+    const char* name = g_dbus_proxy_get_name(pMessage->m_pProxy.get());
     if (pRawError != nullptr)
     {
         const TGlibPtr<GError> pError(pRawError);
         QOR_LOG_ERROR("Sending message from %s error, errno %d", name, pError->code);
-        pMessage->m_promise.set_value(false);
+        pMessage->m_event.Complete(false);
         return;
     }
     bool result = false;
@@ -376,7 +409,7 @@ void TCDbusServer::m_AsyncReadyCallback(GObject* pSource, GAsyncResult* pResult,
     {
         QOR_LOG_DEBUG("Sending message to %s failed", name);
     }
-    pMessage->m_promise.set_value(result); // the message may be gone from here on
+    pMessage->m_event.Complete(result);
 }
 
 } // namespace qor
