@@ -12,7 +12,7 @@ namespace qord
 struct TSOptions
 {
     std::string m_policyFile;
-    std::size_t m_maxPolicySize = 16 * 1024 * 1024;
+    std::size_t m_maxPolicySize = std::size_t{16} * 1024 * 1024;
     bool m_testNames = false;
     int m_eventTimeoutMs = 2000;
     unsigned int m_processInfoSeconds = 0; ///< 0: only when asked for.
