@@ -43,6 +43,7 @@ static int choose_sink(void)
     int sink = atomic_load(&log_sink);
     if (sink == SINK_UNDECIDED)
     {
+        /* NOLINTNEXTLINE(concurrency-mt-unsafe): see above */
         const char* wanted = getenv("QOR_DLOG");
         sink = wanted != NULL && strcmp(wanted, "stderr") == 0 ? SINK_STDERR : SINK_SYSLOG;
         atomic_store(&log_sink, sink);

@@ -27,7 +27,7 @@ bool g_leaksAreWanted = false;
 } // namespace
 
 // The leak checker asks: a forked child abandons what it inherits, and that is no leak.
-extern "C" int __lsan_is_turned_off();
+extern "C" __attribute__((visibility("default"))) int __lsan_is_turned_off();
 extern "C" int __lsan_is_turned_off()
 {
     return g_leaksAreWanted ? 1 : 0;

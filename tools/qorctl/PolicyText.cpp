@@ -3,8 +3,8 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <memory>
+#include <system_error>
 
 namespace qorctl
 {
@@ -32,7 +32,7 @@ bool ReadPolicyText(const std::string& file, std::string& text, std::string& err
                                                                : std::fopen(file.c_str(), "rbe"));
     if (!input)
     {
-        error = name + ": " + std::strerror(errno);
+        error = name + ": " + std::generic_category().message(errno);
         return false;
     }
     char buffer[65536];
@@ -42,7 +42,7 @@ bool ReadPolicyText(const std::string& file, std::string& text, std::string& err
     }
     if (std::ferror(input.get()) != 0)
     {
-        error = name + ": " + std::strerror(errno);
+        error = name + ": " + std::generic_category().message(errno);
         return false;
     }
     if (text.empty())

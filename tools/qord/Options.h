@@ -14,7 +14,7 @@ namespace qord
 struct TSOptions
 {
     std::string m_policyFile; ///< Empty: where the platform has its policy.
-    std::size_t m_maxPolicySize = 16 * 1024 * 1024;
+    std::size_t m_maxPolicySize = std::size_t{16} * 1024 * 1024;
     TSStoreRules m_storeRules;
     bool m_testNames = false;
     int m_eventTimeoutMs = 2000;

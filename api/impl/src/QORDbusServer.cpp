@@ -19,53 +19,25 @@
 namespace qor
 {
 
-// One outgoing call of an event.
+// One outgoing call. It belongs to the SendMessage that made it; the loop thread borrows it until
+// it has stored the outcome.
 struct TCDbusServer::TSAsyncMessage
 {
-    struct TSEvent;
-
-    TSAsyncMessage(TCDbusServer* pServer, TSEvent& event, GDBusProxy* pProxy)
+    TSAsyncMessage(TCDbusServer* pServer, GDBusProxy* pProxy)
         : m_pServer(pServer),
-          m_event(event),
-          m_pProxy(static_cast<GDBusProxy*>(g_object_ref(pProxy)))
+          m_future(m_promise.get_future()),
+          m_pProxy(static_cast<GDBusProxy*>(g_object_ref(pProxy))),
+          m_pParameters(nullptr),
+          m_timeout(-1)
     {
     }
 
     TCDbusServer* m_pServer;
-    TSEvent& m_event;
+    std::promise<bool> m_promise;
+    std::future<bool> m_future;
     TGlibPtr<GDBusProxy> m_pProxy;
-};
-
-// One event on its way to the clients. It belongs to the SendMessage that made it; from the moment
-// that it is posted until the outcome is there, only the loop thread touches it.
-struct TCDbusServer::TSAsyncMessage::TSEvent
-{
-    // The whole event in one go: the loop thread is woken once, not once for each client.
-    static int Send(void* pEvent)
-    {
-        for (TSAsyncMessage& message : static_cast<TSEvent*>(pEvent)->m_messages)
-        {
-            m_SendMessage(&message);
-        }
-        return G_SOURCE_REMOVE;
-    }
-
-    // Counts the outcome of one call. After the last one the event may be gone.
-    void Complete(bool succeeded)
-    {
-        m_succeeded += succeeded ? 1U : 0U;
-        if (--m_pending == 0)
-        {
-            m_outcome.set_value(m_succeeded);
-        }
-    }
-
-    std::list<TSAsyncMessage> m_messages;
-    TGlibPtr<GVariant> m_pParameters; // the body that all calls share
-    int m_timeout = -1;
-    std::size_t m_pending = 0;
-    std::size_t m_succeeded = 0;
-    std::promise<std::size_t> m_outcome;
+    GVariant* m_pParameters; // all calls of an event share one envelope, which SendMessage owns
+    int m_timeout;
 };
 
 TCDbusServer::TCDbusServer(bool testMode) : TCDbus(testMode), m_ownNameId(0)
@@ -290,35 +262,49 @@ std::size_t TCDbusServer::NumberOfClients()
 std::pair<std::size_t, std::size_t> TCDbusServer::SendMessage(int type, const TByteArray& data,
                                                               int timeout)
 {
+    std::size_t succeeded = 0;
     std::size_t failed = 0;
-    TSAsyncMessage::TSEvent event;
+    TGlibPtr<GVariant> pEnvelope;
+    std::list<TSAsyncMessage> messages;
     {
         const boost::shared_lock<boost::shared_mutex> lock(t_stateMutex);
         if (!t_isReady || m_clients.empty())
         {
             QOR_LOG_DEBUG("Connection is ready %d, number of clients %zu", t_isReady,
                           m_clients.size());
-            return {0, failed};
+            return {succeeded, failed};
         }
         for (const auto& entry : m_clients)
         {
             if (m_IsToBeCalled(entry.second, type, data, failed))
             {
-                event.m_messages.emplace_back(this, event, entry.second.m_pProxy.get());
+                messages.emplace_back(this, entry.second.m_pProxy.get());
             }
         }
-        if (!event.m_messages.empty())
+        if (!messages.empty())
         {
             GVariant* pParameters = nullptr;
             t_ConvertBytes(type, false, data, pParameters);
-            event.m_pParameters.reset(g_variant_ref_sink(pParameters));
-            event.m_timeout = timeout;
-            event.m_pending = event.m_messages.size();
-            g_main_context_invoke(m_pContext.get(), &TSAsyncMessage::TSEvent::Send, &event);
+            pEnvelope.reset(g_variant_ref_sink(pParameters));
+            for (TSAsyncMessage& message : messages)
+            {
+                message.m_pParameters = pEnvelope.get();
+                message.m_timeout = timeout;
+            }
+            // In one piece: the loop thread is woken once, not once for each client.
+            g_main_context_invoke(m_pContext.get(), &TCDbusServer::m_SendMessages, &messages);
         }
     }
-    const std::size_t succeeded = event.m_messages.empty() ? 0 : event.m_outcome.get_future().get();
-    failed += event.m_messages.size() - succeeded;
+    if (!messages.empty())
+    {
+        // Outcomes come about in order. Who waits for the last one first sleeps once, not once for
+        // each client.
+        messages.back().m_future.wait();
+    }
+    for (; !messages.empty(); messages.pop_front())
+    {
+        ++(messages.front().m_future.get() ? succeeded : failed);
+    }
     QOR_LOG_DEBUG("Callback result: success %zu, fails %zu", succeeded, failed);
     return {succeeded, failed};
 }
@@ -351,6 +337,15 @@ bool TCDbusServer::m_IsToBeCalled(const TSClient& client, int type, const TByteA
     return true;
 }
 
+int TCDbusServer::m_SendMessages(void* pMessages)
+{
+    for (TSAsyncMessage& message : *static_cast<std::list<TSAsyncMessage>*>(pMessages))
+    {
+        m_SendMessage(&message);
+    }
+    return G_SOURCE_REMOVE;
+}
+
 int TCDbusServer::m_SendMessage(void* pMessage)
 {
     auto* pAsyncMessage = static_cast<TSAsyncMessage*>(pMessage);
@@ -359,13 +354,9 @@ int TCDbusServer::m_SendMessage(void* pMessage)
         QOR_LOG_ERROR("Dbus server equals NULL");
         return G_SOURCE_REMOVE;
     }
-    // What a call through the proxy comes to, without a second task around the first.
-    GDBusProxy* pProxy = pAsyncMessage->m_pProxy.get();
-    g_dbus_connection_call(g_dbus_proxy_get_connection(pProxy), g_dbus_proxy_get_name(pProxy),
-                           g_dbus_proxy_get_object_path(pProxy), t_interfaceName, t_dbusSendMethod,
-                           pAsyncMessage->m_event.m_pParameters.get(), nullptr,
-                           G_DBUS_CALL_FLAGS_NONE, pAsyncMessage->m_event.m_timeout, nullptr,
-                           &TCDbusServer::m_AsyncReadyCallback, pAsyncMessage);
+    g_dbus_proxy_call(pAsyncMessage->m_pProxy.get(), t_dbusSendMethod, pAsyncMessage->m_pParameters,
+                      G_DBUS_CALL_FLAGS_NONE, pAsyncMessage->m_timeout, nullptr,
+                      &TCDbusServer::m_AsyncReadyCallback, pAsyncMessage);
     return G_SOURCE_REMOVE;
 }
 
@@ -383,16 +374,15 @@ void TCDbusServer::m_AsyncReadyCallback(GObject* pSource, GAsyncResult* pResult,
 void TCDbusServer::m_AsyncReadyCallback(GObject* pSource, GAsyncResult* pResult,
                                         TSAsyncMessage* pMessage)
 {
-    auto* pConnection = reinterpret_cast<GDBusConnection*>(pSource);
+    auto* pProxy = reinterpret_cast<GDBusProxy*>(pSource);
     GError* pRawError = nullptr;
-    const TGlibPtr<GVariant> pReply(
-        g_dbus_connection_call_finish(pConnection, pResult, &pRawError));
-    const char* name = g_dbus_proxy_get_name(pMessage->m_pProxy.get());
+    const TGlibPtr<GVariant> pReply(g_dbus_proxy_call_finish(pProxy, pResult, &pRawError));
+    const char* name = g_dbus_proxy_get_name(pProxy);
     if (pRawError != nullptr)
     {
         const TGlibPtr<GError> pError(pRawError);
         QOR_LOG_ERROR("Sending message from %s error, errno %d", name, pError->code);
-        pMessage->m_event.Complete(false);
+        pMessage->m_promise.set_value(false);
         return;
     }
     bool result = false;
@@ -409,7 +399,7 @@ void TCDbusServer::m_AsyncReadyCallback(GObject* pSource, GAsyncResult* pResult,
     {
         QOR_LOG_DEBUG("Sending message to %s failed", name);
     }
-    pMessage->m_event.Complete(result);
+    pMessage->m_promise.set_value(result); // the message may be gone from here on
 }
 
 } // namespace qor

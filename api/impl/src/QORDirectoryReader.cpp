@@ -48,6 +48,7 @@ int TCDirectoryReader::m_Read()
     do
     {
         errno = 0;
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): each reader has a stream of its own
         m_pEntry = readdir(m_pDirectory.get());
         if (m_pEntry == nullptr)
         {
