@@ -1,0 +1,204 @@
+// The service and its command line, on a bus.
+#include <csignal>
+#include <future>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <qor/api.h>
+
+#include "LogCapture.h"
+#include "MainContext.h"
+#include "RawPeer.h"
+#include "ToolRunner.h"
+
+namespace
+{
+
+using namespace qortest;
+
+class Tools : public ToolTest
+{
+protected:
+    // Runs qorctl, set-policy without arguments, and expects words in what it says.
+    static void Expect(int exitCode, const std::string& words, const std::string& policy,
+                       const Arguments& arguments = {"set-policy", "-"})
+    {
+        const Outcome outcome = Qorctl(arguments, policy);
+        EXPECT_EQ(outcome.exitCode, exitCode) << testing::PrintToString(arguments);
+        EXPECT_NE((outcome.out + outcome.err).find(words), std::string::npos)
+            << outcome.out << outcome.err;
+    }
+};
+
+TEST_F(Tools, PoliciesAreStoredWholeOrRefusedUnsent)
+{
+    auto qord = StartQord({"--keep", "1"});
+    Expect(0, "stored", "", {"set-policy", SAMPLE_POLICY});
+    EXPECT_EQ(StoredPolicy(), ReadFile(SAMPLE_POLICY));
+    Expect(1, "not well-formed", "<a><b></a>");
+    const std::string large = "<p>" + std::string(5 << 20, 'x') + "</p>";
+    const Outcome piped = Qorctl({"--quiet", "set-policy", "-"}, large);
+    EXPECT_EQ(piped.out + piped.err, "");
+    EXPECT_TRUE(StoredPolicy() == large);
+    EXPECT_EQ(ReadFile(m_directory.Path("policy_1.xml")), ReadFile(SAMPLE_POLICY));
+
+    const std::string huge(40 << 20, ' ');
+    Expect(2, "do not fit into one bus message", "<a/>" + huge);
+    const auto control = qor::api::GetControl();
+    EXPECT_EQ(control->SetPolicy("<a/>" + huge), -1);
+    EXPECT_EQ(control->SetPolicy("<next/>"), 0);
+    EXPECT_EQ(StoredPolicy(), "<next/>");
+    EXPECT_EQ(CountOf(qord->Err(), "\n"), 1U) << qord->Err(); // the malformed one
+    EXPECT_EQ(Qorctl({"set-policy", SAMPLE_POLICY}).out.find("QOR >"), std::string::npos);
+    Expect(0, "QOR >", "", {"--verbose", "set-policy", SAMPLE_POLICY});
+}
+
+TEST_F(Tools, ServiceKilledInTheMiddleOfACallAndRestarted)
+{
+    auto qord = StartQord();
+    const auto control = qor::api::GetControl();
+    qord->Signal(SIGSTOP);
+    LogCapture::Clear();
+    auto result = std::async(std::launch::async, [&] { return control->SetPolicy("<a/>"); });
+    ASSERT_TRUE(LogCapture::WaitFor(LOG_DEBUG, "Send hello"));
+    qord->Signal(SIGKILL);
+    ASSERT_EQ(result.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_EQ(result.get(), -1);
+    qord = StartQord();
+    EXPECT_EQ(control->SetPolicy("<c/>"), 0);
+    EXPECT_EQ(StoredPolicy(), "<c/>");
+}
+
+TEST_F(Tools, AbsentForeignAndUnreachableServicesAreExplained)
+{
+    Expect(2, "not on the bus", "<a/>");
+    RawPeer service;
+    ASSERT_TRUE(service.OwnName(SERVICE_NAME));
+    service.AnswerWith({Answer::REPLY, {1, 'n', 'o', 'i', 's', 'e'}});
+    Expect(3, "cannot be read", "<a/>");
+    service.AnswerWith({Answer::REPLY, {0}});
+    Expect(2, "refused the request", "<a/>");
+    service.AnswerWith({Answer::ERROR, {}});
+    Expect(2, "refused the request", "<a/>");
+    const Outcome taken = RunTool(QORD, {"--policy", m_policyFile});
+    EXPECT_EQ(taken.exitCode, 1);
+    EXPECT_NE(taken.err.find("belongs to another process (" + service.UniqueName()),
+              std::string::npos);
+
+    ChildProcess::Options noBus;
+    noBus.environment["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=" + m_directory.Path("none");
+    noBus.input = "<a/>";
+    EXPECT_EQ(RunTool(QORD, {"--policy", m_policyFile}, noBus).exitCode, 1);
+    for (const Arguments& arguments : {Arguments{"set-policy", "-"}, {"status"}, {"listen"}})
+    {
+        EXPECT_EQ(RunTool(QORCTL, arguments, noBus).exitCode, 2) << arguments[0];
+    }
+}
+
+// Without a service on the bus, only what never came to sending ends with 64.
+TEST_F(Tools, WrongUsageSendsNothing)
+{
+    WriteFile(m_directory.Path("empty"), "");
+    for (const Arguments& arguments : {Arguments{},
+                                       {"no-such-command"},
+                                       {"set-policy"},
+                                       {"set-policy", m_directory.Path("missing")},
+                                       {"set-policy", m_directory.Path("empty")},
+                                       {"set-policy", m_directory.Path()},
+                                       {"set-policy", SAMPLE_POLICY, "more"},
+                                       {"--quiet", "--verbose", "status"},
+                                       {"listen", "--count", "0"},
+                                       {"listen", "--exec", "'unfinished"}})
+    {
+        const Outcome outcome = Qorctl(arguments);
+        EXPECT_TRUE(outcome.exitCode == 64 && !outcome.err.empty())
+            << testing::PrintToString(arguments);
+    }
+    for (const Arguments& arguments : {Arguments{"--keep", "-1"},
+                                       {"--min-free", "x"},
+                                       {"--policy"},
+                                       {"--policy", ""},
+                                       {"--policy", "x", "--event-timeout", "0"}})
+    {
+        EXPECT_EQ(RunTool(QORD, arguments).exitCode, 64) << testing::PrintToString(arguments);
+    }
+    Expect(0, "", "", {"set-policy", "--help"});
+    Expect(0, "qorctl ", "", {"--version"});
+    Expect(0, "/opt/usr/share/vantorix/velkin_qor_policy.xml", "", {"info"});
+}
+
+TEST_F(Tools, EveryListenerHearsOfStoredPoliciesOnly)
+{
+    auto qord = StartQord();
+    auto plain = StartListener({"--count", "2"});
+    auto json = StartListener({"--json", "--count", "2"});
+    const std::string ran = m_directory.Path("ran"), hook = m_directory.Path("hook");
+    WriteFile(hook, "echo \"$QOR_EVENT $1\" >>" + ran);
+    auto hooked = StartListener({"--count", "2", "--exec", "sh " + hook + " '*; not a shell'"});
+    auto failing = StartListener({"--count", "1", "--exec", "false"});
+    Expect(1, "not well-formed", "<a>");
+    Expect(0, "stored", "<a/>");
+    ASSERT_TRUE(qord->WaitForOut("event policy-update: 4 delivered, 0 failed"));
+    qord->Signal(SIGUSR1);
+    for (auto* pListener : {&plain, &json, &hooked, &failing})
+    {
+        EXPECT_EQ((*pListener)->Wait(), 0);
+    }
+    EXPECT_EQ(CountOf(plain->Out(), " policy-update\n"), 1U) << plain->Out();
+    EXPECT_EQ(CountOf(plain->Out(), " process-info\n"), 1U) << plain->Out();
+    EXPECT_EQ(CountOf(json->Out(), "\"event\":\"policy-update\"}\n"), 1U) << json->Out();
+    EXPECT_EQ(CountOf(json->Out(), "\n"), CountOf(json->Out(), "{\"time\":\"2")) << json->Out();
+    EXPECT_EQ(ReadFile(ran), "policy-update *; not a shell\nprocess-info *; not a shell\n");
+    EXPECT_NE(failing->Err().find("ended with status 1"), std::string::npos) << failing->Err();
+}
+
+TEST_F(Tools, ListenerSaysWhenTheServiceComesAndGoes)
+{
+    auto listener = StartTool(QORCTL, {"listen"});
+    ASSERT_TRUE(listener->WaitForOut("service vanished"));
+    auto qord = StartQord({"--process-info-interval", "1"});
+    EXPECT_TRUE(listener->WaitForOut("process-info"));
+    qord->Signal(SIGINT);
+    EXPECT_EQ(qord->Wait(), 0);
+    ASSERT_TRUE(WaitUntil([&] { return CountOf(listener->Out(), "service vanished") == 2; }));
+    qord = StartQord();
+    ASSERT_TRUE(WaitUntil([&] { return CountOf(listener->Out(), "service appeared") == 2; }));
+    listener->Signal(SIGINT);
+    EXPECT_EQ(listener->Wait(), 0);
+    listener = StartListener();
+    m_pBus->Kill();
+    EXPECT_EQ(qord->Wait(), 1);
+    EXPECT_EQ(listener->Wait(), 2);
+    EXPECT_EQ(CountOf(listener->Err(), "closed"), 1U) << listener->Err();
+    m_pBus->Restart();
+}
+
+TEST_F(Tools, ServiceManagerAndStatusKnowWhenTheServiceIsThere)
+{
+    const int notified = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {AF_UNIX, {}};
+    const std::string path = m_directory.Path("notify");
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(notified, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    auto qord = StartQord({"--test-bus-names"});
+    unsetenv("NOTIFY_SOCKET");
+    Expect(0, "process id " + std::to_string(qord->Pid()), "", {"status", "--test-bus-names"});
+    Expect(2, "", "", {"status"}); // which is a service of its own
+    qord->Signal(SIGTERM);
+    EXPECT_EQ(qord->Wait(), 0);
+    EXPECT_EQ(qord->Err(), "");
+    Expect(2, "", "", {"status", "--test-bus-names"});
+    char messages[2][32] = {};
+    for (auto& message : messages)
+    {
+        EXPECT_GT(recv(notified, message, sizeof message - 1, MSG_DONTWAIT), 0);
+    }
+    EXPECT_STREQ(messages[0], "READY=1");
+    EXPECT_STREQ(messages[1], "STOPPING=1");
+    close(notified);
+}
+
+} // namespace
