@@ -27,7 +27,8 @@ Outcome RunTool(const std::string& program, const Arguments& arguments,
                 const ChildProcess::Options& options = {});
 Outcome Qorctl(const Arguments& arguments, const std::string& input = "");
 
-std::unique_ptr<ChildProcess> StartTool(const std::string& program, const Arguments& arguments);
+std::unique_ptr<ChildProcess> StartTool(const std::string& program, const Arguments& arguments,
+                                        const ChildProcess::Options& options = {});
 
 /// How often a text occurs in another.
 std::size_t CountOf(const std::string& text, const std::string& part);
