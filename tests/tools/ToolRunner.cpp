@@ -59,11 +59,10 @@ std::unique_ptr<ChildProcess> ToolTest::StartQord(Arguments arguments)
     return qord;
 }
 
-std::unique_ptr<ChildProcess> ToolTest::StartListener(const Arguments& arguments)
+std::unique_ptr<ChildProcess> ToolTest::StartListener(Arguments arguments)
 {
-    Arguments all = {"listen"};
-    all.insert(all.end(), arguments.begin(), arguments.end());
-    auto listener = StartTool(QORCTL, all);
+    arguments.insert(arguments.begin(), "listen");
+    auto listener = StartTool(QORCTL, arguments);
     EXPECT_TRUE(listener->WaitForOut("appeared")) << listener->Err();
     SyncWithService();
     return listener;
