@@ -25,18 +25,15 @@ sendto(int, const void* pData, size_t size, int, const sockaddr*, socklen_t)
     return daemonError == 0 ? static_cast<ssize_t>(size) : -1;
 }
 
-namespace
-{
-
 // A string that the platform hands over.
-std::string Take(char* pText)
+static std::string Take(char* pText)
 {
     const std::string text = pText != nullptr ? pText : "(none)";
     free(pText);
     return text;
 }
 
-std::string Information(system_info_key_e key)
+static std::string Information(system_info_key_e key)
 {
     char* pText = nullptr;
     return system_info_get_value_string(key, &pText) == 0 ? Take(pText) : "(failed)";
@@ -128,5 +125,3 @@ TEST_F(HostLayer, UsbDisksAreTheOnesBelowARootHub)
     EXPECT_EQ(usb_device_fini(), 0);
     EXPECT_NE(usb_device_fini(), 0);
 }
-
-} // namespace
