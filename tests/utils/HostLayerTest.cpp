@@ -3,8 +3,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
-
 #include <gtest/gtest.h>
 
 #include <dlog.h>
@@ -13,6 +11,8 @@
 #include <vconf.h>
 
 #include "Tree.h"
+
+namespace fs = boost::filesystem;
 
 static std::string logged; // what the log daemon has got
 static int daemonError;    // and the error that it answers with
@@ -39,9 +39,8 @@ static std::string Information(system_info_key_e key)
     return system_info_get_value_string(key, &pText) == 0 ? Take(pText) : "(failed)";
 }
 
-class HostLayer : public testing::Test, protected qortest::Tree
+struct HostLayer : testing::Test, qortest::Tree
 {
-protected:
     HostLayer()
     {
         setenv("QOR_HOST_ROOT", At().c_str(), 1);
@@ -53,9 +52,10 @@ protected:
     {
         const std::string device = "devices/" + bus + "/host0/block/" + name;
         Write("sys/" + device + "/" + name + "1/partition");
-        boost::filesystem::create_directories(At("sys/class/block"));
-        Link("sys/class/block/" + name, "../../" + device);
-        Link("sys/class/block/" + name + "1", "../../" + device + "/" + name + "1");
+        fs::create_directories(At("sys/class/block"));
+        fs::create_symlink("../../" + device, At("sys/class/block/" + name));
+        fs::create_symlink("../../" + device + "/" + name + "1",
+                           At("sys/class/block/" + name + "1"));
     }
 };
 
@@ -93,10 +93,8 @@ TEST_F(HostLayer, SystemInformationHasTypes)
     Write("sys/class/dmi/id/product_name", "A Board \n");
     EXPECT_EQ(Information(SYSTEM_INFO_KEY_SYSTEM_NAME), "Some System");
     EXPECT_EQ(Information(SYSTEM_INFO_KEY_MODEL), "A Board");
-    EXPECT_EQ(Information(SYSTEM_INFO_KEY_MEMORY_MIB), "(failed)");
     int number = -5;
     EXPECT_NE(system_info_get_value_int(SYSTEM_INFO_KEY_MODEL, &number), 0);
-    EXPECT_EQ(number, -5);
     EXPECT_EQ(system_info_get_value_int(SYSTEM_INFO_KEY_PROCESSOR_COUNT, &number), 0);
     EXPECT_EQ(number, sysconf(_SC_NPROCESSORS_ONLN));
 }
@@ -111,16 +109,12 @@ TEST_F(HostLayer, UsbDisksAreTheOnesBelowARootHub)
     AddDisk("usb/platform", "sdx"); // looks like a root hub only
     AddDisk("pci0000:00/usb2/2-1/2-1:1.0", "sdc");
     AddDisk("pci0000:00/usb1/1-1/1-1:1.0", "sdb");
-    for (const char* mountPoint : {"", "/media/USB stick"})
-    {
-        ASSERT_EQ(usb_device_get_device_list(8, &list), 0);
-        EXPECT_EQ(usb_device_list_get_count(list), 2); // partitions are not devices
-        EXPECT_EQ(usb_device_list_get_first(list, &device), 0);
-        const char* path = usb_device_get_mountpath(device);
-        EXPECT_STREQ(path != nullptr ? path : "", mountPoint);
-        Write("proc/mounts", "/dev/sdc1 /media/c vfat rw 0 0\nsdb1 /virtual tmpfs rw 0 0\n"
-                             "/dev/sdb1 /media/USB\\040stick vfat rw 0 0\n");
-    }
+    Write("proc/mounts", "/dev/sdc1 /media/c vfat rw 0 0\nsdb1 /virtual tmpfs rw 0 0\n"
+                         "/dev/sdb1 /media/USB\\040stick vfat rw 0 0\n");
+    ASSERT_EQ(usb_device_get_device_list(8, &list), 0);
+    EXPECT_EQ(usb_device_list_get_count(list), 2); // partitions are not devices
+    EXPECT_EQ(usb_device_list_get_first(list, &device), 0);
+    EXPECT_STREQ(usb_device_get_mountpath(device), "/media/USB stick");
     EXPECT_NE(usb_device_get_device_list(3, &list), 0);
     EXPECT_EQ(usb_device_fini(), 0);
     EXPECT_NE(usb_device_fini(), 0);

@@ -24,11 +24,6 @@ struct Tree
         WriteFile(At(name), content);
         return At(name);
     }
-    std::string Link(const std::string& name, const std::string& target) const
-    {
-        boost::filesystem::create_symlink(target, At(name));
-        return At(name);
-    }
     TemporaryDirectory m_directory;
 };
 

@@ -24,12 +24,9 @@
 #include "Tree.h"
 
 namespace fs = boost::filesystem;
-using qor::TCDirsManager;
 using qor::TSFileSystem;
 using qortest::LogCapture;
-using qortest::ReadFile;
 
-// --- Buffer records ------------------------------------------------------------------------------
 // Few distinct values, so that equal ids are frequent; the flags are noise.
 TEST(BufferProperties, OrderIsAStrictWeakOrderOfUnsignedThenSignedIds)
 {
@@ -43,13 +40,11 @@ TEST(BufferProperties, OrderIsAStrictWeakOrderOfUnsignedThenSignedIds)
         record.SetSecondaryId(static_cast<short>(random() % 3 - 1));
         record.SetDestroyed(random() % 2 == 0);
     }
-    for (auto& a : records)
+    for (std::size_t i = 0; i < 3600; ++i)
     {
-        for (auto& b : records)
-        {
-            ASSERT_EQ(a(&a, &b), std::make_pair(a.GetBufferId(), a.GetSecondaryId()) <
-                                     std::make_pair(b.GetBufferId(), b.GetSecondaryId()));
-        }
+        auto &a = records[i / 60], &b = records[i % 60];
+        ASSERT_EQ(a(&a, &b), std::make_pair(a.GetBufferId(), a.GetSecondaryId()) <
+                                 std::make_pair(b.GetBufferId(), b.GetSecondaryId()));
     }
 }
 
@@ -68,60 +63,48 @@ TEST(BufferProperties, ConcurrentIdsAreDistinct)
     std::thread other(take, 0);
     take(1);
     other.join();
-    const std::set<unsigned int> distinct(ids.begin(), ids.end());
-    EXPECT_EQ(distinct.size(), 20000U);
-    // an id is the value after the increment
-    EXPECT_EQ(distinct.count(0xffffffff - 100), 0U);
+    ids.push_back(0xffffffff - 100); // an id is the value after the increment
+    EXPECT_EQ(std::set<unsigned int>(ids.begin(), ids.end()).size(), 20001U);
 }
 
-// --- Cached lookups ------------------------------------------------------------------------------
 static std::atomic<int> queries;
 static int result;
 static const char* text;
 
-struct Usb
+static struct Usb
 {
-    bool debugImage; // whether there is /etc/debug
+    const char* debugImage; // the file that stands for /etc/debug
     int listResult, count, firstResult;
     const char* mountPoint;
-};
-static Usb usb;
+} usb = {};
 static std::string calls;
 
-// Late enough for others to ask meanwhile.
-static char* Answer()
-{
-    ++queries;
-    usleep(20000);
-    return text != nullptr ? strdup(text) : nullptr;
-}
-
-#define QORTEST_PLATFORM(type, name, parameters, ...)                                              \
+#define PLATFORM(type, name, parameters, ...)                                                      \
     type name parameters                                                                           \
     {                                                                                              \
         return __VA_ARGS__;                                                                        \
     }
 
-QORTEST_PLATFORM(char*, vconf_get_str, (const char*), Answer())
-QORTEST_PLATFORM(int, system_info_get_value_int, (system_info_key_e, int* pValue), ++queries,
-                 *pValue = 42, result)
-QORTEST_PLATFORM(int, system_info_get_value_string, (system_info_key_e, char** pValue),
-                 *pValue = Answer(), result)
-QORTEST_PLATFORM(int, usb_device_init, (), calls += "init ", 0)
-QORTEST_PLATFORM(int, usb_device_fini, (), calls += "fini", 0)
-QORTEST_PLATFORM(int, usb_device_get_device_list, (int type, usb_device_list_h*),
-                 calls += "list-" + std::to_string(type) + " ", usb.listResult)
-QORTEST_PLATFORM(int, usb_device_list_get_count, (usb_device_list_h), usb.count)
-QORTEST_PLATFORM(int, usb_device_list_get_first, (usb_device_list_h, usb_device_h*),
-                 calls += "first ", usb.firstResult)
-QORTEST_PLATFORM(const char*, usb_device_get_mountpath, (usb_device_h), calls += "path ",
-                 usb.mountPoint)
+// Late enough for others to ask meanwhile.
+PLATFORM(char*, vconf_get_str, (const char*), ++queries, usleep(20000),
+         text ? strdup(text) : nullptr)
+PLATFORM(int, system_info_get_value_int, (system_info_key_e, int* p), ++queries, *p = 42, result)
+PLATFORM(int, system_info_get_value_string, (system_info_key_e, char** p), *p = vconf_get_str(""),
+         result)
+PLATFORM(int, usb_device_init, (), calls += "init ", 0)
+PLATFORM(int, usb_device_fini, (), calls += "fini", 0)
+PLATFORM(int, usb_device_get_device_list, (int type, usb_device_list_h*),
+         calls += type == 8 ? "list " : "?", usb.listResult)
+PLATFORM(int, usb_device_list_get_count, (usb_device_list_h), usb.count)
+PLATFORM(int, usb_device_list_get_first, (usb_device_list_h, usb_device_h*), calls += "first ",
+         usb.firstResult)
+PLATFORM(const char*, usb_device_get_mountpath, (usb_device_h), calls += "path ", usb.mountPoint)
 
 // Calls of the C library. One that is refused succeeds some times before, and is done nevertheless.
 static std::string refused;
 static int successes;
 
-#define QORTEST_REFUSABLE(type, failure, error, name, parameters, ...)                             \
+#define REFUSABLE(type, failure, error, name, parameters, ...)                                     \
     extern "C" __attribute__((visibility("default"))) type name parameters                         \
     {                                                                                              \
         static const auto real = reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name));       \
@@ -131,16 +114,12 @@ static int successes;
         return refuse ? failure : done;                                                            \
     }
 
-QORTEST_REFUSABLE(dirent*, nullptr, EIO, readdir, (DIR * pDirectory), pDirectory)
-QORTEST_REFUSABLE(int, -1, EPERM, chmod, (const char* path, mode_t mode) noexcept, path, mode)
-QORTEST_REFUSABLE(int, -1, EPERM, chown, (const char* path, uid_t user, gid_t group) noexcept, path,
-                  user, group)
-QORTEST_REFUSABLE(int, -1, EEXIST, mkdir, (const char* path, mode_t mode) noexcept, path, mode)
-QORTEST_REFUSABLE(int, -1, EIO, stat, (const char* path, struct stat* pStatus) noexcept,
-                  strcmp(path, "/etc/debug") != 0 ? path
-                  : usb.debugImage                ? "/"
-                                                  : "",
-                  pStatus)
+REFUSABLE(dirent*, nullptr, EIO, readdir, (DIR * p), p)
+REFUSABLE(int, -1, EPERM, chmod, (const char* path, mode_t mode) noexcept, path, mode)
+REFUSABLE(int, -1, EPERM, chown, (const char* path, uid_t u, gid_t g) noexcept, path, u, g)
+REFUSABLE(int, -1, EEXIST, mkdir, (const char* path, mode_t mode) noexcept, path, mode)
+REFUSABLE(int, -1, EIO, stat, (const char* path, struct stat* p) noexcept,
+          strcmp(path, "/etc/debug") != 0 ? path : usb.debugImage, p)
 
 // The caches last for the life of the process: no key is used twice.
 static std::string Lookup(int key)
@@ -149,10 +128,10 @@ static std::string Lookup(int key)
     std::string setting, value;
     int number = 0;
     const auto infoKey = static_cast<system_info_key_e>(key);
-    const bool found = Caches::GetVconfCachedString(std::to_string(key), setting);
-    const bool known = Caches::GetSystemInfoKeyCached(infoKey, value);
-    const bool counted = Caches::GetSystemInfoKeyCached(infoKey, number);
-    return std::to_string(found + known + counted) + setting + value + std::to_string(number);
+    const int found = Caches::GetVconfCachedString(std::to_string(key), setting) +
+                      Caches::GetSystemInfoKeyCached(infoKey, value) +
+                      Caches::GetSystemInfoKeyCached(infoKey, number);
+    return std::to_string(found) + setting + value + std::to_string(number);
 }
 
 TEST(CachingUtils, KeysAreAskedForUntilTheyHaveAnswersAndByOneThreadOnly)
@@ -176,65 +155,53 @@ TEST(CachingUtils, KeysAreAskedForUntilTheyHaveAnswersAndByOneThreadOnly)
     EXPECT_EQ(queries, 6);
 }
 
-// --- The policy on a USB stick -------------------------------------------------------------------
 TEST(DirsManager, PolicyOnTheFirstStickIsUsedOnDebugImages)
 {
     const std::string standard = "/opt/usr/share/vantorix/velkin_qor_policy.xml";
-    EXPECT_EQ(TCDirsManager::GetPolicyXmlPath(), standard);
+    EXPECT_EQ(qor::TCDirsManager::GetPolicyXmlPath(), standard);
     const qortest::Tree tree;
     const std::string policy = tree.Write("velkin/velkin_qor_policy.xml"), stick = tree.At();
-    const std::string mounted = "init list-8 first path fini", unlisted = "init list-8 fini";
+    const std::string mounted = "init list first path fini", unlisted = "init list fini";
     const struct
     {
         Usb usb;
         int mode; // from 1, which the library never writes
         std::string path, calls;
     } cases[] = {
-        {{false, 0, 1, 0, stick.c_str()}, 1, standard, ""},
-        {{true, 0, 1, 0, stick.c_str()}, 2, policy, mounted},
-        {{true, -1, 1, 0, stick.c_str()}, 1, standard, unlisted}, // the stick is gone
-        {{true, 0, 0, 0, stick.c_str()}, 1, standard, unlisted},
-        {{true, 0, -1, 0, stick.c_str()}, 1, standard, unlisted},
-        {{true, 0, 1, 7, stick.c_str()}, 1, standard, "init list-8 first fini"},
-        {{true, 0, 1, 0, "/nowhere"}, 0, standard, mounted},
-        {{true, 0, 1, 0, nullptr}, 0, standard, mounted}, // not mounted
+        {{"", 0, 1, 0, stick.c_str()}, 1, standard, ""},
+        {{"/", 0, 1, 0, stick.c_str()}, 2, policy, mounted},
+        {{"/", -1, 1, 0, stick.c_str()}, 1, standard, unlisted}, // the stick is gone
+        {{"/", 0, 0, 0, stick.c_str()}, 1, standard, unlisted},
+        {{"/", 0, -1, 0, stick.c_str()}, 1, standard, unlisted},
+        {{"/", 0, 1, 7, stick.c_str()}, 1, standard, "init list first fini"},
+        {{"/", 0, 1, 0, "/nowhere"}, 0, standard, mounted},
+        {{"/", 0, 1, 0, nullptr}, 0, standard, mounted}, // not mounted
     };
     for (const auto& expected : cases)
     {
         usb = expected.usb;
         calls.clear();
         LogCapture::Clear();
-        TCDirsManager::QORMode = 1;
-        TCDirsManager::Initialize();
+        qor::TCDirsManager::QORMode = 1;
+        qor::TCDirsManager::Initialize();
         SCOPED_TRACE(&expected - cases);
-        EXPECT_EQ(TCDirsManager::GetPolicyXmlPath(), expected.path);
-        EXPECT_EQ(TCDirsManager::QORMode, expected.mode);
+        EXPECT_EQ(qor::TCDirsManager::GetPolicyXmlPath(), expected.path);
+        EXPECT_EQ(qor::TCDirsManager::QORMode, expected.mode);
         EXPECT_EQ(calls, expected.calls);
-        EXPECT_EQ(LogCapture::Count(qortest::LOG_ERROR, "Default dirs will be returned!"),
-                  expected.mode == 1 ? 1U : 0U);
+        EXPECT_EQ(LogCapture::Count(qortest::LOG_ERROR, "Default dirs") == 1, expected.mode == 1);
     }
 }
 
-// --- The file system -----------------------------------------------------------------------------
 using Names = std::multiset<fs::path>;
 
-class FileSystem : public testing::Test, protected qortest::Tree
+struct FileSystem : testing::Test, qortest::Tree
 {
-protected:
-    ~FileSystem() override
-    {
-        refused.clear();
-    }
     Names Files(const std::string& extension) const
     {
         std::vector<fs::path> files;
         const bool ok = TSFileSystem::GetFiles(files, At(), extension);
         files.resize(files.size() + (ok ? 0 : 1), "failed");
         return Names(files.begin(), files.end());
-    }
-    unsigned int Mode(const std::string& name) const
-    {
-        return fs::status(At(name)).permissions();
     }
 };
 
@@ -251,21 +218,18 @@ TEST_F(FileSystem, ListingsSelectByExactExtensionAndByText)
     EXPECT_EQ(TSFileSystem::GetFileList(At(), "", At()).size(), 4U); // with the directory's path
     EXPECT_EQ(TSFileSystem::GetFileList(At(), "", "/two").front(), At("two.dots.xml"));
     EXPECT_EQ(TSFileSystem::GetDirList(At()), (std::set<fs::path>{At("a"), At("d.xml")}));
-    EXPECT_TRUE(TSFileSystem::GetDirList(At("none")).empty());
 }
 
 TEST_F(FileSystem, NamesAreBytesAndNoDirectoryIsVisitedTwice)
 {
     Write("sub \xfd/new\nline.x", "123");
     Write("sub \xfd/sp \xff\xfe.x", "12345");
-    Link("sub \xfd/up", "..");
-    Link("alias.x", "sub \xfd/new\nline.x");
+    fs::create_symlink("..", At("sub \xfd/up"));
+    fs::create_symlink("sub \xfd/new\nline.x", At("alias.x"));
     EXPECT_EQ(Files(".x"), (Names{"alias.x", "new\nline.x", "sp \xff\xfe.x"}));
     EXPECT_EQ(TSFileSystem::GetDirSize(At()), 11U);
-    constexpr std::uintmax_t GIB = 1024 * 1024 * 1024;
-    fs::resize_file(Write("a/sparse"), GIB * 5 / 2);
-    fs::resize_file(Write("b/sparse"), GIB * 5 / 2);
-    EXPECT_EQ(TSFileSystem::GetDirSize(At()), GIB + 11); // modulo 4 GiB
+    fs::resize_file(Write("a/sparse"), 0xfffffff8);
+    EXPECT_EQ(TSFileSystem::GetDirSize(At()), 3U); // modulo 4 GiB
     EXPECT_EQ(TSFileSystem::GetDirSize(At("none")), 0U);
     ASSERT_EQ(mkfifo(At("fifo").c_str(), 0600), 0); // which has no size
     EXPECT_THROW(TSFileSystem::GetDirSize(At()), fs::filesystem_error);
@@ -275,7 +239,7 @@ TEST_F(FileSystem, NamesAreBytesAndNoDirectoryIsVisitedTwice)
 // one that leads to itself has no status at all.
 TEST_F(FileSystem, OnlyTheLatestErrorOfAWalkCounts)
 {
-    Link("dangling", "nowhere");
+    fs::create_symlink("nowhere", At("dangling"));
     EXPECT_EQ(Files(""), Names{"failed"});
     Write("closed/file.x"); // opened later
     EXPECT_EQ(Files(""), Names());
@@ -292,7 +256,7 @@ TEST_F(FileSystem, OnlyTheLatestErrorOfAWalkCounts)
         EXPECT_EQ(Files(".x"), Names{"failed"});
         fs::permissions(At("closed"), fs::owner_all);
     }
-    Link("loop", "loop");
+    fs::create_symlink("loop", At("loop"));
     EXPECT_THROW(Files(""), fs::filesystem_error);
     EXPECT_THROW(TSFileSystem::GetDirList(At()), fs::filesystem_error);
 }
@@ -301,15 +265,11 @@ TEST_F(FileSystem, ExistenceTimeSpaceAndContents)
 {
     const std::string bytes("\0\1 \xff\n\r890", 9), file = Write("file", bytes);
     EXPECT_TRUE(TSFileSystem::FileExists(file) && TSFileSystem::FolderExists(At()));
-    EXPECT_FALSE(TSFileSystem::FileExists(Link("loop", "loop")));
-    LogCapture::Clear();
-    EXPECT_FALSE(TSFileSystem::FolderExists(file));
-    EXPECT_EQ(LogCapture::Count(qortest::LOG_ERROR, " > Path " + file + " exists but it is not"),
-              1U);
+    EXPECT_FALSE(TSFileSystem::FileExists(At("none")) || TSFileSystem::FolderExists(file));
     fs::last_write_time(file, 1234567890);
     EXPECT_EQ(TSFileSystem::GetLastModificationTime(file), 1234567890);
-    const double free = static_cast<double>(fs::space(At()).available) / (1024 * 1024);
-    EXPECT_NEAR(TSFileSystem::GetFreeSpaceSize(At()), free, 256); // others write meanwhile
+    const int free = static_cast<int>(fs::space(At()).available >> 20); // others write meanwhile
+    EXPECT_NEAR(TSFileSystem::GetFreeSpaceSize(At()), free, 256);
     EXPECT_EQ(TSFileSystem::GetFreeSpaceSize(At("none")), -1);
     std::vector<unsigned char> data(1000, 7);
     EXPECT_TRUE(TSFileSystem::GetFileContents(file, data));
@@ -327,13 +287,14 @@ TEST_F(FileSystem, MovesToUsbMediaAreCopiesWhichReplaceOnlyWhenAsked)
     const std::string stick = Write("media/USB0/file", "older");
     EXPECT_FALSE(TSFileSystem::CopyFile(source, stick, false));
     EXPECT_FALSE(TSFileSystem::MoveFile(source, stick, false));
-    EXPECT_EQ(ReadFile(stick), "older");
+    EXPECT_EQ(qortest::ReadFile(stick), "older");
     EXPECT_TRUE(TSFileSystem::MoveFile(source, stick, true));
     EXPECT_TRUE(TSFileSystem::CopyFile(source, other, true));
     EXPECT_TRUE(TSFileSystem::MoveFile(source, Write("target", "old"), false));
     EXPECT_FALSE(TSFileSystem::MoveFile(source, At("target"), true)); // it is gone
-    EXPECT_EQ(ReadFile(stick) + ReadFile(other) + ReadFile(At("target")), "newnewnew");
-    Link("tree", other);
+    EXPECT_EQ(qortest::ReadFile(stick) + qortest::ReadFile(other) + qortest::ReadFile(At("target")),
+              "newnewnew");
+    fs::create_symlink(other, At("tree"));
     EXPECT_TRUE(TSFileSystem::RemoveFile(At("none")) && TSFileSystem::RemoveFolder(At("none")));
     EXPECT_FALSE(TSFileSystem::RemoveFile(At("media")));
     EXPECT_TRUE(TSFileSystem::RemoveFolder(At("tree")) && fs::exists(other));
@@ -348,8 +309,9 @@ TEST_F(FileSystem, MakeDirOpensOnlyTheDirectoryItMade)
     EXPECT_FALSE(TSFileSystem::MakeDir(Write("file") + "/below/it", false));
     refused = "mkdir"; // somebody was faster
     EXPECT_TRUE(TSFileSystem::MakeDir(At("theirs"), true));
-    EXPECT_EQ(Mode("x/y"), 0755U);
-    EXPECT_EQ(Mode("x/y/z") & Mode("theirs"), 0777U);
+    EXPECT_EQ(fs::status(At("x/y")).permissions(), 0755U);
+    EXPECT_EQ(fs::status(At("x/y/z")).permissions() & fs::status(At("theirs")).permissions(),
+              0777U);
     refused = "chmod";
     EXPECT_TRUE(TSFileSystem::MakeDir(At("opt/media/USB0/new"), true));
     EXPECT_FALSE(TSFileSystem::MakeDir(At("media/USB0"), true));
@@ -357,7 +319,7 @@ TEST_F(FileSystem, MakeDirOpensOnlyTheDirectoryItMade)
     EXPECT_TRUE(TSFileSystem::SetPermissions(At("file"), fs::owner_read, 1, -1));
     EXPECT_TRUE(TSFileSystem::SetPermissions(At("file"), fs::add_perms | fs::group_read, -1, 1));
     EXPECT_FALSE(TSFileSystem::SetPermissions(At("file"), fs::add_perms | fs::group_read, 1, 1));
-    EXPECT_EQ(Mode("file"), 0440U);
+    EXPECT_EQ(fs::status(At("file")).permissions(), 0440U);
 }
 
 TEST_F(FileSystem, UniqueNamesCountBeforeTheLastDot)
@@ -369,11 +331,12 @@ TEST_F(FileSystem, UniqueNamesCountBeforeTheLastDot)
         Write("plain_" + std::to_string(i), "");
     }
     fs::path unique;
+    std::string names;
     for (const char* name : {"plain", "a.tar.gz", "new.xml"})
     {
         EXPECT_TRUE(TSFileSystem::GenerateUniqueName(At(), name, unique));
-        EXPECT_TRUE(unique == At("plain_1000") || unique == At("a.tar_1.gz") ||
-                    unique == At("new.xml"));
+        names += unique.string().substr(At().size());
     }
+    EXPECT_EQ(names, "/plain_1000/a.tar_1.gz/new.xml");
     EXPECT_FALSE(TSFileSystem::GenerateUniqueName(At("plain"), "x", unique)); // no directory
 }
