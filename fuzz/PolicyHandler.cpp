@@ -62,7 +62,8 @@ std::string ReadFile(const std::string& path)
 int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size)
 {
     static const TCDirectory directory;
-    static const qord::TCPolicyHandler handler(directory.File(), g_maxPolicySize);
+    static const qord::TCPolicyHandler handler(qord::TCPolicyStore(directory.File()),
+                                               g_maxPolicySize);
     const qor::TByteArray request = qorfuzz::Bytes(pData, size);
     const std::string before = ReadFile(directory.File());
 

@@ -11,6 +11,7 @@
 #include <boost/archive/binary_oarchive.hpp>
 #include <boost/serialization/string.hpp>
 
+#include <qor/QORDbusClient.h>
 #include <qor/api.h>
 
 #include "BusTest.h"
@@ -216,6 +217,21 @@ TEST_F(ControlProxy, ProcessExitsCleanlyWhileTheObjectIsHeld)
         m_service.AnswerWith(Result(0));
         static boost::shared_ptr<qor::IControl> held = qor::api::GetControl();
         EXPECT_EQ(held->SetPolicy("p"), 0);
+    });
+}
+
+TEST_F(ControlProxy, ProcessMayExitFromInsideAMessageCallback)
+{
+    QORTEST_IN_CHILD({
+        StartService();
+        qor::api::GetControl(); // the teardown lets go of the endpoint that runs the callback
+        qor::TCDbusClientProvider::Get(false)->SetCallback(
+            2, [](const Bytes&, Bytes&) -> bool { std::exit(0); });
+        EXPECT_TRUE(PumpUntil([&] { return m_service.Count("Hello") > 0; }));
+        const std::string client = m_service.Calls("Hello")[0].sender;
+        m_service.Post(client, SERVICE_PATH, "Send", Request(2, false));
+        PumpUntil([] { return false; });
+        std::abort(); // the message has not come
     });
 }
 

@@ -19,14 +19,14 @@ public:
     /// Clears both flags and sets both ids to 0.
     void Init();
 
-    bool IsDestroyed() const;
-    void SetDestroyed(bool destroyed);
+    bool IsDestroyed() const;          ///< Whether the buffer has been destroyed.
+    void SetDestroyed(bool destroyed); ///< Says whether the buffer has been destroyed.
 
-    bool IsPersistent() const;
-    void SetPersistent(bool persistent);
+    bool IsPersistent() const;           ///< Whether the buffer is persistent.
+    void SetPersistent(bool persistent); ///< Says whether the buffer is persistent.
 
-    unsigned int GetBufferId() const;
-    void SetBufferId(unsigned int id);
+    unsigned int GetBufferId() const;  ///< The buffer id, the first key of the order.
+    void SetBufferId(unsigned int id); ///< Sets the buffer id; the flags stay as they are.
 
     /// Takes a fresh id from a counter that all users of the ids share, and clears the destroyed
     /// flag. The counter goes up by one and its new value is the id, so a counter that starts at 0
@@ -36,8 +36,8 @@ public:
     /// @param pCounter  not null
     void SetBufferId(volatile unsigned int* pCounter);
 
-    short GetSecondaryId() const;
-    void SetSecondaryId(short id);
+    short GetSecondaryId() const;  ///< The secondary id, the second key of the order.
+    void SetSecondaryId(short id); ///< Sets the secondary id.
 
     /// Whether a orders before b: by buffer id, then by secondary id. The flags do not count, nor
     /// does the record that this is called on. Neither pointer may be null.

@@ -71,6 +71,7 @@ private:
 
     bool m_IsToBeCalled(const TSClient& client, int type, const TByteArray& data,
                         std::size_t& failed) const;
+    static int m_SendMessages(void* pMessages);
     static int m_SendMessage(void* pMessage);
     static void m_AsyncReadyCallback(GObject* pSource, GAsyncResult* pResult, void* pMessage);
     void m_AsyncReadyCallback(GObject* pSource, GAsyncResult* pResult, TSAsyncMessage* pMessage);

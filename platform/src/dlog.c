@@ -15,10 +15,15 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
+#include <time.h>
 #include <unistd.h>
 
 /* Longer lines are cut off. A pipe takes this much in one piece or not at all. */
 #define LINE_SIZE PIPE_BUF
+
+/* Where there is no log socket at all, nobody looks again for this long: a line that goes nowhere
+   would otherwise be formatted and offered at the price of one that arrives. */
+#define ABSENCE_MS 100U
 
 enum Sink
 {
@@ -29,6 +34,7 @@ enum Sink
 
 static atomic_int log_sink = SINK_UNDECIDED;
 static atomic_int log_socket = -1;
+static atomic_uint absent_since; /* when the socket was last found missing; 0: it was not */
 static pthread_mutex_t stderr_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 /* Decided by the first line, so that the environment is not read while the host changes it. */
@@ -94,6 +100,20 @@ static ssize_t write_to_stderr(const char* line, size_t length)
     return written;
 }
 
+/* Milliseconds of a clock that costs no system call; it wraps around. Never 0. */
+static unsigned int now(void)
+{
+    struct timespec time;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &time);
+    return ((unsigned int)time.tv_sec * 1000U + (unsigned int)(time.tv_nsec / 1000000)) | 1U;
+}
+
+static bool is_known_absent(void)
+{
+    const unsigned int since = atomic_load_explicit(&absent_since, memory_order_relaxed);
+    return since != 0 && now() - since < ABSENCE_MS;
+}
+
 static int open_socket(void)
 {
     int fd = atomic_load(&log_socket);
@@ -116,7 +136,7 @@ static int open_socket(void)
 }
 
 /* The socket is never connected: each line finds the log daemon by its path, so a daemon that has
-   been restarted gets the next line. */
+   been restarted gets the next line, or the first one after ABSENCE_MS if its socket was gone. */
 static ssize_t write_to_syslog(const char* line, size_t length)
 {
     static const struct sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = "/dev/log"};
@@ -129,6 +149,8 @@ static ssize_t write_to_syslog(const char* line, size_t length)
         }
         const ssize_t sent = sendto(fd, line, length, MSG_DONTWAIT | MSG_NOSIGNAL,
                                     (const struct sockaddr*)&address, (socklen_t)sizeof address);
+        atomic_store_explicit(&absent_since, sent < 0 && errno == ENOENT ? now() : 0U,
+                              memory_order_relaxed);
         if (sent >= 0 || (errno != EBADF && errno != ENOTSOCK && errno != EISCONN))
         {
             return sent;
@@ -144,6 +166,10 @@ int __dlog_print(int log_id, int priority, const char* tag, const char* format, 
     const int saved_errno = errno;
     char line[LINE_SIZE];
     const int sink = choose_sink();
+    if (sink == SINK_SYSLOG && is_known_absent())
+    {
+        return 0;
+    }
     const char* name = tag != NULL ? tag : "";
 
     int result;

@@ -2,6 +2,8 @@
 #ifndef QORTEST_BUSTEST_H
 #define QORTEST_BUSTEST_H
 
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdlib>
 #include <future>
@@ -56,6 +58,7 @@ inline std::string NoBusAddress()
     GTEST_FLAG_SET(death_test_style, "threadsafe");                                                \
     EXPECT_EXIT(                                                                                   \
         {                                                                                          \
+            alarm(120); /* a child that hangs fails */                                             \
             statement;                                                                             \
             std::exit(::testing::Test::HasFailure() ? 1 : 0);                                      \
         },                                                                                         \

@@ -152,6 +152,34 @@ void FreeObject(gpointer p)
 
 const GDBusInterfaceVTable OBJECT_VTABLE = {&RunMethod, nullptr, nullptr, {nullptr}};
 
+// --- Message filters -----------------------------------------------------------------------------
+
+struct Filter
+{
+    GDBusMessageFilterFunction function;
+    gpointer data;
+    GDestroyNotify notify;
+};
+
+GDBusMessage* RunFilter(GDBusConnection* pConnection, GDBusMessage* pMessage, gboolean isIncoming,
+                        gpointer p)
+{
+    Filter* const pFilter = static_cast<Filter*>(p);
+    const Edge edge(pFilter);
+    return pFilter->function(pConnection, pMessage, isIncoming, pFilter->data);
+}
+
+void FreeFilter(gpointer p)
+{
+    Filter* const pFilter = static_cast<Filter*>(p);
+    __tsan_acquire(pFilter);
+    if (pFilter->notify != nullptr)
+    {
+        pFilter->notify(pFilter->data);
+    }
+    delete pFilter;
+}
+
 // --- Completions ---------------------------------------------------------------------------------
 
 struct Completion
@@ -257,6 +285,16 @@ QORTEST_EXPORT guint g_dbus_connection_register_object(GDBusConnection* pConnect
         delete pObject; // GLib does not free the user data of an object that it refuses
     }
     return id;
+}
+
+QORTEST_EXPORT guint g_dbus_connection_add_filter(GDBusConnection* pConnection,
+                                                  GDBusMessageFilterFunction function,
+                                                  gpointer data, GDestroyNotify notify)
+{
+    static const auto next = Next(&g_dbus_connection_add_filter, "g_dbus_connection_add_filter");
+    Filter* const pFilter = new Filter{function, data, notify};
+    __tsan_release(pFilter);
+    return next(pConnection, &RunFilter, pFilter, &FreeFilter);
 }
 
 QORTEST_EXPORT void g_dbus_proxy_call(GDBusProxy* pProxy, const gchar* method,

@@ -1,5 +1,6 @@
 // The policy file is whole at every moment, and a failure leaves no trace.
 #include <csignal>
+#include <set>
 #include <string>
 
 #include <boost/filesystem.hpp>
@@ -159,6 +160,49 @@ TEST_F(PolicyStore, ReadersAndCrashesSeeOneTextOrTheOther)
     EXPECT_TRUE(Store(m_path, "after the crash"));
     EXPECT_EQ(ReadFile(m_path), "after the crash");
     EXPECT_EQ(CountEntries(m_directory.Path()), 1);
+}
+
+TEST_F(PolicyStore, LatestReplacedPoliciesAreKept)
+{
+    const qord::TCPolicyStore store(m_path, {2, 0});
+    std::string error;
+    for (const char* text : {"1", "2", "3", "4"})
+    {
+        ASSERT_TRUE(store.Store(text, error)) << error;
+    }
+    WriteFile(m_directory.Path("policy_new.xml"), "not a copy");
+    ASSERT_TRUE(store.Store("5", error)) << error;
+
+    EXPECT_EQ(ReadFile(m_path), "5");
+    std::multiset<std::string> copies;
+    for (const auto& entry : boost::filesystem::directory_iterator(m_directory.Path()))
+    {
+        copies.insert(ReadFile(entry.path().string()));
+    }
+    EXPECT_EQ(copies, (std::multiset<std::string>{"3", "4", "5", "not a copy"}));
+}
+
+TEST_F(PolicyStore, FailureLeavesNoCopyAndTooLittleSpaceIsOne)
+{
+    std::string error;
+    ASSERT_TRUE(Store(m_path, "old"));
+    EXPECT_FALSE(qord::TCPolicyStore(m_path, {0, 1000000000}).Store("new", error));
+    EXPECT_NE(error.find("1000000000 MiB"), std::string::npos) << error;
+    EXPECT_EQ(ReadFile(m_path), "old");
+
+    // In place of the temporary file, so that the copy succeeds and the replacement does not.
+    boost::filesystem::create_directories(m_directory.Path(".policy.xml.new/in-the-way"));
+    EXPECT_FALSE(qord::TCPolicyStore(m_path, {3, 0}).Store("new", error));
+    EXPECT_EQ(ReadFile(m_path), "old");
+    EXPECT_EQ(CountEntries(m_directory.Path()), 2);
+}
+
+TEST_F(PolicyStore, MissingDirectoryIsMade)
+{
+    const std::string path = m_directory.Path("a/b/policy.xml");
+    EXPECT_FALSE(Store(path, "text"));
+    qord::TCPolicyStore(path).MakeDirectory();
+    EXPECT_TRUE(Store(path, "text"));
 }
 
 } // namespace

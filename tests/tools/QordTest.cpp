@@ -4,6 +4,7 @@
 
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include "RawPeer.h"
@@ -48,8 +49,8 @@ TEST_F(Qord, WhatKeepsItFromServingEndsIt)
     EXPECT_NE(unreachable.err.find("cannot reach the system bus"), std::string::npos);
 
     for (const Arguments& arguments :
-         {Arguments{}, Arguments{"--policy"}, Arguments{"--policy", ""},
-          Arguments{"--policy", m_policyFile, "--event-timeout", "0"},
+         {Arguments{"--keep", "-1"}, Arguments{"--min-free", "x"}, Arguments{"--policy"},
+          Arguments{"--policy", ""}, Arguments{"--policy", m_policyFile, "--event-timeout", "0"},
           Arguments{"--policy", m_policyFile, "--process-info-interval", "-3"}})
     {
         EXPECT_EQ(RunTool(QORD, arguments).exitCode, 64) << testing::PrintToString(arguments);
@@ -126,6 +127,30 @@ TEST_F(Qord, HostileRequestsAreRefusedAndItLivesOn)
     EXPECT_EQ(Qorctl({"set-policy", "-"}, "<new/>").exitCode, 0);
     qord->Signal(SIGTERM);
     EXPECT_EQ(qord->Wait(), 0);
+}
+
+TEST_F(Qord, KeepsCopiesOfReplacedPolicies)
+{
+    auto qord = StartQord({"--keep", "1", "--min-free", "1"});
+    for (const char* text : {"<a/>", "<b/>", "<c/>"})
+    {
+        EXPECT_EQ(Qorctl({"set-policy", "-"}, text).exitCode, 0);
+    }
+    EXPECT_EQ(StoredPolicy(), "<c/>");
+    // The number is free again only after the next copy has been made.
+    EXPECT_EQ(ReadFile(m_directory.Path("policy_2.xml")), "<b/>");
+    EXPECT_EQ(ReadFile(m_directory.Path("policy_1.xml")), "");
+}
+
+TEST_F(Qord, InfoTellsPolicyAndPlatformWithoutService)
+{
+    const Outcome info = Qorctl({"info"});
+    EXPECT_EQ(info.exitCode, 0);
+    EXPECT_NE(info.out.find("/opt/usr/share/vantorix/velkin_qor_policy.xml"), std::string::npos);
+    struct utsname system;
+    ASSERT_EQ(uname(&system), 0);
+    EXPECT_NE(info.out.find(std::string(system.release)), std::string::npos) << info.out;
+    EXPECT_EQ(info.out.find("unknown"), std::string::npos) << info.out;
 }
 
 } // namespace

@@ -48,7 +48,7 @@ TEST_F(SetPolicy, RefusalsAreSaidInWordsAndChangeNothing)
     EXPECT_NE(malformed.err.find("not well-formed"), std::string::npos) << malformed.err;
     EXPECT_EQ(StoredPolicy(), "<old/>");
 
-    m_policyFile = m_directory.Path("missing/policy.xml");
+    m_policyFile += "/below-a-file.xml";
     qord->Signal(SIGTERM);
     EXPECT_EQ(qord->Wait(), 0);
     qord = StartQord();

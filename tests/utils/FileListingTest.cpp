@@ -119,7 +119,7 @@ TEST_F(FileListingTest, OnlyTheLatestErrorOfAWalkCounts)
     EXPECT_EQ(Files(""), TLines{last == "dangling" ? "false" : "true"});
     MakeDirectory("sub");
     EXPECT_EQ(Files(""), TLines{"true"});
-    EXPECT_EQ(TSFileSystem::GetFileList(At(""), "", ""), std::list<fs::path>());
+    EXPECT_TRUE(TSFileSystem::GetFileList(At(""), ".y", "").empty());
     EXPECT_THROW(TSFileSystem::GetDirSize(At("")), fs::filesystem_error);
 
     Link("loop", "loop");

@@ -7,6 +7,7 @@
 namespace qorctl
 {
 
+int Info(const TSOptions& options);
 int SetPolicy(const TSOptions& options);
 int Listen(const TSOptions& options);
 int Status(const TSOptions& options);

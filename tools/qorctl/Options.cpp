@@ -53,6 +53,14 @@ void AddStatus(CLI::App& app, TSOptions& options)
     pCommand->callback([&options] { options.m_command = ECommand::STATUS; });
 }
 
+void AddInfo(CLI::App& app, TSOptions& options)
+{
+    CLI::App* pCommand = app.add_subcommand(
+        "info", "Print where the platform has its policy, and what platform this is");
+    pCommand->footer("Needs no service and no bus. Exit status: 0.");
+    pCommand->callback([&options] { options.m_command = ECommand::INFO; });
+}
+
 } // namespace
 
 std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitStatus)
@@ -65,6 +73,7 @@ std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitSta
     AddSetPolicy(app, options);
     AddListen(app, options);
     AddStatus(app, options);
+    AddInfo(app, options);
     try
     {
         app.parse(count, pArguments);

@@ -12,7 +12,8 @@ enum class ECommand
 {
     SET_POLICY,
     LISTEN,
-    STATUS
+    STATUS,
+    INFO
 };
 
 struct TSOptions

@@ -18,6 +18,8 @@ int RunCommand(const qorctl::TSOptions& options)
         return qorctl::SetPolicy(options);
     case qorctl::ECommand::LISTEN:
         return qorctl::Listen(options);
+    case qorctl::ECommand::INFO:
+        return qorctl::Info(options);
     case qorctl::ECommand::STATUS:
         break;
     }

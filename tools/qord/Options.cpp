@@ -9,6 +9,17 @@
 
 namespace qord
 {
+namespace
+{
+
+CLI::Validator NotEmpty()
+{
+    return CLI::Validator([](const std::string& text)
+                          { return text.empty() ? "the name of a file is missing" : ""; },
+                          "");
+}
+
+} // namespace
 
 std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitStatus)
 {
@@ -18,9 +29,20 @@ std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitSta
                  "SIGTERM and SIGINT stop it.",
                  "qord");
     app.set_version_flag("--version", std::string("qord ") + QOR_VERSION);
-    app.add_option("--policy", options.m_policyFile, "The policy file to keep")
-        ->required()
-        ->type_name("FILE");
+    app.add_option("--policy", options.m_policyFile,
+                   "The policy file to keep; without it, where the platform has its policy")
+        ->type_name("FILE")
+        ->check(NotEmpty());
+    app.add_option("--keep", options.m_storeRules.m_copies,
+                   "Keep so many copies of replaced policies beside the file")
+        ->type_name("N")
+        ->check(CLI::Range(0, 1000))
+        ->capture_default_str();
+    app.add_option("--min-free", options.m_storeRules.m_minFreeMiB,
+                   "Store nothing when less space than that is left")
+        ->type_name("MIB")
+        ->check(CLI::Range(0, 1000000))
+        ->capture_default_str();
     app.add_option("--max-policy-size", options.m_maxPolicySize,
                    "Refuse larger policies; the bus sets a limit of its own")
         ->type_name("BYTES")
@@ -46,12 +68,6 @@ std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitSta
     catch (const CLI::ParseError& error)
     {
         exitStatus = app.exit(error) == 0 ? tools::EXIT_OK : tools::EXIT_WRONG_USAGE;
-        return std::nullopt;
-    }
-    if (options.m_policyFile.empty())
-    {
-        std::cerr << "--policy: the name of a file is missing\n";
-        exitStatus = tools::EXIT_WRONG_USAGE;
         return std::nullopt;
     }
     return options;

@@ -6,13 +6,16 @@
 #include <optional>
 #include <string>
 
+#include "qord/PolicyStore.h"
+
 namespace qord
 {
 
 struct TSOptions
 {
-    std::string m_policyFile;
+    std::string m_policyFile; ///< Empty: where the platform has its policy.
     std::size_t m_maxPolicySize = std::size_t{16} * 1024 * 1024;
+    TSStoreRules m_storeRules;
     bool m_testNames = false;
     int m_eventTimeoutMs = 2000;
     unsigned int m_processInfoSeconds = 0; ///< 0: only when asked for.

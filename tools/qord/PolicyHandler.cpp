@@ -12,8 +12,8 @@
 namespace qord
 {
 
-TCPolicyHandler::TCPolicyHandler(std::string policyFile, std::size_t maxPolicySize)
-    : m_store(std::move(policyFile)), m_maxPolicySize(maxPolicySize)
+TCPolicyHandler::TCPolicyHandler(TCPolicyStore store, std::size_t maxPolicySize)
+    : m_store(std::move(store)), m_maxPolicySize(maxPolicySize)
 {
 }
 

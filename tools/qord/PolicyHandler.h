@@ -18,7 +18,7 @@ namespace qord
 class TCPolicyHandler
 {
 public:
-    TCPolicyHandler(std::string policyFile, std::size_t maxPolicySize);
+    TCPolicyHandler(TCPolicyStore store, std::size_t maxPolicySize);
 
     /// @return false for a request that is not a policy; else the answer, one of
     ///         qor::EPolicyResult, is in reply and result

@@ -11,6 +11,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <qor/QORFileSystem.h>
+
+#include "qord/PolicyCopies.h"
+
 namespace qord
 {
 namespace
@@ -188,10 +192,15 @@ const struct stat* LookAtTarget(int directory, const std::string& name, struct s
     return &status;
 }
 
+boost::filesystem::path Directory(const boost::filesystem::path& file)
+{
+    return file.has_parent_path() ? file.parent_path() : ".";
+}
+
 void Replace(const boost::filesystem::path& target, const std::string& text)
 {
     const std::string name = target.filename().string();
-    const std::string parent = target.has_parent_path() ? target.parent_path().string() : ".";
+    const std::string parent = Directory(target).string();
     // All steps are taken in the directory opened here, whatever happens to its path meanwhile.
     const TCFile directory(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (directory.Get() < 0)
@@ -211,15 +220,35 @@ void Replace(const boost::filesystem::path& target, const std::string& text)
     }
 }
 
+void RefuseWithoutSpace(const boost::filesystem::path& target, int minFreeMiB)
+{
+    if (minFreeMiB > 0 && qor::TSFileSystem::GetFreeSpaceSize(Directory(target)) < minFreeMiB)
+    {
+        Fail("less than " + std::to_string(minFreeMiB) + " MiB are left", ENOSPC);
+    }
+}
+
 } // namespace
 
-TCPolicyStore::TCPolicyStore(std::string path) : m_path(std::move(path)) {}
+TCPolicyStore::TCPolicyStore(std::string path, TSStoreRules rules)
+    : m_path(std::move(path)), m_rules(rules)
+{
+}
+
+void TCPolicyStore::MakeDirectory() const
+{
+    const boost::filesystem::path directory = boost::filesystem::path(m_path).parent_path();
+    if (!directory.empty())
+    {
+        qor::TSFileSystem::MakeDir(directory, false);
+    }
+}
 
 bool TCPolicyStore::Store(const std::string& text, std::string& error) const
 {
     try
     {
-        Replace(FollowLinks(m_path), text);
+        m_Store(text);
         return true;
     }
     catch (const std::system_error& exception)
@@ -227,6 +256,29 @@ bool TCPolicyStore::Store(const std::string& text, std::string& error) const
         error = m_path + ": " + exception.what();
         return false;
     }
+}
+
+void TCPolicyStore::m_Store(const std::string& text) const
+{
+    const boost::filesystem::path target = FollowLinks(m_path);
+    RefuseWithoutSpace(target, m_rules.m_minFreeMiB);
+
+    const TCPolicyCopies copies(target, m_rules.m_copies);
+    boost::filesystem::path copy;
+    if (!copies.Keep(copy))
+    {
+        Fail("keeping a copy of the old policy", EIO);
+    }
+    try
+    {
+        Replace(target, text);
+    }
+    catch (const std::system_error&)
+    {
+        copies.Drop(copy);
+        throw;
+    }
+    copies.RemoveOld();
 }
 
 } // namespace qord

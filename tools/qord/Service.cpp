@@ -21,7 +21,8 @@ namespace qord
 {
 
 TCService::TCService(const TSOptions& options)
-    : m_options(options), m_handler(options.m_policyFile, options.m_maxPolicySize)
+    : m_options(options),
+      m_handler(TCPolicyStore(options.m_policyFile, options.m_storeRules), options.m_maxPolicySize)
 {
 }
 

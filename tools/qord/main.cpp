@@ -2,9 +2,11 @@
 #include <exception>
 
 #include <qor/QORDebug.h>
+#include <qor/QORDirsManager.h>
 
 #include "common/ExitStatus.h"
 #include "qord/Options.h"
+#include "qord/PolicyStore.h"
 #include "qord/Report.h"
 #include "qord/Service.h"
 
@@ -13,13 +15,19 @@ int main(int count, char** pArguments)
     try
     {
         int exitStatus = tools::EXIT_OK;
-        const auto options = qord::ParseOptions(count, pArguments, exitStatus);
+        auto options = qord::ParseOptions(count, pArguments, exitStatus);
         if (!options)
         {
             return exitStatus;
         }
         qor::TCDebug::m_instance.EnableStdoutLog(options->m_verbose);
         qor::TCDebug::m_instance.EnableFileLog(options->m_logFile);
+        if (options->m_policyFile.empty())
+        {
+            qor::TCDirsManager::Initialize();
+            options->m_policyFile = qor::TCDirsManager::GetPolicyXmlPath();
+        }
+        qord::TCPolicyStore(options->m_policyFile).MakeDirectory();
         return qord::TCService(*options).Run();
     }
     catch (const std::exception& exception)

@@ -36,7 +36,7 @@ struct TCDbusServer::TSAsyncMessage
     std::promise<bool> m_promise;
     std::future<bool> m_future;
     TGlibPtr<GDBusProxy> m_pProxy;
-    GVariant* m_pParameters; // floating; the call takes it over
+    GVariant* m_pParameters; // all calls of an event share one envelope, which SendMessage owns
     int m_timeout;
 };
 
@@ -264,6 +264,7 @@ std::pair<std::size_t, std::size_t> TCDbusServer::SendMessage(int type, const TB
 {
     std::size_t succeeded = 0;
     std::size_t failed = 0;
+    TGlibPtr<GVariant> pEnvelope;
     std::list<TSAsyncMessage> messages;
     {
         const boost::shared_lock<boost::shared_mutex> lock(t_stateMutex);
@@ -280,12 +281,25 @@ std::pair<std::size_t, std::size_t> TCDbusServer::SendMessage(int type, const TB
                 messages.emplace_back(this, entry.second.m_pProxy.get());
             }
         }
-        for (TSAsyncMessage& message : messages)
+        if (!messages.empty())
         {
-            t_ConvertBytes(type, false, data, message.m_pParameters);
-            message.m_timeout = timeout;
-            g_main_context_invoke(m_pContext.get(), &TCDbusServer::m_SendMessage, &message);
+            GVariant* pParameters = nullptr;
+            t_ConvertBytes(type, false, data, pParameters);
+            pEnvelope.reset(g_variant_ref_sink(pParameters));
+            for (TSAsyncMessage& message : messages)
+            {
+                message.m_pParameters = pEnvelope.get();
+                message.m_timeout = timeout;
+            }
+            // In one piece: the loop thread is woken once, not once for each client.
+            g_main_context_invoke(m_pContext.get(), &TCDbusServer::m_SendMessages, &messages);
         }
+    }
+    if (!messages.empty())
+    {
+        // Outcomes come about in order. Who waits for the last one first sleeps once, not once for
+        // each client.
+        messages.back().m_future.wait();
     }
     for (; !messages.empty(); messages.pop_front())
     {
@@ -321,6 +335,15 @@ bool TCDbusServer::m_IsToBeCalled(const TSClient& client, int type, const TByteA
         return false;
     }
     return true;
+}
+
+int TCDbusServer::m_SendMessages(void* pMessages)
+{
+    for (TSAsyncMessage& message : *static_cast<std::list<TSAsyncMessage>*>(pMessages))
+    {
+        m_SendMessage(&message);
+    }
+    return G_SOURCE_REMOVE;
 }
 
 int TCDbusServer::m_SendMessage(void* pMessage)

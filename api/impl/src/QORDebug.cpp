@@ -5,9 +5,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdarg>
 #include <cstring>
+#include <iterator>
+#include <limits>
 #include <string>
+#include <string_view>
 
 #include <perf_marker.h>
 
@@ -25,18 +29,64 @@ namespace
 
 constexpr std::size_t BUFFER_SIZE = 256;
 
-// Formats prefix and message into the buffer; what does not fit is cut off.
-void FormatLine(char (&buffer)[BUFFER_SIZE], const char* className, const char* function,
-                unsigned int line, const char* format, va_list arguments)
+// Builds one line in a buffer of the caller's; what does not fit is cut off. The prefix is put
+// together by hand: a formatted print of it would cost as much as that of the message.
+class TCLine
 {
-    const int prefix = snprintf(buffer, BUFFER_SIZE, "QOR >%s:%s:%zu< ", className, function,
-                                static_cast<std::size_t>(line));
-    const std::size_t used =
-        prefix < 0 ? 0 : std::min(static_cast<std::size_t>(prefix), BUFFER_SIZE - 1);
+public:
+    explicit TCLine(char (&buffer)[BUFFER_SIZE]) : m_buffer(buffer), m_length(0) {}
+
+    void Format(const char* className, const char* function, unsigned int line, const char* format,
+                va_list arguments)
+    {
+        char digits[std::numeric_limits<unsigned int>::digits10 + 1];
+        const char* pEnd = std::to_chars(std::begin(digits), std::end(digits), line).ptr;
+        m_Append("QOR >");
+        m_Append(className != nullptr ? className : "(null)");
+        m_Append(":");
+        m_Append(function != nullptr ? function : "(null)");
+        m_Append(":");
+        m_Append(std::string_view(digits, static_cast<std::size_t>(pEnd - digits)));
+        m_Append("< ");
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral" // the caller's format is checked at the call
-    vsnprintf(buffer + used, BUFFER_SIZE - used, format, arguments);
+        const int printed =
+            vsnprintf(m_buffer + m_length, BUFFER_SIZE - m_length, format, arguments);
 #pragma GCC diagnostic pop
+        if (printed > 0)
+        {
+            m_length = std::min(m_length + static_cast<std::size_t>(printed), BUFFER_SIZE - 1);
+        }
+    }
+
+    std::size_t Length() const
+    {
+        return m_length;
+    }
+
+    // The line with its newline, which takes the place of a terminator.
+    std::string_view WithNewline()
+    {
+        m_buffer[m_length] = '\n';
+        return std::string_view(m_buffer, m_length + 1);
+    }
+
+private:
+    void m_Append(std::string_view text)
+    {
+        const std::size_t taken = std::min(text.size(), BUFFER_SIZE - 1 - m_length);
+        memcpy(m_buffer + m_length, text.data(), taken);
+        m_length += taken;
+    }
+
+    char* m_buffer;
+    std::size_t m_length;
+};
+
+// One call for the whole line, so that the lines of several threads do not mix.
+void Print(FILE* pFile, std::string_view line)
+{
+    fwrite(line.data(), 1, line.size(), pFile);
 }
 
 } // namespace
@@ -82,17 +132,18 @@ void TCDebug::External(const char* className, const char* function, unsigned int
     char buffer[BUFFER_SIZE];
     va_list arguments;
     va_start(arguments, format);
-    FormatLine(buffer, className, function, line, format, arguments);
+    TCLine text(buffer);
+    text.Format(className, function, line, format, arguments);
     va_end(arguments);
 
     if (m_fileLog && m_pLogFile != nullptr)
     {
-        fprintf(m_pLogFile, "%s\n", buffer);
+        Print(m_pLogFile, text.WithNewline());
         fflush(m_pLogFile);
     }
     if (m_stdoutLog)
     {
-        printf("%s\n", buffer);
+        Print(stdout, text.WithNewline());
     }
 }
 
@@ -102,9 +153,10 @@ void TCDebug::Perf(const char* className, const char* function, unsigned int lin
     char buffer[BUFFER_SIZE];
     va_list arguments;
     va_start(arguments, format);
-    FormatLine(buffer, className, function, line, format, arguments);
+    TCLine text(buffer);
+    text.Format(className, function, line, format, arguments);
     va_end(arguments);
-    perf_marker(buffer, strlen(buffer));
+    perf_marker(buffer, text.Length());
 }
 
 void TCDebug::Assert(const char* file, unsigned int line)

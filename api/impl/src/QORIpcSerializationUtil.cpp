@@ -29,7 +29,8 @@ void TCIpcSerializationUtil::ConvertData(std::stringstream& stream,
         QOR_ASSERT_FAILED();
         return;
     }
-    data.assign(content.begin(), content.end());
+    const auto* bytes = reinterpret_cast<const unsigned char*>(content.data());
+    data.assign(bytes, bytes + content.size());
 }
 
 } // namespace qor

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstring>
 #include <sstream>
+#include <streambuf>
 
 #include <boost/archive/archive_exception.hpp>
 #include <boost/archive/binary_iarchive.hpp>
@@ -17,6 +18,36 @@ namespace qor
 
 namespace
 {
+
+// What an archive writes beside a string's bytes: its own header and the string's length.
+constexpr std::size_t ARCHIVE_ROOM = 64;
+
+// Lets an archive write straight into a byte array. A policy may be large, and a string stream
+// would hold it twice more on the way.
+class TCByteArrayBuffer : public std::streambuf
+{
+public:
+    explicit TCByteArrayBuffer(TByteArray& bytes) : m_bytes(bytes) {}
+
+protected:
+    std::streamsize xsputn(const char* pText, std::streamsize count) override
+    {
+        const auto* pBytes = reinterpret_cast<const unsigned char*>(pText);
+        m_bytes.insert(m_bytes.end(), pBytes, pBytes + count);
+        return count;
+    }
+    int_type overflow(int_type character) override
+    {
+        if (character != traits_type::eof())
+        {
+            m_bytes.push_back(static_cast<unsigned char>(character));
+        }
+        return traits_type::not_eof(character);
+    }
+
+private:
+    TByteArray& m_bytes;
+};
 
 // An archive begins with the length of its signature, and opening it allocates that much before it
 // looks at the signature. A length that the reply cannot hold is no archive's, so it ends the same
@@ -40,10 +71,11 @@ void RefuseOverlongSignature(const TByteArray& reply)
 
 void WritePolicyRequest(const std::string& policy, TByteArray& request)
 {
-    std::stringstream stream;
-    boost::archive::binary_oarchive archive(stream);
+    request.clear();
+    request.reserve(policy.size() + ARCHIVE_ROOM);
+    TCByteArrayBuffer buffer(request);
+    boost::archive::binary_oarchive archive(buffer);
     archive << policy;
-    TCIpcSerializationUtil::ConvertData(stream, request);
 }
 
 int ReadPolicyReply(const TByteArray& reply)

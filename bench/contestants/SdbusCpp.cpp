@@ -1,0 +1,81 @@
+// sdbus-c++ in its convenience form, as its users write it.
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include "Channel.h"
+#include "Session.h"
+
+namespace
+{
+
+using namespace qorbench;
+using TBytes = std::vector<uint8_t>;
+
+int Serve(const char* busName)
+{
+    Session session;
+    const std::unique_ptr<sdbus::IConnection> connection =
+        sdbus::createSystemBusConnection(busName);
+    const std::unique_ptr<sdbus::IObject> object = sdbus::createObject(*connection, OBJECT_PATH);
+    object->registerMethod(SEND_METHOD)
+        .onInterface(INTERFACE_NAME)
+        .implementedAs([](const TBytes& /*request*/) { return TBytes{1}; });
+    object->finishRegistration();
+    session.ReplyReady();
+    ExitWithInput();
+    connection->enterEventLoop();
+    return 0;
+}
+
+int RunClient(const char* busName)
+{
+    Session session;
+    const std::unique_ptr<sdbus::IConnection> connection = sdbus::createSystemBusConnection();
+    const std::unique_ptr<sdbus::IProxy> proxy =
+        sdbus::createProxy(*connection, busName, OBJECT_PATH);
+    session.ReplyReady();
+    for (std::vector<std::string> words; session.Next(words);)
+    {
+        const TBytes envelope = Payload(REQUEST_HEADER_SIZE + Number(words, 1));
+        session.ReplySamples(TimeEach(Number(words, 2),
+                                      [&]
+                                      {
+                                          TBytes reply;
+                                          proxy->callMethod(SEND_METHOD)
+                                              .onInterface(INTERFACE_NAME)
+                                              .withTimeout(
+                                                  std::chrono::milliseconds(CALL_TIMEOUT_MS))
+                                              .withArguments(envelope)
+                                              .storeResultsTo(reply);
+                                          if (reply.size() != 1 || reply[0] != 1)
+                                          {
+                                              Fail("a wrong reply");
+                                          }
+                                      }));
+    }
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+try
+{
+    const std::string role = argc > 2 ? argv[1] : "";
+    if (role == "server")
+    {
+        return Serve(argv[2]);
+    }
+    if (role == "client")
+    {
+        return RunClient(argv[2]);
+    }
+    Fail("usage: server | client, BUS-NAME");
+}
+catch (const sdbus::Error& error)
+{
+    qorbench::Fail(error.what());
+}

@@ -1,0 +1,525 @@
+#!/usr/bin/env python3
+"""Runs the contests and prints, compares and stores what they measure.
+
+Every contestant's processes stay up for a whole contest and take turns: ours, peer, ours, peer, in
+many short rounds. What disturbs the machine then disturbs neighbours alike, and the ratio of each
+pair is worth more than either time.
+"""
+
+import argparse
+import contextlib
+import json
+import os
+import pathlib
+import resource
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+
+KIB = 1024
+MIB = 1024 * 1024
+SERVICE = "com.norvane.qor.IControl"
+
+
+# --- Processes -----------------------------------------------------------------------------------
+
+
+class Program:
+    """A benchmark program that takes commands and answers with lines of JSON."""
+
+    def __init__(self, arguments, environment):
+        self.name = pathlib.Path(arguments[0]).name
+        self.process = subprocess.Popen(
+            [str(word) for word in arguments],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            text=True,
+            env=environment,
+        )
+        self.wait()
+
+    def wait(self):
+        line = self.process.stdout.readline()
+        if not line:
+            raise SystemExit(f"bench: {self.name} gave up")
+        return json.loads(line)
+
+    def ask(self, *words):
+        self.process.stdin.write(" ".join(str(word) for word in words) + "\n")
+        self.process.stdin.flush()
+        return self.wait()
+
+    def samples(self, *words):
+        return self.ask(*words)["samples"]
+
+    def stop(self):
+        self.process.stdin.close()
+        self.process.stdout.close()
+        try:
+            self.process.wait(5)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+
+
+class Bench:
+    """What the contests share: the programs, the bus, the results."""
+
+    def __init__(self, programs, quick, work):
+        self.programs = programs
+        self.quick = quick
+        self.work = work
+        self.results = []
+        self.pairs = {}
+        self.environment = dict(os.environ)
+        self.bus = self._start_bus()
+
+    def _start_bus(self):
+        config = self.work / "bus.conf"
+        config.write_text(
+            "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN'\n"
+            " 'http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd'>\n"
+            "<busconfig><type>system</type>"
+            f"<listen>unix:path={self.work}/bus</listen><auth>EXTERNAL</auth>"
+            "<policy context='default'><allow user='*'/><allow own='*'/>"
+            "<allow send_destination='*' eavesdrop='true'/><allow eavesdrop='true'/></policy>"
+            "<limit name='max_connections_per_user'>4000</limit>"
+            "<limit name='max_completed_connections'>4000</limit>"
+            "<limit name='max_replies_per_connection'>4000</limit>"
+            "<limit name='max_match_rules_per_connection'>4000</limit>"
+            "</busconfig>\n"
+        )
+        daemon = subprocess.Popen(
+            ["dbus-daemon", "--nofork", "--nopidfile", "--nosyslog", "--print-address=1",
+             f"--config-file={config}"],
+            stdout=subprocess.PIPE,
+            stderr=(self.work / "bus.log").open("w"),
+            text=True,
+        )
+        if not daemon.stdout.readline():
+            raise SystemExit("bench: dbus-daemon does not start")
+        self.environment["DBUS_SYSTEM_BUS_ADDRESS"] = f"unix:path={self.work}/bus"
+        return daemon
+
+    def close(self):
+        self.bus.terminate()
+        self.bus.wait()
+        self.bus.stdout.close()
+
+    def path(self, program):
+        return self.programs / program
+
+    @contextlib.contextmanager
+    def running(self, *command_lines):
+        """Starts programs in this order and stops them in the reverse one."""
+        started = []
+        try:
+            for words in command_lines:
+                started.append(Program([self.path(words[0]), *words[1:]], self.environment))
+            yield started
+        finally:
+            for program in reversed(started):
+                program.stop()
+
+    def rounds(self, full):
+        return max(3, full // 6) if self.quick else full
+
+    def generations(self):
+        """How often to start all processes afresh: how an allocator lays out a process's memory is
+        luck that lasts as long as the process, and should not decide a contest."""
+        return range(1 if self.quick else 4)
+
+    def compare(self, contest, case, ours, peers, rounds, unit="us"):
+        """Lets us and each peer take turns, and keeps the outcome of every pair until report().
+
+        ours and the values of peers measure one round and return its samples in nanoseconds.
+        """
+        ours()
+        for measure in peers.values():
+            measure()
+        pairs = {peer: self.pairs.setdefault((contest, case, peer, unit), []) for peer in peers}
+        for turn in range(rounds):
+            for peer, measure in peers.items():
+                if turn % 2 == 0:
+                    mine = ours()
+                    theirs = measure()
+                else:
+                    theirs = measure()
+                    mine = ours()
+                pairs[peer].append((mine, theirs))
+
+    def report(self):
+        """Compares the pairs that were collected, and stores and prints the results."""
+        for (contest, case, peer, unit), pairs in self.pairs.items():
+            scale = {"ns": 1.0, "us": 1e-3, "ms": 1e-6}[unit]
+            mine = [sample * scale for pair in pairs for sample in pair[0]]
+            theirs = [sample * scale for pair in pairs for sample in pair[1]]
+            ratios = [statistics.median(a) / statistics.median(b) for a, b in pairs]
+            self.add(
+                {
+                    "contest": contest,
+                    "case": case,
+                    "peer": peer,
+                    "ours": statistics.median(mine),
+                    "theirs": statistics.median(theirs),
+                    "unit": unit,
+                    "ratio": statistics.median(ratios),
+                    "spread": [quantile(ratios, 0.25), quantile(ratios, 0.75)],
+                    "ours_p99": quantile(mine, 0.99),
+                    "theirs_p99": quantile(theirs, 0.99),
+                    "rounds": len(pairs),
+                    "samples": len(mine),
+                }
+            )
+        self.pairs = {}
+
+    def add(self, result):
+        self.results.append(result)
+        print(
+            f"{result['contest']:<14} {result['case']:<24} {result['peer']:<26}"
+            f" {number(result['ours']):>9} {number(result.get('ours_p99')):>9}"
+            f" {number(result['theirs']):>9} {number(result.get('theirs_p99')):>9}"
+            f" {result['unit']:<5} {result['ratio']:>7.3f}"
+            f"  {result['spread'][0]:.3f} .. {result['spread'][1]:.3f}",
+            flush=True,
+        )
+
+
+def quantile(values, part):
+    ordered = sorted(values)
+    return ordered[min(len(ordered) - 1, int(part * len(ordered)))]
+
+
+def number(value):
+    if value is None:
+        return ""
+    return f"{value:.1f}" if value < 1000 else f"{value:.0f}"
+
+
+def size_name(size):
+    for unit, name in ((MIB, "MiB"), (KIB, "KiB")):
+        if size >= unit:
+            return f"{size // unit} {name}"
+    return f"{size} B"
+
+
+# --- Contests ------------------------------------------------------------------------------------
+
+PEER_NAMES = {
+    "bench-gdbus": ("raw GDBus", "com.norvane.bench.Gdbus"),
+    "bench-sd-bus": ("sd-bus", "com.norvane.bench.SdBus"),
+    "bench-sdbus-cpp": ("sdbus-c++", "com.norvane.bench.SdbusCpp"),
+    "bench-libdbus": ("libdbus", "com.norvane.bench.Libdbus"),
+}
+
+
+def round_trip(bench):
+    servers = [("bench-qor", "server")]
+    clients = [("bench-qor", "client")]
+    for program, (_, bus_name) in PEER_NAMES.items():
+        servers.append((program, "server", bus_name))
+        clients.append((program, "client", bus_name))
+    socket, relay = bench.work / "floor", bench.work / "relay"
+    servers += [("bench-socket", "server", socket), ("bench-socket", "relay", relay, socket)]
+    clients.append(("bench-socket", "client", relay))
+    names = [name for name, _ in PEER_NAMES.values()] + ["Unix socket and relay"]
+
+    for _ in bench.generations():
+        for path in (socket, relay):
+            path.unlink(missing_ok=True)
+        with bench.running(*servers, *clients) as started:
+            mine, *others = started[len(servers):]
+            round_trip_sizes(bench, mine, dict(zip(names, others)))
+
+
+def round_trip_sizes(bench, mine, others):
+    for size, calls, rounds in (
+        (16, 200, 10),
+        (4 * KIB, 200, 10),
+        (64 * KIB, 50, 10),
+        (1 * MIB, 5, 10),
+        (16 * MIB, 1, 5),
+    ):
+        peers = dict(others)
+        if bench.quick and size > MIB:
+            del peers["sdbus-c++"]  # seconds for each call
+        bench.compare(
+            "round trip",
+            size_name(size),
+            lambda: mine.samples("call", size, calls),
+            {
+                name: lambda peer=peer: peer.samples("call", size, calls)
+                for name, peer in peers.items()
+            },
+            bench.rounds(rounds),
+        )
+
+
+def set_policy(bench):
+    name = PEER_NAMES["bench-gdbus"][1]
+    for _ in bench.generations():
+        with bench.running(
+            ("bench-qor", "server"),
+            ("bench-gdbus", "server", name),
+            ("bench-qor", "client"),
+            ("bench-gdbus", "client", name),
+        ) as (_, _, mine, other):
+            for size, calls, rounds in ((4 * KIB, 100, 20), (1 * MIB, 5, 20)):
+                bench.compare(
+                    "set a policy",
+                    size_name(size),
+                    lambda: mine.samples("policy", size, calls),
+                    {"raw GDBus by hand": lambda: other.samples("policy", size, calls)},
+                    bench.rounds(rounds),
+                )
+
+
+def memory(bench):
+    """A fresh client for each sample: memory that was used once is not given back."""
+    name = PEER_NAMES["bench-gdbus"][1]
+    size = 16 * MIB
+    used = {"bench-qor": [], "bench-gdbus": []}
+    with bench.running(("bench-qor", "server"), ("bench-gdbus", "server", name)):
+        for _ in range(bench.rounds(12)):
+            for program, sizes in used.items():
+                with bench.running((program, "client", name)) as (client,):
+                    sizes.append(client.ask("memory", size)["bytes"] / size)
+    ratios = [a / b for a, b in zip(used["bench-qor"], used["bench-gdbus"])]
+    bench.add(
+        {
+            "contest": "peak memory",
+            "case": "client, 16 MiB policy",
+            "peer": "raw GDBus by hand",
+            "ours": statistics.median(used["bench-qor"]),
+            "theirs": statistics.median(used["bench-gdbus"]),
+            "unit": "times",
+            "ratio": statistics.median(ratios),
+            "spread": [quantile(ratios, 0.25), quantile(ratios, 0.75)],
+            "rounds": len(ratios),
+            "samples": len(ratios),
+        }
+    )
+
+
+def fan_out(bench):
+    names = {program: PEER_NAMES[program] for program in ("bench-gdbus", "bench-sd-bus")}
+    servers = [("bench-qor", "server")]
+    servers += [(program, "server", bus_name) for program, (_, bus_name) in names.items()]
+    clients = ("bench-event-clients", SERVICE, *(bus_name for _, bus_name in names.values()))
+    for _ in bench.generations():
+        with bench.running(*servers) as started, bench.running(clients) as (crowd,):
+            fan_out_sizes(bench, crowd, started, [name for name, _ in names.values()])
+    bench.report()
+    growth(bench)
+
+
+def fan_out_sizes(bench, crowd, servers, names):
+    mine, *others = servers
+    for count in (1, 10, 100, 500):
+        crowd.ask("connect", count)
+        for server in servers:
+            if server.ask("clients")["clients"] != count:
+                raise SystemExit(f"bench: {server.name} does not know its {count} clients")
+        for size in (64, 64 * KIB):
+            events = max(1, (200 if size == 64 else 40) // count)
+            bench.compare(
+                "fan-out",
+                f"{count} client{'s' if count > 1 else ''}, {size_name(size)}",
+                lambda: mine.samples("event", size, events),
+                {
+                    name: lambda peer=peer: peer.samples("event", size, events)
+                    for name, peer in zip(names, others)
+                },
+                bench.rounds(12 if count < 500 else 6),
+            )
+
+
+def growth(bench):
+    """What a client costs with 500 of them, over what one costs with 10."""
+    own = {r["case"]: r["ours"] for r in bench.results
+           if r["contest"] == "fan-out" and r["peer"] == "raw GDBus"}
+    for size in ("64 B", "64 KiB"):
+        few, many = own[f"10 clients, {size}"] / 10, own[f"500 clients, {size}"] / 500
+        bench.add(
+            {
+                "contest": "fan-out",
+                "case": f"a client of 500, {size}",
+                "peer": "a client of 10",
+                "ours": many,
+                "theirs": few,
+                "unit": "us",
+                "ratio": many / few,
+                "spread": [many / few, many / few],
+                "rounds": 1,
+                "samples": 1,
+            }
+        )
+
+
+def start_up(bench):
+    name = PEER_NAMES["bench-gdbus"][1]
+    count = 5
+    library = (bench.programs / ".." / "api" / "libQOR.so").resolve()
+    with bench.running(
+        ("bench-qor", "server"), ("bench-gdbus", "server", name), ("bench-launcher",)
+    ) as (_, _, launcher):
+        gdbus = bench.path("bench-gdbus")
+        bench.compare(
+            "start-up",
+            "to the first answer",
+            lambda: launcher.samples("first-byte", count, bench.path("bench-qor"), "first-call"),
+            {
+                "raw GDBus, same steps": lambda: launcher.samples(
+                    "first-byte", count, gdbus, "first-call", name),
+                "raw GDBus, the call only": lambda: launcher.samples(
+                    "first-byte", count, gdbus, "bare-call", name),
+            },
+            bench.rounds(60),
+            "ms",
+        )
+        opener = [bench.path("bench-launcher"), "dlopen"]
+        bench.compare(
+            "start-up",
+            "dlopen",
+            lambda: launcher.samples("reported", count, *opener, library),
+            {
+                "libgio-2.0": lambda: launcher.samples(
+                    "reported", count, *opener, "libgio-2.0.so.0"),
+            },
+            bench.rounds(60),
+            "ms",
+        )
+
+
+def log_statement(bench):
+    for sink, title in (("off", "all sinks off"), ("file", "file"), ("stdout", "standard output")):
+        with bench.running(
+            ("bench-qor-log", sink, bench.work / "ours.out"),
+            ("bench-spdlog", sink, bench.work / "theirs.out"),
+        ) as (mine, other):
+            bench.compare(
+                "log statement",
+                title,
+                lambda: mine.samples("log", 10, 500),
+                {"spdlog": lambda: other.samples("log", 10, 500)},
+                bench.rounds(80),
+                "ns",
+            )
+            log = pathlib.Path(f"/tmp/qor_bench-qor-log_{mine.process.pid}.log")
+        log.unlink(missing_ok=True)
+
+
+def lookup(bench):
+    settings = bench.work / "settings.ini"
+    settings.write_text("[db/bench]\nvalue=what the platform has said\n")
+    bench.environment["QOR_VCONF_FILE"] = str(settings)
+    with bench.running(("bench-qor-utilities",), ("bench-standard-utilities",)) as (mine, other):
+        for threads in (1, 2):
+            bench.compare(
+                "cached lookup",
+                f"{threads} thread" + ("s" if threads > 1 else ""),
+                lambda: mine.samples("lookup", threads, 5, 20000),
+                {"mutex and map": lambda: other.samples("lookup", threads, 5, 20000)},
+                bench.rounds(60),
+                "ns",
+            )
+
+
+def make_tree(root, folders, files_per_folder):
+    """Ten folders to a level. Returns the numbers of .xml files and of bytes."""
+    content = b"0123456789" * 8
+    xml_files = 0
+    for index in range(folders):
+        folder = root.joinpath(*(f"folder{digit}" for digit in str(index)))
+        folder.mkdir(parents=True, exist_ok=True)
+        for name in range(files_per_folder):
+            suffix = ".xml" if name % 4 == 0 else ".dat"
+            (folder / f"file{name}{suffix}").write_bytes(content)
+            xml_files += suffix == ".xml"
+    return xml_files, folders * files_per_folder * len(content)
+
+
+def tree_walk(bench):
+    tree = bench.work / "tree"
+    xml_files, size = make_tree(tree, 1000, 100)
+    with bench.running(
+        ("bench-qor-utilities",), ("bench-standard-utilities",), ("bench-launcher",)
+    ) as (mine, other, launcher):
+        find = ("find", tree, "-type", "f", "-name", "*.xml")
+        for job, expected, command in (
+            ("files", xml_files, find),
+            ("size", size, ("du", "-s", "-b", tree)),
+        ):
+            bench.compare(
+                "tree walk",
+                "GetFiles" if job == "files" else "GetDirSize",
+                lambda: mine.samples(job, tree, 1, expected),
+                {
+                    "recursive iterator": lambda: other.samples(job, tree, 1, expected),
+                    command[0]: lambda: launcher.samples("end", 1, *command),
+                },
+                bench.rounds(30),
+                "ms",
+            )
+
+
+CONTESTS = {
+    "round-trip": round_trip,
+    "set-policy": set_policy,
+    "memory": memory,
+    "fan-out": fan_out,
+    "start-up": start_up,
+    "log": log_statement,
+    "lookup": lookup,
+    "tree-walk": tree_walk,
+}
+
+
+# --- Main ----------------------------------------------------------------------------------------
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(description="Runs the contests.")
+    parser.add_argument("--programs", type=pathlib.Path, required=True)
+    parser.add_argument("--output", type=pathlib.Path, required=True)
+    parser.add_argument("--quick", action="store_true", help="fewer rounds: about a minute")
+    parser.add_argument("--only", choices=CONTESTS, action="append", help="this contest")
+    return parser.parse_args()
+
+
+def store(path, results):
+    """Replaces the contests that ran; the others keep what an earlier run has found."""
+    ran = {result["contest"] for result in results}
+    earlier = json.loads(path.read_text()) if path.exists() else []
+    kept = [result for result in earlier if result["contest"] not in ran]
+    path.write_text(json.dumps(kept + results, indent=1) + "\n")
+
+
+def main():
+    arguments = parse_arguments()
+    # One descriptor for each client of the fan-out.
+    _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (min(most, 8192), most))
+    work = pathlib.Path(tempfile.mkdtemp(prefix="qor-bench-"))
+    bench = None
+    try:
+        bench = Bench(arguments.programs.resolve(), arguments.quick, work)
+        print(
+            f"{'contest':<14} {'case':<24} {'peer':<26} {'ours':>9} {'p99':>9} {'theirs':>9}"
+            f" {'p99':>9} {'unit':<5} {'ratio':>7}  spread (quartiles)"
+        )
+        for name, contest in CONTESTS.items():
+            if not arguments.only or name in arguments.only:
+                contest(bench)
+                bench.report()
+    finally:
+        if bench is not None:
+            bench.close()
+        shutil.rmtree(work, ignore_errors=True)
+    store(arguments.output, bench.results)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
