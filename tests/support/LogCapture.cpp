@@ -1,6 +1,8 @@
 // The platform log of a test program: keeps every line in memory.
 #include "LogCapture.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -24,10 +26,20 @@ struct Store
     std::vector<LogLine> lines;
 };
 
+Store& TheStore();
+
+// A forked child logs too, and finds the store as no thread was using it.
+Store* NewStore()
+{
+    pthread_atfork([] { TheStore().mutex.lock(); }, [] { TheStore().mutex.unlock(); },
+                   [] { TheStore().mutex.unlock(); });
+    return new Store;
+}
+
 // Never destroyed: the library also logs while the process's statics go down.
 Store& TheStore()
 {
-    static Store* const pStore = new Store;
+    static Store* const pStore = NewStore();
     return *pStore;
 }
 
