@@ -201,36 +201,6 @@ TEST_F(DbusClient, MessagesUpToTheLimitGoBothWaysAndLargerOnesAreRefusedUnsent)
     EXPECT_EQ(m_service.Count("Send"), sent + 1);
 }
 
-TEST_F(DbusClient, ConcurrentSendsGetTheirOwnReplies)
-{
-    StartService();
-    TCDbusClient client(false);
-    m_service.AnswerUsing(
-        [](const IncomingCall& call) {
-            return Answer{Answer::REPLY, {1, call.bytes[5], call.bytes[6]}, ""};
-        });
-    std::vector<std::future<int>> wrong;
-    for (unsigned char t = 0; t < 4; ++t)
-    {
-        const auto send = [&, t]
-        {
-            int count = 0;
-            for (unsigned char i = 0; i < 100; ++i)
-            {
-                Bytes response;
-                client.SendMessage(t, {t, i}, response, false);
-                count += response == Bytes{t, i} ? 0 : 1;
-            }
-            return count;
-        };
-        wrong.push_back(std::async(std::launch::async, send));
-    }
-    for (std::future<int>& count : wrong)
-    {
-        EXPECT_EQ(count.get(), 0);
-    }
-}
-
 TEST_F(DbusClient, ClientWhoseStartFailedSkipsItsCalls)
 {
     StartService();
@@ -255,31 +225,6 @@ TEST_F(DbusClient, ClientWhoseStartFailedSkipsItsCalls)
     ASSERT_TRUE(SharedConnectionIsLetGo());
     LeaveTheBus();
     skips("Connecting to system bus error, errno ");
-}
-
-TEST_F(DbusClient, LosingTheBusEndsAPendingCallAndAFreshEndpointWorks)
-{
-    StartService();
-    auto pClient = std::make_unique<TCDbusClient>(false);
-    ASSERT_TRUE(Appears(*pClient));
-    m_service.AnswerWith({Answer::HOLD, {}, ""});
-    auto result = std::async(std::launch::async, [&] { return Sends(*pClient); });
-    ASSERT_TRUE(m_service.WaitForCalls("Send", 1));
-    m_bus.Kill();
-    EXPECT_FALSE(result.get());
-    EXPECT_EQ(SendErrors(G_IO_ERROR_TIMED_OUT), 0U);
-    // By default this process would end here.
-    ASSERT_TRUE(PumpUntil([&] { return !pClient->IsReady(); }));
-    EXPECT_FALSE(Sends(*pClient));
-    EXPECT_GE(SendErrors(G_IO_ERROR_CLOSED), 1U);
-
-    m_bus.Restart();
-    pClient.reset();
-    ASSERT_TRUE(SharedConnectionIsLetGo());
-    RawPeer next;
-    ASSERT_TRUE(next.OwnName(SERVICE_NAME));
-    TCDbusClient fresh(false);
-    EXPECT_TRUE(Sends(fresh));
 }
 
 TEST_F(DbusClient, ProviderSharesOneEndpointWhileItIsHeld)

@@ -5,35 +5,13 @@
 
 #include <boost/algorithm/string.hpp>
 
-#include <qor/QORDeactivator.h>
-
 #include "BusTest.h"
 
 namespace
 {
 
 using namespace qortest;
-using qor::TCDeactivator;
 using Lines = std::vector<std::string>;
-
-struct User : qor::TIDestroyCallback
-{
-    void OnDestroy() override {}
-};
-
-TEST(Deactivator, FirstUserStaysUntilAnyIsUnregistered)
-{
-    static User first;
-    static User second;
-    LogCapture::Clear();
-    EXPECT_TRUE(TCDeactivator::RegisterUser(first));
-    EXPECT_FALSE(TCDeactivator::RegisterUser(second));
-    EXPECT_FALSE(TCDeactivator::RegisterUser(first));
-    EXPECT_EQ(LogCapture::Count(LOG_ERROR, "Unable to register user callback - destroyed 0"), 2U);
-    TCDeactivator::UnregisterUser(second);
-    EXPECT_TRUE(TCDeactivator::RegisterUser(second));
-    TCDeactivator::UnregisterUser(first);
-}
 
 class Teardown : public BusTest
 {
@@ -93,7 +71,7 @@ TEST_F(Teardown, UnusedLibraryIsUnmapped)
 TEST_F(Teardown, RunsBeforeAUsedLibraryIsUnmapped)
 {
     ExpectTheTeardown(Run("unload", "use"),
-                      {"policy -1", "events 1", "user registered 1", "loaded 1"},
+                      {"policy -1", "events 1", "user refused 0, registered 1", "loaded 1"},
                       {"still loaded 0", "end"});
     EXPECT_EQ(m_service.Count("Send"), 1U); // the policy did go out
 }

@@ -1,16 +1,12 @@
 // Log sinks, performance markers and assertions; payloads between byte arrays and archives.
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include <boost/archive/archive_exception.hpp>
 #include <boost/archive/binary_iarchive.hpp>
-#include <boost/archive/binary_oarchive.hpp>
-#include <boost/serialization/string.hpp>
 
 #include <gtest/gtest.h>
 
@@ -86,25 +82,6 @@ TEST_F(Debug, FreshSettingsPrintOnStandardOutputAndTheFileIsAppendedTo)
     EXPECT_EQ(ReadFile(m_path), "older\nQOR >C:F:1< first\nQOR >C:F:3< last\n");
 }
 
-TEST_F(Debug, FileThatCannotBeOpenedIsReportedAndTriedAgain)
-{
-    ASSERT_EQ(mkdir(m_path.c_str(), 0700), 0);
-    m_debug.EnableFileLog(true);
-    EXPECT_EQ(m_debug.m_pLogFile, nullptr);
-    const std::vector<LogLine> lines = LogCapture::Lines();
-    ASSERT_EQ(lines.size(), 1U);
-    EXPECT_EQ(lines[0].id, 0);
-    EXPECT_EQ(lines[0].tag, "QOR");
-    EXPECT_EQ(lines[0].text.find("QORDebug.cpp: EnableFileLog("), 0U);
-    EXPECT_EQ(LogCapture::Count(LOG_INFO, ") > Unable to create file " + m_path + " - errno " +
-                                              std::to_string(EISDIR)),
-              1U);
-    EXPECT_EQ(StdoutOf([&] { m_debug.External("C", "F", 1, "on"); }), "QOR >C:F:1< on\n");
-    ASSERT_EQ(rmdir(m_path.c_str()), 0);
-    m_debug.EnableFileLog(true);
-    EXPECT_NE(m_debug.m_pLogFile, nullptr);
-}
-
 TEST_F(Debug, LinesAndMarkersAreCutOffAt255Characters)
 {
     for (const std::size_t length : {242, 243, 244, 300})
@@ -134,33 +111,6 @@ TEST_F(Debug, AssertReportsTheCallersPlaceToEverySink)
     EXPECT_EQ(StdoutOf([&] { debug.Assert("main", 7); }), "");
     debug.EnableStdoutLog(true);
     EXPECT_EQ(LogCapture::Count(LOG_ERROR, message), 2U); // the platform log always
-}
-
-// --- Archives ------------------------------------------------------------------------------------
-
-TEST(Serialization, EveryByteSurvivesAndAStreamThatHasBeenReadConvertsWhole)
-{
-    std::string text;
-    for (int i = 0; i < 1024; ++i)
-    {
-        text.push_back(static_cast<char>(i)); // with NUL, blank and line end
-    }
-    std::stringstream stream;
-    boost::archive::binary_oarchive(stream) << text << 42;
-    std::vector<unsigned char> before(5000, 0xEE); // longer than what comes
-    TCIpcSerializationUtil::ConvertData(stream, before);
-    std::string copy;
-    boost::archive::binary_iarchive(stream) >> copy;
-    std::vector<unsigned char> after;
-    TCIpcSerializationUtil::ConvertData(stream, after);
-    EXPECT_EQ(after, before);
-
-    std::stringstream received;
-    TCIpcSerializationUtil::ConvertData(after, received);
-    int number = 0;
-    boost::archive::binary_iarchive(received) >> copy >> number;
-    EXPECT_EQ(copy, text);
-    EXPECT_EQ(number, 42);
 }
 
 TEST(Serialization, EmptyInputIsReportedAndChangesNothing)

@@ -90,21 +90,6 @@ TEST_F(LifetimeStress, ClientsComeAndGoWhileMessagesAndNameEventsAreDispatched)
         });
 }
 
-TEST_F(LifetimeStress, ClientsComeAndGoWithTheirConnections)
-{
-    m_connection.reset();
-    ASSERT_TRUE(m_peer.OwnName(SERVICE_NAME));
-    const BackgroundPump pump;
-    for (int i = 0; i < ROUNDS; ++i)
-    {
-        const auto client = qor::TCDbusClientProvider::Get(false);
-        client->SetCallback(2, boost::bind<bool>(Function()));
-        Bytes response;
-        m_called += i % 4 != 0 || client->SendMessage(1, {}, response, false) ? 1 : 0;
-    }
-    EXPECT_EQ(m_called, ROUNDS);
-}
-
 TEST_F(LifetimeStress, ServersComeAndGoWhileClientsTalkToThem)
 {
     std::size_t delivered = 0;
@@ -153,35 +138,6 @@ TEST_F(LifetimeStress, ProxiesComeAndGoAndTwoThreadsSetAndResetWhileEventsArrive
             EXPECT_TRUE(proxy->SetPolicyUpdateCb(Function())); // the proxy goes with it
             i % 2 == 0 ? WaitForACall(m_called) : void();
         });
-}
-
-TEST_F(LifetimeStress, DeliveriesHellosAndMessagesAtOnce)
-{
-    std::atomic<std::size_t> wrong(0);
-    qor::TCDbusServer server(false);
-    server.SetCallback(4, boost::bind<bool>(Function()));
-    const BackgroundPump pump;
-    ASSERT_TRUE(m_peer.Call(server.GetUniqueName(), SERVICE_PATH, "Hello", EventList({2})).ok);
-    ASSERT_TRUE(WaitUntil([&] { return server.NumberOfClients() == 1; }));
-    const auto hellos = Sending("Hello", EventList({2}));
-    const Repeat messages(
-        [&]
-        {
-            const Bytes request = Request(4, false, {1, 2});
-            RawPeer sender;
-            wrong += sender.Call(server.GetUniqueName(), SERVICE_PATH, "Send", request).ok ? 0 : 1;
-        });
-    const auto deliver = [&]
-    {
-        Rounds(
-            [&](int) {
-                wrong += server.SendMessage(2, {1, 2, 3}, WATCHDOG_MS).first == 1 ? 0 : 1;
-            });
-    };
-    std::thread other(deliver);
-    deliver();
-    other.join();
-    EXPECT_EQ(wrong, 0U);
 }
 
 } // namespace

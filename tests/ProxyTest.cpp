@@ -251,15 +251,6 @@ TEST_F(Proxy, DestroyIsFinalButHoldersKeepWorkingObjects)
     });
 }
 
-TEST_F(Proxy, DestroyBeforeFirstUseForbidsTheObject)
-{
-    QORTEST_IN_CHILD({
-        TCControlProxy::Destroy();
-        EXPECT_FALSE(qor::api::GetControl());
-        EXPECT_EQ(LogCapture::Count(LOG_DEBUG, "Working with unique name"), 0U);
-    });
-}
-
 TEST_F(Proxy, InstanceMayRaceWithDestroy)
 {
     QORTEST_IN_CHILD({

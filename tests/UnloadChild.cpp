@@ -67,6 +67,8 @@ void Use()
     boost::shared_ptr<qor::IControl> (*pGetControl)();
     boost::shared_ptr<qor::ICallbacks> (*pInstance)();
     void (*pDestroy)();
+    void (*pUnregisterUser)(qor::TIDestroyCallback&);
+    Find(pUnregisterUser, "_ZN3qor13TCDeactivator14UnregisterUserERNS_17TIDestroyCallbackE");
     Find(pGetControl, "_ZN3qor3api10GetControlEv");
     Find(pInstance, "_ZN3qor16TCCallbacksProxy8InstanceEv");
     Find(pDestroy, "_ZN3qor16TCCallbacksProxy7DestroyEv");
@@ -80,7 +82,10 @@ void Use()
     {
         pRegister(pFunction);
     }
-    printf("user registered %d\n", pRegisterUser(*pUser));
+    pRegisterUser(*pUser); // until any is unregistered
+    const bool refused = pRegisterUser(*pUser);
+    pUnregisterUser(*pUser);
+    printf("user refused %d, registered %d\n", refused, pRegisterUser(*pUser));
 }
 
 } // namespace

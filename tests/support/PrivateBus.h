@@ -35,6 +35,7 @@ public:
         std::string text = "<busconfig> <type>system</type> <auth>EXTERNAL</auth>"
                            "<limit name='max_connections_per_user'>2000</limit>"
                            "<limit name='max_completed_connections'>2000</limit>"
+                           "<limit name='max_replies_per_connection'>50000</limit>"
                            "<listen>" +
                            m_address + "</listen>";
         if (options.maxMessageSize != 0)

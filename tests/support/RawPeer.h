@@ -325,29 +325,33 @@ private:
         }
 
         // Called with the mutex held.
-        void Handle(MessagePtr pMessage, const Answer& answer)
+        void Handle(MessagePtr call, const Answer& answer)
         {
-            if (answer.kind == Answer::HOLD)
+            MessagePtr reply(g_dbus_message_new_method_reply(call.get()));
+            switch (answer.kind)
             {
-                held.push_back(std::move(pMessage));
+            case Answer::REPLY:
+                g_dbus_message_set_body(reply.get(), Wrap(answer.bytes));
+                break;
+            case Answer::ERROR:
+                reply.reset(g_dbus_message_new_method_error_literal(
+                    call.get(), answer.errorName.c_str(), "test"));
+                break;
+            case Answer::WRONG_TYPE:
+                g_dbus_message_set_body(reply.get(), g_variant_new("(s)", "not bytes"));
+                break;
+            case Answer::NO_VALUE:
+                break;
+            case Answer::HOLD:
+                held.push_back(std::move(call));
+                return;
+            case Answer::LEAVE:
+                Break();
+                return;
+            case Answer::NEVER:
                 return;
             }
-            if (answer.kind == Answer::NEVER || answer.kind == Answer::LEAVE)
-            {
-                answer.kind == Answer::LEAVE ? Break() : void();
-                return;
-            }
-            const MessagePtr pReply(answer.kind == Answer::ERROR
-                                        ? g_dbus_message_new_method_error_literal(
-                                              pMessage.get(), answer.errorName.c_str(), "test")
-                                        : g_dbus_message_new_method_reply(pMessage.get()));
-            if (answer.kind == Answer::REPLY || answer.kind == Answer::WRONG_TYPE)
-            {
-                g_dbus_message_set_body(pReply.get(), answer.kind == Answer::REPLY
-                                                          ? Wrap(answer.bytes)
-                                                          : g_variant_new("(s)", "not bytes"));
-            }
-            g_dbus_connection_send_message(connection.get(), pReply.get(),
+            g_dbus_connection_send_message(connection.get(), reply.get(),
                                            G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
         }
 

@@ -7,6 +7,7 @@
 // passes the call on. What the code under test must order itself is not touched.
 #include <dlfcn.h>
 
+#include <memory>
 #include <tuple>
 
 #include <gio/gio.h>
@@ -50,29 +51,16 @@ void FreeBox(gpointer p)
     delete pBox;
 }
 
-// Enters and leaves a handler: what came before is seen, and the next one sees this.
-struct Edge
-{
-    explicit Edge(gpointer p) : m_p(p)
-    {
-        __tsan_acquire(m_p);
-    }
-    ~Edge()
-    {
-        __tsan_release(m_p);
-    }
-
-    gpointer m_p;
-};
-
-// Calls a handler, whose last argument is the user data.
+// Calls a handler, whose last argument is the user data: what came before is seen, and the next
+// one sees this.
 template <int INDEX, class TResult, class... TArguments>
 TResult Run(TArguments... arguments)
 {
     auto all = std::make_tuple(arguments...);
     gpointer& last = std::get<sizeof...(TArguments) - 1>(all);
     Box* const pBox = static_cast<Box*>(last);
-    const Edge edge(pBox);
+    const std::unique_ptr<Box, void (*)(gpointer)> leave(pBox, &__tsan_release);
+    __tsan_acquire(pBox);
     last = pBox->data;
     return std::apply(reinterpret_cast<TResult (*)(TArguments...)>(pBox->handlers[INDEX]), all);
 }
@@ -92,18 +80,11 @@ void RunCompletion(GObject* pSource, GAsyncResult* pResult, gpointer p)
 
 } // namespace
 
-QORTEST_EXPORT void g_main_context_invoke_full(GMainContext* pContext, gint priority,
-                                               GSourceFunc function, gpointer data,
-                                               GDestroyNotify notify)
-{
-    static const auto next = QORTEST_NEXT(g_main_context_invoke_full);
-    next(pContext, priority, Runner(function), NewBox(data, notify, function), &FreeBox);
-}
-
 QORTEST_EXPORT void g_main_context_invoke(GMainContext* pContext, GSourceFunc function,
                                           gpointer data)
 {
-    g_main_context_invoke_full(pContext, G_PRIORITY_DEFAULT, function, data, nullptr);
+    g_main_context_invoke_full(pContext, G_PRIORITY_DEFAULT, Runner(function),
+                               NewBox(data, nullptr, function), &FreeBox);
 }
 
 QORTEST_EXPORT guint g_bus_watch_name_on_connection(GDBusConnection* pConnection, const gchar* name,
@@ -170,11 +151,4 @@ QORTEST_EXPORT GVariant* g_variant_new_from_data(const GVariantType* pType, gcon
 {
     static const auto next = QORTEST_NEXT(g_variant_new_from_data);
     return next(pType, pData, size, trusted, &FreeBox, NewBox(data, notify, notify));
-}
-
-QORTEST_EXPORT GBytes* g_bytes_new_with_free_func(gconstpointer pData, gsize size,
-                                                  GDestroyNotify notify, gpointer data)
-{
-    static const auto next = QORTEST_NEXT(g_bytes_new_with_free_func);
-    return next(pData, size, &FreeBox, NewBox(data, notify, notify));
 }
