@@ -2,15 +2,14 @@
 #ifndef QORTEST_FAULTSUPPORT_H
 #define QORTEST_FAULTSUPPORT_H
 
-#include <fstream>
 #include <sstream>
-#include <string>
 
 #include <boost/archive/binary_iarchive.hpp>
 #include <boost/archive/binary_oarchive.hpp>
 #include <boost/filesystem.hpp>
 #include <boost/serialization/string.hpp>
 
+#include "ChildProcess.h"
 #include "RawPeer.h"
 
 namespace qortest
@@ -42,14 +41,8 @@ inline int SendPolicy(RawPeer& peer, const std::string& policy)
 
 inline std::size_t ResidentKilobytes(pid_t process)
 {
-    std::ifstream file("/proc/" + std::to_string(process) + "/status");
-    std::string word;
-    while (file >> word && word != "VmRSS:")
-    {
-    }
-    std::size_t kilobytes = 0;
-    file >> kilobytes;
-    return kilobytes;
+    const std::string status = ReadFile("/proc/" + std::to_string(process) + "/status");
+    return std::stoul(status.substr(status.find("VmRSS:") + 6));
 }
 
 inline std::size_t OpenFiles(pid_t process)
@@ -58,7 +51,7 @@ inline std::size_t OpenFiles(pid_t process)
     return static_cast<std::size_t>(std::distance(begin, boost::filesystem::directory_iterator()));
 }
 
-/// A sanitizer takes memory of its own.
+/// A sanitizer takes memory of its own, and keeps what has been freed.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool IS_SANITIZED = true;
 #else
