@@ -11,14 +11,9 @@ std::unique_ptr<PrivateBus> ToolTest::m_pBus;
 Outcome RunTool(const std::string& program, const Arguments& arguments,
                 const ChildProcess::Options& options)
 {
-    Arguments command = {program};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    ChildProcess process(command, options);
-    Outcome outcome;
-    outcome.exitCode = process.Wait();
-    outcome.out = process.Out();
-    outcome.err = process.Err();
-    return outcome;
+    const auto process = StartTool(program, arguments, options);
+    const int exitCode = process->Wait();
+    return {exitCode, process->Out(), process->Err()};
 }
 
 Outcome Qorctl(const Arguments& arguments, const std::string& input)
@@ -28,11 +23,12 @@ Outcome Qorctl(const Arguments& arguments, const std::string& input)
     return RunTool(QORCTL, arguments, options);
 }
 
-std::unique_ptr<ChildProcess> StartTool(const std::string& program, const Arguments& arguments)
+std::unique_ptr<ChildProcess> StartTool(const std::string& program, const Arguments& arguments,
+                                        const ChildProcess::Options& options)
 {
     Arguments command = {program};
     command.insert(command.end(), arguments.begin(), arguments.end());
-    return std::make_unique<ChildProcess>(command);
+    return std::make_unique<ChildProcess>(command, options);
 }
 
 std::size_t CountOf(const std::string& text, const std::string& part)
@@ -63,11 +59,10 @@ std::unique_ptr<ChildProcess> ToolTest::StartQord(Arguments arguments)
     return qord;
 }
 
-std::unique_ptr<ChildProcess> ToolTest::StartListener(const Arguments& arguments)
+std::unique_ptr<ChildProcess> ToolTest::StartListener(Arguments arguments)
 {
-    Arguments all = {"listen"};
-    all.insert(all.end(), arguments.begin(), arguments.end());
-    auto listener = StartTool(QORCTL, all);
+    arguments.insert(arguments.begin(), "listen");
+    auto listener = StartTool(QORCTL, arguments);
     EXPECT_TRUE(listener->WaitForOut("appeared")) << listener->Err();
     SyncWithService();
     return listener;

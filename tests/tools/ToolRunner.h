@@ -2,10 +2,6 @@
 #ifndef QORTEST_TOOLRUNNER_H
 #define QORTEST_TOOLRUNNER_H
 
-#include <memory>
-#include <string>
-#include <vector>
-
 #include <gtest/gtest.h>
 
 #include "ChildProcess.h"
@@ -27,9 +23,9 @@ Outcome RunTool(const std::string& program, const Arguments& arguments,
                 const ChildProcess::Options& options = {});
 Outcome Qorctl(const Arguments& arguments, const std::string& input = "");
 
-std::unique_ptr<ChildProcess> StartTool(const std::string& program, const Arguments& arguments);
+std::unique_ptr<ChildProcess> StartTool(const std::string& program, const Arguments& arguments,
+                                        const ChildProcess::Options& options = {});
 
-/// How often a text occurs in another.
 std::size_t CountOf(const std::string& text, const std::string& part);
 
 /// A bus for the whole suite, since a process keeps its connection; a policy file for each test.
@@ -47,7 +43,7 @@ protected:
     static void SyncWithService();
 
     /// Starts a listener and waits until the service will call it.
-    static std::unique_ptr<ChildProcess> StartListener(const Arguments& arguments = {});
+    static std::unique_ptr<ChildProcess> StartListener(Arguments arguments = {});
 
     std::string StoredPolicy() const
     {

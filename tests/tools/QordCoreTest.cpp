@@ -1,0 +1,207 @@
+// What the service is made of: events that become due, requests, their XML, and the policy file.
+#include <cstring>
+#include <future>
+#include <sstream>
+
+#include <boost/archive/binary_oarchive.hpp>
+#include <boost/filesystem.hpp>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "ChildProcess.h"
+#include "MainContext.h"
+#include "qord/Announcer.h"
+#include "qord/PolicyRequest.h"
+#include "qord/PolicyStore.h"
+#include "qord/PolicyXml.h"
+#include <qor/QORIpcSerializationUtil.h>
+
+namespace fs = boost::filesystem;
+using namespace qortest;
+
+TEST(Announcer, DeliversAtMostOnceMoreAndItsEndWaitsForOneDelivery)
+{
+    std::mutex gate; // a delivery waits for it
+    std::vector<int> begun;
+    std::atomic<int> count(0);
+    auto announcer = std::make_unique<qord::TCAnnouncer>(
+        [&](int type)
+        {
+            begun.push_back(type);
+            ++count;
+            const std::lock_guard<std::mutex> wait(gate);
+        });
+    std::unique_lock<std::mutex> closed(gate);
+    announcer->Announce(2);
+    ASSERT_TRUE(WaitUntil([&] { return count == 1; }));
+    announcer->Announce(2);
+    announcer->Announce(4);
+    announcer->Announce(2);
+    closed.unlock();
+    ASSERT_TRUE(WaitUntil([&] { return count == 3; }));
+    closed.lock();
+    announcer->Announce(7); // another one of the old would come before it
+    ASSERT_TRUE(WaitUntil([&] { return count == 4; }));
+    announcer->Announce(8); // is dropped
+    auto end = std::async(std::launch::async, [&] { announcer.reset(); });
+    EXPECT_EQ(end.wait_for(std::chrono::milliseconds(500)), std::future_status::timeout);
+    closed.unlock();
+    end.get();
+    EXPECT_EQ(begun, (std::vector<int>{2, 2, 4, 7}));
+}
+
+static qor::TByteArray Archive(const std::string& text)
+{
+    std::stringstream stream;
+    boost::archive::binary_oarchive archive(stream);
+    archive << text;
+    qor::TByteArray bytes;
+    qor::TCIpcSerializationUtil::ConvertData(stream, bytes);
+    return bytes;
+}
+
+TEST(PolicyRequest, AnythingButOneWholeTextIsRefused)
+{
+    std::string policy, error;
+    const std::string text = std::string("a\0b\xff\n", 5) + std::string(5 << 20, 'x');
+    EXPECT_TRUE(qord::DecodePolicyRequest(Archive(text), policy, error)) << error;
+    EXPECT_TRUE(policy == text);
+    const auto isRefused = [&](const qor::TByteArray& request)
+    {
+        policy = "untouched";
+        return !qord::DecodePolicyRequest(request, policy, error) && policy == "untouched";
+    };
+    const qor::TByteArray request = Archive("<policy/>");
+    const std::size_t lengthAt = request.size() - strlen("<policy/>") - sizeof(std::size_t);
+    EXPECT_TRUE(isRefused(qor::TByteArray(4096, 0)));
+    for (std::size_t size = 0; size < request.size(); ++size)
+    {
+        EXPECT_TRUE(isRefused({request.begin(), request.begin() + static_cast<long>(size)}));
+    }
+    // Whoever allocates a declared length throws, or is ended by a sanitizer.
+    for (const std::size_t length : {std::size_t(8), std::size_t(1) << 48, ~std::size_t(0)})
+    {
+        qor::TByteArray changed = request;
+        std::memcpy(changed.data() + lengthAt, &length, sizeof length);
+        EXPECT_TRUE(isRefused(changed)) << length;
+        std::memcpy(changed.data(), &length, sizeof length); // of the archive's signature
+        EXPECT_TRUE(isRefused(changed)) << length;
+    }
+}
+
+TEST(PolicyXml, OneWholeElementIsWellFormed)
+{
+    std::string deep, end, bomb = "<!DOCTYPE a [<!ENTITY e0 'xx'>";
+    for (int i = 0; i < 100000; ++i)
+    {
+        deep += "<a>";
+        end += "</a>";
+        const std::string inner = "&e" + std::to_string(i) + ";";
+        bomb += "<!ENTITY e" + std::to_string(i + 1) + " '" + inner + inner + "'>";
+    }
+    const std::string good[] = {
+        deep + end, bomb + "]><a>&e40;</a>",
+        "\xEF\xBB\xBF<?xml version='1.0' encoding='UTF-8'?>\n<!-- c --><?p x?><a b='1'>&#65;</a>\n",
+        "<a><![CDATA[ <b> & ]]>\xC3\xA9</a>",
+        "<!DOCTYPE a [<!ENTITY e SYSTEM 'file:///dev/zero'>]><a>&e;</a>"};
+    std::istringstream bad(
+        "text|<!-- only -->|<a>|</a>|<a></b>|<a><b></a></b>|<a|<a b/>|<1/>|<a/><b/>|x<a/>|<a/>x|"
+        " <?xml version='1.0'?><a/>|<a/><!DOCTYPE a>|<a b='1' b='2'/>|<a b='<'/>|<a>x & y</a>|"
+        "<a>&nope;</a>|<a>&#x;</a>|<a>&amp</a>|<a>"
+        "\xC3</a>|<a>\x01</a>||" +
+        deep);
+    std::string error, text;
+    for (const std::string& whole : good)
+    {
+        EXPECT_TRUE(qord::IsWellFormedPolicy(whole, error)) << whole << error;
+    }
+    while (std::getline(bad, text, '|'))
+    {
+        EXPECT_FALSE(qord::IsWellFormedPolicy(text, error)) << text;
+    }
+    EXPECT_FALSE(qord::IsWellFormedPolicy(std::string("<a/>\0<b", 7), error));
+}
+
+class PolicyStore : public testing::Test
+{
+protected:
+    static bool Store(const std::string& path, const std::string& text,
+                      qord::TSStoreRules rules = {})
+    {
+        std::string error;
+        return qord::TCPolicyStore(path, rules).Store(text, error) || error.empty();
+    }
+
+    // The contents of all files.
+    std::multiset<std::string> Contents() const
+    {
+        std::multiset<std::string> contents;
+        for (const auto& entry : fs::directory_iterator(m_directory.Path()))
+        {
+            contents.insert(ReadFile(entry.path().string()));
+        }
+        return contents;
+    }
+
+    TemporaryDirectory m_directory;
+    std::string m_path = m_directory.Path("policy.xml");
+    std::string m_temporary = m_directory.Path(".policy.xml.new");
+};
+
+TEST_F(PolicyStore, ReplacedFileKeepsPermissionsOwnerAndLinks)
+{
+    const std::string real = m_directory.Path("real/policy");
+    EXPECT_FALSE(Store(real, "x"));
+    qord::TCPolicyStore(real).MakeDirectory();
+    fs::create_symlink("real/policy", m_path);
+    umask(077);
+    EXPECT_TRUE(Store(m_path, "created through the link"));
+    umask(022);
+    struct stat status;
+    ASSERT_EQ(stat(real.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0644U);
+    chmod(real.c_str(), 0460);
+    const bool given = chown(real.c_str(), 12345, 23456) == 0; // for root only
+    EXPECT_TRUE(Store(m_path, "replaced"));
+    ASSERT_EQ(stat(m_path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0460U);
+    EXPECT_EQ(status.st_uid, given ? 12345 : geteuid());
+    EXPECT_TRUE(fs::is_symlink(m_path));
+}
+
+TEST_F(PolicyStore, TrapsAreNotFollowedAndFailuresLeaveTheOldFileAndItsCopies)
+{
+    const std::string victim = m_directory.Path("policy_not-a-copy.xml");
+    WriteFile(victim, "untouched");
+    fs::create_symlink(victim, m_temporary);
+    EXPECT_TRUE(Store(m_path, "one", {2, 0}));
+    ASSERT_EQ(mkfifo(m_temporary.c_str(), 0600), 0);
+    EXPECT_TRUE(Store(m_path, "two", {2, 0}));
+    EXPECT_TRUE(Store(m_path, "three", {2, 0}));
+    fs::create_hard_link(victim, m_temporary);
+    EXPECT_TRUE(Store(m_path, "old", {2, 0}));
+    EXPECT_EQ(Contents(), (std::multiset<std::string>{"two", "three", "old", "untouched"}));
+    EXPECT_FALSE(Store(m_path, "x", {0, 1000000000}));   // MiB that should be free
+    fs::create_directories(m_temporary + "/in-the-way"); // of the replacement, not of the copy
+    EXPECT_FALSE(Store(m_path, "x", {3, 0}));
+    EXPECT_EQ(Contents(), (std::multiset<std::string>{"", "two", "three", "old", "untouched"}));
+}
+
+// What a crash leaves is what a reader would have seen.
+TEST_F(PolicyStore, ReadersAlwaysSeeAWholeText)
+{
+    ASSERT_TRUE(Store(m_path, std::string(200000, 'x')));
+    auto writer = std::async(std::launch::async,
+                             [&]
+                             {
+                                 for (int i = 0; i < 200; ++i)
+                                 {
+                                     EXPECT_TRUE(Store(m_path, std::string(200000, 'x')));
+                                 }
+                             });
+    while (writer.wait_for(std::chrono::seconds(0)) != std::future_status::ready)
+    {
+        EXPECT_EQ(ReadFile(m_path).size(), 200000U);
+    }
+}

@@ -1,0 +1,175 @@
+// The service and its command line, on a bus.
+#include <csignal>
+#include <future>
+#include <sstream>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <qor/api.h>
+
+#include "LogCapture.h"
+#include "MainContext.h"
+#include "RawPeer.h"
+#include "ToolRunner.h"
+
+using namespace qortest;
+
+class Tools : public ToolTest
+{
+protected:
+    // Runs a command line in the test's directory, and expects words in what it says.
+    void Expect(int exitCode, const std::string& words, const std::string& line = "set-policy -",
+                const std::string& program = QORCTL)
+    {
+        m_options.workingDirectory = m_directory.Path();
+        const Outcome outcome = RunTool("sh", {"-c", program + " " + line}, m_options);
+        const std::string said = outcome.out + outcome.err;
+        EXPECT_EQ(outcome.exitCode, exitCode) << line;
+        EXPECT_NE(said.find(words), std::string::npos) << line << said;
+    }
+
+    void SetPolicy(int exitCode, const std::string& words, const std::string& policy)
+    {
+        m_options.input = policy;
+        Expect(exitCode, words);
+    }
+
+    ChildProcess::Options m_options;
+};
+
+TEST_F(Tools, PoliciesAreStoredWholeOrRefusedUnsent)
+{
+    auto qord = StartQord({"--keep", "1"});
+    Expect(0, "stored", "set-policy " SAMPLE_POLICY);
+    EXPECT_EQ(StoredPolicy(), ReadFile(SAMPLE_POLICY));
+    SetPolicy(1, "not well-formed", "<a><b></a>");
+    const std::string large = "<p>" + std::string(5 << 20, 'x') + "</p>";
+    EXPECT_EQ(Qorctl({"--quiet", "set-policy", "-"}, large).out, "");
+    EXPECT_TRUE(StoredPolicy() == large);
+    EXPECT_EQ(ReadFile(m_directory.Path("policy_1.xml")), ReadFile(SAMPLE_POLICY));
+
+    const std::string huge(40 << 20, ' ');
+    SetPolicy(2, "do not fit into one bus message", "<a/>" + huge);
+    const auto control = qor::api::GetControl();
+    EXPECT_EQ(control->SetPolicy("<a/>" + huge), -1);
+    EXPECT_EQ(control->SetPolicy("<next/>"), 0);
+    EXPECT_EQ(StoredPolicy(), "<next/>");
+    EXPECT_EQ(CountOf(qord->Err(), "\n"), 1U) << qord->Err(); // the malformed one
+    Expect(0, "QOR >", "--verbose set-policy " SAMPLE_POLICY);
+}
+
+TEST_F(Tools, ServiceKilledInTheMiddleOfACallAndRestarted)
+{
+    auto qord = StartQord();
+    const auto control = qor::api::GetControl();
+    qord->Signal(SIGSTOP);
+    LogCapture::Clear();
+    auto result = std::async(std::launch::async, [&] { return control->SetPolicy("<a/>"); });
+    ASSERT_TRUE(LogCapture::WaitFor(LOG_DEBUG, "Send hello"));
+    qord->Signal(SIGKILL);
+    EXPECT_EQ(result.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_EQ(result.get(), -1);
+    qord = StartQord();
+    EXPECT_EQ(control->SetPolicy("<c/>"), 0);
+    EXPECT_EQ(StoredPolicy(), "<c/>");
+}
+
+TEST_F(Tools, AbsentForeignAndUnreachableServicesAreExplained)
+{
+    SetPolicy(2, "not on the bus", "<a/>");
+    RawPeer service;
+    ASSERT_TRUE(service.OwnName(SERVICE_NAME));
+    service.AnswerWith({Answer::REPLY, {1, 'n', 'o', 'i', 's', 'e'}});
+    SetPolicy(3, "cannot be read", "<a/>");
+    service.AnswerWith({Answer::ERROR, {}});
+    SetPolicy(2, "refused the request", "<a/>");
+    Expect(1, "belongs to another process (" + service.UniqueName(), "--policy x", QORD);
+    m_options.environment["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=none";
+    Expect(1, "cannot reach the system bus", "--policy x", QORD);
+    Expect(2, "no system bus");
+    Expect(2, "no system bus", "listen");
+}
+
+// Without a service on the bus, only what never came to sending ends with 64.
+TEST_F(Tools, WrongUsageSendsNothing)
+{
+    WriteFile(m_directory.Path("empty"), "");
+    std::istringstream wrong(
+        "|no-such-command|set-policy|set-policy missing|set-policy empty|set-policy .|"
+        "set-policy empty more|--quiet --verbose status|listen --count 0|listen --exec "
+        "\\'unfinished");
+    for (std::string line; std::getline(wrong, line, '|');)
+    {
+        Expect(64, "", line);
+    }
+    for (const char* line :
+         {"--policy", "--policy ''", "--policy x --keep -1", "--policy x --event-timeout 0"})
+    {
+        Expect(64, "", line, QORD);
+    }
+    Expect(0, "/opt/usr/share/vantorix/velkin_qor_policy.xml", "info");
+}
+
+TEST_F(Tools, EveryListenerHearsOfStoredPoliciesOnly)
+{
+    auto qord = StartQord();
+    auto plain = StartListener({"--count", "2"});
+    auto json = StartListener({"--json", "--count", "2"});
+    const std::string ran = m_directory.Path("ran"), hook = m_directory.Path("hook");
+    WriteFile(hook, "echo \"$QOR_EVENT $1\" >>" + ran);
+    auto hooked = StartListener({"--count", "2", "--exec", "sh " + hook + " '*; not a shell'"});
+    auto failing = StartListener({"--count", "1", "--exec", "false"});
+    SetPolicy(1, "not well-formed", "<a>");
+    SetPolicy(0, "stored", "<a/>");
+    ASSERT_TRUE(qord->WaitForOut("event policy-update: 4 delivered, 0 failed"));
+    qord->Signal(SIGUSR1);
+    EXPECT_EQ(plain->Wait() + json->Wait() + hooked->Wait() + failing->Wait(), 0);
+    EXPECT_EQ(CountOf(plain->Out(), " policy-update\n"), 1U) << plain->Out();
+    EXPECT_EQ(CountOf(json->Out(), "\"event\":\"policy-update\"}\n"), 1U) << json->Out();
+    EXPECT_EQ(CountOf(json->Out(), "\n"), CountOf(json->Out(), "{\"time\":\"2")) << json->Out();
+    EXPECT_EQ(CountOf(ReadFile(ran), "policy-update *; not a shell\n"), 1U) << ReadFile(ran);
+    EXPECT_NE(failing->Err().find("ended with status 1"), std::string::npos) << failing->Err();
+}
+
+TEST_F(Tools, ListenerSaysWhenTheServiceComesAndGoes)
+{
+    auto listener = StartTool(QORCTL, {"listen"});
+    ASSERT_TRUE(listener->WaitForOut("service vanished"));
+    auto qord = StartQord({"--process-info-interval", "1"});
+    EXPECT_TRUE(listener->WaitForOut("process-info"));
+    qord->Signal(SIGINT);
+    EXPECT_EQ(qord->Wait(), 0);
+    ASSERT_TRUE(WaitUntil([&] { return CountOf(listener->Out(), "service vanished") == 2; }));
+    listener->Signal(SIGINT);
+    EXPECT_EQ(listener->Wait(), 0);
+    qord = StartQord();
+    listener = StartListener();
+    m_pBus->Kill();
+    EXPECT_EQ(listener->Wait(), 2);
+    EXPECT_EQ(CountOf(listener->Err(), "closed"), 1U) << listener->Err();
+    m_pBus->Restart();
+}
+
+TEST_F(Tools, ServiceManagerAndStatusKnowWhenTheServiceIsThere)
+{
+    const int notified = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {AF_UNIX, {}};
+    const std::string path = m_directory.Path("notify");
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(notified, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    auto qord = StartQord({"--test-bus-names"});
+    unsetenv("NOTIFY_SOCKET");
+    Expect(0, "process id " + std::to_string(qord->Pid()), "status --test-bus-names");
+    Expect(2, "", "status"); // which is a service of its own
+    qord->Signal(SIGTERM);
+    EXPECT_EQ(qord->Wait(), 0);
+    Expect(2, "", "status --test-bus-names");
+    char message[32] = {};
+    EXPECT_GT(recv(notified, message, sizeof message - 1, MSG_DONTWAIT), 0);
+    EXPECT_STREQ(message, "READY=1");
+    EXPECT_EQ(recv(notified, message, sizeof message - 1, MSG_DONTWAIT), 10); // STOPPING=1
+    close(notified);
+}
