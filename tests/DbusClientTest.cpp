@@ -43,6 +43,19 @@ protected:
         ASSERT_TRUE(m_service.OwnName(SERVICE_NAME));
     }
 
+    // What the process's clients have sent by now has been seen by the bus.
+    static void AwaitBus()
+    {
+        GDBusConnection* const pConnection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+        ASSERT_NE(pConnection, nullptr);
+        GVariant* const pReply = g_dbus_connection_call_sync(
+            pConnection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+            "GetId", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+        ASSERT_NE(pReply, nullptr);
+        g_variant_unref(pReply);
+        g_object_unref(pConnection);
+    }
+
     // Everything that the client has sent by now has arrived: the bus keeps the order of messages
     // from one sender to one receiver, and the client's last one is answered.
     std::vector<Bytes> HellosOf(TCDbusClient& client)
@@ -265,6 +278,7 @@ TEST_F(DbusClient, AsynchronousSendReturnsTrueWhateverBecomesOfIt)
     EXPECT_EQ(LogCapture::Count(LOG_DEBUG, "Connection is not ready"), 1U);
     EXPECT_EQ(LogCapture::Count(LOG_DEBUG, "Send hello"), 0U);
 
+    AwaitBus(); // which drops it
     StartService();
     m_service.AnswerWith({Answer::REPLY, {0, 1, 2}, ""});
     EXPECT_TRUE(client.SendMessage(-3, {4}, response, true));

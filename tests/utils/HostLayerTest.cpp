@@ -25,7 +25,6 @@ sendto(int, const void* pData, size_t size, int, const sockaddr*, socklen_t)
     return daemonError == 0 ? static_cast<ssize_t>(size) : -1;
 }
 
-// A string that the platform hands over.
 static std::string Take(char* pText)
 {
     const std::string text = pText != nullptr ? pText : "(none)";
@@ -33,29 +32,16 @@ static std::string Take(char* pText)
     return text;
 }
 
-static std::string Information(system_info_key_e key)
-{
-    char* pText = nullptr;
-    return system_info_get_value_string(key, &pText) == 0 ? Take(pText) : "(failed)";
-}
-
 struct HostLayer : testing::Test, qortest::Tree
 {
-    HostLayer()
-    {
-        setenv("QOR_HOST_ROOT", At().c_str(), 1);
-        setenv("QOR_VCONF_FILE", At("settings.ini").c_str(), 1);
-    }
-
-    // A disk with one partition, as sysfs shows it.
     void AddDisk(const std::string& bus, const std::string& name) const
     {
         const std::string device = "devices/" + bus + "/host0/block/" + name;
         Write("sys/" + device + "/" + name + "1/partition");
-        fs::create_directories(At("sys/class/block"));
-        fs::create_symlink("../../" + device, At("sys/class/block/" + name));
+        fs::create_directories(Path("sys/class/block"));
+        fs::create_symlink("../../" + device, Path("sys/class/block/" + name));
         fs::create_symlink("../../" + device + "/" + name + "1",
-                           At("sys/class/block/" + name + "1"));
+                           Path("sys/class/block/" + name + "1"));
     }
 };
 
@@ -67,13 +53,12 @@ TEST_F(HostLayer, LogLinesGoToTheLogDaemonOrNowhere)
     EXPECT_GT(print(LOG_ID_SYSTEM, DLOG_ERROR, "QOR", "number %d", 3), 0);
     EXPECT_EQ(logged, "<27>QOR[" + std::to_string(getpid()) + "]: number 3\n");
     daemonError = ECONNREFUSED;
-    errno = ERANGE;
     EXPECT_EQ(print(LOG_ID_SYSTEM, DLOG_DEBUG, "QOR", "lost"), 0);
-    EXPECT_EQ(errno, ERANGE);
 }
 
 TEST_F(HostLayer, SettingsAreFoundByPath)
 {
+    setenv("QOR_VCONF_FILE", Path("settings.ini").c_str(), 1);
     Write("settings.ini", "[db/setting]\nname=a b\nempty=\n[vconf]\nplain=p\n[x]\nbad=\\q\n");
     EXPECT_EQ(Take(vconf_get_str("db/setting/name")), "a b");
     EXPECT_EQ(Take(vconf_get_str("/db/setting/empty")), "");
@@ -88,11 +73,12 @@ TEST_F(HostLayer, SettingsAreFoundByPath)
 
 TEST_F(HostLayer, SystemInformationHasTypes)
 {
-    EXPECT_EQ(Information(SYSTEM_INFO_KEY_SYSTEM_NAME), "(failed)");
+    setenv("QOR_HOST_ROOT", Path().c_str(), 1);
+    char* pText = nullptr;
+    EXPECT_NE(system_info_get_value_string(SYSTEM_INFO_KEY_SYSTEM_NAME, &pText), 0);
     Write("usr/lib/os-release", "PRETTY_NAME=\"No\"\nNAME=\"Some System\"\nVERSION_ID=12\n");
-    Write("sys/class/dmi/id/product_name", "A Board \n");
-    EXPECT_EQ(Information(SYSTEM_INFO_KEY_SYSTEM_NAME), "Some System");
-    EXPECT_EQ(Information(SYSTEM_INFO_KEY_MODEL), "A Board");
+    EXPECT_EQ(system_info_get_value_string(SYSTEM_INFO_KEY_SYSTEM_NAME, &pText), 0);
+    EXPECT_EQ(Take(pText), "Some System");
     int number = -5;
     EXPECT_NE(system_info_get_value_int(SYSTEM_INFO_KEY_MODEL, &number), 0);
     EXPECT_EQ(system_info_get_value_int(SYSTEM_INFO_KEY_PROCESSOR_COUNT, &number), 0);
@@ -101,12 +87,13 @@ TEST_F(HostLayer, SystemInformationHasTypes)
 
 TEST_F(HostLayer, UsbDisksAreTheOnesBelowARootHub)
 {
+    setenv("QOR_HOST_ROOT", Path().c_str(), 1);
     usb_device_list_h list = nullptr;
     usb_device_h device = nullptr;
     EXPECT_NE(usb_device_get_device_list(8, &list), 0); // not open
     usb_device_init();
-    AddDisk("pci0000:00/ata1", "sda");
-    AddDisk("usb/platform", "sdx"); // looks like a root hub only
+    AddDisk("pci0000:00/ata1", "sda"); // with a partition
+    AddDisk("usb/platform", "sdx");    // looks like a root hub only
     AddDisk("pci0000:00/usb2/2-1/2-1:1.0", "sdc");
     AddDisk("pci0000:00/usb1/1-1/1-1:1.0", "sdb");
     Write("proc/mounts", "/dev/sdc1 /media/c vfat rw 0 0\nsdb1 /virtual tmpfs rw 0 0\n"
@@ -117,5 +104,4 @@ TEST_F(HostLayer, UsbDisksAreTheOnesBelowARootHub)
     EXPECT_STREQ(usb_device_get_mountpath(device), "/media/USB stick");
     EXPECT_NE(usb_device_get_device_list(3, &list), 0);
     EXPECT_EQ(usb_device_fini(), 0);
-    EXPECT_NE(usb_device_fini(), 0);
 }

@@ -11,20 +11,15 @@
 namespace qortest
 {
 
-/// Every function returns the full path of the name.
-struct Tree
+struct Tree : TemporaryDirectory
 {
-    std::string At(const std::string& name = "") const
-    {
-        return name.empty() ? m_directory.Path() : m_directory.Path(name);
-    }
+    /// A file, with the directories above it; returns its path.
     std::string Write(const std::string& name, const std::string& content = "x") const
     {
-        boost::filesystem::create_directories(boost::filesystem::path(At(name)).parent_path());
-        WriteFile(At(name), content);
-        return At(name);
+        boost::filesystem::create_directories(boost::filesystem::path(Path(name)).parent_path());
+        WriteFile(Path(name), content);
+        return Path(name);
     }
-    TemporaryDirectory m_directory;
 };
 
 } // namespace qortest
