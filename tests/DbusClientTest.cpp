@@ -179,7 +179,7 @@ TEST_F(DbusClient, AsynchronousSendReturnsTrueWhateverBecomesOfIt)
     TCDbusClient client(false);
     Bytes response{9};
     EXPECT_TRUE(client.SendMessage(1, {1}, response, true)); // no service
-    EXPECT_TRUE(Call("GetId")); // the bus has seen it, and dropped it
+    EXPECT_TRUE(Call("GetId"));                              // the bus has seen it, and dropped it
     StartService();
     m_service.AnswerWith({Answer::REPLY, {0, 1, 2}, ""});
     EXPECT_TRUE(client.SendMessage(-3, {4}, response, true));

@@ -36,6 +36,10 @@ inline void WriteFile(const std::string& path, const std::string& content)
 /// Empty if there is none.
 inline std::string ReadFile(const std::string& path)
 {
+    if (boost::filesystem::is_directory(path))
+    {
+        return {};
+    }
     std::ifstream file(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(file), {});
 }
@@ -83,6 +87,7 @@ public:
         std::map<std::string, std::string> environment; // added to this process's own
         std::string input;                              // what it finds on standard input
         bool keepInputOpen = false;                     // else the input ends after that text
+        std::string workingDirectory = ".";
     };
 
     /// command[0] is a path or a name to look up. What cannot be started exits with 127.
@@ -118,7 +123,7 @@ public:
             dup2(in[0], STDIN_FILENO);
             dup2(m_out, STDOUT_FILENO);
             dup2(m_err, STDERR_FILENO);
-            if (getppid() == parent)
+            if (getppid() == parent && chdir(options.workingDirectory.c_str()) == 0)
             {
                 execvpe(arguments[0], arguments.data(), environment);
             }
