@@ -81,6 +81,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size)
         std::string error;
         qorfuzz::Require(qord::DecodePolicyRequest(request, policy, error) && after == policy,
                          "a stored policy is the one that was sent");
+        qorfuzz::Require(policy.size() <= g_maxPolicySize, "a stored policy is within the limit");
     }
     qorfuzz::Require(!isPolicy || qor::ReadPolicyReply(reply) == result,
                      "a client reads the result");

@@ -1,13 +1,10 @@
-// The server endpoint: its name, its registry and its stop, with raw peers for the clients.
-#include <cstdlib>
+// The server endpoint: its name, its registry, its events and its stop, with raw peers as clients.
+#include <algorithm>
+#include <future>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <boost/thread/thread.hpp>
-
-#include <gio/gio.h>
 
 #include <qor/QORDbusServer.h>
 
@@ -19,136 +16,96 @@ namespace
 using namespace qortest;
 using qor::TCDbusServer;
 using Counts = std::pair<std::size_t, std::size_t>;
+using Peers = std::vector<std::unique_ptr<RawPeer>>;
+
+const Answer NO{Answer::REPLY, {0}, ""};
 
 class DbusServer : public BusTest
 {
 protected:
-    static bool BecomesReady(TCDbusServer& server)
+    DbusServer()
     {
-        return PumpUntil([&] { return server.IsReady(); });
+        EXPECT_FALSE(m_server->IsReady()); // its context has not run
+        EXPECT_TRUE(PumpUntil([&] { return m_server->IsReady(); }));
     }
 
-    CallResult Hello(RawPeer& client, const Bytes& bytes)
+    bool HasClients(std::size_t count)
     {
-        return Await(client.StartCall(SERVICE_NAME, SERVICE_PATH, "Hello", bytes));
+        return PumpUntil([&] { return m_server->NumberOfClients() == count; });
     }
 
-    static bool HasClients(TCDbusServer& server, std::size_t count)
+    Peers Clients(std::size_t count, const std::vector<std::int32_t>& types)
     {
-        return PumpUntil([&] { return server.NumberOfClients() == count; });
+        Peers clients;
+        const std::size_t before = m_server->NumberOfClients();
+        for (std::size_t i = 0; i < count; ++i)
+        {
+            clients.push_back(std::make_unique<RawPeer>());
+            clients.back()->PostHello(SERVICE_NAME, types);
+        }
+        EXPECT_TRUE(HasClients(before + count));
+        return clients;
     }
+
+    Counts Deliver(int type, const Bytes& payload = {}, int timeoutMs = WATCHDOG_MS)
+    {
+        return m_server->SendMessage(type, payload, timeoutMs);
+    }
+
+    static Bytes Send(RawPeer& client, const Bytes& bytes)
+    {
+        return Await(client.StartCall(SERVICE_NAME, SERVICE_PATH, "Send", bytes)).bytes;
+    }
+
+    std::unique_ptr<TCDbusServer> m_server = std::make_unique<TCDbusServer>(false);
 };
 
-TEST_F(DbusServer, IsReadyWhenItsContextHasSeenTheName)
-{
-    TCDbusServer server(false);
-    EXPECT_EQ(LogCapture::Count(LOG_DEBUG, "Server started. Own name id "), 1U);
-    RawPeer client;
-    client.Sync();
-    EXPECT_FALSE(server.IsReady());
-    ASSERT_TRUE(BecomesReady(server));
-    EXPECT_EQ(LogCapture::Count(LOG_DEBUG, std::string("Name ") + SERVICE_NAME +
-                                               " has been acquired, user_data 0x"),
-              1U);
-    EXPECT_EQ(server.NumberOfClients(), 0U);
-    EXPECT_EQ(LogCapture::Count(LOG_DEBUG, "Number of clients 0"), 1U);
-}
+// --- The registry --------------------------------------------------------------------------------
 
-TEST_F(DbusServer, HelloNamesTheTypesOfTheClient)
+TEST_F(DbusServer, HelloNamesTheTypesOfTheClientUntilItLeaves)
 {
-    TCDbusServer server(false);
-    ASSERT_TRUE(BecomesReady(server));
     struct Case
     {
         Bytes hello;
         std::vector<int> types;
         std::vector<int> others;
     };
-    const std::vector<Case> cases{
-        {{1, 0, 0, 0, 3, 0, 0, 0, 7, 0, 0, 0, 5}, {1, 3, 7}, {5, 0}},
-        {{2, 0, 0, 0, 9, 0}, {2}, {9, 0}},
-        {{}, {}, {0, 2, 4}},
+    const Case cases[] = {
+        {{1, 0, 0, 0, 3, 0, 0, 0, 5}, {1, 3}, {5, 0}},
+        {{2, 0, 0, 0, 9, 0}, {2}, {1, 3, 9, 0}}, // in place of the first ones
         {{2, 0, 0}, {}, {0, 2}},
-        {EventList({7, 2, 7}), {2, 7}, {0}},
-        {EventList({-2, 258}), {-2, 258}, {2, 254}},
+        {{}, {}, {0, 2}},
+        {EventList({7, -2, 258, 7}), {7, -2, 258}, {0, 2, 254}},
     };
-    for (std::size_t i = 0; i < cases.size(); ++i)
-    {
-        SCOPED_TRACE(i);
-        LogCapture::Clear();
-        RawPeer client;
-        const CallResult answer = Hello(client, cases[i].hello);
-        EXPECT_TRUE(answer.ok);
-        EXPECT_EQ(answer.signature, "()");
-        ASSERT_TRUE(HasClients(server, 1));
-        EXPECT_EQ(LogCapture::Count(LOG_DEBUG, "A new client " + client.UniqueName()), 1U);
-        for (const int type : cases[i].types)
-        {
-            EXPECT_EQ(server.SendMessage(type, {}, WATCHDOG_MS), Counts(1, 0)) << type;
-        }
-        for (const int type : cases[i].others)
-        {
-            EXPECT_EQ(server.SendMessage(type, {}, WATCHDOG_MS), Counts(0, 0)) << type;
-        }
-        client.Leave();
-        ASSERT_TRUE(HasClients(server, 0));
-        EXPECT_EQ(LogCapture::Count(LOG_DEBUG, "Client name " + client.UniqueName() +
-                                                   " has vanished, user_data 0x"),
-                  1U);
-    }
-    EXPECT_EQ(LogCapture::Count(LOG_ERROR, ""), 0U);
-}
-
-TEST_F(DbusServer, RepeatedHelloReplacesTypes)
-{
-    TCDbusServer server(false);
-    ASSERT_TRUE(BecomesReady(server));
     RawPeer client;
-    Hello(client, EventList({1, 2}));
-    Hello(client, EventList({2, 3}));
-    ASSERT_TRUE(HasClients(server, 1));
-    EXPECT_EQ(server.SendMessage(1, {}, WATCHDOG_MS), Counts(0, 0));
-    EXPECT_EQ(server.SendMessage(3, {}, WATCHDOG_MS), Counts(1, 0));
-    EXPECT_EQ(LogCapture::Count(LOG_DEBUG, "A new client"), 1U);
-
+    for (const Case& one : cases)
+    {
+        const auto hello = Await(client.StartCall(SERVICE_NAME, SERVICE_PATH, "Hello", one.hello));
+        EXPECT_EQ(hello.signature, "()");
+        ASSERT_TRUE(HasClients(1));
+        for (const int type : one.types)
+        {
+            EXPECT_EQ(Deliver(type), Counts(1, 0)) << type;
+        }
+        for (const int type : one.others)
+        {
+            EXPECT_EQ(Deliver(type), Counts(0, 0)) << type;
+        }
+    }
     client.Leave(); // one watch: one line, and no complaint about an unknown client
-    ASSERT_TRUE(HasClients(server, 0));
-    PumpPending();
-    EXPECT_EQ(LogCapture::Count(LOG_DEBUG, "has vanished"), 1U);
+    ASSERT_TRUE(HasClients(0));
+    PumpUntil([] { return false; }, 50);
+    EXPECT_EQ(LogCapture::Count(LOG_DEBUG, "A new client " + client.UniqueName()), 1U);
+    EXPECT_EQ(LogCapture::Count(LOG_DEBUG, "has vanished, user_data 0x"), 1U);
+
+    RawPeer hasty; // gone before its Hello is handled
+    hasty.PostHello(SERVICE_NAME, {2});
+    hasty.Sync();
+    hasty.Leave();
+    EXPECT_TRUE(
+        PumpUntil([] { return LogCapture::Count(LOG_DEBUG, "has vanished, user_data 0x") == 2; }));
+    EXPECT_TRUE(HasClients(0));
     EXPECT_EQ(LogCapture::Count(LOG_ERROR, ""), 0U);
-}
-
-TEST_F(DbusServer, ClientThatLeftBeforeItsHelloWasHandledIsForgotten)
-{
-    TCDbusServer server(false);
-    ASSERT_TRUE(BecomesReady(server));
-    {
-        RawPeer client;
-        client.PostHello(SERVICE_NAME, {2});
-        client.Sync();
-    }
-    ASSERT_TRUE(PumpUntil([] { return LogCapture::Count(LOG_DEBUG, "has vanished") > 0; }));
-    EXPECT_EQ(LogCapture::Count(LOG_DEBUG, "A new client"), 1U);
-    EXPECT_TRUE(HasClients(server, 0));
-}
-
-TEST_F(DbusServer, MessagesReachTheFirstCallbackOfTheirType)
-{
-    TCDbusServer server(false);
-    EXPECT_TRUE(server.SetCallback(4, [](const Bytes& in, Bytes& out) { return out = in, true; }));
-    EXPECT_FALSE(server.SetCallback(4, [](const Bytes&, Bytes&) { return false; }));
-    EXPECT_EQ(LogCapture::Count(LOG_DEBUG, "Type 4, result 1"), 1U);
-    EXPECT_EQ(LogCapture::Count(LOG_DEBUG, "Type 4, result 0"), 1U);
-    ASSERT_TRUE(BecomesReady(server));
-    RawPeer client;
-    EXPECT_EQ(Await(client.StartCall(SERVICE_NAME, SERVICE_PATH, "Send", Request(4, false, {5, 6})))
-                  .bytes,
-              (Bytes{1, 5, 6}));
-    EXPECT_EQ(server.NumberOfClients(), 0U); // only Hello registers
-    EXPECT_TRUE(server.UnSetCallback(4));
-    EXPECT_FALSE(server.UnSetCallback(4));
-    EXPECT_EQ(Await(client.StartCall(SERVICE_NAME, SERVICE_PATH, "Send", Request(4, false))).bytes,
-              (Bytes{0}));
 }
 
 TEST_F(DbusServer, NameThatIsTakenIsAcquiredWhenItBecomesFree)
@@ -156,95 +113,159 @@ TEST_F(DbusServer, NameThatIsTakenIsAcquiredWhenItBecomesFree)
     RawPeer owner;
     ASSERT_TRUE(owner.OwnName(TEST_SERVICE_NAME));
     TCDbusServer server(true);
-    ASSERT_TRUE(PumpUntil(
-        []
-        {
-            return LogCapture::Count(LOG_DEBUG, std::string("Name ") + TEST_SERVICE_NAME +
-                                                    " has been lost, user_data 0x") > 0;
-        }));
-    EXPECT_EQ(LogCapture::Count(LOG_ERROR, "QORDbusServer.cpp"), 1U);
+    const std::string lost = std::string("Name ") + TEST_SERVICE_NAME + " has been lost";
+    ASSERT_TRUE(PumpUntil([&] { return LogCapture::Count(LOG_DEBUG, lost) > 0; }));
     EXPECT_FALSE(server.IsReady());
     ASSERT_TRUE(owner.ReleaseName(TEST_SERVICE_NAME));
-    EXPECT_TRUE(BecomesReady(server));
+    EXPECT_TRUE(PumpUntil([&] { return server.IsReady(); }));
 }
 
-TEST_F(DbusServer, ServerWithoutABusExistsAndDeliversNothing)
+TEST_F(DbusServer, StopsWithClientsOrBeforeItsLoopHasRun)
 {
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", NoBusAddress().c_str(), 1);
-    TCDbusServer server(false);
-    PumpPending();
-    EXPECT_FALSE(server.IsReady());
-    EXPECT_EQ(server.NumberOfClients(), 0U);
-    EXPECT_EQ(server.SendMessage(2, {}, 1000), Counts(0, 0));
-    EXPECT_EQ(LogCapture::Count(LOG_DEBUG, "Connection is ready 0, number of clients 0"), 1U);
-    EXPECT_EQ(LogCapture::Count(LOG_DEBUG, "Server started"), 0U);
-}
-
-TEST_F(DbusServer, StopsBeforeItsLoopHasRun)
-{
+    const Peers clients = Clients(3, {2, 4});
+    m_server.reset();
+    EXPECT_TRUE(SharedConnectionIsLetGo());
+    EXPECT_TRUE(clients[0]->OwnName(SERVICE_NAME)); // it is free again
     for (int i = 0; i < 100; ++i)
     {
         const TCDbusServer server(false);
     }
-    EXPECT_EQ(LogCapture::Count(LOG_DEBUG, "Server started"), 100U);
 }
 
-TEST_F(DbusServer, InterruptedOwnerStillStopsIt)
+// --- Events --------------------------------------------------------------------------------------
+
+TEST_F(DbusServer, EventIsASynchronousRequestAtTheObjectOfTheRegistered)
 {
-    boost::thread owner(
-        []
-        {
-            auto pServer = std::make_unique<TCDbusServer>(false);
-            boost::this_thread::disable_interruption notYet;
-            while (!boost::this_thread::interruption_requested())
-            {
-                boost::this_thread::yield();
-            }
-            const boost::this_thread::restore_interruption now(notYet);
-            pServer.reset();
-        });
-    owner.interrupt();
-    owner.join();
-    EXPECT_TRUE(SharedConnectionIsLetGo());
+    EXPECT_EQ(Deliver(2), Counts(0, 0));
+    const Peers others = Clients(2, {4});
+    EXPECT_EQ(Deliver(-300), Counts(0, 0));
+    const Peers clients = Clients(1, {-300});
+    const Bytes payload(1 << 20, 0x33);
+    EXPECT_EQ(Deliver(-300, payload), Counts(1, 0));
+    EXPECT_EQ(Deliver(-300, {}, -1), Counts(1, 0));
+    EXPECT_EQ(Deliver(-300, Bytes(qor::TCDbus::MaxPayload() + 1)), Counts(0, 1)); // unsent
+    EXPECT_EQ(Deliver(-300, {7}), Counts(1, 0));
+    const std::vector<IncomingCall> calls = clients[0]->Calls("Send");
+    ASSERT_EQ(calls.size(), 3U);
+    EXPECT_TRUE(calls[0].bytes == Request(-300, false, payload));
+    EXPECT_EQ(calls[1].bytes, Request(-300, false));
+    EXPECT_EQ(calls[1].path, SERVICE_PATH);
+    EXPECT_EQ(calls[1].sender, m_server->GetUniqueName());
+    EXPECT_EQ(others[0]->Count(""), 0U);
 }
 
-TEST_F(DbusServer, StopsWithClientsAndTheNameIsFreeAgain)
+TEST_F(DbusServer, OnlyATrueResultIsASuccess)
 {
-    RawPeer clients[3];
+    struct Case
     {
-        TCDbusServer server(false);
-        ASSERT_TRUE(BecomesReady(server));
-        for (RawPeer& client : clients)
-        {
-            Hello(client, EventList({2, 4}));
-        }
-        ASSERT_TRUE(HasClients(server, 3));
-        EXPECT_EQ(server.SendMessage(2, {}, WATCHDOG_MS), Counts(3, 0));
+        Answer answer;
+        std::string error; // the line that the failure leaves
+    };
+    const std::string denied = "org.freedesktop.DBus.Error.AccessDenied";
+    const Case cases[] = {
+        {{Answer::REPLY, {1}, ""}, ""},
+        {{Answer::REPLY, {1, 5, 5}, ""}, ""},
+        {NO, "to % failed"},
+        {{Answer::REPLY, {}, ""}, "to % failed"},
+        {{Answer::WRONG_TYPE, {}, ""}, "to % failed"},
+        {{Answer::NO_VALUE, {}, ""}, "to % failed"},
+        {{Answer::ERROR, {}, denied}, "from % error, errno 9"},
+        {{Answer::NEVER, {}, ""}, "from % error, errno 24"},
+        {{Answer::LEAVE, {}, ""}, "from % error, errno 4"},
+    };
+    const Peers clients = Clients(std::size(cases), {2});
+    for (std::size_t i = 0; i < clients.size(); ++i)
+    {
+        clients[i]->AnswerWith(cases[i].answer);
     }
-    EXPECT_TRUE(SharedConnectionIsLetGo());
-    EXPECT_TRUE(clients[0].OwnName(SERVICE_NAME));
+    EXPECT_EQ(Deliver(2, {}, 500), Counts(2, 7));
+    for (std::size_t i = 2; i < clients.size(); ++i)
+    {
+        std::string line = "Sending message " + cases[i].error;
+        line.replace(line.find('%'), 1, clients[i]->UniqueName());
+        EXPECT_EQ(LogCapture::Count(i < 6 ? LOG_DEBUG : LOG_ERROR, line), 1U) << line;
+    }
+    EXPECT_EQ(LogCapture::Count(LOG_DEBUG, "Callback result: success 2, fails 7"), 1U);
+    EXPECT_EQ(Deliver(2, {}, 500), Counts(2, 7)); // who left is registered until that is seen
 }
 
-TEST_F(DbusServer, LosingTheBusLeavesTheHostAliveAndAFreshServerWorks)
+TEST_F(DbusServer, SilentClientAmongTwentyDelaysNoOther)
 {
-    auto pServer = std::make_unique<TCDbusServer>(false);
-    ASSERT_TRUE(BecomesReady(*pServer));
-    RawPeer client;
-    Hello(client, EventList({2}));
-    ASSERT_TRUE(HasClients(*pServer, 1));
-    m_bus.Kill();
-    ASSERT_TRUE(PumpUntil([] { return LogCapture::Count(LOG_DEBUG, "has been lost") > 0; }));
-    ASSERT_TRUE(HasClients(*pServer, 0));
-    EXPECT_EQ(pServer->SendMessage(2, {}, 1000), Counts(0, 0));
+    const Peers clients = Clients(20, {2});
+    // Unique names are ordered as text: whichever the server calls first is the silent one.
+    const auto first =
+        std::min_element(clients.begin(), clients.end(),
+                         [](auto& a, auto& b) { return a->UniqueName() < b->UniqueName(); });
+    (*first)->AnswerWith({Answer::HOLD, {}, ""});
+    auto counts = std::async(std::launch::async, [&] { return Deliver(2); });
+    for (const auto& client : clients)
+    {
+        EXPECT_TRUE(client->WaitForCalls("Send", 1));
+    }
+    // The delivery still waits, and meanwhile the server serves others.
+    EXPECT_NE(counts.wait_for(std::chrono::seconds(0)), std::future_status::ready);
+    m_server->SetCallback(4, [](const Bytes&, Bytes&) { return true; });
+    RawPeer other;
+    EXPECT_EQ(Send(other, Request(4, false)), (Bytes{1}));
+    (*first)->AnswerHeld({Answer::REPLY, {1}, ""});
+    EXPECT_EQ(counts.get(), Counts(20, 0));
+}
 
-    m_bus.Restart();
-    pServer.reset();
-    ASSERT_TRUE(SharedConnectionIsLetGo());
-    TCDbusServer fresh(false);
-    ASSERT_TRUE(BecomesReady(fresh));
-    RawPeer next;
-    Hello(next, EventList({2}));
-    EXPECT_EQ(fresh.SendMessage(2, {}, WATCHDOG_MS), Counts(1, 0));
+TEST_F(DbusServer, ClientThatWaitsForItsOwnReplyIsSkipped)
+{
+    const Peers clients = Clients(3, {2});
+    Counts counts;
+    const auto deliver = [&](const Bytes&, Bytes&) { return counts = Deliver(2), true; };
+    EXPECT_TRUE(m_server->SetCallback(4, deliver));
+    EXPECT_FALSE(m_server->SetCallback(4, deliver));
+    EXPECT_EQ(Send(*clients[1], Request(4, false)), (Bytes{1}));
+    EXPECT_EQ(counts, Counts(2, 1));
+    EXPECT_EQ(clients[1]->Count("Send"), 0U);
+    EXPECT_EQ(LogCapture::Count(LOG_ERROR, "Unable to send message to " + clients[1]->UniqueName() +
+                                               ", type 2, waiting for sync replay"),
+              1U);
+    EXPECT_EQ(Send(*clients[1], Request(4, true)), (Bytes{1}));
+    EXPECT_EQ(counts, Counts(3, 0)); // asynchronous: it does not wait
+    EXPECT_EQ(Deliver(2), Counts(3, 0));
+    EXPECT_TRUE(m_server->UnSetCallback(4));
+    EXPECT_EQ(Send(*clients[1], Request(4, false)), (Bytes{0}));
+}
+
+TEST_F(DbusServer, ManyClientsAndThreadsKeepTheirCountsWhileOthersComeAndGo)
+{
+    const Peers clients = Clients(200, {1, 2});
+    for (std::size_t i = 0; i < clients.size(); i += 4)
+    {
+        clients[i]->AnswerWith(NO);
+    }
+    EXPECT_EQ(Deliver(1, {1, 2, 3}), Counts(150, 50));
+    const auto deliver = [&](int type)
+    {
+        std::size_t wrong = 0;
+        for (int i = 0; i < 20; ++i)
+        {
+            const Counts counts = Deliver(type);
+            wrong += counts.first == 150 && (type == 2 || counts.second == 50) ? 0 : 1;
+        }
+        return wrong;
+    };
+    {
+        const Repeat churn(
+            []
+            {
+                RawPeer passing;
+                passing.AnswerWith({Answer::LEAVE, {}, ""});
+                passing.PostHello(SERVICE_NAME, {2});
+                passing.Sync();
+            });
+        auto first = std::async(std::launch::async, deliver, 1);
+        auto second = std::async(std::launch::async, deliver, 2);
+        EXPECT_EQ(Await(std::async(std::launch::async, deliver, 2)), 0U);
+        EXPECT_EQ(Await(std::move(first)) + Await(std::move(second)), 0U);
+    }
+    EXPECT_TRUE(HasClients(200));
+    EXPECT_EQ(clients[0]->Count("Send"), 61U);
+    EXPECT_EQ(LogCapture::Count(LOG_ERROR, "QORDbusServer.cpp: m_ClientNameVanished"), 0U);
 }
 
 } // namespace

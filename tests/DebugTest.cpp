@@ -1,19 +1,19 @@
-// Log sinks, performance markers and assertions.
-#include <sys/stat.h>
+// Log sinks, performance markers and assertions; payloads between byte arrays and archives.
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
+
+#include <boost/archive/archive_exception.hpp>
+#include <boost/archive/binary_iarchive.hpp>
 
 #include <gtest/gtest.h>
 
 #include <perf_marker.h>
 
 #include <qor/QORDebug.h>
+#include <qor/QORIpcSerializationUtil.h>
 
 #include "ChildProcess.h"
 #include "LogCapture.h"
@@ -24,60 +24,9 @@ namespace
 {
 
 using namespace qortest;
-using qor::TCDebug;
+using qor::TCIpcSerializationUtil;
 
-std::vector<std::string>& Markers()
-{
-    static std::vector<std::string> markers;
-    return markers;
-}
-
-std::string LogPath(const std::string& name)
-{
-    return "/tmp/qor_" + name + "_" + std::to_string(getpid()) + ".log";
-}
-
-// Gives the process another short name, and removes the log file that goes with it.
-class ShortName
-{
-public:
-    explicit ShortName(std::string name, std::string fileName)
-        : m_name(std::move(name)), m_path(LogPath(fileName)), m_pBefore(__progname)
-    {
-        __progname = m_name.data();
-    }
-    ~ShortName()
-    {
-        __progname = m_pBefore;
-        unlink(m_path.c_str());
-        rmdir(m_path.c_str());
-    }
-
-    ShortName(const ShortName&) = delete;
-    ShortName& operator=(const ShortName&) = delete;
-
-    const std::string& Path() const
-    {
-        return m_path;
-    }
-
-private:
-    std::string m_name;
-    std::string m_path;
-    char* m_pBefore;
-};
-
-// A settings object whose file is closed at the end: the library never closes its own.
-struct Debug : TCDebug
-{
-    ~Debug()
-    {
-        if (m_pLogFile != nullptr)
-        {
-            fclose(m_pLogFile);
-        }
-    }
-};
+std::vector<std::string> g_markers;
 
 template <class TFunction>
 std::string StdoutOf(const TFunction& function)
@@ -88,136 +37,94 @@ std::string StdoutOf(const TFunction& function)
     return testing::internal::GetCapturedStdout();
 }
 
-TEST(Debug, FreshSettingsPrintOnStandardOutputOnly)
+// Gives the process another short name: a slash cannot stay in a file's name.
+class Debug : public testing::Test
 {
-    const ShortName name("qorfresh", "qorfresh");
-    Debug debug;
-    EXPECT_FALSE(debug.m_perfLog);
-    const std::string out =
-        StdoutOf([&] { debug.External("qor::TCThing", "Do", 12, "value %d", 7); });
-    EXPECT_EQ(out, "QOR >qor::TCThing:Do:12< value 7\n");
-    EXPECT_NE(access(name.Path().c_str(), F_OK), 0);
+protected:
+    Debug()
+    {
+        LogCapture::Clear();
+        __progname = m_name.data();
+    }
+
+    ~Debug() override
+    {
+        __progname = m_pBefore;
+        if (m_debug.m_pLogFile != nullptr)
+        {
+            fclose(m_debug.m_pLogFile); // the library never closes its own
+        }
+        unlink(m_path.c_str());
+    }
+
+    qor::TCDebug m_debug;
+    std::string m_name = "dir/svc";
+    const std::string m_path = "/tmp/qor_dir_svc_" + std::to_string(getpid()) + ".log";
+    char* const m_pBefore = __progname;
+};
+
+TEST_F(Debug, FreshSettingsPrintOnStandardOutputAndTheFileIsAppendedTo)
+{
+    EXPECT_FALSE(m_debug.m_perfLog);
+    EXPECT_EQ(StdoutOf([&] { m_debug.External("qor::TCThing", "Do", 12, "value %d", 7); }),
+              "QOR >qor::TCThing:Do:12< value 7\n");
+    EXPECT_NE(access(m_path.c_str(), F_OK), 0);
+
+    WriteFile(m_path, "older\n");
+    m_debug.EnableStdoutLog(false);
+    m_debug.EnableFileLog(true);
+    m_debug.External("C", "F", 1, "first");
+    m_debug.EnableFileLog(true);
+    m_debug.EnableFileLog(false);
+    EXPECT_EQ(StdoutOf([&] { m_debug.External("C", "F", 2, "between"); }), "");
+    m_debug.EnableFileLog(true);
+    m_debug.External("C", "F", 3, "last"); // flushed
+    EXPECT_EQ(ReadFile(m_path), "older\nQOR >C:F:1< first\nQOR >C:F:3< last\n");
 }
 
-TEST(Debug, FileIsOpenedOnceAndGoesOnAfterAPause)
+TEST_F(Debug, LinesAndMarkersAreCutOffAt255Characters)
 {
-    const ShortName name("dir/svc", "dir_svc"); // a slash cannot stay in a file's name
-    Debug debug;
-    debug.EnableStdoutLog(false);
-    debug.EnableFileLog(true);
-    FILE* const pFile = debug.m_pLogFile;
-    ASSERT_NE(pFile, nullptr);
-    debug.External("C", "F", 1, "first");
-    debug.EnableFileLog(true);
-    debug.EnableFileLog(false);
-    debug.External("C", "F", 2, "between");
-    debug.EnableFileLog(true);
-    EXPECT_EQ(debug.m_pLogFile, pFile);
-    debug.External("C", "F", 3, "last");
-    EXPECT_EQ(ReadFile(name.Path()), "QOR >C:F:1< first\nQOR >C:F:3< last\n"); // flushed already
-}
-
-TEST(Debug, FileIsAppendedTo)
-{
-    const ShortName name("qorappend", "qorappend");
-    WriteFile(name.Path(), "older\n");
-    Debug debug;
-    debug.EnableStdoutLog(false);
-    debug.EnableFileLog(true);
-    debug.External("C", "F", 1, "newer");
-    EXPECT_EQ(ReadFile(name.Path()), "older\nQOR >C:F:1< newer\n");
-}
-
-TEST(Debug, FileThatCannotBeOpenedIsReportedAndTriedAgain)
-{
-    const ShortName name("qorblocked", "qorblocked");
-    ASSERT_EQ(mkdir(name.Path().c_str(), 0700), 0);
-    LogCapture::Clear();
-    Debug debug;
-    debug.EnableFileLog(false);
-    debug.EnableFileLog(true);
-    EXPECT_EQ(debug.m_pLogFile, nullptr);
-    EXPECT_TRUE(debug.m_fileLog);
-    const std::vector<LogLine> lines = LogCapture::Lines();
-    ASSERT_EQ(lines.size(), 1U);
-    EXPECT_EQ(lines[0].id, 0);
-    EXPECT_EQ(lines[0].priority, LOG_INFO);
-    EXPECT_EQ(lines[0].tag, "QOR");
-    EXPECT_EQ(lines[0].text.find("QORDebug.cpp: EnableFileLog("), 0U);
-    EXPECT_NE(lines[0].text.find(") > Unable to create file " + name.Path() + " - errno " +
-                                 std::to_string(EISDIR)),
-              std::string::npos);
-    EXPECT_EQ(StdoutOf([&] { debug.External("C", "F", 1, "goes on"); }), "QOR >C:F:1< goes on\n");
-
-    ASSERT_EQ(rmdir(name.Path().c_str()), 0);
-    debug.EnableFileLog(true);
-    EXPECT_NE(debug.m_pLogFile, nullptr);
-}
-
-TEST(Debug, LinesAreCutOffAt255Characters)
-{
-    Debug debug;
-    const std::string prefix = "QOR >C:F:1< ";
-    for (const std::size_t length : {std::size_t(242), std::size_t(243), std::size_t(300)})
+    for (const std::size_t length : {242, 243, 244, 300})
     {
         const std::string text(length, 'x');
-        const std::string out = StdoutOf([&] { debug.External("C", "F", 1, "%s", text.c_str()); });
-        EXPECT_EQ(out, (prefix + text).substr(0, 255) + "\n") << length;
+        const std::string expected = ("QOR >C:F:1< " + text).substr(0, 255);
+        const auto print = [&] { m_debug.External("C", "F", 1, "%s", text.c_str()); };
+        EXPECT_EQ(StdoutOf(print), expected + "\n");
+        g_markers.clear();
+        m_debug.Perf("C", "F", 1, "%s", text.c_str()); // whether or not it is wanted
+        EXPECT_EQ(g_markers, std::vector<std::string>{expected});
     }
-    const std::string longName(400, 'n');
-    EXPECT_EQ(StdoutOf([&] { debug.External(longName.c_str(), "F", 1, "message"); }),
-              ("QOR >" + longName).substr(0, 255) + "\n");
+    const std::string name(400, 'n');
+    EXPECT_EQ(StdoutOf([&] { m_debug.External(name.c_str(), "F", 1, "x"); }),
+              "QOR >" + name.substr(0, 250) + "\n");
 }
 
-TEST(Debug, NothingIsWrittenWithBothSinksOff)
+TEST_F(Debug, AssertReportsTheCallersPlaceToEverySink)
 {
-    const ShortName name("qorsilent", "qorsilent");
-    Debug debug;
-    debug.EnableFileLog(true);
-    debug.EnableFileLog(false);
-    debug.EnableStdoutLog(false);
-    EXPECT_EQ(StdoutOf([&] { debug.External("C", "F", 1, "quiet"); }), "");
-    EXPECT_EQ(ReadFile(name.Path()), "");
-}
-
-TEST(Debug, MarkersGoOutWhetherOrNotTheyAreWanted)
-{
-    Debug debug;
-    Markers().clear();
-    debug.Perf("C", "F", 1, "one %s", "marker");
-    debug.EnablePerfLog(true);
-    debug.Perf("C", "F", 2, "%s", std::string(300, 'x').c_str());
-    ASSERT_EQ(Markers().size(), 2U);
-    EXPECT_EQ(Markers()[0], "QOR >C:F:1< one marker");
-    EXPECT_EQ(Markers()[1].size(), 255U);
-}
-
-TEST(Debug, AssertReportsTheCallersPlaceToEverySink)
-{
-    LogCapture::Clear();
-    TCDebug& debug = TCDebug::m_instance; // what the log statements look at
+    qor::TCDebug& debug = qor::TCDebug::m_instance; // what the log statements look at
     const std::string message = "Error for main file in line 7.";
     const std::string out = StdoutOf([&] { debug.Assert("main", 7); });
     EXPECT_EQ(out.find("QOR >qor::TCDebug:Assert:"), 0U);
     EXPECT_NE(out.find("< " + message + "\n"), std::string::npos);
-    std::vector<LogLine> lines = LogCapture::Lines();
-    ASSERT_EQ(lines.size(), 1U);
-    EXPECT_EQ(lines[0].id, 2);
-    EXPECT_EQ(lines[0].priority, LOG_ERROR);
-    EXPECT_EQ(lines[0].tag, "QOR");
-    EXPECT_EQ(lines[0].text.find("QORDebug.cpp: Assert("), 0U);
-    EXPECT_NE(lines[0].text.find(") > " + message), std::string::npos);
-
+    EXPECT_EQ(LogCapture::Lines().at(0).id, 2);
     debug.EnableStdoutLog(false);
-    debug.EnableFileLog(false);
     EXPECT_EQ(StdoutOf([&] { debug.Assert("main", 7); }), "");
-    EXPECT_EQ(LogCapture::Count(LOG_ERROR, message), 2U); // the platform log always
     debug.EnableStdoutLog(true);
-    debug.EnableFileLog(true);
-    if (debug.m_pLogFile != nullptr)
-    {
-        unlink(LogPath(__progname).c_str());
-    }
+    EXPECT_EQ(LogCapture::Count(LOG_ERROR, message), 2U); // the platform log always
+}
+
+TEST(Serialization, EmptyInputIsReportedAndChangesNothing)
+{
+    LogCapture::Clear();
+    std::stringstream stream;
+    TCIpcSerializationUtil::ConvertData(std::vector<unsigned char>(), stream);
+    EXPECT_EQ(LogCapture::Count(LOG_ERROR, "QORIpcSerializationUtil.cpp file in line "), 1U);
+    EXPECT_THROW(boost::archive::binary_iarchive archive(stream),
+                 boost::archive::archive_exception);
+    std::vector<unsigned char> data{1, 2};
+    TCIpcSerializationUtil::ConvertData(stream, data);
+    EXPECT_EQ(LogCapture::Count(LOG_ERROR, "QORIpcSerializationUtil.cpp file in line "), 2U);
+    EXPECT_EQ(data, (std::vector<unsigned char>{1, 2}));
 }
 
 } // namespace
@@ -225,5 +132,5 @@ TEST(Debug, AssertReportsTheCallersPlaceToEverySink)
 // Ahead of the platform library's.
 void perf_marker(const char* text, size_t length)
 {
-    Markers().emplace_back(text, length);
+    g_markers.emplace_back(text, length);
 }

@@ -2,16 +2,13 @@
 //
 // What these tests look for is seen by the sanitizers; without them they show that nothing hangs.
 #include <atomic>
-#include <cstdlib>
-#include <future>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
-#include <vector>
 
+#include <boost/bind/bind.hpp>
 #include <boost/make_shared.hpp>
-
-#include <gio/gio.h>
 
 #include <qor/QORCallbacksProxy.h>
 #include <qor/QORDbusClient.h>
@@ -24,317 +21,123 @@ namespace
 
 using namespace qortest;
 
-// Repeats a step on a thread of its own for as long as it lives.
-class Repeat
-{
-public:
-    template <class TStep>
-    explicit Repeat(const TStep& step)
-        : m_stop(false),
-          m_thread(
-              [this, step]
-              {
-                  while (!m_stop)
-                  {
-                      step();
-                  }
-              })
-    {
-    }
-    ~Repeat()
-    {
-        m_stop = true;
-        m_thread.join();
-    }
-
-    Repeat(const Repeat&) = delete;
-    Repeat& operator=(const Repeat&) = delete;
-
-private:
-    std::atomic<bool> m_stop;
-    std::thread m_thread;
-};
-
-// A deadlock ends the program with a message instead of waiting for the test driver's patience.
-class Watchdog
-{
-public:
-    explicit Watchdog(int seconds)
-        : m_thread(
-              [this, seconds]
-              {
-                  if (m_done.get_future().wait_for(std::chrono::seconds(seconds)) !=
-                      std::future_status::ready)
-                  {
-                      fprintf(stderr, "The test hangs.\n");
-                      std::abort();
-                  }
-              })
-    {
-    }
-    ~Watchdog()
-    {
-        m_done.set_value();
-        m_thread.join();
-    }
-
-    Watchdog(const Watchdog&) = delete;
-    Watchdog& operator=(const Watchdog&) = delete;
-
-private:
-    std::promise<void> m_done;
-    std::thread m_thread;
-};
-
-// Keeps the process's connection, and with it its unique name, from one endpoint to the next.
-class KeptConnection
-{
-public:
-    KeptConnection() : m_pConnection(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr))
-    {
-        g_dbus_connection_set_exit_on_close(m_pConnection, FALSE);
-    }
-    ~KeptConnection()
-    {
-        g_object_unref(m_pConnection);
-    }
-
-    KeptConnection(const KeptConnection&) = delete;
-    KeptConnection& operator=(const KeptConnection&) = delete;
-
-    std::string UniqueName() const
-    {
-        return g_dbus_connection_get_unique_name(m_pConnection);
-    }
-
-private:
-    GDBusConnection* m_pConnection;
-};
-
 class LifetimeStress : public BusTest
 {
 protected:
-    LifetimeStress() : m_watchdog(200) {}
+    static constexpr int ROUNDS = 100;
 
-    static constexpr int ROUNDS = 150;
+    // Keeps the connection, and with it its unique name, from one endpoint to the next.
+    LifetimeStress() : m_connection(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr))
+    {
+        g_dbus_connection_set_exit_on_close(m_connection.get(), FALSE);
+        alarm(200); // a deadlock ends the program
+    }
 
-    Watchdog m_watchdog;
+    ~LifetimeStress() override
+    {
+        EXPECT_GE(m_called, 20);
+        alarm(0);
+    }
+
+    // Sends to this process, as long as the result lives.
+    std::unique_ptr<Repeat> Sending(const char* method, const Bytes& bytes)
+    {
+        const std::string name = g_dbus_connection_get_unique_name(m_connection.get());
+        return std::make_unique<Repeat>([=]
+                                        { m_peer.Call(name, SERVICE_PATH, method, bytes, 200); });
+    }
+
+    // A function that owns what it touches: run too late, it touches freed memory.
+    std::function<bool()> Function()
+    {
+        return [this, p = std::make_shared<int>(1)] { return m_called += *p, true; };
+    }
+
+    // Runs the rounds, and more until enough functions have been called.
+    template <class TRound>
+    void Rounds(const TRound& round)
+    {
+        for (int i = 0; i < ROUNDS || (m_called < 20 && i < 100 * ROUNDS); ++i)
+        {
+            round(i);
+        }
+    }
+
+    void WaitForACall(int before)
+    {
+        WaitUntil([&] { return m_called != before; }, 5);
+    }
+
+    qor::TGlibPtr<GDBusConnection> m_connection;
+    RawPeer m_peer;
+    std::atomic<int> m_called{0};
 };
 
 TEST_F(LifetimeStress, ClientsComeAndGoWhileMessagesAndNameEventsAreDispatched)
 {
-    const KeptConnection connection;
-    const std::string name = connection.UniqueName();
-    std::atomic<int> handled(0);
-    std::atomic<std::size_t> answered(0);
-    {
-        RawPeer service;
-        RawPeer sender;
-        const BackgroundPump pump;
-        const Repeat messages(
-            [&]
-            {
-                const CallResult result =
-                    sender.Call(name, SERVICE_PATH, "Send", Request(2, false, {1}), 200);
-                answered += result.ok ? 1U : 0U;
-            });
-        const Repeat names(
-            [&]
-            {
-                service.OwnName(SERVICE_NAME);
-                service.ReleaseName(SERVICE_NAME);
-            });
-        for (int i = 0; i < ROUNDS || (handled < 20 && i < 100 * ROUNDS); ++i)
-        {
-            auto pClient = std::make_unique<qor::TCDbusClient>(false);
-            pClient->SetCallback(2,
-                                 [&, p = std::make_shared<int>(i)](const Bytes&, Bytes& out)
-                                 {
-                                     ++handled;
-                                     out.push_back(static_cast<unsigned char>(*p));
-                                     return true;
-                                 });
-            Bytes response;
-            pClient->SendMessage(1, {1, 2, 3}, response, i % 3 != 0);
-            if (i % 2 == 0)
-            {
-                const int before = handled;
-                WaitUntil([&] { return handled != before; }, 5);
-            }
-        }
-    }
-    EXPECT_GE(handled, 20);
-    EXPECT_GE(answered, 1U);
-}
-
-TEST_F(LifetimeStress, ClientsComeAndGoWithTheirConnections)
-{
     RawPeer service;
-    ASSERT_TRUE(service.OwnName(SERVICE_NAME));
     const BackgroundPump pump;
-    for (int i = 0; i < ROUNDS; ++i)
-    {
-        const boost::shared_ptr<qor::IDbusClient> client = qor::TCDbusClientProvider::Get(false);
-        Bytes response;
-        client->SetCallback(2, [](const Bytes&, Bytes&) { return true; });
-        if (i % 4 == 0)
+    const auto messages = Sending("Send", Request(2, false, {1}));
+    const Repeat names([&] { service.OwnName(SERVICE_NAME), service.ReleaseName(SERVICE_NAME); });
+    Rounds(
+        [&](int i)
         {
-            EXPECT_TRUE(client->SendMessage(1, {}, response, false));
-        }
-    }
+            qor::TCDbusClient client(false);
+            client.SetCallback(2, boost::bind<bool>(Function()));
+            Bytes response;
+            client.SendMessage(1, {1, 2, 3}, response, i % 3 != 0);
+            i % 2 == 0 ? WaitForACall(m_called) : void();
+        });
 }
 
 TEST_F(LifetimeStress, ServersComeAndGoWhileClientsTalkToThem)
 {
-    const KeptConnection connection;
-    const std::string name = connection.UniqueName();
-    std::atomic<int> handled(0);
     std::size_t delivered = 0;
-    {
-        RawPeer sender;
-        const BackgroundPump pump;
-        const Repeat messages(
-            [&] { sender.Call(name, SERVICE_PATH, "Send", Request(4, false, {1}), 200); });
-        const Repeat hellos(
-            [&]
-            {
-                RawPeer client;
-                client.Call(name, SERVICE_PATH, "Hello", EventList({2, 4}), 200);
-                client.Sync();
-            });
-        for (int i = 0; i < ROUNDS || (handled < 20 && i < 100 * ROUNDS); ++i)
+    const BackgroundPump pump;
+    const auto messages = Sending("Send", Request(4, false, {1}));
+    const auto hellos = Sending("Hello", EventList({2, 4}));
+    Rounds(
+        [&](int i)
         {
-            auto pServer = std::make_unique<qor::TCDbusServer>(false);
-            pServer->SetCallback(4,
-                                 [&, p = std::make_shared<int>(i)](const Bytes&, Bytes& out)
-                                 {
-                                     ++handled;
-                                     out.push_back(static_cast<unsigned char>(*p));
-                                     return true;
-                                 });
+            qor::TCDbusServer server(false);
+            server.SetCallback(4, boost::bind<bool>(Function()));
             if (i % 2 == 0)
             {
-                WaitUntil([&] { return pServer->NumberOfClients() > 0; }, 10);
-                delivered += pServer->SendMessage(2, {1}, WATCHDOG_MS).first;
+                WaitUntil([&] { return server.NumberOfClients() > 0; }, 10);
+                delivered += server.SendMessage(2, {1}, WATCHDOG_MS).first;
             }
-        }
-    }
-    EXPECT_GE(handled, 20);
+        });
     EXPECT_GE(delivered, 1U);
 }
 
-TEST_F(LifetimeStress, SetAndResetFromTwoThreadsWhileEventsArrive)
+TEST_F(LifetimeStress, ProxiesComeAndGoAndTwoThreadsSetAndResetWhileEventsArrive)
 {
-    RawPeer service;
-    ASSERT_TRUE(service.OwnName(SERVICE_NAME));
-    std::atomic<int> called(0);
-    {
-        const auto pProxy = boost::make_shared<qor::TCCallbacksProxy>();
-        const boost::shared_ptr<qor::IDbusClient> endpoint = qor::TCDbusClientProvider::Get(false);
-        const BackgroundPump pump;
-        ASSERT_TRUE(service.WaitForCalls("Hello", 1));
-        const std::string client = service.Calls("Hello")[0].sender;
-        const Repeat updates(
-            [&] { service.Call(client, SERVICE_PATH, "Send", Request(2, false), WATCHDOG_MS); });
-        const Repeat requests(
-            [&] { service.Call(client, SERVICE_PATH, "Send", Request(4, false), WATCHDOG_MS); });
-        const auto hammer = [&]
+    const auto endpoint = qor::TCDbusClientProvider::Get(false);
+    const BackgroundPump pump;
+    const auto updates = Sending("Send", Request(2, false));
+    const auto requests = Sending("Send", Request(4, false));
+    Rounds(
+        [&](int i)
         {
-            for (int i = 0; i < 5 * ROUNDS || (called < 100 && i < 500 * ROUNDS); ++i)
+            const auto proxy = boost::make_shared<qor::TCCallbacksProxy>();
+            const auto hammer = [&]
             {
-                // The functions own what they touch: one that ran after its reset would touch freed
-                // memory.
-                pProxy->SetPolicyUpdateCb([&called, p = std::make_shared<int>(1)]
-                                          { called += *p; });
-                pProxy->SetRequestProcessInfoCb(
-                    [&called, p = std::make_shared<int>(1)]
-                    {
-                        called += *p;
-                        return true;
-                    });
-                if (i % 8 == 0)
+                for (int j = 0; j < 5; ++j)
                 {
-                    // Every change says Hello. The answer comes after those: so they do not pile
-                    // up.
-                    Bytes response;
-                    endpoint->SendMessage(1, {}, response, false);
-                    const int before = called;
-                    WaitUntil([&] { return called != before; }, 2);
+                    const int before = m_called;
+                    proxy->SetPolicyUpdateCb(Function());
+                    proxy->SetRequestProcessInfoCb(Function());
+                    j == 0 ? WaitForACall(before) : void();
+                    proxy->ResetPolicyUpdateCb();
+                    proxy->ResetRequestProcessInfoCb();
                 }
-                pProxy->ResetPolicyUpdateCb();
-                pProxy->ResetRequestProcessInfoCb();
-            }
-        };
-        std::thread first(hammer);
-        std::thread second(hammer);
-        first.join();
-        second.join();
-    }
-    EXPECT_GE(called, 100);
-}
-
-TEST_F(LifetimeStress, ProxiesComeAndGoWhileTheEndpointLivesOnAndEventsArrive)
-{
-    RawPeer service;
-    ASSERT_TRUE(service.OwnName(SERVICE_NAME));
-    std::atomic<int> called(0);
-    {
-        const boost::shared_ptr<qor::IDbusClient> endpoint = qor::TCDbusClientProvider::Get(false);
-        const BackgroundPump pump;
-        ASSERT_TRUE(service.WaitForCalls("Hello", 1));
-        const std::string client = service.Calls("Hello")[0].sender;
-        const Repeat events(
-            [&] { service.Call(client, SERVICE_PATH, "Send", Request(2, false), WATCHDOG_MS); });
-        for (int i = 0; i < ROUNDS || (called < 20 && i < 100 * ROUNDS); ++i)
-        {
-            auto pProxy = boost::make_shared<qor::TCCallbacksProxy>();
-            EXPECT_TRUE(pProxy->SetPolicyUpdateCb([&called, p = std::make_shared<int>(1)]
-                                                  { called += *p; }));
-            if (i % 2 == 0)
-            {
-                const int before = called;
-                WaitUntil([&] { return called != before; }, 5);
-            }
-        }
-    }
-    EXPECT_GE(called, 20);
-}
-
-TEST_F(LifetimeStress, DeliveriesHellosAndMessagesAtOnce)
-{
-    std::atomic<std::size_t> wrong(0);
-    {
-        qor::TCDbusServer server(false);
-        server.SetCallback(4, [](const Bytes& in, Bytes& out) { return out = in, true; });
-        const BackgroundPump pump;
-        ASSERT_TRUE(WaitUntil([&] { return server.IsReady(); }));
-        RawPeer client;
-        ASSERT_TRUE(client.Call(SERVICE_NAME, SERVICE_PATH, "Hello", EventList({2})).ok);
-        ASSERT_TRUE(WaitUntil([&] { return server.NumberOfClients() == 1; }));
-        const Repeat hellos(
-            [&] { client.Call(SERVICE_NAME, SERVICE_PATH, "Hello", EventList({2}), WATCHDOG_MS); });
-        const Repeat messages(
-            [&]
-            {
-                RawPeer sender;
-                const CallResult result = sender.Call(SERVICE_NAME, SERVICE_PATH, "Send",
-                                                      Request(4, false, {1, 2}), WATCHDOG_MS);
-                wrong += result.bytes == Bytes{1, 1, 2} ? 0U : 1U;
-            });
-        const auto deliver = [&]
-        {
-            for (int i = 0; i < ROUNDS; ++i)
-            {
-                const auto counts = server.SendMessage(2, {1, 2, 3}, WATCHDOG_MS);
-                wrong += counts.first == 1 && counts.second == 0 ? 0U : 1U;
-            }
-        };
-        std::thread first(deliver);
-        std::thread second(deliver);
-        first.join();
-        second.join();
-    }
-    EXPECT_EQ(wrong, 0U);
+            };
+            std::thread other(hammer);
+            hammer();
+            other.join();
+            EXPECT_TRUE(proxy->SetPolicyUpdateCb(Function())); // the proxy goes with it
+            i % 2 == 0 ? WaitForACall(m_called) : void();
+        });
 }
 
 } // namespace

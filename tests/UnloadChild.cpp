@@ -1,6 +1,6 @@
 // Loads the library as a plugin would, uses it, and says what happened:
 //
-//   UnloadChild LIBRARY unload|exit [policy] [events] [register]
+//   UnloadChild LIBRARY unload|exit use|idle
 //
 // It is not linked with the library. Everything that the teardown calls prints a line.
 #include <dlfcn.h>
@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <set>
+#include <iterator>
 #include <string>
 
 #include <boost/shared_ptr.hpp>
@@ -33,8 +33,7 @@ void Find(TFunction*& pFunction, const char* name)
     pFunction = reinterpret_cast<TFunction*>(dlsym(pLibrary, name));
     if (pFunction == nullptr)
     {
-        printf("missing %s\n", name);
-        fflush(stdout);
+        fprintf(stderr, "missing %s\n", name);
         _Exit(3);
     }
 }
@@ -42,14 +41,8 @@ void Find(TFunction*& pFunction, const char* name)
 bool IsMapped()
 {
     std::ifstream maps("/proc/self/maps");
-    for (std::string line; std::getline(maps, line);)
-    {
-        if (line.find("libQOR.so") != std::string::npos)
-        {
-            return true;
-        }
-    }
-    return false;
+    const std::string text(std::istreambuf_iterator<char>(maps), {});
+    return text.find("libQOR.so") != std::string::npos;
 }
 
 template <int N>
@@ -59,9 +52,8 @@ void Teardown()
     pRegister(&Teardown<100>); // refused, without blocking
 }
 
-class User : public qor::TIDestroyCallback
+struct User : qor::TIDestroyCallback
 {
-public:
     void OnDestroy() override
     {
         printf("user\n");
@@ -69,57 +61,45 @@ public:
     }
 };
 
-void UsePolicy()
-{
-    boost::shared_ptr<qor::IControl> (*pGetControl)();
-    Find(pGetControl, "_ZN3qor3api10GetControlEv");
-    printf("policy %d\n", pGetControl()->SetPolicy("text"));
-}
-
-void UseEvents()
-{
-    boost::shared_ptr<qor::ICallbacks> (*pInstance)();
-    void (*pDestroy)();
-    Find(pInstance, "_ZN3qor16TCCallbacksProxy8InstanceEv");
-    Find(pDestroy, "_ZN3qor16TCCallbacksProxy7DestroyEv");
-    printf("events %d\n", pInstance()->SetPolicyUpdateCb([] {}));
-    pDestroy();
-}
-
-void RegisterAll()
+void Use()
 {
     static User* const pUser = new User;
+    boost::shared_ptr<qor::IControl> (*pGetControl)();
+    boost::shared_ptr<qor::ICallbacks> (*pInstance)();
+    void (*pDestroy)();
+    void (*pUnregisterUser)(qor::TIDestroyCallback&);
+    Find(pUnregisterUser, "_ZN3qor13TCDeactivator14UnregisterUserERNS_17TIDestroyCallbackE");
+    Find(pGetControl, "_ZN3qor3api10GetControlEv");
+    Find(pInstance, "_ZN3qor16TCCallbacksProxy8InstanceEv");
+    Find(pDestroy, "_ZN3qor16TCCallbacksProxy7DestroyEv");
     Find(pRegisterUser, "_ZN3qor13TCDeactivator12RegisterUserERNS_17TIDestroyCallbackE");
     Find(pRegister, "_ZN3qor13TCDeactivator12RegisterDBUSEPFvvE");
+    printf("policy %d\n", pGetControl()->SetPolicy("text"));
+    printf("events %d\n", pInstance()->SetPolicyUpdateCb([] {}));
+    pDestroy();
     for (void (*const pFunction)() :
          {&Teardown<3>, &Teardown<1>, &Teardown<4>, &Teardown<2>, &Teardown<1>})
     {
         pRegister(pFunction);
     }
-    printf("user registered %d\n", pRegisterUser(*pUser));
+    pRegisterUser(*pUser); // until any is unregistered
+    const bool refused = pRegisterUser(*pUser);
+    pUnregisterUser(*pUser);
+    printf("user refused %d, registered %d\n", refused, pRegisterUser(*pUser));
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    if (argc < 3 || (pLibrary = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL)) == nullptr)
+    if (argc < 4 || (pLibrary = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL)) == nullptr)
     {
-        printf("cannot load: %s\n", dlerror());
+        fprintf(stderr, "cannot load: %s\n", dlerror());
         return 2;
     }
-    const std::set<std::string> uses(argv + 3, argv + argc);
-    if (uses.count("policy") != 0)
+    if (strcmp(argv[3], "use") == 0)
     {
-        UsePolicy();
-    }
-    if (uses.count("events") != 0)
-    {
-        UseEvents();
-    }
-    if (uses.count("register") != 0)
-    {
-        RegisterAll();
+        Use();
     }
     printf("loaded %d\n", IsMapped());
     if (strcmp(argv[2], "unload") == 0)

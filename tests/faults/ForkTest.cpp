@@ -2,68 +2,34 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
-#include <memory>
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include <qor/ICallbacks.h>
 #include <qor/QORCallbacksProxy.h>
 #include <qor/QORDbusClient.h>
 #include <qor/QORDbusServer.h>
 #include <qor/api.h>
 
 #include "BusTest.h"
+#include "FaultSupport.h"
 #include "QORControlProxy.h"
 
-namespace
-{
+using namespace qortest;
 
-bool g_leaksAreWanted = false;
-
-} // namespace
+static int g_isForkedChild = 0;
 
 // The leak checker asks: a forked child abandons what it inherits, and that is no leak.
 extern "C" __attribute__((visibility("default"))) int __lsan_is_turned_off();
 extern "C" int __lsan_is_turned_off()
 {
-    return g_leaksAreWanted ? 1 : 0;
-}
-
-namespace qortest
-{
-namespace
-{
-
-constexpr unsigned int CHILD_WATCHDOG_SECONDS = 20;
-
-// The reply to a policy: an archive that holds the integer 0.
-Answer PolicyStored()
-{
-    Answer answer;
-    answer.bytes = {1, 22, 0, 0, 0, 0, 0, 0, 0};
-    for (const char character : std::string("serialization::archive"))
-    {
-        answer.bytes.push_back(static_cast<unsigned char>(character));
-    }
-    const Bytes rest = {17, 0, 4, 8, 4, 8, 1, 0, 0, 0, 0, 0, 0, 0};
-    answer.bytes.insert(answer.bytes.end(), rest.begin(), rest.end());
-    return answer;
+    return g_isForkedChild;
 }
 
 // Runs the work in a forked child, which then exits as programs do, teardown included.
-// Returns the exit status, 128 + 14 if the child hung.
-template <class TWork>
-int ExitStatusOfChild(const TWork& work)
+static int ExitStatusOfChild(const std::function<void()>& work)
 {
     const pid_t child = fork();
     if (child == 0)
     {
-        g_leaksAreWanted = true;
-        alarm(CHILD_WATCHDOG_SECONDS);
+        g_isForkedChild = 1;
+        alarm(20); // a child that hangs fails
         work();
         std::exit(0);
     }
@@ -71,43 +37,6 @@ int ExitStatusOfChild(const TWork& work)
     waitpid(child, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
-
-// Threads that repeat their work until they are stopped.
-class Workers
-{
-public:
-    ~Workers()
-    {
-        Stop();
-    }
-
-    template <class TWork>
-    void Add(const TWork& work)
-    {
-        m_threads.emplace_back(
-            [this, work]
-            {
-                while (!m_stop)
-                {
-                    work();
-                }
-            });
-    }
-
-    void Stop()
-    {
-        m_stop = true;
-        for (std::thread& thread : m_threads)
-        {
-            thread.join();
-        }
-        m_threads.clear();
-    }
-
-private:
-    std::atomic<bool> m_stop{false};
-    std::vector<std::thread> m_threads;
-};
 
 class Fork : public BusTest
 {
@@ -118,87 +47,84 @@ protected:
         // Its own locks may be held by a thread that the child does not have.
         GTEST_SKIP() << "the thread sanitizer does not stand forks of busy processes";
 #endif
+        Answer stored;
+        stored.bytes = Archive(0);
+        stored.bytes.insert(stored.bytes.begin(), 1);
+        m_peer.AnswerWith(stored);
     }
+
+    // Repeats each work on a thread of its own, and meanwhile forks children that do theirs.
+    void ForkWhile(const std::vector<std::function<bool()>>& busy, int times,
+                   const std::function<void(int)>& work)
+    {
+        std::atomic<bool> stop{false};
+        std::atomic<unsigned int> failures{0};
+        std::vector<std::future<void>> threads;
+        const auto repeat = [&](const std::function<bool()>& repeated)
+        {
+            while (!stop)
+            {
+                failures += repeated() ? 0 : 1;
+            }
+        };
+        for (const auto& repeated : busy)
+        {
+            threads.push_back(std::async(std::launch::async, repeat, repeated));
+        }
+        for (int round = 0; round < times; ++round)
+        {
+            EXPECT_EQ(ExitStatusOfChild([&] { work(round); }), 0) << "round " << round;
+        }
+        stop = true;
+        threads.clear();
+        EXPECT_EQ(failures, 0U);
+    }
+
+    RawPeer m_peer;
 };
 
-class Host : public BusTest
+TEST_F(Fork, ChildOfABusyClientHostIsRefusedAndCanExitAndTheHostGoesOn)
 {
-};
-
-TEST_F(Fork, ChildOfABusyClientHostCanExitAndTheHostGoesOn)
-{
-    RawPeer service;
-    ASSERT_TRUE(service.OwnName(SERVICE_NAME));
-    service.AnswerWith(PolicyStored());
-
+    ASSERT_TRUE(m_peer.OwnName(SERVICE_NAME));
     // Held by the library alone, so that the child's teardown destroys them.
-    ASSERT_NE(qor::api::GetControl(), nullptr);
-    std::atomic<unsigned int> events{0};
-    ASSERT_TRUE(qor::TCCallbacksProxy::Instance()->SetPolicyUpdateCb([&events] { ++events; }));
     qor::IControl* const control = qor::api::GetControl().get();
     qor::ICallbacks* const callbacks = qor::TCCallbacksProxy::Instance().get();
-
-    BackgroundPump pump;
-    Workers workers;
-    ASSERT_TRUE(service.WaitForCalls("Hello", 1));
-    const std::string name = service.Calls("Hello").front().sender;
-    std::atomic<unsigned int> failures{0};
-    for (int i = 0; i < 2; ++i)
+    qor::IDbusClient& client = *qor::TCDbusClientProvider::Get(false);
+    std::atomic<unsigned int> events{0};
+    Bytes response;
+    ASSERT_TRUE(callbacks->SetPolicyUpdateCb([&events] { ++events; }));
     {
-        workers.Add([&] { failures += control->SetPolicy("<policy/>") == 0 ? 0 : 1; });
-    }
-    workers.Add(
-        [callbacks]
+        BackgroundPump pump;
+        ASSERT_TRUE(m_peer.WaitForCalls("Hello", 1));
+        const std::string name = m_peer.Calls("Hello").front().sender;
+        const auto setPolicy = [&] { return control->SetPolicy("<policy/>") == 0; };
+        const auto setCallback = [&] // each says Hello
         {
             callbacks->SetRequestProcessInfoCb([] { return true; });
             callbacks->ResetRequestProcessInfoCb();
-            std::this_thread::sleep_for(std::chrono::milliseconds(1)); // each says Hello
-        });
-    workers.Add([] { qor::api::GetControl(); }); // takes the library's own locks
-    workers.Add([&] { service.Call(name, SERVICE_PATH, "Send", Request(2, false)); });
-
-    for (int round = 0; round < 40; ++round)
-    {
-        const bool destroys = round % 2 == 0;
-        ASSERT_EQ(ExitStatusOfChild(
-                      [&]
-                      {
-                          if (destroys)
-                          {
-                              // What a host does in its own exit handler.
-                              qor::TCCallbacksProxy::Destroy();
-                          }
-                      }),
-                  0)
-            << "round " << round;
+            return usleep(1000) == 0;
+        };
+        const auto lock = [] { return qor::api::GetControl() != nullptr; };
+        const auto event = [&]
+        { return m_peer.Call(name, SERVICE_PATH, "Send", Request(2, false)).ok; };
+        const auto work = [&](int round)
+        {
+            if (round % 2 == 0)
+            {
+                qor::TCCallbacksProxy::Destroy(); // what a host does in its own exit handler
+            }
+            else if (client.SendMessage(1, {}, response, false) || control->SetPolicy("") != -1 ||
+                     client.SendMessage(1, {}, response, true) || client.UnSetCallback(2))
+            {
+                _exit(1); // what is inherited must be refused
+            }
+        };
+        ForkWhile({setPolicy, setPolicy, setCallback, lock, event}, 40, work);
+        const unsigned int before = events;
+        EXPECT_TRUE(event() && events > before) << "no event reaches the host";
     }
-    const unsigned int before = events;
-    EXPECT_TRUE(WaitUntil([&] { return events > before; })) << "no event reaches the host";
-    workers.Stop();
-    EXPECT_EQ(failures, 0U);
     qor::TCCallbacksProxy::Destroy();
     qor::TCControlProxy::Destroy();
-}
-
-TEST_F(Fork, ChildThatUsesAnInheritedClientIsRefusedAtOnce)
-{
-    RawPeer service;
-    ASSERT_TRUE(service.OwnName(SERVICE_NAME));
-    const auto client = std::make_unique<qor::TCDbusClient>(false);
-    service.Sync();
-    service.ForgetCalls();
-    EXPECT_EQ(ExitStatusOfChild(
-                  [&]
-                  {
-                      std::vector<unsigned char> response;
-                      const bool refused = !client->SendMessage(1, {}, response, false) &&
-                                           !client->SendMessage(1, {}, response, true) &&
-                                           !client->SetCallback(1, {}) && !client->UnSetCallback(1);
-                      _exit(refused ? 0 : 1);
-                  }),
-              0);
-    service.Sync();
-    EXPECT_EQ(service.Count("Send"), 0U);
 }
 
 TEST_F(Fork, ChildOfABusyServiceCanExitAndTheServiceGoesOn)
@@ -206,56 +132,49 @@ TEST_F(Fork, ChildOfABusyServiceCanExitAndTheServiceGoesOn)
     auto server = std::make_unique<qor::TCDbusServer>(false);
     ASSERT_TRUE(PumpUntil([&] { return server->IsReady(); }));
     BackgroundPump pump;
-    RawPeer client;
-    client.PostHello(SERVICE_NAME, {2});
+    m_peer.PostHello(SERVICE_NAME, {2});
     ASSERT_TRUE(WaitUntil([&] { return server->NumberOfClients() == 1; }));
+    const auto send = [&] { return server->SendMessage(2, {}, 10000).first == 1; };
+    const auto count = [&] { return server->NumberOfClients() != 0; };
+    const auto pass = [] { return RawPeer().Call(SERVICE_NAME, SERVICE_PATH, "Hello", {}).ok; };
+    ForkWhile({send, count, pass}, 20, [&](int) { server.reset(); });
+    EXPECT_TRUE(send());
+}
 
-    Workers workers;
-    std::atomic<unsigned int> failures{0};
-    workers.Add([&] { failures += server->SendMessage(2, {}, 10000).first == 1 ? 0 : 1; });
-    workers.Add([&] { server->NumberOfClients(); });
-    workers.Add(
-        [&]
+// In a process of its own, which has not used the library before.
+TEST(Host, DISABLED_ForksFirst)
+{
+    _exit(ExitStatusOfChild([] { _exit(qor::api::GetControl()->SetPolicy("<policy/>") + 42); }));
+}
+
+TEST(Host, DISABLED_ExitsInsideACallback)
+{
+    const auto control = qor::api::GetControl();
+    qor::TCCallbacksProxy::Instance()->SetPolicyUpdateCb(
+        [control]
         {
-            RawPeer passing;
-            passing.Call(SERVICE_NAME, SERVICE_PATH, "Hello", {});
+            std::thread([control] { control->SetPolicy("<policy/>"); }).detach();
+            std::getchar(); // says when
+            std::exit(7);
         });
-    for (int round = 0; round < 20; ++round)
-    {
-        ASSERT_EQ(ExitStatusOfChild([&] { server.reset(); }), 0) << "round " << round;
-    }
-    workers.Stop();
-    EXPECT_EQ(failures, 0U);
-    EXPECT_EQ(server->SendMessage(2, {}, 10000).first, 1U);
+    PumpUntil([] { return false; });
 }
 
-// --- Hosts in processes of their own -------------------------------------------------------------
-
-TEST_F(Host, ForksFirstAndUsesTheLibraryInTheChild)
+TEST_F(Fork, HostForksFirstOrExitsInsideACallbackWhileACallIsPending)
 {
-    RawPeer service;
-    ASSERT_TRUE(service.OwnName(SERVICE_NAME));
-    service.AnswerWith(PolicyStored());
-    ChildProcess host({FAULT_HOST, "after-fork"});
-    EXPECT_EQ(host.Wait(), 0) << host.Err();
-    EXPECT_EQ(host.Out(), "result 0\n");
-}
-
-TEST_F(Host, ExitsInsideACallbackWhileACallIsPending)
-{
-    RawPeer service;
-    ASSERT_TRUE(service.OwnName(SERVICE_NAME));
-    service.AnswerWith({Answer::NEVER, {}, ""});
+    ASSERT_TRUE(m_peer.OwnName(SERVICE_NAME));
     ChildProcess::Options options;
     options.keepInputOpen = true;
-    ChildProcess host({FAULT_HOST, "exit-in-callback"}, options);
-    ASSERT_TRUE(host.WaitForOut("waiting"));
-    ASSERT_TRUE(service.WaitForCalls("Hello", 1));
-    service.Post(service.Calls("Hello").back().sender, SERVICE_PATH, "Send", Request(2, false));
-    ASSERT_TRUE(service.WaitForCalls("Send", 1)) << "the host's call is not pending";
-    host.WriteInput("exit\n");
-    EXPECT_EQ(host.Wait(5000), 7) << host.Err();
+    const std::string self = OwnDirectory() + "/qor-fork-test";
+    const std::string disabled = "--gtest_also_run_disabled_tests";
+    ChildProcess forking({self, disabled, "--gtest_filter=*ForksFirst"}, options);
+    EXPECT_EQ(forking.Wait(), 42) << forking.Err();
+    m_peer.AnswerWith({Answer::NEVER, {}, ""});
+    m_peer.ForgetCalls();
+    ChildProcess exiting({self, disabled, "--gtest_filter=*ExitsInsideACallback"}, options);
+    ASSERT_TRUE(m_peer.WaitForCalls("Hello", 1));
+    m_peer.Post(m_peer.Calls("Hello").back().sender, SERVICE_PATH, "Send", Request(2, false));
+    ASSERT_TRUE(m_peer.WaitForCalls("Send", 1)) << "the host's call is not pending";
+    exiting.WriteInput("exit\n");
+    EXPECT_EQ(exiting.Wait(5000), 7) << exiting.Err();
 }
-
-} // namespace
-} // namespace qortest

@@ -1,32 +1,20 @@
 // One service and many clients that come and go, for as long as wanted: every count adds up, and in
 // the end the service takes no more memory and no more files than after its first moments.
-//
-//   qor-soak [--seconds N] [--clients N]    policies and requests for process information
-//   qor-soak --events N [--clients N]       so many requests, clients killed while they are
-//   delivered
-#include "Soak.h"
+#include <fcntl.h>
 
-#include <algorithm>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
+#include <csignal>
 #include <cstring>
 #include <list>
+#include <map>
 #include <random>
-#include <thread>
 
+#include "FaultSupport.h"
 #include "MainContext.h"
-#include "PolicyMessage.h"
-#include "PrivateBus.h"
-#include "ProcessStatus.h"
-#include "RawPeer.h"
-#include "SoakClient.h"
-#include "SoakService.h"
+#include "ToolRunner.h"
 
-namespace qorsoak
-{
+using namespace qortest;
 
-void Require(bool holds, const char* property, const std::string& details)
+static void Require(bool holds, const char* property, const std::string& details = "")
 {
     if (!holds)
     {
@@ -35,227 +23,184 @@ void Require(bool holds, const char* property, const std::string& details)
     }
 }
 
-namespace
+// A listener, and how many events it should have been told of by now.
+struct Client
 {
+    void End(int signal)
+    {
+        process->Signal(signal);
+        const int status = process->Wait();
+        const std::string log = "\n" + process->Err(), out = process->Out();
+        Require(signal == SIGKILL || status == 0, "a client ends cleanly", log);
+        Require(log.find("\nE/") == std::string::npos, "a client logs no error", log);
+        for (const auto& [name, count] : expected)
+        {
+            Require(signal == SIGKILL || CountOf(out, name) == count, "it has heard of all", out);
+        }
+    }
 
-using Clock = std::chrono::steady_clock;
+    std::unique_ptr<ChildProcess> process = StartTool(QORCTL, {"listen"});
+    std::map<std::string, std::size_t> expected;
+};
 
-// The allocator's pools settle during the warm-up; what is left of their movement.
-constexpr std::size_t TOLERANCE_KILOBYTES = 2048;
-constexpr std::size_t WARM_UP_EVENTS = 50;
-
-class TCSoak
+class Soak
 {
 public:
-    explicit TCSoak(std::size_t clients) : m_wanted(clients), m_random(1)
+    // What the service prints is read as it comes, and kept nowhere.
+    explicit Soak(std::size_t clients) : m_wanted(clients)
     {
-        Start(m_wanted);
+        setenv("QOR_DLOG", "stderr", 1);
+        const std::string command = "echo $$; exec " QORD " --event-timeout 20000 --policy ";
+        m_pOut = popen((command + m_policyFile + " 2>&1").c_str(), "re");
+        Require(std::fscanf(m_pOut, "%d\n", &m_service) == 1, "the service starts");
+        fcntl(fileno(m_pOut), F_SETPIPE_SZ, 1 << 20); // for what it logs while nobody reads
+        Read("qord: ready");
+        Start();
     }
 
-    void Run(std::chrono::seconds duration)
+    void Run(unsigned long seconds, std::size_t events)
     {
-        const auto end = Clock::now() + duration;
-        while (Clock::now() < end || m_events <= WARM_UP_EVENTS)
+        // The allocator's pools settle first.
+        const std::size_t first = events == 0 ? 50 : std::min<std::size_t>(1000, events / 10 + 1);
+        std::size_t files = 0, resident = 0;
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+        while (events != 0 ? m_events < events
+                           : m_events <= first || std::chrono::steady_clock::now() < end)
         {
-            Change(m_random() % 6);
-            m_random() % 2 == 0 ? SetPolicy() : AskForProcessInfo(0);
-            AskForProcessInfo(m_random() % 4 == 0 ? 1 + m_random() % 2 : 0);
-            NoteUsageOnce();
-        }
-        Finish();
-    }
-
-    void Run(std::size_t events)
-    {
-        const std::size_t mark = std::min<std::size_t>(1000, std::max<std::size_t>(events / 10, 1));
-        std::size_t residentAfterFirst = 0;
-        while (m_events < events)
-        {
-            AskForProcessInfo(m_random() % 20 == 0 ? 1 : 0);
-            Start(m_wanted - m_clients.size());
-            NoteUsageOnce();
-            if (m_events == mark)
+            if (events == 0)
             {
-                residentAfterFirst = m_service.ResidentKilobytes();
+                for (std::size_t i = m_random() % 6; i != 0 && !m_clients.empty(); --i)
+                {
+                    EndAny(m_random() % 2 == 0 ? SIGTERM : SIGKILL);
+                }
+                Start();
+                m_random() % 2 == 0 ? SetPolicy() : AskForProcessInfo(0);
+            }
+            AskForProcessInfo(m_random() % 10 == 0 ? 1 + m_random() % 2 : 0);
+            Start();
+            if (files == 0 && m_events >= first)
+            {
+                files = OpenFiles(m_service);
+                resident = ResidentKilobytes(m_service);
             }
         }
-        std::printf("resident size of the service after the first %zu events %zu KiB, "
-                    "after the last %zu KiB\n",
-                    mark, residentAfterFirst, m_service.ResidentKilobytes());
-        Finish();
+        const bool sameFiles = WaitUntil([&] { return OpenFiles(m_service) == files; });
+        const std::size_t last = ResidentKilobytes(m_service);
+        std::printf("%zu events to %zu clients, %zu failed\nresident size of the "
+                    "service after the first %zu %zu KiB, after the last %zu KiB\n",
+                    m_events, m_wanted, m_failed, first, resident, last);
+        for (Client& client : m_clients)
+        {
+            client.End(SIGTERM);
+        }
+        kill(m_service, SIGTERM);
+        Read("");
+        Require(pclose(m_pOut) == 0, "the service ends cleanly");
+        Require(sameFiles, "as many files are open as after the first events");
+        Require(IS_SANITIZED || last <= resident + 2048, "no more memory is taken");
+        Require(m_unreachable == m_failed, "every failure has its line");
     }
 
 private:
-    void Start(std::size_t count)
+    // Reads up to a line that begins so, and returns what follows; without one, up to the end.
+    std::string Read(const std::string& begin)
     {
-        std::list<TCSoakClient> fresh;
-        for (std::size_t i = 0; i < count; ++i)
+        alarm(60); // ends the soak
+        for (char line[1000]; std::fgets(line, sizeof line, m_pOut) != nullptr;)
         {
-            fresh.emplace_back();
+            if (!begin.empty() && std::strncmp(line, begin.c_str(), begin.size()) == 0)
+            {
+                alarm(0);
+                return line + begin.size();
+            }
+            const bool isFailure = std::strstr(line, "Sending message from :") != nullptr;
+            m_unreachable += isFailure ? 1 : 0;
+            Require(isFailure || std::strncmp(line, "D/", 2) == 0 ||
+                        std::strncmp(line, "I/", 2) == 0 ||
+                        std::strstr(line, "qord: a policy of ") == line,
+                    "the service says nothing that was not provoked", line);
         }
-        for (TCSoakClient& client : fresh)
+        Require(begin.empty(), "the service lives");
+        return "";
+    }
+
+    void Start()
+    {
+        std::list<Client> fresh(m_wanted - m_clients.size());
+        for (Client& client : fresh)
         {
-            client.AwaitRegistration();
+            Require(client.process->WaitForOut("appeared"), "a client is registered");
         }
-        m_started += count;
         m_clients.splice(m_clients.end(), fresh);
-    }
-
-    std::list<TCSoakClient>::iterator Any()
-    {
-        return std::next(m_clients.begin(),
-                         static_cast<std::ptrdiff_t>(m_random() % m_clients.size()));
-    }
-
-    void Change(std::size_t count)
-    {
-        for (std::size_t i = 0; i < count && !m_clients.empty(); ++i)
-        {
-            const auto client = Any();
-            m_random() % 2 == 0 ? client->End() : client->Kill();
-            m_clients.erase(client);
-        }
-        Start(m_wanted - m_clients.size());
-        AwaitDepartures();
-    }
-
-    // Once the bus has seen them leave, the service learns of it before it answers anything later.
-    void AwaitDepartures()
-    {
+        // Once the bus has seen others leave, the service learns of it before it answers.
         m_peer.Sync();
         m_peer.Sync();
-        m_peer.Call(qortest::SERVICE_NAME, qortest::SERVICE_PATH, "Send",
-                    qortest::Request(99, false));
+        m_peer.Call(SERVICE_NAME, SERVICE_PATH, "Send", Request(99, false));
+    }
+
+    void EndAny(int signal)
+    {
+        const auto index = static_cast<std::ptrdiff_t>(m_random() % m_clients.size());
+        const auto client = std::next(m_clients.begin(), index);
+        client->End(signal);
+        m_clients.erase(client);
     }
 
     void SetPolicy()
     {
-        const std::string policy = "<policy n='" + std::to_string(m_events) + "'>" +
-                                   std::string(m_random() % 100000, 'x') + "</policy>";
-        const int result = qortest::PolicyResult(m_peer.Call(
-            qortest::SERVICE_NAME, qortest::SERVICE_PATH, "Send", qortest::PolicyRequest(policy)));
-        Require(result == 0, "a policy is stored");
-        Require(m_service.StoredPolicy() == policy, "the stored policy is the last one");
-        ++m_policies;
-        Check(m_service.NextEvent("policy-update"), m_clients.size(), 0);
-        for (TCSoakClient& client : m_clients)
-        {
-            client.ExpectPolicy();
-        }
+        const std::string policy = "<p>" + std::string(m_random() % 100000, 'x') + "</p>";
+        Require(SendPolicy(m_peer, policy) == 0, "a policy is stored");
+        Require(ReadFile(m_policyFile) == policy, "the stored policy is the last one");
+        Check("policy-update", m_clients.size(), 0);
     }
 
     // Kills clients while the event is under way: each of them may have got it or not.
     void AskForProcessInfo(std::size_t kills)
     {
         const std::size_t registered = m_clients.size();
-        m_service.AskForProcessInfo();
+        kill(m_service, SIGUSR1);
         for (std::size_t i = 0; i < kills; ++i)
         {
-            const auto client = Any();
-            client->Kill();
-            m_clients.erase(client);
+            EndAny(SIGKILL);
         }
-        Check(m_service.NextEvent("process-info"), registered, kills);
-        for (TCSoakClient& client : m_clients)
-        {
-            client.ExpectProcessInfo();
-        }
-        if (kills != 0)
-        {
-            AwaitDepartures();
-        }
+        Check("process-info", registered, kills);
     }
 
-    void Check(const TCSoakService::TSEvent& event, std::size_t registered, std::size_t kills)
+    void Check(const std::string& name, std::size_t registered, std::size_t kills)
     {
-        const std::size_t called = event.m_delivered + event.m_failed;
-        const std::string counts = std::to_string(registered) + " registered, " +
-                                   std::to_string(kills) + " killed, " +
-                                   std::to_string(event.m_delivered) + " delivered, " +
-                                   std::to_string(event.m_failed) + " failed";
-        Require(called <= registered && called + kills >= registered,
-                "successes and failures are the registered clients", counts);
-        Require(event.m_delivered + kills >= registered, "every living client is reached", counts);
+        const std::string counts = Read("qord: event " + name + ": ");
+        std::size_t delivered = 0, failed = 0;
+        std::sscanf(counts.c_str(), "%zu delivered, %zu failed", &delivered, &failed);
+        Require(delivered + failed <= registered && delivered + kills >= registered,
+                "every living client is reached, and no other is called", counts);
         ++m_events;
-        m_failed += event.m_failed;
-    }
-
-    void NoteUsageOnce()
-    {
-        if (m_files == 0 && m_events >= WARM_UP_EVENTS)
+        m_failed += failed;
+        for (Client& client : m_clients)
         {
-            m_files = m_service.OpenFiles();
-            m_resident = m_service.ResidentKilobytes();
+            ++client.expected[name];
         }
     }
 
-    void Finish()
-    {
-        const bool sameFiles =
-            qortest::WaitUntil([this] { return m_service.OpenFiles() == m_files; });
-        const std::size_t resident = m_service.ResidentKilobytes();
-        std::printf(
-            "%zu events (%zu of them policies) to %zu clients of %zu in all, %zu failed\n"
-            "service after the warm-up: %zu KiB, %zu files; in the end: %zu KiB, %zu files\n",
-            m_events, m_policies, m_wanted, m_started, m_failed, m_resident, m_files, resident,
-            m_service.OpenFiles());
-        for (TCSoakClient& client : m_clients)
-        {
-            client.End();
-        }
-        m_service.End();
-        Require(sameFiles, "as many files are open as after the warm-up");
-        // A sanitizer keeps what has been freed.
-        Require(qortest::IsSanitized() || resident <= m_resident + TOLERANCE_KILOBYTES,
-                "the service takes no more memory than after the warm-up");
-        Require(m_service.UnreachableClients() == m_failed,
-                "every failure has its line, and every line its failure",
-                std::to_string(m_service.UnreachableClients()) + " lines");
-    }
-
-    qortest::PrivateBus m_bus;
-    TCSoakService m_service;
-    qortest::RawPeer m_peer;
-    std::size_t m_wanted;
-    std::mt19937 m_random;
-    std::list<TCSoakClient> m_clients;
-    std::size_t m_started = 0;
-    std::size_t m_events = 0;
-    std::size_t m_policies = 0;
-    std::size_t m_failed = 0;
-    std::size_t m_files = 0;
-    std::size_t m_resident = 0;
+    PrivateBus m_bus;
+    TemporaryDirectory m_directory;
+    const std::string m_policyFile = m_directory.Path("policy.xml");
+    std::FILE* m_pOut = nullptr;
+    int m_service = 0;
+    RawPeer m_peer;
+    const std::size_t m_wanted;
+    std::mt19937 m_random{1};
+    std::list<Client> m_clients;
+    std::size_t m_events = 0, m_failed = 0;
+    std::size_t m_unreachable = 0; // lines about clients that could not be reached
 };
-
-} // namespace
-} // namespace qorsoak
 
 int main(int count, char** arguments)
 {
-    unsigned long seconds = 60;
-    unsigned long clients = 50;
-    unsigned long events = 0;
-    for (int i = 1; i < count; i += 2)
+    std::map<std::string, unsigned long> options = {
+        {"--seconds", 60}, {"--clients", 50}, {"--events", 0}};
+    for (int i = 1; i + 1 < count; i += 2)
     {
-        unsigned long* const pValue = std::strcmp(arguments[i], "--seconds") == 0   ? &seconds
-                                      : std::strcmp(arguments[i], "--clients") == 0 ? &clients
-                                      : std::strcmp(arguments[i], "--events") == 0  ? &events
-                                                                                    : nullptr;
-        if (pValue == nullptr || i + 1 == count)
-        {
-            std::fprintf(stderr, "usage: qor-soak [--seconds N | --events N] [--clients N]\n");
-            return 64;
-        }
-        *pValue = std::strtoul(arguments[i + 1], nullptr, 10);
+        options.at(arguments[i]) = std::strtoul(arguments[i + 1], nullptr, 10);
     }
-    qorsoak::TCSoak soak(clients);
-    if (events != 0)
-    {
-        soak.Run(static_cast<std::size_t>(events));
-    }
-    else
-    {
-        soak.Run(std::chrono::seconds(seconds));
-    }
-    return 0;
+    Soak(options["--clients"]).Run(options["--seconds"], options["--events"]);
 }

@@ -7,7 +7,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <future>
-#include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -29,27 +28,28 @@ protected:
         LogCapture::Clear();
     }
 
-    void TearDown() override
+    ~BusTest() override // after the members of the tests
     {
         EXPECT_TRUE(SharedConnectionIsLetGo()) << "something still holds the shared connection";
     }
 
     /// Iterates the default context until the answer is there.
-    static CallResult Await(std::future<CallResult> future)
+    template <class T>
+    static T Await(std::future<T> future)
     {
         const bool ready = PumpUntil(
             [&] { return future.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
         EXPECT_TRUE(ready) << "no answer";
-        return ready ? future.get() : CallResult();
+        return ready ? future.get() : T();
+    }
+
+    static void LeaveTheBus()
+    {
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/socket", 1);
     }
 
     PrivateBus m_bus; // before the members of the tests, which live on it
 };
-
-inline std::string NoBusAddress()
-{
-    return "unix:path=/nonexistent/socket";
-}
 
 /// For what is final in a process: runs the statement in a fresh one, which repeats the test up to
 /// here. It must end well, and so must the process: without a failed expectation, a sanitizer's

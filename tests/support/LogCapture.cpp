@@ -3,83 +3,64 @@
 
 #include <pthread.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
 
 #include <dlog.h>
 
-namespace qortest
-{
+#include "MainContext.h"
 
 namespace
 {
 
-struct Store
-{
-    std::mutex mutex;
-    std::condition_variable added;
-    std::vector<LogLine> lines;
-};
+std::mutex g_mutex;
 
-Store& TheStore();
-
-// A forked child logs too, and finds the store as no thread was using it.
-Store* NewStore()
+// A forked child logs too, and finds the lines as no thread was using them.
+std::vector<qortest::LogLine>* NewLines()
 {
-    pthread_atfork([] { TheStore().mutex.lock(); }, [] { TheStore().mutex.unlock(); },
-                   [] { TheStore().mutex.unlock(); });
-    return new Store;
+    pthread_atfork([] { g_mutex.lock(); }, [] { g_mutex.unlock(); }, [] { g_mutex.unlock(); });
+    return new std::vector<qortest::LogLine>;
 }
 
 // Never destroyed: the library also logs while the process's statics go down.
-Store& TheStore()
+std::vector<qortest::LogLine>& AllLines()
 {
-    static Store* const pStore = NewStore();
-    return *pStore;
-}
-
-std::size_t CountLocked(const Store& store, int priority, const std::string& messagePart)
-{
-    return static_cast<std::size_t>(std::count_if(
-        store.lines.begin(), store.lines.end(),
-        [&](const LogLine& line)
-        { return line.priority == priority && line.text.find(messagePart) != std::string::npos; }));
+    static auto* const pLines = NewLines();
+    return *pLines;
 }
 
 } // namespace
 
+namespace qortest
+{
+
 void LogCapture::Clear()
 {
-    Store& store = TheStore();
-    const std::lock_guard<std::mutex> lock(store.mutex);
-    store.lines.clear();
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    AllLines().clear();
 }
 
 std::vector<LogLine> LogCapture::Lines()
 {
-    Store& store = TheStore();
-    const std::lock_guard<std::mutex> lock(store.mutex);
-    return store.lines;
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    return AllLines();
 }
 
 std::size_t LogCapture::Count(int priority, const std::string& messagePart)
 {
-    Store& store = TheStore();
-    const std::lock_guard<std::mutex> lock(store.mutex);
-    return CountLocked(store, priority, messagePart);
+    std::size_t count = 0;
+    for (const LogLine& line : Lines())
+    {
+        count += line.priority == priority && line.text.find(messagePart) != std::string::npos;
+    }
+    return count;
 }
 
 bool LogCapture::WaitFor(int priority, const std::string& messagePart, int timeoutMs)
 {
-    Store& store = TheStore();
-    std::unique_lock<std::mutex> lock(store.mutex);
-    return store.added.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                                [&] { return CountLocked(store, priority, messagePart) > 0; });
+    return WaitUntil([&] { return Count(priority, messagePart) > 0; }, timeoutMs);
 }
 
 } // namespace qortest
@@ -92,13 +73,8 @@ int __dlog_print(int log_id, int priority, const char* tag, const char* format, 
     va_start(arguments, format);
     const int length = vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
-
-    qortest::Store& store = qortest::TheStore();
-    {
-        const std::lock_guard<std::mutex> lock(store.mutex);
-        store.lines.push_back({log_id, priority, tag, text});
-    }
-    store.added.notify_all();
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    AllLines().push_back({log_id, priority, tag, text});
     errno = savedErrno;
     return length;
 }

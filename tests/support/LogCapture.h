@@ -30,8 +30,7 @@ public:
     /// How many lines of that priority contain the text.
     static std::size_t Count(int priority, const std::string& messagePart);
 
-    /// Blocks until there is such a line; false after the timeout. Iterates no main context: where
-    /// the line comes out of this thread's context, use PumpUntil with Count.
+    /// Waits for such a line, iterating nothing; false after the timeout.
     static bool WaitFor(int priority, const std::string& messagePart, int timeoutMs = 10000);
 };
 

@@ -3,8 +3,11 @@
 #define QORTEST_MAINCONTEXT_H
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <thread>
+
+#include <gio/gio.h>
 
 namespace qortest
 {
@@ -12,34 +15,90 @@ namespace qortest
 /// Long enough for any machine under a sanitizer: reaching it means that a test hangs.
 constexpr int WATCHDOG_MS = 30000;
 
-/// Iterates the default main context on this thread until the condition holds; false after the
-/// watchdog.
-bool PumpUntil(const std::function<bool()>& condition, int watchdogMs = WATCHDOG_MS);
+inline void Pause()
+{
+    std::this_thread::sleep_for(std::chrono::microseconds(500));
+}
 
-/// Dispatches what is ready in the default main context now, and what that makes ready.
-void PumpPending();
+/// Dispatches what is ready in the default main context; pauses where nothing is.
+inline void Pump()
+{
+    if (!g_main_context_iteration(nullptr, FALSE))
+    {
+        Pause();
+    }
+}
 
 /// Waits until the condition holds, iterating nothing; false after the watchdog.
-bool WaitUntil(const std::function<bool()>& condition, int watchdogMs = WATCHDOG_MS);
+inline bool WaitUntil(const std::function<bool()>& condition, int watchdogMs = WATCHDOG_MS,
+                      void (*step)() = &Pause)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(watchdogMs);
+    bool holds = condition();
+    for (; !holds && std::chrono::steady_clock::now() <= end; holds = condition())
+    {
+        step();
+    }
+    return holds;
+}
+
+/// The same, iterating the default main context on this thread.
+inline bool PumpUntil(const std::function<bool()>& condition, int watchdogMs = WATCHDOG_MS)
+{
+    return WaitUntil(condition, watchdogMs, &Pump);
+}
 
 /// Waits until nobody in this process holds GIO's shared connection to the system bus any more.
 /// Whoever leaks an endpoint, a proxy or an invocation leaks a reference to it. Whether it is so.
-bool SharedConnectionIsLetGo();
+inline bool SharedConnectionIsLetGo()
+{
+    GDBusConnection* const pConnection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    if (pConnection == nullptr)
+    {
+        return true;
+    }
+    g_dbus_connection_set_exit_on_close(pConnection, FALSE);
+    GWeakRef weak;
+    g_weak_ref_init(&weak, pConnection);
+    g_object_unref(pConnection);
+    const auto isGone = [&]
+    {
+        gpointer const pObject = g_weak_ref_get(&weak);
+        return pObject == nullptr || (g_object_unref(pObject), false);
+    };
+    const bool result = PumpUntil(isGone);
+    g_weak_ref_clear(&weak);
+    return result;
+}
 
-/// Iterates the default main context on a thread of its own for as long as it lives. Meanwhile no
-/// other thread may iterate it.
-class BackgroundPump
+/// Repeats a step on a thread of its own for as long as it lives.
+class Repeat
 {
 public:
-    BackgroundPump();
-    ~BackgroundPump();
+    explicit Repeat(const std::function<void()>& step)
+        : m_thread([this, step] { WaitUntil([&] { return step(), m_stop.load(); }, LONG, [] {}); })
+    {
+    }
+    ~Repeat()
+    {
+        m_stop = true;
+        m_thread.join();
+    }
 
-    BackgroundPump(const BackgroundPump&) = delete;
-    BackgroundPump& operator=(const BackgroundPump&) = delete;
+    Repeat(const Repeat&) = delete;
+    Repeat& operator=(const Repeat&) = delete;
 
 private:
-    std::atomic<bool> m_stop;
+    static constexpr int LONG = 1 << 30;
+
+    std::atomic<bool> m_stop{false};
     std::thread m_thread;
+};
+
+/// Iterates the default main context; meanwhile no other thread may.
+struct BackgroundPump : Repeat
+{
+    BackgroundPump() : Repeat(&Pump) {}
 };
 
 } // namespace qortest

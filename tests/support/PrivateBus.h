@@ -2,8 +2,13 @@
 #ifndef QORTEST_PRIVATEBUS_H
 #define QORTEST_PRIVATEBUS_H
 
+#include <unistd.h>
+
+#include <csignal>
 #include <cstddef>
+#include <cstdlib>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 #include "ChildProcess.h"
@@ -20,38 +25,66 @@ public:
     struct Options
     {
         std::size_t maxMessageSize = 0; // 0: the daemon's default
-        std::string extraConfig;        // put before the end of the configuration
         std::string policy;             // replaces the policy that allows everything
     };
 
-    PrivateBus();
-    explicit PrivateBus(const Options& options);
-    ~PrivateBus();
+    PrivateBus() : PrivateBus(Options()) {}
 
-    PrivateBus(const PrivateBus&) = delete;
-    PrivateBus& operator=(const PrivateBus&) = delete;
+    explicit PrivateBus(const Options& options)
+    {
+        std::string text = "<busconfig> <type>system</type> <auth>EXTERNAL</auth>"
+                           "<limit name='max_connections_per_user'>2000</limit>"
+                           "<limit name='max_completed_connections'>2000</limit>"
+                           "<limit name='max_replies_per_connection'>50000</limit>"
+                           "<listen>" +
+                           m_address + "</listen>";
+        if (options.maxMessageSize != 0)
+        {
+            text += "<limit name='max_message_size'>" + std::to_string(options.maxMessageSize) +
+                    "</limit>";
+        }
+        text += !options.policy.empty()
+                    ? options.policy
+                    : "<policy context='default'> <allow user='*'/> <allow own='*'/>"
+                      "<allow send_destination='*'/> <allow send_type='method_call'/>"
+                      "<allow send_requested_reply='true' send_type='method_return'/>"
+                      "<allow send_requested_reply='true' send_type='error'/>"
+                      "<allow receive_type='method_call'/> <allow receive_type='method_return'/>"
+                      "<allow receive_type='error'/> <allow receive_type='signal'/> </policy>";
+        WriteFile(m_directory.Path("bus.conf"), text + "</busconfig>");
+        Restart();
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", m_address.c_str(), 1);
+    }
 
     const std::string& Address() const
     {
         return m_address;
     }
-    pid_t Pid() const
-    {
-        return m_pDaemon->Pid();
-    }
 
     /// Ends the daemon at once, as if it had crashed.
-    void Kill();
+    void Kill()
+    {
+        m_daemon.reset();
+        unlink(m_directory.Path("socket").c_str());
+    }
 
     /// A new daemon on the same address, after Kill.
-    void Restart();
+    void Restart()
+    {
+        // The daemon prints its address when it listens.
+        m_daemon = std::make_unique<ChildProcess>(std::vector<std::string>{
+            QOR_DBUS_DAEMON, "--nofork", "--nopidfile", "--nosyslog", "--print-address=1",
+            "--config-file=" + m_directory.Path("bus.conf")});
+        if (!m_daemon->WaitForOut("\n"))
+        {
+            throw std::runtime_error("dbus-daemon does not start: " + m_daemon->Err());
+        }
+    }
 
 private:
-    void m_Start();
-
-    TemporaryDirectory m_directory;
-    std::string m_address;
-    std::unique_ptr<ChildProcess> m_pDaemon;
+    const TemporaryDirectory m_directory;
+    const std::string m_address = "unix:path=" + m_directory.Path("socket");
+    std::unique_ptr<ChildProcess> m_daemon;
 };
 
 } // namespace qortest

@@ -2,12 +2,24 @@
 #ifndef QORTEST_RAWPEER_H
 #define QORTEST_RAWPEER_H
 
+#include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <future>
+#include <iterator>
 #include <memory>
+#include <mutex>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include <gio/gio.h>
+
+#include <qor/GlibTypes.h>
+
+#include "MainContext.h"
 
 namespace qortest
 {
@@ -20,9 +32,28 @@ constexpr const char* TEST_SERVICE_NAME = "com.norvane.qor.IControlTest";
 constexpr const char* TEST_SERVICE_PATH = "/com/norvane/qor/CommunicationChannelTest";
 constexpr const char* INTERFACE_NAME = "com.norvane.qor.IControl";
 
-/// A request envelope and a Hello event list, built apart from the code under test.
-Bytes Request(std::int32_t type, bool isAsync, const Bytes& payload = {});
-Bytes EventList(const std::vector<std::int32_t>& types);
+/// The bytes of a Hello, built apart from the code under test.
+inline Bytes EventList(const std::vector<std::int32_t>& types)
+{
+    Bytes bytes;
+    for (const std::int32_t type : types)
+    {
+        for (unsigned int shift = 0; shift < 32; shift += 8)
+        {
+            bytes.push_back(static_cast<unsigned char>(static_cast<std::uint32_t>(type) >> shift));
+        }
+    }
+    return bytes;
+}
+
+/// A request envelope.
+inline Bytes Request(std::int32_t type, bool isAsync, const Bytes& payload = {})
+{
+    Bytes bytes = EventList({type});
+    bytes.push_back(isAsync ? 1 : 0);
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
+    return bytes;
+}
 
 /// A method call that a peer has received.
 struct IncomingCall
@@ -70,63 +101,286 @@ struct CallResult
 class RawPeer
 {
 public:
-    RawPeer();
-    ~RawPeer();
+    using TAnswerer = std::function<Answer(const IncomingCall&)>;
+
+    RawPeer() : m(std::make_shared<State>())
+    {
+        AnswerWith({Answer::REPLY, {1}, ""});
+        m->connection.reset(g_dbus_connection_new_for_address_sync(
+            getenv("DBUS_SYSTEM_BUS_ADDRESS"),
+            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+            nullptr, nullptr, nullptr));
+        if (!m->connection)
+        {
+            throw std::runtime_error("a peer cannot connect to the bus");
+        }
+        m->filter = g_dbus_connection_add_filter(
+            m->connection.get(), &State::Filter, new std::shared_ptr<State>(m),
+            [](gpointer pUserData) { delete static_cast<std::shared_ptr<State>*>(pUserData); });
+    }
+
+    ~RawPeer()
+    {
+        g_dbus_connection_remove_filter(m->connection.get(), m->filter);
+        g_dbus_connection_close_sync(m->connection.get(), nullptr, nullptr);
+    }
 
     RawPeer(const RawPeer&) = delete;
     RawPeer& operator=(const RawPeer&) = delete;
 
-    const std::string& UniqueName() const;
+    std::string UniqueName() const
+    {
+        return g_dbus_connection_get_unique_name(m->connection.get());
+    }
 
     /// Asks the bus for a well-known name; true if this peer owns it now.
-    bool OwnName(const std::string& name);
-    bool ReleaseName(const std::string& name);
+    bool OwnName(const std::string& name)
+    {
+        const VariantPtr reply = CallBus("RequestName", g_variant_new("(su)", name.c_str(), 4U));
+        guint32 code = 0;
+        if (reply)
+        {
+            g_variant_get(reply.get(), "(u)", &code);
+        }
+        return code == 1 || code == 4; // the owner now, or already
+    }
 
-    /// The answer to every Send from now on; at first a reply of the single byte 1.
-    void AnswerWith(const Answer& answer);
+    bool ReleaseName(const std::string& name)
+    {
+        return CallBus("ReleaseName", g_variant_new("(s)", name.c_str())) != nullptr;
+    }
 
-    /// Asks a function for every answer. It runs on GDBus's thread and must not wait for anything.
-    void AnswerUsing(const std::function<Answer(const IncomingCall&)>& answer);
+    /// The answer to every Send from now on, at first a reply of the single byte 1; or who decides
+    /// on it. The function runs on GDBus's thread and must not wait for anything.
+    void AnswerWith(const Answer& answer)
+    {
+        AnswerUsing([answer](const IncomingCall&) { return answer; });
+    }
+
+    void AnswerUsing(const TAnswerer& answerer)
+    {
+        const std::lock_guard<std::mutex> lock(m->mutex);
+        m->answerer = answerer;
+    }
 
     /// Answers the calls that are on hold.
-    void AnswerHeld(const Answer& answer);
+    void AnswerHeld(const Answer& answer)
+    {
+        const std::lock_guard<std::mutex> lock(m->mutex);
+        for (MessagePtr& message : std::exchange(m->held, {}))
+        {
+            m->Handle(std::move(message), answer);
+        }
+    }
 
     /// The calls received so far, in order; of one method only if given.
-    std::vector<IncomingCall> Calls(const std::string& method = "") const;
-    std::size_t Count(const std::string& method) const;
-    void ForgetCalls();
+    std::vector<IncomingCall> Calls(const std::string& method = "") const
+    {
+        const std::lock_guard<std::mutex> lock(m->mutex);
+        std::vector<IncomingCall> result;
+        std::copy_if(m->calls.begin(), m->calls.end(), std::back_inserter(result),
+                     [&](auto& call) { return method.empty() || call.method == method; });
+        return result;
+    }
 
-    /// Waits until that many calls of the method have come, iterating nothing; false after the
-    /// watchdog.
-    bool WaitForCalls(const std::string& method, std::size_t count, int watchdogMs = 30000) const;
+    std::size_t Count(const std::string& method) const
+    {
+        return Calls(method).size();
+    }
+
+    void ForgetCalls()
+    {
+        const std::lock_guard<std::mutex> lock(m->mutex);
+        m->calls.clear();
+    }
+
+    /// Waits until that many calls have come, iterating nothing; false after the watchdog.
+    bool WaitForCalls(const std::string& method, std::size_t count) const
+    {
+        return WaitUntil([&] { return Count(method) >= count; });
+    }
 
     /// Calls a method with one byte array and waits, iterating nothing: the receiver must be
     /// dispatched by somebody else.
     CallResult Call(const std::string& destination, const std::string& path,
-                    const std::string& method, const Bytes& bytes, int timeoutMs = 30000);
+                    const std::string& method, const Bytes& bytes, int timeoutMs = WATCHDOG_MS)
+    {
+        CallResult result;
+        GError* pError = nullptr;
+        const VariantPtr reply(g_dbus_connection_call_sync(
+            m->connection.get(), destination.c_str(), path.c_str(), INTERFACE_NAME, method.c_str(),
+            Wrap(bytes), nullptr, G_DBUS_CALL_FLAGS_NONE, timeoutMs, nullptr, &pError));
+        result.ok = reply != nullptr;
+        if (result.ok)
+        {
+            result.bytes = Unwrap(reply.get());
+            result.signature = g_variant_get_type_string(reply.get());
+            return result;
+        }
+        const qor::TGlibPtr<GError> error(pError);
+        gchar* const pName = g_dbus_error_get_remote_error(pError);
+        result.errorCode = pError->code;
+        result.errorName = Text(pName);
+        g_free(pName);
+        return result;
+    }
 
-    /// The same without waiting here. The future is ready when the reply has come.
+    /// The same without waiting here. The future is ready when the reply has come; it must not
+    /// outlive the peer.
     std::future<CallResult> StartCall(const std::string& destination, const std::string& path,
                                       const std::string& method, const Bytes& bytes,
-                                      int timeoutMs = 30000);
+                                      int timeoutMs = WATCHDOG_MS)
+    {
+        return std::async(std::launch::async,
+                          [=] { return Call(destination, path, method, bytes, timeoutMs); });
+    }
 
     /// Calls and drops the reply.
     void Post(const std::string& destination, const std::string& path, const std::string& method,
-              const Bytes& bytes);
+              const Bytes& bytes)
+    {
+        g_dbus_connection_call(m->connection.get(), destination.c_str(), path.c_str(),
+                               INTERFACE_NAME, method.c_str(), Wrap(bytes), nullptr,
+                               G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr, nullptr);
+    }
 
     /// Announces types to a service at the normal path, without waiting.
-    void PostHello(const std::string& destination, const std::vector<std::int32_t>& types);
+    void PostHello(const std::string& destination, const std::vector<std::int32_t>& types)
+    {
+        Post(destination, SERVICE_PATH, "Hello", EventList(types));
+    }
 
     /// Waits until everything sent so far has reached the bus daemon.
-    void Sync();
+    void Sync()
+    {
+        CallBus("GetId", nullptr);
+    }
 
     /// Breaks the connection, as if the process had died.
-    void Leave();
+    void Leave()
+    {
+        m->Break();
+    }
 
 private:
-    struct State;
+    struct Unref
+    {
+        void operator()(gpointer p) const
+        {
+            g_object_unref(p);
+        }
+    };
 
-    std::shared_ptr<State> m_pState;
+    using MessagePtr = std::unique_ptr<GDBusMessage, Unref>;
+    using VariantPtr = qor::TGlibPtr<GVariant>;
+
+    static std::string Text(const char* text)
+    {
+        return text == nullptr ? "" : text;
+    }
+
+    static GVariant* Wrap(const Bytes& bytes)
+    {
+        GVariant* const pArray =
+            g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, bytes.data(), bytes.size(), 1);
+        return g_variant_new_tuple(&pArray, 1);
+    }
+
+    static Bytes Unwrap(GVariant* pTuple)
+    {
+        if (pTuple == nullptr || !g_variant_is_of_type(pTuple, G_VARIANT_TYPE("(ay)")))
+        {
+            return {};
+        }
+        const VariantPtr array(g_variant_get_child_value(pTuple, 0));
+        gsize size = 0;
+        const auto* const pData = static_cast<const unsigned char*>(
+            g_variant_get_fixed_array(array.get(), &size, sizeof(unsigned char)));
+        return Bytes(pData, pData + size);
+    }
+
+    VariantPtr CallBus(const char* method, GVariant* pArguments)
+    {
+        return VariantPtr(g_dbus_connection_call_sync(
+            m->connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+            "org.freedesktop.DBus", method, pArguments, nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
+            nullptr, nullptr));
+    }
+
+    struct State
+    {
+        std::unique_ptr<GDBusConnection, Unref> connection;
+        guint filter = 0;
+        mutable std::mutex mutex;
+        std::vector<IncomingCall> calls;
+        TAnswerer answerer;
+        std::vector<MessagePtr> held;
+
+        void Break() const
+        {
+            GIOStream* const pStream = g_dbus_connection_get_stream(connection.get());
+            g_socket_shutdown(g_socket_connection_get_socket(G_SOCKET_CONNECTION(pStream)), TRUE,
+                              TRUE, nullptr);
+        }
+
+        // Called with the mutex held.
+        void Handle(MessagePtr call, const Answer& answer)
+        {
+            MessagePtr reply(g_dbus_message_new_method_reply(call.get()));
+            switch (answer.kind)
+            {
+            case Answer::REPLY:
+                g_dbus_message_set_body(reply.get(), Wrap(answer.bytes));
+                break;
+            case Answer::ERROR:
+                reply.reset(g_dbus_message_new_method_error_literal(
+                    call.get(), answer.errorName.c_str(), "test"));
+                break;
+            case Answer::WRONG_TYPE:
+                g_dbus_message_set_body(reply.get(), g_variant_new("(s)", "not bytes"));
+                break;
+            case Answer::NO_VALUE:
+                break;
+            case Answer::HOLD:
+                held.push_back(std::move(call));
+                return;
+            case Answer::LEAVE:
+                Break();
+                return;
+            case Answer::NEVER:
+                return;
+            }
+            g_dbus_connection_send_message(connection.get(), reply.get(),
+                                           G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+        }
+
+        static GDBusMessage* Filter(GDBusConnection*, GDBusMessage* pMessage, gboolean isIncoming,
+                                    gpointer pUserData)
+        {
+            if (!isIncoming ||
+                g_dbus_message_get_message_type(pMessage) != G_DBUS_MESSAGE_TYPE_METHOD_CALL ||
+                Text(g_dbus_message_get_interface(pMessage)) != INTERFACE_NAME)
+            {
+                return pMessage;
+            }
+            const IncomingCall call{Text(g_dbus_message_get_sender(pMessage)),
+                                    Text(g_dbus_message_get_path(pMessage)),
+                                    INTERFACE_NAME,
+                                    Text(g_dbus_message_get_member(pMessage)),
+                                    Text(g_dbus_message_get_signature(pMessage)),
+                                    Unwrap(g_dbus_message_get_body(pMessage))};
+            State& state = **static_cast<std::shared_ptr<State>*>(pUserData);
+            const std::lock_guard<std::mutex> lock(state.mutex);
+            state.calls.push_back(call);
+            state.Handle(MessagePtr(pMessage), call.method == "Send"
+                                                   ? state.answerer(call)
+                                                   : Answer{Answer::NO_VALUE, {}, ""});
+            return nullptr;
+        }
+    };
+
+    std::shared_ptr<State> m; // which a call that is just coming in also holds
 };
 
 } // namespace qortest

@@ -7,6 +7,9 @@
 // passes the call on. What the code under test must order itself is not touched.
 #include <dlfcn.h>
 
+#include <memory>
+#include <tuple>
+
 #include <gio/gio.h>
 
 extern "C" void __tsan_acquire(void* pAddress);
@@ -14,232 +17,74 @@ extern "C" void __tsan_release(void* pAddress);
 
 #define QORTEST_EXPORT extern "C" __attribute__((visibility("default")))
 
+// The function of that name that stands behind the one here.
+#define QORTEST_NEXT(function) reinterpret_cast<decltype(&function)>(dlsym(RTLD_NEXT, #function))
+
 namespace
 {
 
-template <class T>
-T* Next(T* /* the function that stands before it */, const char* name)
+// Stands in for user data: the handlers that share it, and who frees it.
+struct Box
 {
-    return reinterpret_cast<T*>(dlsym(RTLD_NEXT, name));
-}
-
-// Enters and leaves a handler: what came before is seen, and the next one sees this.
-class Edge
-{
-public:
-    explicit Edge(void* p) : m_p(p)
-    {
-        __tsan_acquire(m_p);
-    }
-    ~Edge()
-    {
-        __tsan_release(m_p);
-    }
-
-    Edge(const Edge&) = delete;
-    Edge& operator=(const Edge&) = delete;
-
-private:
-    void* m_p;
-};
-
-// --- Sources -------------------------------------------------------------------------------------
-
-struct Source
-{
-    GSourceFunc function;
+    GCallback handlers[2];
     gpointer data;
     GDestroyNotify notify;
 };
 
-Source* NewSource(GSourceFunc function, gpointer data, GDestroyNotify notify)
+template <class TFirst, class TSecond = void (*)()>
+Box* NewBox(gpointer data, GDestroyNotify notify, TFirst first, TSecond second = nullptr)
 {
-    Source* const pSource = new Source{function, data, notify};
-    __tsan_release(pSource);
-    return pSource;
+    Box* const pBox = new Box{
+        {reinterpret_cast<GCallback>(first), reinterpret_cast<GCallback>(second)}, data, notify};
+    __tsan_release(pBox);
+    return pBox;
 }
 
-gboolean RunSource(gpointer p)
+void FreeBox(gpointer p)
 {
-    Source* const pSource = static_cast<Source*>(p);
-    const Edge edge(pSource);
-    return pSource->function(pSource->data);
-}
-
-void FreeSource(gpointer p)
-{
-    Source* const pSource = static_cast<Source*>(p);
-    __tsan_acquire(pSource);
-    if (pSource->notify != nullptr)
+    Box* const pBox = static_cast<Box*>(p);
+    __tsan_acquire(pBox);
+    if (pBox->notify != nullptr)
     {
-        pSource->notify(pSource->data);
+        pBox->notify(pBox->data);
     }
-    delete pSource;
+    delete pBox;
 }
 
-// --- Names ---------------------------------------------------------------------------------------
-
-struct Name
+// Calls a handler, whose last argument is the user data: what came before is seen, and the next
+// one sees this.
+template <int INDEX, class TResult, class... TArguments>
+TResult Run(TArguments... arguments)
 {
-    GBusNameAppearedCallback appeared;
-    GBusNameVanishedCallback vanished; // or acquired
-    GBusNameLostCallback lost;
-    gpointer data;
-    GDestroyNotify notify;
-};
-
-void RunAppeared(GDBusConnection* pConnection, const gchar* name, const gchar* owner, gpointer p)
-{
-    Name* const pName = static_cast<Name*>(p);
-    const Edge edge(pName);
-    pName->appeared(pConnection, name, owner, pName->data);
+    auto all = std::make_tuple(arguments...);
+    gpointer& last = std::get<sizeof...(TArguments) - 1>(all);
+    Box* const pBox = static_cast<Box*>(last);
+    const std::unique_ptr<Box, void (*)(gpointer)> leave(pBox, &__tsan_release);
+    __tsan_acquire(pBox);
+    last = pBox->data;
+    return std::apply(reinterpret_cast<TResult (*)(TArguments...)>(pBox->handlers[INDEX]), all);
 }
 
-void RunVanished(GDBusConnection* pConnection, const gchar* name, gpointer p)
+// What GLib is given in place of a handler.
+template <int INDEX = 0, class TResult, class... TArguments>
+auto Runner(TResult (*handler)(TArguments...)) -> TResult (*)(TArguments...)
 {
-    Name* const pName = static_cast<Name*>(p);
-    const Edge edge(pName);
-    pName->vanished(pConnection, name, pName->data);
-}
-
-void RunLost(GDBusConnection* pConnection, const gchar* name, gpointer p)
-{
-    Name* const pName = static_cast<Name*>(p);
-    const Edge edge(pName);
-    pName->lost(pConnection, name, pName->data);
-}
-
-void FreeName(gpointer p)
-{
-    Name* const pName = static_cast<Name*>(p);
-    __tsan_acquire(pName);
-    if (pName->notify != nullptr)
-    {
-        pName->notify(pName->data);
-    }
-    delete pName;
-}
-
-// --- Exported objects ----------------------------------------------------------------------------
-
-struct Object
-{
-    const GDBusInterfaceVTable* pVtable;
-    gpointer data;
-    GDestroyNotify notify;
-};
-
-void RunMethod(GDBusConnection* pConnection, const gchar* sender, const gchar* path,
-               const gchar* interfaceName, const gchar* method, GVariant* pParameters,
-               GDBusMethodInvocation* pInvocation, gpointer p)
-{
-    Object* const pObject = static_cast<Object*>(p);
-    const Edge edge(pObject);
-    pObject->pVtable->method_call(pConnection, sender, path, interfaceName, method, pParameters,
-                                  pInvocation, pObject->data);
-}
-
-void FreeObject(gpointer p)
-{
-    Object* const pObject = static_cast<Object*>(p);
-    __tsan_acquire(pObject);
-    if (pObject->notify != nullptr)
-    {
-        pObject->notify(pObject->data);
-    }
-    delete pObject;
-}
-
-const GDBusInterfaceVTable OBJECT_VTABLE = {&RunMethod, nullptr, nullptr, {nullptr}};
-
-// --- Message filters -----------------------------------------------------------------------------
-
-struct Filter
-{
-    GDBusMessageFilterFunction function;
-    gpointer data;
-    GDestroyNotify notify;
-};
-
-GDBusMessage* RunFilter(GDBusConnection* pConnection, GDBusMessage* pMessage, gboolean isIncoming,
-                        gpointer p)
-{
-    Filter* const pFilter = static_cast<Filter*>(p);
-    const Edge edge(pFilter);
-    return pFilter->function(pConnection, pMessage, isIncoming, pFilter->data);
-}
-
-void FreeFilter(gpointer p)
-{
-    Filter* const pFilter = static_cast<Filter*>(p);
-    __tsan_acquire(pFilter);
-    if (pFilter->notify != nullptr)
-    {
-        pFilter->notify(pFilter->data);
-    }
-    delete pFilter;
-}
-
-// --- Completions ---------------------------------------------------------------------------------
-
-struct Completion
-{
-    GAsyncReadyCallback callback;
-    gpointer data;
-};
-
-Completion* NewCompletion(GAsyncReadyCallback callback, gpointer data)
-{
-    Completion* const pCompletion = new Completion{callback, data};
-    __tsan_release(pCompletion);
-    return pCompletion;
+    return handler == nullptr ? nullptr : &Run<INDEX, TResult, TArguments...>;
 }
 
 void RunCompletion(GObject* pSource, GAsyncResult* pResult, gpointer p)
 {
-    Completion* const pCompletion = static_cast<Completion*>(p);
-    __tsan_acquire(pCompletion);
-    pCompletion->callback(pSource, pResult, pCompletion->data);
-    delete pCompletion;
-}
-
-// --- Buffers -------------------------------------------------------------------------------------
-
-struct Buffer
-{
-    gpointer data;
-    GDestroyNotify notify;
-};
-
-Buffer* NewBuffer(gpointer data, GDestroyNotify notify)
-{
-    Buffer* const pBuffer = new Buffer{data, notify};
-    __tsan_release(pBuffer);
-    return pBuffer;
-}
-
-void FreeBuffer(gpointer p)
-{
-    Buffer* const pBuffer = static_cast<Buffer*>(p);
-    __tsan_acquire(pBuffer);
-    pBuffer->notify(pBuffer->data);
-    delete pBuffer;
+    Run<0, void, GObject*, GAsyncResult*, gpointer>(pSource, pResult, p);
+    FreeBox(p);
 }
 
 } // namespace
 
-QORTEST_EXPORT void g_main_context_invoke_full(GMainContext* pContext, gint priority,
-                                               GSourceFunc function, gpointer data,
-                                               GDestroyNotify notify)
-{
-    static const auto next = Next(&g_main_context_invoke_full, "g_main_context_invoke_full");
-    next(pContext, priority, &RunSource, NewSource(function, data, notify), &FreeSource);
-}
-
 QORTEST_EXPORT void g_main_context_invoke(GMainContext* pContext, GSourceFunc function,
                                           gpointer data)
 {
-    g_main_context_invoke_full(pContext, G_PRIORITY_DEFAULT, function, data, nullptr);
+    g_main_context_invoke_full(pContext, G_PRIORITY_DEFAULT, Runner(function),
+                               NewBox(data, nullptr, function), &FreeBox);
 }
 
 QORTEST_EXPORT guint g_bus_watch_name_on_connection(GDBusConnection* pConnection, const gchar* name,
@@ -248,12 +93,9 @@ QORTEST_EXPORT guint g_bus_watch_name_on_connection(GDBusConnection* pConnection
                                                     GBusNameVanishedCallback vanished,
                                                     gpointer data, GDestroyNotify notify)
 {
-    static const auto next =
-        Next(&g_bus_watch_name_on_connection, "g_bus_watch_name_on_connection");
-    Name* const pName = new Name{appeared, vanished, nullptr, data, notify};
-    __tsan_release(pName);
-    return next(pConnection, name, flags, appeared != nullptr ? &RunAppeared : nullptr,
-                vanished != nullptr ? &RunVanished : nullptr, pName, &FreeName);
+    static const auto next = QORTEST_NEXT(g_bus_watch_name_on_connection);
+    return next(pConnection, name, flags, Runner<0>(appeared), Runner<1>(vanished),
+                NewBox(data, notify, appeared, vanished), &FreeBox);
 }
 
 QORTEST_EXPORT guint g_bus_own_name_on_connection(GDBusConnection* pConnection, const gchar* name,
@@ -262,11 +104,9 @@ QORTEST_EXPORT guint g_bus_own_name_on_connection(GDBusConnection* pConnection, 
                                                   GBusNameLostCallback lost, gpointer data,
                                                   GDestroyNotify notify)
 {
-    static const auto next = Next(&g_bus_own_name_on_connection, "g_bus_own_name_on_connection");
-    Name* const pName = new Name{nullptr, acquired, lost, data, notify};
-    __tsan_release(pName);
-    return next(pConnection, name, flags, acquired != nullptr ? &RunVanished : nullptr,
-                lost != nullptr ? &RunLost : nullptr, pName, &FreeName);
+    static const auto next = QORTEST_NEXT(g_bus_own_name_on_connection);
+    return next(pConnection, name, flags, Runner<0>(acquired), Runner<1>(lost),
+                NewBox(data, notify, acquired, lost), &FreeBox);
 }
 
 QORTEST_EXPORT guint g_dbus_connection_register_object(GDBusConnection* pConnection,
@@ -275,14 +115,13 @@ QORTEST_EXPORT guint g_dbus_connection_register_object(GDBusConnection* pConnect
                                                        gpointer data, GDestroyNotify notify,
                                                        GError** ppError)
 {
-    static const auto next =
-        Next(&g_dbus_connection_register_object, "g_dbus_connection_register_object");
-    Object* const pObject = new Object{pVtable, data, notify};
-    __tsan_release(pObject);
-    const guint id = next(pConnection, path, pInfo, &OBJECT_VTABLE, pObject, &FreeObject, ppError);
+    static const auto next = QORTEST_NEXT(g_dbus_connection_register_object);
+    static const GDBusInterfaceVTable vtable{Runner(pVtable->method_call), nullptr, nullptr, {}};
+    Box* const pBox = NewBox(data, notify, pVtable->method_call);
+    const guint id = next(pConnection, path, pInfo, &vtable, pBox, &FreeBox, ppError);
     if (id == 0)
     {
-        delete pObject; // GLib does not free the user data of an object that it refuses
+        delete pBox; // GLib does not free the user data of an object that it refuses
     }
     return id;
 }
@@ -291,10 +130,8 @@ QORTEST_EXPORT guint g_dbus_connection_add_filter(GDBusConnection* pConnection,
                                                   GDBusMessageFilterFunction function,
                                                   gpointer data, GDestroyNotify notify)
 {
-    static const auto next = Next(&g_dbus_connection_add_filter, "g_dbus_connection_add_filter");
-    Filter* const pFilter = new Filter{function, data, notify};
-    __tsan_release(pFilter);
-    return next(pConnection, &RunFilter, pFilter, &FreeFilter);
+    static const auto next = QORTEST_NEXT(g_dbus_connection_add_filter);
+    return next(pConnection, Runner(function), NewBox(data, notify, function), &FreeBox);
 }
 
 QORTEST_EXPORT void g_dbus_proxy_call(GDBusProxy* pProxy, const gchar* method,
@@ -302,35 +139,16 @@ QORTEST_EXPORT void g_dbus_proxy_call(GDBusProxy* pProxy, const gchar* method,
                                       GCancellable* pCancellable, GAsyncReadyCallback callback,
                                       gpointer data)
 {
-    static const auto next = Next(&g_dbus_proxy_call, "g_dbus_proxy_call");
-    if (callback == nullptr)
-    {
-        next(pProxy, method, pParameters, flags, timeout, pCancellable, nullptr, nullptr);
-        return;
-    }
-    next(pProxy, method, pParameters, flags, timeout, pCancellable, &RunCompletion,
-         NewCompletion(callback, data));
+    static const auto next = QORTEST_NEXT(g_dbus_proxy_call);
+    next(pProxy, method, pParameters, flags, timeout, pCancellable,
+         callback == nullptr ? nullptr : &RunCompletion,
+         callback == nullptr ? nullptr : NewBox(data, nullptr, callback));
 }
 
 QORTEST_EXPORT GVariant* g_variant_new_from_data(const GVariantType* pType, gconstpointer pData,
                                                  gsize size, gboolean trusted,
                                                  GDestroyNotify notify, gpointer data)
 {
-    static const auto next = Next(&g_variant_new_from_data, "g_variant_new_from_data");
-    if (notify == nullptr)
-    {
-        return next(pType, pData, size, trusted, nullptr, nullptr);
-    }
-    return next(pType, pData, size, trusted, &FreeBuffer, NewBuffer(data, notify));
-}
-
-QORTEST_EXPORT GBytes* g_bytes_new_with_free_func(gconstpointer pData, gsize size,
-                                                  GDestroyNotify notify, gpointer data)
-{
-    static const auto next = Next(&g_bytes_new_with_free_func, "g_bytes_new_with_free_func");
-    if (notify == nullptr)
-    {
-        return next(pData, size, nullptr, nullptr);
-    }
-    return next(pData, size, &FreeBuffer, NewBuffer(data, notify));
+    static const auto next = QORTEST_NEXT(g_variant_new_from_data);
+    return next(pType, pData, size, trusted, &FreeBox, NewBox(data, notify, notify));
 }

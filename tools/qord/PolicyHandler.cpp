@@ -31,12 +31,9 @@ bool TCPolicyHandler::Handle(const qor::TByteArray& request, qor::TByteArray& re
 bool TCPolicyHandler::m_Decide(const qor::TByteArray& request, int& result) const
 {
     // From the size alone: what is too large is not copied.
-    const std::size_t policySize = PolicySize(request);
-    if (policySize > m_maxPolicySize)
+    if (PolicySize(request) > m_maxPolicySize)
     {
-        ReportError("a policy of %zu bytes is too large: at most %zu are accepted", policySize,
-                    m_maxPolicySize);
-        result = qor::POLICY_TOO_LARGE;
+        result = m_RefuseSize(PolicySize(request));
         return true;
     }
     std::string policy;
@@ -50,8 +47,19 @@ bool TCPolicyHandler::m_Decide(const qor::TByteArray& request, int& result) cons
     return true;
 }
 
+int TCPolicyHandler::m_RefuseSize(std::size_t size) const
+{
+    ReportError("a policy of %zu bytes is too large: at most %zu are accepted", size,
+                m_maxPolicySize);
+    return qor::POLICY_TOO_LARGE;
+}
+
 int TCPolicyHandler::m_CheckAndStore(const std::string& policy) const
 {
+    if (policy.size() > m_maxPolicySize)
+    {
+        return m_RefuseSize(policy.size());
+    }
     std::string error;
     if (!IsWellFormedPolicy(policy, error))
     {

@@ -26,6 +26,7 @@ public:
 
 private:
     bool m_Decide(const qor::TByteArray& request, int& result) const;
+    int m_RefuseSize(std::size_t size) const;
     int m_CheckAndStore(const std::string& policy) const;
 
     TCPolicyStore m_store;

@@ -13,7 +13,8 @@ namespace qord
 /// The message type with which a client hands over a policy.
 constexpr int g_setPolicyType = 4;
 
-/// The size of the policy that a request of that size can carry.
+/// The size of the policy that a request of that size carries; where another release of the archive
+/// class wrote a shorter header, the policy is larger by what that header lacks: one byte.
 std::size_t PolicySize(const qor::TByteArray& request);
 
 /// Reads the policy text out of a request. Whatever the bytes are, it allocates no more than a
