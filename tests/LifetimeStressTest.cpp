@@ -103,7 +103,8 @@ TEST_F(LifetimeStress, ServersComeAndGoWhileClientsTalkToThem)
             server.SetCallback(4, boost::bind<bool>(Function()));
             if (i % 2 == 0)
             {
-                WaitUntil([&] { return server.NumberOfClients() > 0; }, 10);
+                // Once for as long as it takes, so that an event is delivered on any machine.
+                WaitUntil([&] { return server.NumberOfClients() > 0; }, i == 0 ? WATCHDOG_MS : 10);
                 delivered += server.SendMessage(2, {1}, WATCHDOG_MS).first;
             }
         });

@@ -153,6 +153,16 @@ TEST_F(Fault, RefusalsOfTheDiskAndOfTheLimitKeepTheOldPolicy)
     EXPECT_EQ(CountOf(qord->Err(), "could not be stored"), 2U) << qord->Err();
 }
 
+TEST_F(Fault, FileSizeLimitIsAFailedWriteAndNotTheEndOfTheService)
+{
+    auto qord = StartTool("sh", {"-c", "ulimit -f 16 && exec " QORD " --policy " + m_policyFile});
+    ASSERT_TRUE(qord->WaitForOut("ready")) << qord->Err();
+    ExpectResult(qor::POLICY_STORED, "<old/>");
+    ExpectResult(qor::POLICY_NOT_STORED, "<p>" + std::string(100000, 'x') + "</p>");
+    EXPECT_EQ(StoredPolicy(), "<old/>");
+    EndCleanly(*qord);
+}
+
 // The mounts are the service's own and end with it.
 TEST_F(Fault, FullAndReadOnlyFileSystemsKeepTheOldPolicy)
 {
