@@ -60,7 +60,21 @@ endif()
 install(FILES data/sample-policy.xml DESTINATION ${CMAKE_INSTALL_DATADIR}/qor COMPONENT tools)
 
 # --- For people ----------------------------------------------------------------------------------
-install(FILES docs/man/qorctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
-install(FILES docs/man/qord.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT tools)
+find_program(QOR_GZIP gzip REQUIRED)
+mark_as_advanced(QOR_GZIP)
+# qor_gzip(INPUT OUTPUT): compressed the same way each time.
+function(qor_gzip input output)
+    add_custom_command(OUTPUT ${output} COMMAND ${QOR_GZIP} -9nc ${input} > ${output}
+        DEPENDS ${input} VERBATIM)
+    string(MAKE_C_IDENTIFIER ${output} _target)
+    add_custom_target(gzip-${_target} ALL DEPENDS ${output})
+endfunction()
+
+qor_gzip(${PROJECT_SOURCE_DIR}/docs/man/qorctl.1 qorctl.1.gz)
+qor_gzip(${PROJECT_SOURCE_DIR}/docs/man/qord.8 qord.8.gz)
+install(FILES ${PROJECT_BINARY_DIR}/qorctl.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
+    COMPONENT tools)
+install(FILES ${PROJECT_BINARY_DIR}/qord.8.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man8
+    COMPONENT tools)
 install(FILES data/completions/qorctl data/completions/qord
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)

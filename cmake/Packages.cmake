@@ -57,13 +57,8 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${_scripts})
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 # Each package has its copyright note and changelog where Debian looks for them.
-find_program(QOR_GZIP gzip REQUIRED)
-mark_as_advanced(QOR_GZIP)
 configure_file(packaging/changelog.in packaging/changelog @ONLY)
-add_custom_command(OUTPUT packaging/changelog.Debian.gz
-    COMMAND ${QOR_GZIP} -9nc packaging/changelog > packaging/changelog.Debian.gz
-    DEPENDS packaging/changelog VERBATIM)
-add_custom_target(qor-changelog ALL DEPENDS packaging/changelog.Debian.gz)
+qor_gzip(${PROJECT_BINARY_DIR}/packaging/changelog packaging/changelog.Debian.gz)
 foreach(component runtime dev tools)
     string(TOUPPER ${component} _upper)
     set(_doc ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${_upper}_PACKAGE_NAME})
