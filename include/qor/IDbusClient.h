@@ -25,8 +25,8 @@ public:
     /// @param isAsync   true: returns at once and the reply is dropped; nothing is known of the
     ///                  delivery. false: blocks until the reply arrives, for at most 10000 ms.
     ///
-    /// @return asynchronous: true. Synchronous: the result of the service's handler; false, with
-    ///         an error log line, when the call failed or timed out.
+    /// @return asynchronous: true, unless the payload does not fit. Synchronous: the result of the
+    ///         service's handler; false, with an error log line, when the call failed or timed out.
     virtual bool SendMessage(int type, const std::vector<unsigned char>& data,
                              std::vector<unsigned char>& response, bool isAsync) = 0;
 };
