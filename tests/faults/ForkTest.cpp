@@ -38,6 +38,14 @@ static int ExitStatusOfChild(const std::function<void()>& work)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+// Its allocator takes no lock around a fork: the child of a busy process may find it locked.
+#ifdef __SANITIZE_ADDRESS__
+#define SKIP_UNDER_ADDRESS_SANITIZER()                                                             \
+    GTEST_SKIP() << "the address sanitizer does not stand forks of busy processes"
+#else
+#define SKIP_UNDER_ADDRESS_SANITIZER() static_cast<void>(0)
+#endif
+
 class Fork : public BusTest
 {
 protected:
@@ -85,6 +93,7 @@ protected:
 
 TEST_F(Fork, ChildOfABusyClientHostIsRefusedAndCanExitAndTheHostGoesOn)
 {
+    SKIP_UNDER_ADDRESS_SANITIZER();
     ASSERT_TRUE(m_peer.OwnName(SERVICE_NAME));
     // Held by the library alone, so that the child's teardown destroys them.
     qor::IControl* const control = qor::api::GetControl().get();
@@ -129,6 +138,7 @@ TEST_F(Fork, ChildOfABusyClientHostIsRefusedAndCanExitAndTheHostGoesOn)
 
 TEST_F(Fork, ChildOfABusyServiceCanExitAndTheServiceGoesOn)
 {
+    SKIP_UNDER_ADDRESS_SANITIZER();
     auto server = std::make_unique<qor::TCDbusServer>(false);
     ASSERT_TRUE(PumpUntil([&] { return server->IsReady(); }));
     BackgroundPump pump;
