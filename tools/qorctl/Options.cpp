@@ -3,7 +3,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "common/ExitStatus.h"
+#include "common/CommandLine.h"
 
 namespace qorctl
 {
@@ -74,13 +74,8 @@ std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitSta
     AddListen(app, options);
     AddStatus(app, options);
     AddInfo(app, options);
-    try
+    if (!tools::ParseCommandLine(app, count, pArguments, exitStatus))
     {
-        app.parse(count, pArguments);
-    }
-    catch (const CLI::ParseError& error)
-    {
-        exitStatus = app.exit(error) == 0 ? tools::EXIT_OK : tools::EXIT_WRONG_USAGE;
         return std::nullopt;
     }
     return options;

@@ -5,7 +5,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "common/ExitStatus.h"
+#include "common/CommandLine.h"
 
 namespace qord
 {
@@ -61,13 +61,8 @@ std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitSta
     app.add_flag("--verbose", options.m_verbose, "Print the library's log lines too");
     app.add_flag("--log-file", options.m_logFile,
                  "Write the library's log lines to /tmp/qor_NAME_PID.log");
-    try
+    if (!tools::ParseCommandLine(app, count, pArguments, exitStatus))
     {
-        app.parse(count, pArguments);
-    }
-    catch (const CLI::ParseError& error)
-    {
-        exitStatus = app.exit(error) == 0 ? tools::EXIT_OK : tools::EXIT_WRONG_USAGE;
         return std::nullopt;
     }
     return options;
