@@ -1,4 +1,4 @@
-# Debian packages, one a component: libqor0, libqor-dev, qor-tools.
+# Debian packages, one a component: libqor1, libqor-dev, qor-tools.
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME qor)
