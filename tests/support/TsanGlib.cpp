@@ -119,9 +119,9 @@ QORTEST_EXPORT guint g_dbus_connection_register_object(GDBusConnection* pConnect
     static const GDBusInterfaceVTable vtable{Runner(pVtable->method_call), nullptr, nullptr, {}};
     Box* const pBox = NewBox(data, notify, pVtable->method_call);
     const guint id = next(pConnection, path, pInfo, &vtable, pBox, &FreeBox, ppError);
-    if (id == 0)
+    if (id == 0 && glib_check_version(2, 80, 1) != nullptr)
     {
-        delete pBox; // GLib does not free the user data of an object that it refuses
+        delete pBox; // older releases do not free the user data of an object that they refuse
     }
     return id;
 }

@@ -16,6 +16,7 @@
 
 #include "QORDbusLink.h"
 #include "QORFork.h"
+#include "QORGlibCompat.h"
 #include "QORLog.h"
 
 #define QOR_LOG_CLASS "qor::TCDbus"
@@ -226,7 +227,10 @@ bool TCDbus::t_Start()
         pUserData, RELEASE_DBUS_LINK, &pRawError);
     if (m_registrationId == 0)
     {
-        RELEASE_DBUS_LINK(pUserData);
+        if (!FailedRegistrationReleases())
+        {
+            RELEASE_DBUS_LINK(pUserData);
+        }
         const TGlibPtr<GError> pError(pRawError);
         QOR_LOG_ERROR("Registering object error, errno %d", pError->code);
         return false;

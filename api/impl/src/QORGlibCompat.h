@@ -1,0 +1,18 @@
+// What differs between the supported releases of GLib, asked of the one that is loaded.
+#ifndef QOR_QORGLIBCOMPAT_H
+#define QOR_QORGLIBCOMPAT_H
+
+#include <glib.h>
+
+namespace qor
+{
+
+// Whether g_dbus_connection_register_object releases the user data when it fails.
+inline bool FailedRegistrationReleases()
+{
+    return glib_check_version(2, 80, 1) == nullptr;
+}
+
+} // namespace qor
+
+#endif
