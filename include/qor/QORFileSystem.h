@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include <boost/filesystem/operations.hpp>
+#include <boost/filesystem.hpp> // filesystem_error has moved among the smaller ones
 
 #include <qor/Export.h>
 

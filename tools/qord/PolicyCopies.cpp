@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include <boost/filesystem/operations.hpp>
+#include <boost/filesystem.hpp> // filesystem_error has moved among the smaller ones
 
 #include <qor/QORFileSystem.h>
 

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include <boost/filesystem.hpp> // filesystem_error has moved among the smaller ones
+
 namespace fs = boost::filesystem;
 
 namespace qor
