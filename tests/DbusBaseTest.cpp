@@ -33,7 +33,6 @@ public:
         t_stateMutex.lock();
         const bool started = t_Start();
         t_stateMutex.unlock();
-        t_LetHandlersRun();
         return started;
     }
 

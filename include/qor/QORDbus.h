@@ -66,7 +66,7 @@ protected:
     using TMethodHandler = boost::function<void(const char*, GVariant*, GDBusMethodInvocation*)>;
 
     /// Connects, registers the Send handler and exports the object. The caller holds t_stateMutex
-    /// exclusively. Calls that arrive are held back until t_LetHandlersRun.
+    /// exclusively until the endpoint is complete: calls that arrive meanwhile wait for it.
     bool t_Start();
 
     /// Releases what t_Start acquired; runs once, after t_StopHandlers.
@@ -74,10 +74,6 @@ protected:
 
     /// Sets the handler of a D-Bus method, replacing an earlier one. Only while starting.
     void t_SetDbusCallback(const char* method, const TMethodHandler& handler);
-
-    /// Ends the start: until then handlers on other threads wait, so that none sees an endpoint
-    /// that is still under construction.
-    void t_LetHandlersRun();
 
     /// From here on no handler starts; waits for one that is running. Must be called without locks,
     /// since that handler may need them to finish.
@@ -134,6 +130,7 @@ private:
                                    GDBusMethodInvocation* pInvocation, void* pUserData);
     void m_HandleMethodCall(const char* sender, const char* objectPath, const char* methodName,
                             GVariant* pParameters, TGlibPtr<GDBusMethodInvocation> pInvocation);
+    TMethodHandler m_FindHandler(const char* methodName);
     void m_HandleMessage(const char* sender, GVariant* pParameters,
                          GDBusMethodInvocation* pInvocation);
 

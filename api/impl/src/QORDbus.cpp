@@ -7,16 +7,15 @@
 #include <utility>
 
 #include <boost/bind/bind.hpp>
-#include <boost/thread/lock_types.hpp>
 
 #include <gio/gio.h>
 
-#include <qor/IDbusClient.h>
-#include <qor/IDbusServer.h>
-
 #include "QORDbusLink.h"
+#include "QOREnvelope.h"
 #include "QORFork.h"
 #include "QORGlibCompat.h"
+#include "QORGlibError.h"
+#include "QORLocks.h"
 #include "QORLog.h"
 
 #define QOR_LOG_CLASS "qor::TCDbus"
@@ -24,120 +23,7 @@
 namespace qor
 {
 
-namespace
-{
-
-// Integers are laid down in host order, which both ends share and which is little-endian.
-static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the wire format is little-endian");
-static_assert(sizeof(int) == 4, "message types take 4 bytes");
-
-constexpr std::size_t TYPE_SIZE = 4;
-constexpr std::size_t REQUEST_HEADER_SIZE = TYPE_SIZE + 1;
-constexpr std::size_t REPLY_HEADER_SIZE = 1;
-
-// Room for a message's header fields: names and paths of at most 255 bytes each, and alignment.
-constexpr std::size_t MESSAGE_HEADER_ROOM = 4096;
-static_assert(QOR_MAX_MESSAGE_SIZE > 2 * MESSAGE_HEADER_ROOM, "no room for a payload");
-
-// Builds "(ay)" out of an envelope's header and its body with one copy. The block belongs to GLib,
-// which may free it after this library has been unloaded.
-GVariant* WrapBytes(const unsigned char* header, std::size_t headerSize, const TByteArray& body)
-{
-    const std::size_t size = headerSize + body.size();
-    auto* block = static_cast<unsigned char*>(g_malloc(size));
-    if (headerSize != 0)
-    {
-        memcpy(block, header, headerSize);
-    }
-    if (!body.empty())
-    {
-        memcpy(block + headerSize, body.data(), body.size());
-    }
-    GVariant* pArray =
-        g_variant_new_from_data(G_VARIANT_TYPE_BYTESTRING, block, size, TRUE, g_free, block);
-    return g_variant_new_tuple(&pArray, 1);
-}
-
-// The bytes inside an "(ay)" value, in place. A value of another type, which only a foreign peer
-// sends, has none.
-class TCByteView
-{
-public:
-    explicit TCByteView(GVariant* pValue) : m_data(nullptr), m_size(0)
-    {
-        if (pValue == nullptr || !g_variant_is_of_type(pValue, G_VARIANT_TYPE("(ay)")))
-        {
-            return;
-        }
-        m_pArray.reset(g_variant_get_child_value(pValue, 0));
-        m_data = static_cast<const unsigned char*>(
-            g_variant_get_fixed_array(m_pArray.get(), &m_size, sizeof(unsigned char)));
-    }
-
-    std::size_t Size() const
-    {
-        return m_size;
-    }
-    const unsigned char* Begin() const
-    {
-        return m_data;
-    }
-    const unsigned char* End() const
-    {
-        return m_data + m_size;
-    }
-
-private:
-    TGlibPtr<GVariant> m_pArray;
-    const unsigned char* m_data;
-    std::size_t m_size;
-};
-
-} // namespace
-
-void TSGlibRelease::operator()(GDBusConnection* p) const noexcept
-{
-    g_object_unref(p);
-}
-
-void TSGlibRelease::operator()(GDBusMethodInvocation* p) const noexcept
-{
-    g_object_unref(p);
-}
-
-void TSGlibRelease::operator()(GDBusNodeInfo* p) const noexcept
-{
-    g_dbus_node_info_unref(p);
-}
-
-void TSGlibRelease::operator()(GDBusProxy* p) const noexcept
-{
-    g_object_unref(p);
-}
-
-void TSGlibRelease::operator()(GError* p) const noexcept
-{
-    g_error_free(p);
-}
-
-void TSGlibRelease::operator()(GMainContext* p) const noexcept
-{
-    g_main_context_unref(p);
-}
-
-void TSGlibRelease::operator()(GMainLoop* p) const noexcept
-{
-    g_main_loop_unref(p);
-}
-
-void TSGlibRelease::operator()(GVariant* p) const noexcept
-{
-    g_variant_unref(p);
-}
-
 IDbus::~IDbus() = default;
-IDbusClient::~IDbusClient() = default;
-IDbusServer::~IDbusServer() = default;
 
 const char* const TCDbus::t_dbusHelloMethod = "Hello";
 const char* const TCDbus::t_dbusSendMethod = "Send";
@@ -180,19 +66,19 @@ TCDbus::~TCDbus()
 
 bool TCDbus::IsReady()
 {
-    const boost::shared_lock<boost::shared_mutex> lock(t_stateMutex);
+    const TSharedLock lock(t_stateMutex);
     return t_isReady;
 }
 
 std::string TCDbus::GetUniqueName()
 {
-    const boost::shared_lock<boost::shared_mutex> lock(t_stateMutex);
+    const TSharedLock lock(t_stateMutex);
     return t_uniqueName;
 }
 
 std::size_t TCDbus::MaxPayload()
 {
-    return QOR_MAX_MESSAGE_SIZE - MESSAGE_HEADER_ROOM - REQUEST_HEADER_SIZE;
+    return MaxPayloadSize();
 }
 
 bool TCDbus::t_Fits(std::size_t payloadSize)
@@ -207,12 +93,11 @@ bool TCDbus::t_Start()
                                   boost::placeholders::_2, boost::placeholders::_3));
     m_pNodeInfo.reset(g_dbus_node_info_new_for_xml(m_interfaceXml, nullptr));
 
-    GError* pRawError = nullptr;
-    t_pConnection.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &pRawError));
+    TCGlibError error;
+    t_pConnection.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error.Out()));
     if (t_pConnection == nullptr)
     {
-        const TGlibPtr<GError> pError(pRawError);
-        QOR_LOG_ERROR("Connecting to system bus error, errno %d", pError->code);
+        QOR_LOG_ERROR("Connecting to system bus error, errno %d", error.Code());
         return false;
     }
     // The shared connection would otherwise end the process when the bus goes away.
@@ -224,15 +109,14 @@ bool TCDbus::t_Start()
     void* pUserData = t_NewUserData();
     m_registrationId = g_dbus_connection_register_object(
         t_pConnection.get(), t_objectPath, m_pNodeInfo->interfaces[0], &m_interfaceVtable,
-        pUserData, RELEASE_DBUS_LINK, &pRawError);
+        pUserData, RELEASE_DBUS_LINK, error.Out());
     if (m_registrationId == 0)
     {
         if (!FailedRegistrationReleases())
         {
             RELEASE_DBUS_LINK(pUserData);
         }
-        const TGlibPtr<GError> pError(pRawError);
-        QOR_LOG_ERROR("Registering object error, errno %d", pError->code);
+        QOR_LOG_ERROR("Registering object error, errno %d", error.Code());
         return false;
     }
     return true;
@@ -253,11 +137,6 @@ void TCDbus::t_SetDbusCallback(const char* method, const TMethodHandler& handler
     m_methodHandlers[method] = handler;
 }
 
-void TCDbus::t_LetHandlersRun()
-{
-    OpenDbusLink(m_pLink);
-}
-
 void TCDbus::t_StopHandlers()
 {
     SeverDbusLink(m_pLink);
@@ -273,11 +152,11 @@ void TCDbus::t_Abandon()
     static_cast<void>(t_pConnection.release());
     static_cast<void>(m_pNodeInfo.release());
     m_pLink = nullptr;
-    Abandon(t_callbacksMutex);
-    Abandon(t_callbacks);
-    Abandon(t_stateMutex);
-    Abandon(t_watchMutex);
-    Abandon(t_currentSender);
+    MakeAnew(t_callbacksMutex);
+    MakeAnew(t_callbacks);
+    MakeAnew(t_stateMutex);
+    MakeAnew(t_watchMutex);
+    MakeAnew(t_currentSender);
 }
 
 void* TCDbus::t_NewUserData()
@@ -310,15 +189,23 @@ void TCDbus::m_HandleMethodCall(const char* sender, const char* objectPath, cons
     {
         return;
     }
-    const auto found = m_methodHandlers.find(methodName);
-    if (found == m_methodHandlers.end())
+    const TMethodHandler handler = m_FindHandler(methodName);
+    if (!handler)
     {
         QOR_LOG_DEBUG("No message handler for %s", methodName);
         g_dbus_method_invocation_return_value(pInvocation.release(), nullptr);
         return;
     }
     QOR_LOG_DEBUG("->Invoke message handler %s", methodName);
-    found->second(sender, pParameters, pInvocation.release());
+    handler(sender, pParameters, pInvocation.release());
+}
+
+// A start on another thread holds the lock until the endpoint is complete.
+TCDbus::TMethodHandler TCDbus::m_FindHandler(const char* methodName)
+{
+    const TSharedLock lock(t_stateMutex);
+    const auto found = m_methodHandlers.find(methodName);
+    return found == m_methodHandlers.end() ? TMethodHandler() : found->second;
 }
 
 void TCDbus::m_HandleMessage(const char* sender, GVariant* pParameters,
@@ -330,14 +217,14 @@ void TCDbus::m_HandleMessage(const char* sender, GVariant* pParameters,
     TByteArray output;
     t_ConvertBytes(pParameters, type, isAsync, payload);
     {
-        const boost::unique_lock<boost::shared_mutex> lock(t_stateMutex);
+        const TExclusiveLock lock(t_stateMutex);
         t_isCurrentMessageAsync = isAsync;
         t_currentSender = sender;
     }
 
     bool result = false;
     {
-        const boost::shared_lock<boost::shared_mutex> lock(t_callbacksMutex);
+        const TSharedLock lock(t_callbacksMutex);
         const auto found = t_callbacks.find(type);
         if (found != t_callbacks.end())
         {
@@ -363,59 +250,45 @@ void TCDbus::m_HandleMessage(const char* sender, GVariant* pParameters,
                                                       "The reply is too large for the bus");
     }
 
-    const boost::unique_lock<boost::shared_mutex> lock(t_stateMutex);
+    const TExclusiveLock lock(t_stateMutex);
     t_currentSender.clear();
 }
 
 void TCDbus::t_ConvertBytes(GVariant* pValue, TByteArray& bytes) const
 {
-    const TCByteView view(pValue);
-    bytes.insert(bytes.end(), view.Begin(), view.End());
+    UnwrapBytes(pValue, bytes);
 }
 
 void TCDbus::t_ConvertBytes(const TByteArray& bytes, GVariant*& pValue) const
 {
-    pValue = WrapBytes(nullptr, 0, bytes);
+    pValue = WrapBytes(bytes);
 }
 
 void TCDbus::t_ConvertBytes(int type, bool isAsync, const TByteArray& payload,
                             GVariant*& pValue) const
 {
-    unsigned char header[REQUEST_HEADER_SIZE];
-    memcpy(header, &type, TYPE_SIZE);
-    header[TYPE_SIZE] = isAsync ? 1 : 0;
-    pValue = WrapBytes(header, sizeof header, payload);
+    pValue = WriteRequest(type, isAsync, payload);
 }
 
 void TCDbus::t_ConvertBytes(const TByteArray& output, bool result, GVariant*& pValue) const
 {
-    const unsigned char header[REPLY_HEADER_SIZE] = {static_cast<unsigned char>(result ? 1 : 0)};
-    pValue = WrapBytes(header, sizeof header, output);
+    pValue = WriteReply(result, output);
 }
 
 void TCDbus::t_ConvertBytes(GVariant* pValue, bool& result, TByteArray& output) const
 {
-    const TCByteView view(pValue);
-    if (view.Size() < REPLY_HEADER_SIZE)
+    if (!ReadReply(pValue, result, output))
     {
         QOR_ASSERT_FAILED();
-        return;
     }
-    result = *view.Begin() != 0;
-    output.assign(view.Begin() + REPLY_HEADER_SIZE, view.End());
 }
 
 void TCDbus::t_ConvertBytes(GVariant* pValue, int& type, bool& isAsync, TByteArray& payload) const
 {
-    const TCByteView view(pValue);
-    if (view.Size() < REQUEST_HEADER_SIZE)
+    if (!ReadRequest(pValue, type, isAsync, payload))
     {
         QOR_ASSERT_FAILED();
-        return;
     }
-    memcpy(&type, view.Begin(), TYPE_SIZE);
-    isAsync = view.Begin()[TYPE_SIZE] != 0;
-    payload.assign(view.Begin() + REQUEST_HEADER_SIZE, view.End());
 }
 
 } // namespace qor

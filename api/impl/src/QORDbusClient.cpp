@@ -1,11 +1,12 @@
 // The application's endpoint, and the provider that shares one per process.
 #include <qor/QORDbusClient.h>
 
-#include <boost/thread/lock_types.hpp>
-
 #include <gio/gio.h>
 
 #include "QORDbusLink.h"
+#include "QOREnvelope.h"
+#include "QORGlibError.h"
+#include "QORLocks.h"
 #include "QORLog.h"
 
 #define QOR_LOG_CLASS "qor::TCDbusClient"
@@ -21,10 +22,11 @@ constexpr int DEFAULT_TIMEOUT = -1;
 
 } // namespace
 
+IDbusClient::~IDbusClient() = default;
+
 TCDbusClient::TCDbusClient(bool testMode) : TCDbus(testMode), m_watcherId(0)
 {
     t_Start();
-    t_LetHandlersRun();
 }
 
 TCDbusClient::~TCDbusClient()
@@ -41,25 +43,24 @@ TCDbusClient::~TCDbusClient()
 bool TCDbusClient::t_Start()
 {
     {
-        const boost::unique_lock<boost::shared_mutex> stateLock(t_stateMutex);
+        const TExclusiveLock stateLock(t_stateMutex);
         if (!TCDbus::t_Start())
         {
             return false;
         }
-        GError* pRawError = nullptr;
+        TCGlibError error;
         m_pProxy.reset(g_dbus_proxy_new_sync(
             t_pConnection.get(),
             static_cast<GDBusProxyFlags>(G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES |
                                          G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START_AT_CONSTRUCTION),
-            nullptr, t_busName, t_objectPath, t_interfaceName, nullptr, &pRawError));
+            nullptr, t_busName, t_objectPath, t_interfaceName, nullptr, error.Out()));
         if (m_pProxy == nullptr)
         {
-            const TGlibPtr<GError> pError(pRawError);
-            QOR_LOG_ERROR("Registering proxy error, errno %d", pError->code);
+            QOR_LOG_ERROR("Registering proxy error, errno %d", error.Code());
             return false;
         }
     }
-    const boost::unique_lock<boost::shared_mutex> watchLock(t_watchMutex);
+    const TExclusiveLock watchLock(t_watchMutex);
     m_watcherId = g_bus_watch_name_on_connection(
         t_pConnection.get(), t_busName, G_BUS_NAME_WATCHER_FLAGS_NONE,
         &TCDbusClient::m_NameAppeared, &TCDbusClient::m_NameVanished, t_NewUserData(),
@@ -70,8 +71,8 @@ bool TCDbusClient::t_Start()
 void TCDbusClient::t_Stop()
 {
     t_StopHandlers();
-    const boost::unique_lock<boost::shared_mutex> stateLock(t_stateMutex);
-    const boost::unique_lock<boost::shared_mutex> watchLock(t_watchMutex);
+    const TExclusiveLock stateLock(t_stateMutex);
+    const TExclusiveLock watchLock(t_watchMutex);
     if (m_watcherId != 0)
     {
         g_bus_unwatch_name(m_watcherId);
@@ -94,8 +95,8 @@ void TCDbusClient::m_NameAppeared(GDBusConnection* pConnection, const char* name
 void TCDbusClient::m_NameAppeared(GDBusConnection* /*pConnection*/, const char* /*name*/,
                                   const char* /*owner*/)
 {
-    const boost::unique_lock<boost::shared_mutex> stateLock(t_stateMutex);
-    const boost::shared_lock<boost::shared_mutex> callbacksLock(t_callbacksMutex);
+    const TExclusiveLock stateLock(t_stateMutex);
+    const TSharedLock callbacksLock(t_callbacksMutex);
     m_SendHello();
     t_isReady = true;
 }
@@ -112,23 +113,14 @@ void TCDbusClient::m_NameVanished(GDBusConnection* pConnection, const char* name
 
 void TCDbusClient::m_NameVanished(GDBusConnection* /*pConnection*/, const char* /*name*/)
 {
-    const boost::unique_lock<boost::shared_mutex> stateLock(t_stateMutex);
+    const TExclusiveLock stateLock(t_stateMutex);
     t_isReady = false;
 }
 
 bool TCDbusClient::m_SendHello()
 {
     QOR_LOG_DEBUG("Send hello %s", t_uniqueName.c_str());
-    TByteArray events;
-    events.reserve(t_callbacks.size() * sizeof(int));
-    for (const auto& entry : t_callbacks)
-    {
-        const auto* type = reinterpret_cast<const unsigned char*>(&entry.first);
-        events.insert(events.end(), type, type + sizeof entry.first);
-    }
-    GVariant* pEvents = nullptr;
-    t_ConvertBytes(events, pEvents);
-    m_CallWithoutReply(t_dbusHelloMethod, pEvents);
+    m_CallWithoutReply(t_dbusHelloMethod, WriteEventList(t_callbacks));
     return true;
 }
 
@@ -152,8 +144,8 @@ bool TCDbusClient::SetCallback(int type, const TMessageCallback& callback)
     {
         return false;
     }
-    const boost::shared_lock<boost::shared_mutex> stateLock(t_stateMutex);
-    const boost::unique_lock<boost::shared_mutex> callbacksLock(t_callbacksMutex);
+    const TSharedLock stateLock(t_stateMutex);
+    const TExclusiveLock callbacksLock(t_callbacksMutex);
     const bool inserted = t_callbacks.emplace(type, callback).second;
     QOR_LOG_DEBUG("Type %d, result %d", type, inserted);
     if (inserted && t_isReady)
@@ -169,8 +161,8 @@ bool TCDbusClient::UnSetCallback(int type)
     {
         return false;
     }
-    const boost::shared_lock<boost::shared_mutex> stateLock(t_stateMutex);
-    const boost::unique_lock<boost::shared_mutex> callbacksLock(t_callbacksMutex);
+    const TSharedLock stateLock(t_stateMutex);
+    const TExclusiveLock callbacksLock(t_callbacksMutex);
     const bool erased = t_callbacks.erase(type) != 0;
     if (erased && t_isReady)
     {
@@ -185,14 +177,14 @@ bool TCDbusClient::SendMessage(int type, const TByteArray& data, TByteArray& res
     {
         return false;
     }
-    const boost::shared_lock<boost::shared_mutex> stateLock(t_stateMutex);
+    const TSharedLock stateLock(t_stateMutex);
     if (!t_isReady)
     {
         QOR_LOG_DEBUG("Connection is not ready");
         if (!isAsync)
         {
             // The bus starts a service that is not running, which then learns our types at once.
-            const boost::shared_lock<boost::shared_mutex> callbacksLock(t_callbacksMutex);
+            const TSharedLock callbacksLock(t_callbacksMutex);
             m_SendHello();
         }
     }
@@ -221,14 +213,13 @@ bool TCDbusClient::m_CallAndWait(int type, const TByteArray& data, TByteArray& r
     }
     GVariant* pRequest = nullptr;
     t_ConvertBytes(type, false, data, pRequest);
-    GError* pRawError = nullptr;
+    TCGlibError error;
     const TGlibPtr<GVariant> pResult(g_dbus_connection_call_sync(
         t_pConnection.get(), t_busName, t_objectPath, t_interfaceName, t_dbusSendMethod, pRequest,
-        nullptr, G_DBUS_CALL_FLAGS_NONE, SEND_TIMEOUT_MS, nullptr, &pRawError));
-    if (pRawError != nullptr)
+        nullptr, G_DBUS_CALL_FLAGS_NONE, SEND_TIMEOUT_MS, nullptr, error.Out()));
+    if (error)
     {
-        const TGlibPtr<GError> pError(pRawError);
-        QOR_LOG_ERROR("Sending message error, errno %d", pError->code);
+        QOR_LOG_ERROR("Sending message error, errno %d", error.Code());
         return false;
     }
     if (pResult == nullptr)

@@ -17,25 +17,15 @@ TSDbusLink* NewDbusLink(TCDbus* pEndpoint)
     return new (g_atomic_rc_box_alloc(sizeof(TSDbusLink))) TSDbusLink{PTHREAD_MUTEX_INITIALIZER,
                                                                       PTHREAD_COND_INITIALIZER,
                                                                       pEndpoint,
-                                                                      true,
                                                                       0,
                                                                       pthread_self(),
                                                                       getpid()};
-}
-
-void OpenDbusLink(TSDbusLink* pLink)
-{
-    const TCMutexLock lock(pLink->m_mutex);
-    pLink->m_isStarting = false;
-    pthread_cond_broadcast(&pLink->m_changed);
 }
 
 void SeverDbusLink(TSDbusLink* pLink)
 {
     TCMutexLock lock(pLink->m_mutex);
     pLink->m_pEndpoint = nullptr;
-    pLink->m_isStarting = false;
-    pthread_cond_broadcast(&pLink->m_changed);
     while (pLink->m_running != 0 && !pthread_equal(pLink->m_runner, pthread_self()))
     {
         lock.Wait(pLink->m_changed);
@@ -49,11 +39,7 @@ TCDbusLinkUse::TCDbusLinkUse(void* pUserData)
     {
         return;
     }
-    TCMutexLock lock(m_pLink->m_mutex);
-    while (m_pLink->m_isStarting)
-    {
-        lock.Wait(m_pLink->m_changed);
-    }
+    const TCMutexLock lock(m_pLink->m_mutex);
     m_pEndpoint = m_pLink->m_pEndpoint;
     if (m_pEndpoint != nullptr)
     {

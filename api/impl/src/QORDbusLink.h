@@ -23,7 +23,6 @@ struct TSDbusLink
     pthread_mutex_t m_mutex;
     pthread_cond_t m_changed;
     TCDbus* m_pEndpoint; // null once severed
-    bool m_isStarting;   // handlers wait while this is set
     unsigned int m_running;
     pthread_t m_runner; // the thread of the running handlers: one context, so one at a time
     pid_t m_process;    // that created the endpoint
@@ -33,7 +32,6 @@ struct TSDbusLink
 constexpr GDestroyNotify RELEASE_DBUS_LINK = &g_atomic_rc_box_release;
 
 TSDbusLink* NewDbusLink(TCDbus* pEndpoint);
-void OpenDbusLink(TSDbusLink* pLink);
 
 // Waits for a running handler, unless it is the caller's own: a process that exits from inside a
 // handler gets here too, and that handler never returns.

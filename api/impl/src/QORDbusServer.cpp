@@ -5,13 +5,14 @@
 #include <list>
 
 #include <boost/bind/bind.hpp>
-#include <boost/thread/lock_types.hpp>
 
 #include <gio/gio.h>
 
 #include "QORDbusLink.h"
-#include "QOREventList.h"
+#include "QOREnvelope.h"
 #include "QORFork.h"
+#include "QORGlibError.h"
+#include "QORLocks.h"
 #include "QORLog.h"
 
 #define QOR_LOG_CLASS "qor::TCDbusServer"
@@ -40,6 +41,8 @@ struct TCDbusServer::TSAsyncMessage
     int m_timeout;
 };
 
+IDbusServer::~IDbusServer() = default;
+
 TCDbusServer::TCDbusServer(bool testMode) : TCDbus(testMode), m_ownNameId(0)
 {
     try
@@ -56,15 +59,14 @@ TCDbusServer::TCDbusServer(bool testMode) : TCDbus(testMode), m_ownNameId(0)
         t_Stop();
         throw;
     }
-    t_LetHandlersRun();
 }
 
 TCDbusServer::~TCDbusServer()
 {
     if (!t_IsInOwnProcess())
     {
-        Abandon(m_clients);
-        Abandon(m_thread);
+        MakeAnew(m_clients);
+        MakeAnew(m_thread);
         static_cast<void>(m_pContext.release());
         static_cast<void>(m_pMainLoop.release());
         t_Abandon();
@@ -77,7 +79,7 @@ TCDbusServer::~TCDbusServer()
 
 bool TCDbusServer::t_Start()
 {
-    const boost::unique_lock<boost::shared_mutex> lock(t_stateMutex);
+    const TExclusiveLock lock(t_stateMutex);
     if (!TCDbus::t_Start())
     {
         return false;
@@ -106,7 +108,7 @@ bool TCDbusServer::t_Start()
 void TCDbusServer::t_Stop()
 {
     t_StopHandlers();
-    const boost::unique_lock<boost::shared_mutex> lock(t_stateMutex);
+    const TExclusiveLock lock(t_stateMutex);
     if (m_pMainLoop != nullptr)
     {
         // Posted, not called: a loop does not remember that it was quit before it ran.
@@ -152,7 +154,7 @@ void TCDbusServer::m_NameAcquired(GDBusConnection* pConnection, const char* name
 
 void TCDbusServer::m_NameAcquired(GDBusConnection* /*pConnection*/, const char* /*name*/)
 {
-    const boost::unique_lock<boost::shared_mutex> lock(t_stateMutex);
+    const TExclusiveLock lock(t_stateMutex);
     t_isReady = true;
 }
 
@@ -167,13 +169,11 @@ void TCDbusServer::m_NameLost(GDBusConnection* /*pConnection*/, const char* name
 void TCDbusServer::m_HandleHelloMessage(const char* sender, GVariant* pParameters,
                                         GDBusMethodInvocation* pInvocation)
 {
-    TByteArray bytes;
-    t_ConvertBytes(pParameters, bytes);
-    std::set<int> events = ReadEventList(bytes);
+    std::set<int> events = ReadEventList(pParameters);
     const std::string client(sender); // answering the call may free what it came with
     g_dbus_method_invocation_return_value(pInvocation, nullptr);
 
-    const boost::unique_lock<boost::shared_mutex> lock(t_stateMutex);
+    const TExclusiveLock lock(t_stateMutex);
     if (m_clients.count(client) == 0 && !m_AddClient(client))
     {
         return;
@@ -185,14 +185,13 @@ void TCDbusServer::m_HandleHelloMessage(const char* sender, GVariant* pParameter
 bool TCDbusServer::m_AddClient(const std::string& name)
 {
     QOR_LOG_DEBUG("A new client %s", name.c_str());
-    GError* pRawError = nullptr;
+    TCGlibError error;
     TGlibPtr<GDBusProxy> pProxy(g_dbus_proxy_new_sync(
         t_pConnection.get(), G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES, nullptr, name.c_str(),
-        t_objectPath, t_interfaceName, nullptr, &pRawError));
+        t_objectPath, t_interfaceName, nullptr, error.Out()));
     if (pProxy == nullptr)
     {
-        const TGlibPtr<GError> pError(pRawError);
-        QOR_LOG_ERROR("Registering proxy error, errno %d", pError->code);
+        QOR_LOG_ERROR("Registering proxy error, errno %d", error.Code());
         return false;
     }
     TSClient& client = m_clients[name];
@@ -217,7 +216,7 @@ void TCDbusServer::m_ClientNameVanished(GDBusConnection* pConnection, const char
 
 void TCDbusServer::m_ClientNameVanished(GDBusConnection* /*pConnection*/, const char* name)
 {
-    const boost::unique_lock<boost::shared_mutex> lock(t_stateMutex);
+    const TExclusiveLock lock(t_stateMutex);
     const auto found = m_clients.find(name);
     if (found == m_clients.end())
     {
@@ -239,7 +238,7 @@ void TCDbusServer::m_DestroyClient(TSClient& client)
 
 bool TCDbusServer::SetCallback(int type, const TMessageCallback& callback)
 {
-    const boost::unique_lock<boost::shared_mutex> lock(t_callbacksMutex);
+    const TExclusiveLock lock(t_callbacksMutex);
     const bool inserted = t_callbacks.emplace(type, callback).second;
     QOR_LOG_DEBUG("Type %d, result %d", type, inserted);
     return inserted;
@@ -247,13 +246,13 @@ bool TCDbusServer::SetCallback(int type, const TMessageCallback& callback)
 
 bool TCDbusServer::UnSetCallback(int type)
 {
-    const boost::unique_lock<boost::shared_mutex> lock(t_callbacksMutex);
+    const TExclusiveLock lock(t_callbacksMutex);
     return t_callbacks.erase(type) != 0;
 }
 
 std::size_t TCDbusServer::NumberOfClients()
 {
-    const boost::shared_lock<boost::shared_mutex> lock(t_stateMutex);
+    const TSharedLock lock(t_stateMutex);
     const std::size_t count = m_clients.size();
     QOR_LOG_DEBUG("Number of clients %zu", count);
     return count;
@@ -267,7 +266,7 @@ std::pair<std::size_t, std::size_t> TCDbusServer::SendMessage(int type, const TB
     TGlibPtr<GVariant> pEnvelope;
     std::list<TSAsyncMessage> messages;
     {
-        const boost::shared_lock<boost::shared_mutex> lock(t_stateMutex);
+        const TSharedLock lock(t_stateMutex);
         if (!t_isReady || m_clients.empty())
         {
             QOR_LOG_DEBUG("Connection is ready %d, number of clients %zu", t_isReady,
@@ -375,13 +374,12 @@ void TCDbusServer::m_AsyncReadyCallback(GObject* pSource, GAsyncResult* pResult,
                                         TSAsyncMessage* pMessage)
 {
     auto* pProxy = reinterpret_cast<GDBusProxy*>(pSource);
-    GError* pRawError = nullptr;
-    const TGlibPtr<GVariant> pReply(g_dbus_proxy_call_finish(pProxy, pResult, &pRawError));
+    TCGlibError error;
+    const TGlibPtr<GVariant> pReply(g_dbus_proxy_call_finish(pProxy, pResult, error.Out()));
     const char* name = g_dbus_proxy_get_name(pProxy);
-    if (pRawError != nullptr)
+    if (error)
     {
-        const TGlibPtr<GError> pError(pRawError);
-        QOR_LOG_ERROR("Sending message from %s error, errno %d", name, pError->code);
+        QOR_LOG_ERROR("Sending message from %s error, errno %d", name, error.Code());
         pMessage->m_promise.set_value(false);
         return;
     }

@@ -11,9 +11,9 @@
 namespace qor
 {
 
-// Gives the object a fresh content in place of the inherited one, which is left as it is.
+// Makes the object anew where it stands. Its inherited content is left as it is.
 template <class T>
-void Abandon(T& object)
+void MakeAnew(T& object)
 {
     new (&object) T();
 }

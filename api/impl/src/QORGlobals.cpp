@@ -69,12 +69,12 @@ void TSForkHandler::ResetLocks()
 {
     const pthread_mutex_t freshMutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
     const pthread_rwlock_t freshLock = PTHREAD_RWLOCK_INITIALIZER;
-    Abandon(TCDirsManager::m_mutex);
+    MakeAnew(TCDirsManager::m_mutex);
     TCDeactivator::m_mutex = freshMutex;
-    Abandon(*TCDbusClientProvider::m_pMutex);
+    MakeAnew(*TCDbusClientProvider::m_pMutex);
     TCControlProxy::m_rwlock = freshLock;
     TCCallbacksProxy::m_rwlock = freshLock;
-    Abandon(TCVelkinCachingUtils::m_CacheMapMutex);
+    MakeAnew(TCVelkinCachingUtils::m_CacheMapMutex);
 }
 
 namespace

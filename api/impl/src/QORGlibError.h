@@ -1,0 +1,45 @@
+// Owns an error that a call of GLib fills in.
+#ifndef QOR_QORGLIBERROR_H
+#define QOR_QORGLIBERROR_H
+
+#include <glib.h>
+
+namespace qor
+{
+
+class TCGlibError
+{
+public:
+    TCGlibError() : m_pError(nullptr) {}
+    ~TCGlibError()
+    {
+        g_clear_error(&m_pError);
+    }
+
+    TCGlibError(const TCGlibError&) = delete;
+    TCGlibError& operator=(const TCGlibError&) = delete;
+
+    // For the call that may fail.
+    GError** Out()
+    {
+        g_clear_error(&m_pError);
+        return &m_pError;
+    }
+
+    explicit operator bool() const
+    {
+        return m_pError != nullptr;
+    }
+    // Only of an error that is there.
+    int Code() const
+    {
+        return m_pError->code;
+    }
+
+private:
+    GError* m_pError;
+};
+
+} // namespace qor
+
+#endif
