@@ -16,8 +16,9 @@ class QOR_API IDbusServer : public virtual IDbus
 public:
     ~IDbusServer() override;
 
-    /// Delivers an event to every client that is registered for its type, all of them in parallel,
-    /// and blocks until each has answered, failed or timed out.
+    /// Delivers an event to every client that is registered for its type, in parallel as far as the
+    /// bus has room for pending calls, and blocks until each has answered, failed or timed out: for
+    /// at most two timeouts, whatever clients do.
     ///
     /// Any thread may call it, several at once too, except the server's own loop thread. A caller
     /// on the thread that iterates the server's main context blocks that context meanwhile. The
@@ -26,19 +27,22 @@ public:
     /// @param type     message type, any signed 32-bit value
     /// @param data     payload; an envelope that does not fit into one bus message is not sent and
     ///                 counts as a failure for each client
-    /// @param timeout  per call, in milliseconds; -1 is the bus library's default (25 s), INT_MAX
-    ///                 waits without limit
+    /// @param timeout  per call, in milliseconds from its start: 0 to INT_MAX - 1; -1 is the bus
+    ///                 library's default (25 s), INT_MAX waits without limit. With a smaller one
+    ///                 nothing is sent and each client counts as a failure.
     ///
     /// @return the numbers of successful (first) and failed (second) deliveries; their sum is the
     ///         number of clients registered for the type. A success is a client whose callback
     ///         returned true. A client that is waiting for the reply to its own synchronous send
-    ///         is not called and counts as a failure. Before the name is acquired, and with no
-    ///         clients at all, the result is (0, 0).
+    ///         is not called and counts as a failure. So does a client that has let an earlier
+    ///         call time out, until it answers that one or says Hello anew; and, beyond a share of
+    ///         the bus's pending calls, the clients of a user whose clients do so. Before the name
+    ///         is acquired, with no clients at all, and in a forked child the result is (0, 0).
     virtual std::pair<std::size_t, std::size_t>
     SendMessage(int type, const std::vector<unsigned char>& data, int timeout) = 0;
 
     /// The number of clients that announced themselves and are still on the bus, whatever types
-    /// they asked for. Any thread may call it.
+    /// they asked for; 0 in a forked child. Any thread may call it.
     virtual std::size_t NumberOfClients() = 0;
 };
 

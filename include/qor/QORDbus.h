@@ -3,9 +3,11 @@
 #define QOR_QORDBUS_H
 
 #include <cstddef>
+#include <deque>
 #include <map>
 #include <string>
 
+#include <boost/shared_ptr.hpp>
 #include <boost/thread/shared_mutex.hpp>
 
 #include <qor/Export.h>
@@ -15,6 +17,8 @@
 namespace qor
 {
 
+class TCDbusFilter;
+class TCDbusLinkUse;
 struct TSDbusLink;
 
 /// An endpoint on the D-Bus system bus. It exports one object with the interface
@@ -22,22 +26,30 @@ struct TSDbusLink;
 ///
 /// Main context: incoming messages and name events are dispatched by the thread-default main
 /// context of the thread that constructs the endpoint (normally the process's default context). Who
-/// owns the endpoint must iterate that context; nothing arrives otherwise.
+/// owns the endpoint must iterate that context; nothing arrives otherwise. An endpoint handles one
+/// message at a time: what arrives while a callback iterates the context itself is handled when
+/// that callback has returned.
 ///
 /// Lifetime: the last reference may be dropped on any thread but never from inside one of the
 /// endpoint's own handlers or callbacks. The destructor waits for a handler that is running at that
-/// moment; afterwards none runs any more, whatever is still queued in the main context.
+/// moment; afterwards none runs any more, whatever is still queued in the main context. Where that
+/// is not the thread that iterates the main context, and the bus dies at the same moment, GLib may
+/// print a warning about a signal handler; it is harmless.
 ///
-/// Losing the bus never ends the process: calls then fail with a log line. Processes share one
-/// connection to the bus; once all endpoints of a process have let go of a closed one, a new
-/// endpoint connects afresh.
+/// Losing the bus never ends the process: calls then fail with a log line. A client finds the bus
+/// again (see TCDbusClient); a service ends and is started anew.
+///
+/// Neighbours on the bus are bounded: what one sender may have waiting in the main context, and
+/// what a message may bring, is limited by build options (docs/operations.md). Calls over a limit
+/// are answered with the error LimitsExceeded before they are queued.
 ///
 /// Fork: a child process inherits no connection to the bus. An endpoint that it finds belongs to
 /// its parent; it may not use it, and letting go of it there (at exit at the latest) disturbs
 /// nobody. A process that wants to use the library in a child forks before its first use.
 ///
 /// Locks: t_stateMutex is taken before t_callbacksMutex and before t_watchMutex. A message callback
-/// runs with t_callbacksMutex held shared.
+/// runs with t_callbacksMutex held shared. Nobody waits for t_stateMutex exclusively but the start,
+/// the stop, and the thread that iterates the main context, outside of callbacks.
 class QOR_API TCDbus : public virtual IDbus
 {
 public:
@@ -51,8 +63,14 @@ public:
 
     bool IsReady() override;
 
-    /// This connection's unique name on the bus; empty without a connection. Any thread.
+    /// This connection's unique name on the bus; empty without a connection, and in a forked child.
+    /// A client that has found a restarted bus has a new one. Any thread.
     std::string GetUniqueName();
+
+    /// Who sent the message whose callback is running: the unique name on the bus, of which the bus
+    /// can tell user and process (GetConnectionCredentials of org.freedesktop.DBus). For the
+    /// callback itself, on its thread; empty anywhere else. Does not block.
+    std::string GetCurrentSender();
 
     /// The most payload or output bytes that one message of this build can carry.
     static std::size_t MaxPayload();
@@ -72,12 +90,38 @@ protected:
     /// Releases what t_Start acquired; runs once, after t_StopHandlers.
     void t_Stop();
 
+    /// Works with this connection from here on. The caller holds t_stateMutex exclusively.
+    void t_Adopt(const boost::shared_ptr<TCDbusFilter>& filter);
+
+    /// Exports the object on the connection. The caller holds t_stateMutex, and iterates the
+    /// endpoint's main context or has made it the thread's default.
+    bool t_Export();
+
+    /// Withdraws the object, wherever it is exported. Any thread; repeated calls do nothing.
+    void t_Withdraw();
+
+    /// Whether there was a connection and it has closed. The caller holds t_stateMutex.
+    bool t_IsLost() const;
+
+    /// Runs the work of a name event: at once, or, inside a callback that iterates the main
+    /// context, when that has returned.
+    void t_Handle(const TCDbusLinkUse& use, const boost::function<void()>& work);
+
+    /// Whether the calling thread is inside a callback or name event of this endpoint.
+    bool t_IsInHandler() const;
+
     /// Sets the handler of a D-Bus method, replacing an earlier one. Only while starting.
     void t_SetDbusCallback(const char* method, const TMethodHandler& handler);
 
-    /// From here on no handler starts; waits for one that is running. Must be called without locks,
-    /// since that handler may need them to finish.
+    /// From here on no handler starts, and no call is refused. Does not wait.
+    void t_SeverHandlers();
+
+    /// The same, and waits for a handler that is running. Must be called without locks, since that
+    /// handler may need them to finish.
     void t_StopHandlers();
+
+    /// Whether t_SeverHandlers has been called.
+    bool t_IsSevered() const;
 
     /// False in a forked child, where this endpoint must not be touched.
     bool t_IsInOwnProcess() const;
@@ -116,20 +160,24 @@ protected:
     const char* t_objectPath;
     std::string t_uniqueName;
     bool t_isReady;
-    boost::shared_mutex t_callbacksMutex;
+    boost::shared_mutex t_callbacksMutex; ///< Guards t_callbacks.
     std::map<int, TMessageCallback> t_callbacks;
+    /// Guards the connection, its name and doorman, readiness, the current sender, and what the
+    /// endpoints say.
     boost::shared_mutex t_stateMutex;
-    boost::shared_mutex t_watchMutex;
-    std::string t_currentSender;
+    boost::shared_mutex t_watchMutex; ///< Guards what is registered: the object, and watches.
+    std::string t_currentSender;      ///< Changes on the thread that handles messages only.
     bool t_isCurrentMessageAsync;
+    boost::shared_ptr<TCDbusFilter> t_pFilter; ///< The doorman of t_pConnection.
+    TGlibPtr<GMainContext> t_pMainContext;     ///< Where handlers run; set by t_Start.
 
 private:
     static void m_HandleMethodCall(GDBusConnection* pConnection, const char* sender,
                                    const char* objectPath, const char* interfaceName,
                                    const char* methodName, GVariant* pParameters,
                                    GDBusMethodInvocation* pInvocation, void* pUserData);
-    void m_HandleMethodCall(const char* sender, const char* objectPath, const char* methodName,
-                            GVariant* pParameters, TGlibPtr<GDBusMethodInvocation> pInvocation);
+    void m_HandleMethodCall(TGlibPtr<GDBusMethodInvocation> pInvocation);
+    void m_HandlePostponed();
     TMethodHandler m_FindHandler(const char* methodName);
     void m_HandleMessage(const char* sender, GVariant* pParameters,
                          GDBusMethodInvocation* pInvocation);
@@ -139,7 +187,10 @@ private:
 
     TGlibPtr<GDBusNodeInfo> m_pNodeInfo;
     unsigned int m_registrationId;
+    boost::shared_ptr<TCDbusFilter>
+        m_pExportedOn; ///< Of the connection that m_registrationId is on.
     std::map<std::string, TMethodHandler> m_methodHandlers;
+    std::deque<boost::function<void()>> m_postponed; ///< Only on the thread that handles messages.
     TSDbusLink* m_pLink;
 };
 

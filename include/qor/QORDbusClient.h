@@ -2,6 +2,8 @@
 #ifndef QOR_QORDBUSCLIENT_H
 #define QOR_QORDBUSCLIENT_H
 
+#include <cstdint>
+
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/mutex.hpp>
 #include <boost/weak_ptr.hpp>
@@ -16,6 +18,11 @@ namespace qor
 /// with Hello whenever the service appears or the set changes, and sends messages to the service.
 ///
 /// Normally obtained from TCDbusClientProvider. See TCDbus for the main context and the lifetime.
+///
+/// A client that was up once finds the bus again after a restart of the daemon: it tries once a
+/// second while its main context is iterated, and at a send, whichever thread makes it. Its
+/// callbacks stay registered, and the service learns of them as after any appearance. It then has a
+/// connection of its own and a new unique name. Nothing that was sent is sent again.
 class QOR_API TCDbusClient : public TCDbus, public IDbusClient
 {
 public:
@@ -37,9 +44,21 @@ protected:
     void t_Stop();
 
 private:
+    friend class TCDbusClientProvider;
+    struct TSSourceHandlers;
+
+    void m_Retire();
     bool m_SendHello();
     void m_CallWithoutReply(const char* method, GVariant* pParameters);
-    bool m_CallAndWait(int type, const TByteArray& data, TByteArray& response);
+    bool m_CallAndWait(int type, const TByteArray& data, TByteArray& response, int timeoutMs);
+
+    bool m_CreateProxy();
+    void m_Watch();
+    void m_Unwatch();
+    void m_FindBusAgain();
+    bool m_AdoptAgain(const boost::shared_ptr<TCDbusFilter>& filter);
+    void m_RetryLater();
+    bool m_Retry();
 
     static void m_NameAppeared(GDBusConnection* pConnection, const char* name, const char* owner,
                                void* pUserData);
@@ -49,6 +68,13 @@ private:
 
     unsigned int m_watcherId;
     TGlibPtr<GDBusProxy> m_pProxy;
+    bool m_isStarted; ///< It was up once: there is a connection. Guarded by t_stateMutex.
+    // Guarded by t_watchMutex:
+    boost::shared_ptr<TCDbusFilter> m_pWatchedOn; ///< Of the connection that m_watcherId is on.
+    TGlibPtr<GSource> m_pHangUp;                  ///< Sees that connection close.
+    TGlibPtr<GSource> m_pRetry;                   ///< Once a second while the bus is lost.
+    boost::mutex m_attemptMutex;                  ///< One attempt at a time; guards the time.
+    std::int64_t m_nextAttempt;                   ///< Monotonic time in microseconds.
 };
 
 /// Shares one client endpoint among all that need it in the process.
@@ -69,8 +95,11 @@ public:
 private:
     friend struct TSForkHandler;
 
+    static void m_Release(TCDbusClient* pClient);
+
     static boost::mutex* const m_pMutex;
     static boost::weak_ptr<IDbusClient>* const m_pDbusClient;
+    static TCDbusClient* m_pLatest; ///< Behind m_pDbusClient, until its holders have let go of it.
 };
 
 } // namespace qor

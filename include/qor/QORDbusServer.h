@@ -3,9 +3,12 @@
 #define QOR_QORDBUSSERVER_H
 
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
+#include <boost/shared_ptr.hpp>
 #include <boost/thread/thread.hpp>
 
 #include <qor/IDbusServer.h>
@@ -14,6 +17,9 @@
 namespace qor
 {
 
+class TCEventDelivery;
+struct TSEventAccount;
+
 /// The server endpoint. The service constructs one and keeps it for its lifetime.
 ///
 /// It owns the well-known name, registers every client that says Hello with the types it wants, and
@@ -21,7 +27,8 @@ namespace qor
 /// must iterate that context, until then the server does not become ready and learns of no client.
 /// A thread of the server's own carries the outgoing event calls.
 ///
-/// The server must not be destroyed while a SendMessage is waiting, nor on its own thread.
+/// The server must not be destroyed while a SendMessage is waiting (CancelMessages ends the wait),
+/// nor on its own thread.
 class QOR_API TCDbusServer : public TCDbus, public IDbusServer
 {
 public:
@@ -41,16 +48,34 @@ public:
     std::pair<std::size_t, std::size_t>
     SendMessage(int type, const std::vector<unsigned char>& data, int timeout) override;
 
+    /// Ends every SendMessage that is waiting: what has no answer yet counts as a failure. Later
+    /// ones are not affected. Any thread; does not wait for the callers to return.
+    void CancelMessages();
+
+    /// A client as the registry has it.
+    struct TSClientInfo
+    {
+        std::string m_name;    ///< Unique name on the bus, which tells user and process of it.
+        std::set<int> m_types; ///< What it asked for.
+        bool m_isSuspended;    ///< It has let a call time out and is not called at the moment.
+    };
+
+    /// The clients of this moment, ordered by name; none in a forked child. Any thread.
+    std::vector<TSClientInfo> Clients();
+
 protected:
     bool t_Start();
     void t_Stop();
 
 private:
+    friend class TCEventDelivery;
+    friend struct TSEventCall;
     struct TSClient
     {
         std::set<int> m_events;
         TGlibPtr<GDBusProxy> m_pProxy;
         unsigned int m_watcherId = 0;
+        boost::shared_ptr<TSEventAccount> m_pAccount;
     };
     struct TSAsyncMessage;
 
@@ -67,20 +92,21 @@ private:
     static void m_ClientNameVanished(GDBusConnection* pConnection, const char* name,
                                      void* pUserData);
     void m_ClientNameVanished(GDBusConnection* pConnection, const char* name);
+    void m_ForgetClient(std::map<std::string, TSClient>::iterator client);
     static void m_DestroyClient(TSClient& client);
+    void m_ClientsAreGone();
+    static int m_ForgetGoneClients(void* pUserData);
+    void m_ForgetGoneClients();
 
-    bool m_IsToBeCalled(const TSClient& client, int type, const TByteArray& data,
+    bool m_IsToBeCalled(const TSClient& client, int type, const TByteArray& data, int timeout,
                         std::size_t& failed) const;
-    static int m_SendMessages(void* pMessages);
-    static int m_SendMessage(void* pMessage);
-    static void m_AsyncReadyCallback(GObject* pSource, GAsyncResult* pResult, void* pMessage);
-    void m_AsyncReadyCallback(GObject* pSource, GAsyncResult* pResult, TSAsyncMessage* pMessage);
 
     unsigned int m_ownNameId;
     std::map<std::string, TSClient> m_clients;
     boost::thread m_thread;
     TGlibPtr<GMainContext> m_pContext;
     TGlibPtr<GMainLoop> m_pMainLoop;
+    std::unique_ptr<TCEventDelivery> m_pDelivery;
 };
 
 } // namespace qor

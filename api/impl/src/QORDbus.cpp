@@ -7,9 +7,12 @@
 #include <utility>
 
 #include <boost/bind/bind.hpp>
+#include <boost/make_shared.hpp>
 
 #include <gio/gio.h>
 
+#include "QORBusConnection.h"
+#include "QORDbusFilter.h"
 #include "QORDbusLink.h"
 #include "QOREnvelope.h"
 #include "QORFork.h"
@@ -66,14 +69,28 @@ TCDbus::~TCDbus()
 
 bool TCDbus::IsReady()
 {
+    if (!t_IsInOwnProcess())
+    {
+        return false;
+    }
     const TSharedLock lock(t_stateMutex);
     return t_isReady;
 }
 
 std::string TCDbus::GetUniqueName()
 {
+    if (!t_IsInOwnProcess())
+    {
+        return {};
+    }
     const TSharedLock lock(t_stateMutex);
     return t_uniqueName;
+}
+
+// Without a lock: only this thread changes the sender while it is inside a handler.
+std::string TCDbus::GetCurrentSender()
+{
+    return t_IsInOwnProcess() && t_IsInHandler() ? t_currentSender : std::string();
 }
 
 std::size_t TCDbus::MaxPayload()
@@ -86,6 +103,8 @@ bool TCDbus::t_Fits(std::size_t payloadSize)
     return payloadSize <= MaxPayload();
 }
 
+// --- Start and stop ------------------------------------------------------------------------------
+
 bool TCDbus::t_Start()
 {
     t_SetDbusCallback(t_dbusSendMethod,
@@ -94,18 +113,34 @@ bool TCDbus::t_Start()
     m_pNodeInfo.reset(g_dbus_node_info_new_for_xml(m_interfaceXml, nullptr));
 
     TCGlibError error;
-    t_pConnection.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error.Out()));
-    if (t_pConnection == nullptr)
+    TGlibPtr<GDBusConnection> pConnection = SharedBusConnection(error.Out());
+    if (pConnection == nullptr)
     {
         QOR_LOG_ERROR("Connecting to system bus error, errno %d", error.Code());
         return false;
     }
-    // The shared connection would otherwise end the process when the bus goes away.
-    g_dbus_connection_set_exit_on_close(t_pConnection.get(), FALSE);
+    t_pMainContext.reset(g_main_context_ref_thread_default());
+    t_Adopt(boost::make_shared<TCDbusFilter>(
+        std::move(pConnection), TGlibPtr<GMainContext>(g_main_context_new()), t_objectPath));
+    return t_Export();
+}
 
+void TCDbus::t_Adopt(const boost::shared_ptr<TCDbusFilter>& filter)
+{
+    t_pFilter = filter;
+    t_pConnection.reset(static_cast<GDBusConnection*>(g_object_ref(filter->Connection())));
     t_uniqueName = g_dbus_connection_get_unique_name(t_pConnection.get());
     QOR_LOG_DEBUG("Working with unique name %s", t_uniqueName.c_str());
+}
 
+bool TCDbus::t_Export()
+{
+    const TExclusiveLock lock(t_watchMutex);
+    if (t_IsSevered())
+    {
+        return false;
+    }
+    TCGlibError error;
     void* pUserData = t_NewUserData();
     m_registrationId = g_dbus_connection_register_object(
         t_pConnection.get(), t_objectPath, m_pNodeInfo->interfaces[0], &m_interfaceVtable,
@@ -117,19 +152,37 @@ bool TCDbus::t_Start()
             RELEASE_DBUS_LINK(pUserData);
         }
         QOR_LOG_ERROR("Registering object error, errno %d", error.Code());
+        t_pFilter->StopAdmission(); // the path is another endpoint's
         return false;
     }
+    m_pExportedOn = t_pFilter;
     return true;
+}
+
+void TCDbus::t_Withdraw()
+{
+    boost::shared_ptr<TCDbusFilter> filter; // goes after the lock
+    const TExclusiveLock lock(t_watchMutex);
+    if (m_registrationId != 0)
+    {
+        g_dbus_connection_unregister_object(m_pExportedOn->Connection(), m_registrationId);
+        m_registrationId = 0;
+        m_pExportedOn->StopAdmission();
+        m_pExportedOn.swap(filter);
+    }
 }
 
 void TCDbus::t_Stop()
 {
-    if (m_registrationId != 0)
-    {
-        g_dbus_connection_unregister_object(t_pConnection.get(), m_registrationId);
-    }
+    t_Withdraw();
     m_pNodeInfo.reset();
+    t_pFilter.reset();
     t_pConnection.reset();
+}
+
+bool TCDbus::t_IsLost() const
+{
+    return t_pFilter != nullptr && t_pFilter->IsClosed();
 }
 
 void TCDbus::t_SetDbusCallback(const char* method, const TMethodHandler& handler)
@@ -137,9 +190,25 @@ void TCDbus::t_SetDbusCallback(const char* method, const TMethodHandler& handler
     m_methodHandlers[method] = handler;
 }
 
+void TCDbus::t_SeverHandlers()
+{
+    SeverDbusLink(m_pLink);
+}
+
 void TCDbus::t_StopHandlers()
 {
     SeverDbusLink(m_pLink);
+    WaitForDbusHandlers(m_pLink);
+}
+
+bool TCDbus::t_IsSevered() const
+{
+    return IsDbusLinkSevered(m_pLink);
+}
+
+bool TCDbus::t_IsInHandler() const
+{
+    return IsInDbusHandler(m_pLink);
 }
 
 bool TCDbus::t_IsInOwnProcess() const
@@ -150,8 +219,12 @@ bool TCDbus::t_IsInOwnProcess() const
 void TCDbus::t_Abandon()
 {
     static_cast<void>(t_pConnection.release());
+    static_cast<void>(t_pMainContext.release());
     static_cast<void>(m_pNodeInfo.release());
     m_pLink = nullptr;
+    MakeAnew(t_pFilter);
+    MakeAnew(m_pExportedOn);
+    MakeAnew(m_postponed);
     MakeAnew(t_callbacksMutex);
     MakeAnew(t_callbacks);
     MakeAnew(t_stateMutex);
@@ -164,9 +237,11 @@ void* TCDbus::t_NewUserData()
     return g_atomic_rc_box_acquire(m_pLink);
 }
 
-void TCDbus::m_HandleMethodCall(GDBusConnection* pConnection, const char* sender,
-                                const char* objectPath, const char* /*interfaceName*/,
-                                const char* methodName, GVariant* pParameters,
+// --- Dispatch ------------------------------------------------------------------------------------
+
+void TCDbus::m_HandleMethodCall(GDBusConnection* pConnection, const char* /*sender*/,
+                                const char* /*objectPath*/, const char* /*interfaceName*/,
+                                const char* /*methodName*/, GVariant* /*pParameters*/,
                                 GDBusMethodInvocation* pInvocation, void* pUserData)
 {
     TGlibPtr<GDBusMethodInvocation> pOwnedInvocation(pInvocation);
@@ -178,17 +253,53 @@ void TCDbus::m_HandleMethodCall(GDBusConnection* pConnection, const char* sender
                       static_cast<void*>(pDbus));
         return;
     }
-    pDbus->m_HandleMethodCall(sender, objectPath, methodName, pParameters,
-                              std::move(pOwnedInvocation));
+    if (use.IsNested())
+    {
+        const boost::shared_ptr<GDBusMethodInvocation> pPostponed(pOwnedInvocation.release(),
+                                                                  TSGlibRelease());
+        pDbus->m_postponed.emplace_back(
+            [pDbus, pPostponed]
+            {
+                pDbus->m_HandleMethodCall(TGlibPtr<GDBusMethodInvocation>(
+                    static_cast<GDBusMethodInvocation*>(g_object_ref(pPostponed.get()))));
+            });
+        return;
+    }
+    pDbus->m_HandleMethodCall(std::move(pOwnedInvocation));
+    pDbus->m_HandlePostponed();
 }
 
-void TCDbus::m_HandleMethodCall(const char* sender, const char* objectPath, const char* methodName,
-                                GVariant* pParameters, TGlibPtr<GDBusMethodInvocation> pInvocation)
+void TCDbus::t_Handle(const TCDbusLinkUse& use, const boost::function<void()>& work)
 {
-    if (strcmp(objectPath, t_objectPath) != 0)
+    if (use.IsNested())
+    {
+        m_postponed.push_back(work);
+        return;
+    }
+    work();
+    m_HandlePostponed();
+}
+
+// What came while a callback iterated the main context.
+void TCDbus::m_HandlePostponed()
+{
+    while (!m_postponed.empty() && !t_IsSevered())
+    {
+        const boost::function<void()> work = std::move(m_postponed.front());
+        m_postponed.pop_front();
+        work();
+    }
+    m_postponed.clear();
+}
+
+void TCDbus::m_HandleMethodCall(TGlibPtr<GDBusMethodInvocation> pInvocation)
+{
+    GDBusMethodInvocation* p = pInvocation.get();
+    if (std::strcmp(g_dbus_method_invocation_get_object_path(p), t_objectPath) != 0)
     {
         return;
     }
+    const char* methodName = g_dbus_method_invocation_get_method_name(p);
     const TMethodHandler handler = m_FindHandler(methodName);
     if (!handler)
     {
@@ -197,7 +308,8 @@ void TCDbus::m_HandleMethodCall(const char* sender, const char* objectPath, cons
         return;
     }
     QOR_LOG_DEBUG("->Invoke message handler %s", methodName);
-    handler(sender, pParameters, pInvocation.release());
+    handler(g_dbus_method_invocation_get_sender(p), g_dbus_method_invocation_get_parameters(p),
+            pInvocation.release());
 }
 
 // A start on another thread holds the lock until the endpoint is complete.

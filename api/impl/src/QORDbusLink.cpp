@@ -24,16 +24,33 @@ TSDbusLink* NewDbusLink(TCDbus* pEndpoint)
 
 void SeverDbusLink(TSDbusLink* pLink)
 {
-    TCMutexLock lock(pLink->m_mutex);
+    const TCMutexLock lock(pLink->m_mutex);
     pLink->m_pEndpoint = nullptr;
+}
+
+void WaitForDbusHandlers(TSDbusLink* pLink)
+{
+    TCMutexLock lock(pLink->m_mutex);
     while (pLink->m_running != 0 && !pthread_equal(pLink->m_runner, pthread_self()))
     {
         lock.Wait(pLink->m_changed);
     }
 }
 
+bool IsDbusLinkSevered(TSDbusLink* pLink)
+{
+    const TCMutexLock lock(pLink->m_mutex);
+    return pLink->m_pEndpoint == nullptr;
+}
+
+bool IsInDbusHandler(TSDbusLink* pLink)
+{
+    const TCMutexLock lock(pLink->m_mutex);
+    return pLink->m_running != 0 && pthread_equal(pLink->m_runner, pthread_self());
+}
+
 TCDbusLinkUse::TCDbusLinkUse(void* pUserData)
-    : m_pLink(static_cast<TSDbusLink*>(pUserData)), m_pEndpoint(nullptr)
+    : m_pLink(static_cast<TSDbusLink*>(pUserData)), m_pEndpoint(nullptr), m_isNested(false)
 {
     if (m_pLink == nullptr)
     {
@@ -43,7 +60,7 @@ TCDbusLinkUse::TCDbusLinkUse(void* pUserData)
     m_pEndpoint = m_pLink->m_pEndpoint;
     if (m_pEndpoint != nullptr)
     {
-        ++m_pLink->m_running;
+        m_isNested = m_pLink->m_running++ != 0;
         m_pLink->m_runner = pthread_self();
     }
 }

@@ -22,10 +22,10 @@ struct TSDbusLink
 {
     pthread_mutex_t m_mutex;
     pthread_cond_t m_changed;
-    TCDbus* m_pEndpoint; // null once severed
-    unsigned int m_running;
-    pthread_t m_runner; // the thread of the running handlers: one context, so one at a time
-    pid_t m_process;    // that created the endpoint
+    TCDbus* m_pEndpoint;    // null once severed
+    unsigned int m_running; // more than one where a callback iterates the main context
+    pthread_t m_runner;     // the thread of the running handlers: one context, so one at a time
+    pid_t m_process;        // that created the endpoint
 };
 
 // How GLib gives back its reference: a function of GLib's own, for the same reason.
@@ -33,9 +33,17 @@ constexpr GDestroyNotify RELEASE_DBUS_LINK = &g_atomic_rc_box_release;
 
 TSDbusLink* NewDbusLink(TCDbus* pEndpoint);
 
+// From here on no handler finds the endpoint. Does not wait.
+void SeverDbusLink(TSDbusLink* pLink);
+
 // Waits for a running handler, unless it is the caller's own: a process that exits from inside a
 // handler gets here too, and that handler never returns.
-void SeverDbusLink(TSDbusLink* pLink);
+void WaitForDbusHandlers(TSDbusLink* pLink);
+
+bool IsDbusLinkSevered(TSDbusLink* pLink);
+
+// Whether the calling thread is inside a handler.
+bool IsInDbusHandler(TSDbusLink* pLink);
 
 // Holds the endpoint behind a handler's user data for as long as the handler runs.
 class TCDbusLinkUse
@@ -53,10 +61,16 @@ public:
     {
         return static_cast<TEndpoint*>(m_pEndpoint);
     }
+    // Whether another handler of the endpoint is running: one that iterates the main context.
+    bool IsNested() const
+    {
+        return m_isNested;
+    }
 
 private:
     TSDbusLink* m_pLink;
     TCDbus* m_pEndpoint;
+    bool m_isNested;
 };
 
 } // namespace qor

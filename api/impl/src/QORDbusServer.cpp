@@ -1,15 +1,19 @@
 // The service's endpoint: the bus name, the registry of clients, event delivery.
 #include <qor/QORDbusServer.h>
 
-#include <future>
 #include <list>
+#include <utility>
 
 #include <boost/bind/bind.hpp>
 
 #include <gio/gio.h>
 
+#include "QORBusConnection.h"
+#include "QORDbusContext.h"
+#include "QORDbusFilter.h"
 #include "QORDbusLink.h"
 #include "QOREnvelope.h"
+#include "QOREventDelivery.h"
 #include "QORFork.h"
 #include "QORGlibError.h"
 #include "QORLocks.h"
@@ -20,26 +24,12 @@
 namespace qor
 {
 
-// One outgoing call. It belongs to the SendMessage that made it; the loop thread borrows it until
-// it has stored the outcome.
-struct TCDbusServer::TSAsyncMessage
+namespace
 {
-    TSAsyncMessage(TCDbusServer* pServer, GDBusProxy* pProxy)
-        : m_pServer(pServer),
-          m_future(m_promise.get_future()),
-          m_pProxy(static_cast<GDBusProxy*>(g_object_ref(pProxy))),
-          m_pParameters(nullptr),
-          m_timeout(-1)
-    {
-    }
 
-    TCDbusServer* m_pServer;
-    std::promise<bool> m_promise;
-    std::future<bool> m_future;
-    TGlibPtr<GDBusProxy> m_pProxy;
-    GVariant* m_pParameters; // all calls of an event share one envelope, which SendMessage owns
-    int m_timeout;
-};
+constexpr int DEFAULT_TIMEOUT = -1;
+
+} // namespace
 
 IDbusServer::~IDbusServer() = default;
 
@@ -69,6 +59,7 @@ TCDbusServer::~TCDbusServer()
         MakeAnew(m_thread);
         static_cast<void>(m_pContext.release());
         static_cast<void>(m_pMainLoop.release());
+        static_cast<void>(m_pDelivery.release());
         t_Abandon();
         return;
     }
@@ -93,6 +84,8 @@ bool TCDbusServer::t_Start()
                                   boost::placeholders::_3));
     m_pContext.reset(g_main_context_new());
     m_pMainLoop.reset(g_main_loop_new(m_pContext.get(), FALSE));
+    m_pDelivery = std::make_unique<TCEventDelivery>(m_pContext.get(), *t_pFilter,
+                                                    [this] { m_ClientsAreGone(); });
     try
     {
         m_thread = boost::thread(boost::bind(&TCDbusServer::m_StartMainLoop, this));
@@ -117,14 +110,14 @@ void TCDbusServer::t_Stop()
     m_thread.join();
     while (!m_clients.empty())
     {
-        m_DestroyClient(m_clients.begin()->second);
-        m_clients.erase(m_clients.begin());
+        m_ForgetClient(m_clients.begin());
     }
     if (m_ownNameId != 0)
     {
         g_bus_unown_name(m_ownNameId);
     }
     TCDbus::t_Stop();
+    m_pDelivery.reset();
     m_pMainLoop.reset();
     m_pContext.reset();
 }
@@ -148,7 +141,8 @@ void TCDbusServer::m_NameAcquired(GDBusConnection* pConnection, const char* name
     QOR_LOG_DEBUG("Name %s has been acquired, user_data %p", name, static_cast<void*>(pServer));
     if (pServer != nullptr)
     {
-        pServer->m_NameAcquired(pConnection, name);
+        pServer->t_Handle(use, [=, name = std::string(name)]
+                          { pServer->m_NameAcquired(pConnection, name.c_str()); });
     }
 }
 
@@ -161,9 +155,12 @@ void TCDbusServer::m_NameAcquired(GDBusConnection* /*pConnection*/, const char* 
 void TCDbusServer::m_NameLost(GDBusConnection* /*pConnection*/, const char* name, void* pUserData)
 {
     const TCDbusLinkUse use(pUserData);
-    QOR_LOG_DEBUG("Name %s has been lost, user_data %p", name,
-                  static_cast<void*>(use.Endpoint<TCDbusServer>()));
-    QOR_ASSERT_FAILED();
+    auto* pServer = use.Endpoint<TCDbusServer>();
+    QOR_LOG_DEBUG("Name %s has been lost, user_data %p", name, static_cast<void*>(pServer));
+    if (pServer != nullptr)
+    {
+        QOR_ASSERT_FAILED();
+    }
 }
 
 void TCDbusServer::m_HandleHelloMessage(const char* sender, GVariant* pParameters,
@@ -174,7 +171,12 @@ void TCDbusServer::m_HandleHelloMessage(const char* sender, GVariant* pParameter
     g_dbus_method_invocation_return_value(pInvocation, nullptr);
 
     const TExclusiveLock lock(t_stateMutex);
-    if (m_clients.count(client) == 0 && !m_AddClient(client))
+    const auto found = m_clients.find(client);
+    if (found != m_clients.end())
+    {
+        m_pDelivery->WelcomeClient(found->second.m_pAccount);
+    }
+    else if (!m_AddClient(client))
     {
         return;
     }
@@ -186,16 +188,27 @@ bool TCDbusServer::m_AddClient(const std::string& name)
 {
     QOR_LOG_DEBUG("A new client %s", name.c_str());
     TCGlibError error;
-    TGlibPtr<GDBusProxy> pProxy(g_dbus_proxy_new_sync(
-        t_pConnection.get(), G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES, nullptr, name.c_str(),
-        t_objectPath, t_interfaceName, nullptr, error.Out()));
+    TGlibPtr<GDBusProxy> pProxy;
+    if (HasFreeDescriptors(error.Out()))
+    {
+        // It connects no signals: a bus has a limited number of match rules for each connection,
+        // and the watch takes one already.
+        pProxy.reset(g_dbus_proxy_new_sync(
+            t_pConnection.get(),
+            static_cast<GDBusProxyFlags>(G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES |
+                                         G_DBUS_PROXY_FLAGS_DO_NOT_CONNECT_SIGNALS),
+            nullptr, name.c_str(), t_objectPath, t_interfaceName, nullptr, error.Out()));
+    }
     if (pProxy == nullptr)
     {
         QOR_LOG_ERROR("Registering proxy error, errno %d", error.Code());
         return false;
     }
+    // The thread that iterates the context need not have it as its default.
+    const TCThreadDefaultContext context(t_pMainContext.get());
     TSClient& client = m_clients[name];
     client.m_pProxy = std::move(pProxy);
+    client.m_pAccount = m_pDelivery->AddClient(name);
     client.m_watcherId = g_bus_watch_name_on_connection(
         t_pConnection.get(), name.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE, nullptr,
         &TCDbusServer::m_ClientNameVanished, t_NewUserData(), RELEASE_DBUS_LINK);
@@ -210,7 +223,8 @@ void TCDbusServer::m_ClientNameVanished(GDBusConnection* pConnection, const char
     QOR_LOG_DEBUG("Client name %s has vanished, user_data %p", name, static_cast<void*>(pServer));
     if (pServer != nullptr)
     {
-        pServer->m_ClientNameVanished(pConnection, name);
+        pServer->t_Handle(use, [=, name = std::string(name)]
+                          { pServer->m_ClientNameVanished(pConnection, name.c_str()); });
     }
 }
 
@@ -223,8 +237,15 @@ void TCDbusServer::m_ClientNameVanished(GDBusConnection* /*pConnection*/, const 
         QOR_ASSERT_FAILED();
         return;
     }
-    m_DestroyClient(found->second);
-    m_clients.erase(found);
+    m_ForgetClient(found);
+}
+
+// Called with t_stateMutex held exclusively.
+void TCDbusServer::m_ForgetClient(std::map<std::string, TSClient>::iterator client)
+{
+    m_pDelivery->RemoveClient(client->second.m_pAccount);
+    m_DestroyClient(client->second);
+    m_clients.erase(client);
 }
 
 void TCDbusServer::m_DestroyClient(TSClient& client)
@@ -236,26 +257,92 @@ void TCDbusServer::m_DestroyClient(TSClient& client)
     client.m_pProxy.reset();
 }
 
+// On the loop thread, which must not wait for the lock of the registry.
+void TCDbusServer::m_ClientsAreGone()
+{
+    const TGlibPtr<GSource> pSource(g_idle_source_new());
+    g_source_set_callback(pSource.get(), &TCDbusServer::m_ForgetGoneClients, t_NewUserData(),
+                          RELEASE_DBUS_LINK);
+    g_source_attach(pSource.get(), t_pMainContext.get());
+}
+
+int TCDbusServer::m_ForgetGoneClients(void* pUserData)
+{
+    const TCDbusLinkUse use(pUserData);
+    if (auto* pServer = use.Endpoint<TCDbusServer>())
+    {
+        pServer->t_Handle(use, [pServer] { pServer->m_ForgetGoneClients(); });
+    }
+    return G_SOURCE_REMOVE;
+}
+
+// Calls have shown that nobody has these names. A bus that is out of match rules does not say so.
+void TCDbusServer::m_ForgetGoneClients()
+{
+    const TExclusiveLock lock(t_stateMutex);
+    for (const std::string& name : m_pDelivery->TakeGone())
+    {
+        const auto found = m_clients.find(name);
+        if (found != m_clients.end())
+        {
+            QOR_LOG_DEBUG("Client %s is gone", name.c_str());
+            m_ForgetClient(found);
+        }
+    }
+}
+
+// --- Callbacks and events ------------------------------------------------------------------------
+
 bool TCDbusServer::SetCallback(int type, const TMessageCallback& callback)
 {
+    if (!t_IsInOwnProcess())
+    {
+        return false;
+    }
     const TExclusiveLock lock(t_callbacksMutex);
-    const bool inserted = t_callbacks.emplace(type, callback).second;
+    const bool inserted = t_callbacks.try_emplace(type, callback).second;
     QOR_LOG_DEBUG("Type %d, result %d", type, inserted);
     return inserted;
 }
 
 bool TCDbusServer::UnSetCallback(int type)
 {
+    if (!t_IsInOwnProcess())
+    {
+        return false;
+    }
+    std::map<int, TMessageCallback>::node_type removed; // goes after the lock: it is the caller's
     const TExclusiveLock lock(t_callbacksMutex);
-    return t_callbacks.erase(type) != 0;
+    removed = t_callbacks.extract(type);
+    return !removed.empty();
 }
 
 std::size_t TCDbusServer::NumberOfClients()
 {
+    if (!t_IsInOwnProcess())
+    {
+        return 0;
+    }
     const TSharedLock lock(t_stateMutex);
     const std::size_t count = m_clients.size();
     QOR_LOG_DEBUG("Number of clients %zu", count);
     return count;
+}
+
+std::vector<TCDbusServer::TSClientInfo> TCDbusServer::Clients()
+{
+    std::vector<TSClientInfo> clients;
+    if (!t_IsInOwnProcess())
+    {
+        return clients;
+    }
+    const TSharedLock lock(t_stateMutex);
+    for (const auto& entry : m_clients)
+    {
+        clients.push_back(
+            {entry.first, entry.second.m_events, entry.second.m_pAccount->m_isSuspended});
+    }
+    return clients;
 }
 
 std::pair<std::size_t, std::size_t> TCDbusServer::SendMessage(int type, const TByteArray& data,
@@ -263,6 +350,10 @@ std::pair<std::size_t, std::size_t> TCDbusServer::SendMessage(int type, const TB
 {
     std::size_t succeeded = 0;
     std::size_t failed = 0;
+    if (!t_IsInOwnProcess())
+    {
+        return {succeeded, failed};
+    }
     TGlibPtr<GVariant> pEnvelope;
     std::list<TSAsyncMessage> messages;
     {
@@ -275,9 +366,9 @@ std::pair<std::size_t, std::size_t> TCDbusServer::SendMessage(int type, const TB
         }
         for (const auto& entry : m_clients)
         {
-            if (m_IsToBeCalled(entry.second, type, data, failed))
+            if (m_IsToBeCalled(entry.second, type, data, timeout, failed))
             {
-                messages.emplace_back(this, entry.second.m_pProxy.get());
+                messages.emplace_back(entry.second.m_pProxy.get(), entry.second.m_pAccount);
             }
         }
         if (!messages.empty())
@@ -290,14 +381,12 @@ std::pair<std::size_t, std::size_t> TCDbusServer::SendMessage(int type, const TB
                 message.m_pParameters = pEnvelope.get();
                 message.m_timeout = timeout;
             }
-            // In one piece: the loop thread is woken once, not once for each client.
-            g_main_context_invoke(m_pContext.get(), &TCDbusServer::m_SendMessages, &messages);
+            m_pDelivery->Deliver(messages);
         }
     }
     if (!messages.empty())
     {
-        // Outcomes come about in order. Who waits for the last one first sleeps once, not once for
-        // each client.
+        // Calls usually finish in order: waiting for the last first sleeps once.
         messages.back().m_future.wait();
     }
     for (; !messages.empty(); messages.pop_front())
@@ -308,10 +397,18 @@ std::pair<std::size_t, std::size_t> TCDbusServer::SendMessage(int type, const TB
     return {succeeded, failed};
 }
 
+void TCDbusServer::CancelMessages()
+{
+    if (t_IsInOwnProcess() && m_pDelivery != nullptr)
+    {
+        m_pDelivery->Cancel();
+    }
+}
+
 // Whether an event goes out to a client. One that is registered for it but cannot be called counts
 // as a failure. Called with t_stateMutex held.
 bool TCDbusServer::m_IsToBeCalled(const TSClient& client, int type, const TByteArray& data,
-                                  std::size_t& failed) const
+                                  int timeout, std::size_t& failed) const
 {
     const char* name = g_dbus_proxy_get_name(client.m_pProxy.get());
     if (client.m_events.count(type) == 0)
@@ -325,79 +422,16 @@ bool TCDbusServer::m_IsToBeCalled(const TSClient& client, int type, const TByteA
         ++failed;
         return false;
     }
-    if (!t_Fits(data.size()))
+    if (!t_Fits(data.size()) || timeout < DEFAULT_TIMEOUT)
     {
-        // The bus would close the connection on it.
+        // The bus would close the connection on the one; nothing would end the other.
         QOR_LOG_ERROR("Sending message from %s error, errno %d", name,
-                      G_IO_ERROR_MESSAGE_TOO_LARGE);
+                      timeout < DEFAULT_TIMEOUT ? G_IO_ERROR_INVALID_ARGUMENT
+                                                : G_IO_ERROR_MESSAGE_TOO_LARGE);
         ++failed;
         return false;
     }
     return true;
-}
-
-int TCDbusServer::m_SendMessages(void* pMessages)
-{
-    for (TSAsyncMessage& message : *static_cast<std::list<TSAsyncMessage>*>(pMessages))
-    {
-        m_SendMessage(&message);
-    }
-    return G_SOURCE_REMOVE;
-}
-
-int TCDbusServer::m_SendMessage(void* pMessage)
-{
-    auto* pAsyncMessage = static_cast<TSAsyncMessage*>(pMessage);
-    if (pAsyncMessage->m_pServer == nullptr)
-    {
-        QOR_LOG_ERROR("Dbus server equals NULL");
-        return G_SOURCE_REMOVE;
-    }
-    g_dbus_proxy_call(pAsyncMessage->m_pProxy.get(), t_dbusSendMethod, pAsyncMessage->m_pParameters,
-                      G_DBUS_CALL_FLAGS_NONE, pAsyncMessage->m_timeout, nullptr,
-                      &TCDbusServer::m_AsyncReadyCallback, pAsyncMessage);
-    return G_SOURCE_REMOVE;
-}
-
-void TCDbusServer::m_AsyncReadyCallback(GObject* pSource, GAsyncResult* pResult, void* pMessage)
-{
-    auto* pAsyncMessage = static_cast<TSAsyncMessage*>(pMessage);
-    if (pAsyncMessage->m_pServer == nullptr)
-    {
-        QOR_LOG_ERROR("Dbus server equals NULL");
-        return;
-    }
-    pAsyncMessage->m_pServer->m_AsyncReadyCallback(pSource, pResult, pAsyncMessage);
-}
-
-void TCDbusServer::m_AsyncReadyCallback(GObject* pSource, GAsyncResult* pResult,
-                                        TSAsyncMessage* pMessage)
-{
-    auto* pProxy = reinterpret_cast<GDBusProxy*>(pSource);
-    TCGlibError error;
-    const TGlibPtr<GVariant> pReply(g_dbus_proxy_call_finish(pProxy, pResult, error.Out()));
-    const char* name = g_dbus_proxy_get_name(pProxy);
-    if (error)
-    {
-        QOR_LOG_ERROR("Sending message from %s error, errno %d", name, error.Code());
-        pMessage->m_promise.set_value(false);
-        return;
-    }
-    bool result = false;
-    if (pReply == nullptr)
-    {
-        QOR_LOG_DEBUG("Result is null");
-    }
-    else
-    {
-        TByteArray output;
-        t_ConvertBytes(pReply.get(), result, output);
-    }
-    if (!result)
-    {
-        QOR_LOG_DEBUG("Sending message to %s failed", name);
-    }
-    pMessage->m_promise.set_value(result); // the message may be gone from here on
 }
 
 } // namespace qor

@@ -40,6 +40,7 @@ TCDeactivator TCDeactivator::m_instance;
 boost::mutex* const TCDbusClientProvider::m_pMutex = new boost::mutex;
 boost::weak_ptr<IDbusClient>* const TCDbusClientProvider::m_pDbusClient =
     new boost::weak_ptr<IDbusClient>;
+TCDbusClient* TCDbusClientProvider::m_pLatest = nullptr;
 
 // 5. The holders of the two proxies, empty.
 boost::shared_ptr<IControl>* const TCControlProxy::m_pInstance = new boost::shared_ptr<IControl>;

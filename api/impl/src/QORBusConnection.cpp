@@ -1,0 +1,108 @@
+// Connections to the system bus.
+#include "QORBusConnection.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include "QORDbusContext.h"
+
+namespace qor
+{
+
+namespace
+{
+
+// What a connection takes at most: the socket, and what wakes up its threads' contexts and calls.
+constexpr int DESCRIPTORS_TO_CONNECT = 8;
+
+// A connection that is being made.
+struct TSAttempt
+{
+    bool m_isOver = false;
+    TGlibPtr<GDBusConnection> m_pConnection;
+    GError** m_ppError = nullptr;
+
+    static void Finish(GObject* /*pSource*/, GAsyncResult* pResult, void* pAttempt)
+    {
+        auto& attempt = *static_cast<TSAttempt*>(pAttempt);
+        attempt.m_pConnection.reset(
+            g_dbus_connection_new_for_address_finish(pResult, attempt.m_ppError));
+        attempt.m_isOver = true;
+    }
+};
+
+int CancelAttempt(void* pCancellable)
+{
+    g_cancellable_cancel(static_cast<GCancellable*>(pCancellable));
+    return G_SOURCE_REMOVE;
+}
+
+} // namespace
+
+bool HasFreeDescriptors(GError** ppError)
+{
+    int descriptors[DESCRIPTORS_TO_CONNECT];
+    int count = 0;
+    while (count < DESCRIPTORS_TO_CONNECT && (descriptors[count] = eventfd(0, EFD_CLOEXEC)) >= 0)
+    {
+        ++count;
+    }
+    for (int i = 0; i < count; ++i)
+    {
+        close(descriptors[i]);
+    }
+    if (count < DESCRIPTORS_TO_CONNECT)
+    {
+        g_set_error_literal(ppError, G_IO_ERROR, G_IO_ERROR_TOO_MANY_OPEN_FILES,
+                            "No file descriptors are left");
+    }
+    return count == DESCRIPTORS_TO_CONNECT;
+}
+
+TGlibPtr<GDBusConnection> SharedBusConnection(GError** ppError)
+{
+    if (!HasFreeDescriptors(ppError))
+    {
+        return nullptr;
+    }
+    TGlibPtr<GDBusConnection> pConnection(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, ppError));
+    if (pConnection != nullptr)
+    {
+        // It would otherwise end the process when the bus goes away.
+        g_dbus_connection_set_exit_on_close(pConnection.get(), FALSE);
+    }
+    return pConnection;
+}
+
+TGlibPtr<GDBusConnection> OwnBusConnection(GMainContext* pContext, int timeoutMs, GError** ppError)
+{
+    char* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, ppError);
+    if (address == nullptr)
+    {
+        return nullptr;
+    }
+    const TCThreadDefaultContext context(pContext);
+    GCancellable* pCancellable = g_cancellable_new();
+    TSAttempt attempt;
+    attempt.m_ppError = ppError;
+    g_dbus_connection_new_for_address(
+        address,
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, pCancellable, &TSAttempt::Finish, &attempt);
+    // A bus that accepts and never answers would be waited for without end.
+    const TGlibPtr<GSource> pTimeout(g_timeout_source_new(static_cast<guint>(timeoutMs)));
+    g_source_set_callback(pTimeout.get(), &CancelAttempt, g_object_ref(pCancellable),
+                          &g_object_unref);
+    g_source_attach(pTimeout.get(), pContext);
+    while (!attempt.m_isOver)
+    {
+        g_main_context_iteration(pContext, TRUE);
+    }
+    g_source_destroy(pTimeout.get());
+    g_object_unref(pCancellable);
+    g_free(address);
+    return std::move(attempt.m_pConnection);
+}
+
+} // namespace qor

@@ -1,0 +1,372 @@
+// The doorman of an endpoint's connection: admission of calls, and the answers to our own.
+#include "QORDbusFilter.h"
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <iterator>
+#include <utility>
+
+#include "QORDbusContext.h"
+#include "QOREnvelope.h"
+#include "QORLimits.h"
+#include "QORLog.h"
+#include "QORPosixLock.h"
+
+#define QOR_LOG_CLASS "qor::TCDbusFilter"
+
+namespace qor
+{
+
+namespace
+{
+
+// A connection that closes tells nobody on this thread, so a waiting one looks.
+constexpr gint64 CLOSED_CHECK_US = 100 * G_TIME_SPAN_MILLISECOND;
+// Refusals of one sender that are less than this apart are one burst, and one log line.
+constexpr gint64 BURST_GAP_US = 10 * G_TIME_SPAN_SECOND;
+constexpr std::size_t SETTLE_FROM = 64;
+
+std::size_t SizeOf(GDBusMessage* pMessage)
+{
+    GVariant* pBody = g_dbus_message_get_body(pMessage);
+    return pBody == nullptr ? 0 : g_variant_get_size(pBody);
+}
+
+bool IsText(const char* text, const char* expected)
+{
+    return text != nullptr && std::strcmp(text, expected) == 0;
+}
+
+} // namespace
+
+// --- A call that is waiting ----------------------------------------------------------------------
+
+TCDbusFilter::TSHeldCall::TSHeldCall(GDBusMessage* pMessage, std::size_t size)
+    : m_message(), m_size(size)
+{
+    g_weak_ref_init(&m_message, pMessage);
+}
+
+TCDbusFilter::TSHeldCall::~TSHeldCall()
+{
+    g_weak_ref_clear(&m_message);
+}
+
+bool TCDbusFilter::TSHeldCall::IsGone()
+{
+    const TGlibPtr<GDBusMessage> pMessage(static_cast<GDBusMessage*>(g_weak_ref_get(&m_message)));
+    return pMessage == nullptr;
+}
+
+// --- Coming and going ----------------------------------------------------------------------------
+
+TCDbusFilter::TCDbusFilter(TGlibPtr<GDBusConnection> pConnection, TGlibPtr<GMainContext> pContext,
+                           const char* objectPath)
+    : m_pConnection(std::move(pConnection)),
+      m_objectPath(objectPath),
+      m_pContext(std::move(pContext)),
+      m_id(0),
+      m_hasLeft(false),
+      m_mutex(PTHREAD_MUTEX_INITIALIZER),
+      m_admits(true),
+      m_sendersWhenSettled(SETTLE_FROM),
+      m_bytes(0)
+{
+    const TCThreadDefaultContext context(m_pContext.get());
+    m_id = g_dbus_connection_add_filter(m_pConnection.get(), &TCDbusFilter::m_Filter, this,
+                                        &TCDbusFilter::m_HasLeft);
+}
+
+// The worker may be inside the filter when it is removed. GLib calls the free function when nobody
+// is: at once, or out of the context that was the thread's default when the filter was added. So
+// nothing of ours runs on the worker after this, and the library may be unloaded.
+TCDbusFilter::~TCDbusFilter()
+{
+    g_dbus_connection_remove_filter(m_pConnection.get(), m_id);
+    while (!m_hasLeft)
+    {
+        g_main_context_iteration(m_pContext.get(), TRUE);
+    }
+    // A connection that was made in this context and has closed is held by its own last signal.
+    while (g_main_context_iteration(m_pContext.get(), FALSE))
+    {
+    }
+}
+
+bool TCDbusFilter::IsClosed() const
+{
+    return g_dbus_connection_is_closed(m_pConnection.get()) != FALSE;
+}
+
+void TCDbusFilter::m_HasLeft(void* pFilter)
+{
+    static_cast<TCDbusFilter*>(pFilter)->m_hasLeft = true;
+}
+
+void TCDbusFilter::StopAdmission()
+{
+    const TCMutexLock lock(m_mutex);
+    m_admits = false;
+}
+
+GDBusMessage* TCDbusFilter::m_Filter(GDBusConnection* /*pConnection*/, GDBusMessage* pMessage,
+                                     int isIncoming, void* pFilter)
+{
+    if (!isIncoming)
+    {
+        return pMessage;
+    }
+    auto& filter = *static_cast<TCDbusFilter*>(pFilter);
+    bool isTaken = false;
+    switch (g_dbus_message_get_message_type(pMessage))
+    {
+    case G_DBUS_MESSAGE_TYPE_METHOD_RETURN:
+    case G_DBUS_MESSAGE_TYPE_ERROR:
+        isTaken = filter.m_TakeAnswer(pMessage);
+        break;
+    case G_DBUS_MESSAGE_TYPE_METHOD_CALL:
+        isTaken = !filter.m_Admit(pMessage);
+        break;
+    default:
+        break;
+    }
+    if (isTaken)
+    {
+        g_object_unref(pMessage);
+        return nullptr;
+    }
+    return pMessage;
+}
+
+// --- Our own calls -------------------------------------------------------------------------------
+
+std::uint32_t TCDbusFilter::Call(GDBusMessage* pCall, const TAnswerHandler& handler,
+                                 GError** ppError)
+{
+    // Held while sending: the answer cannot be looked at before it is known to be awaited.
+    const TCMutexLock lock(m_mutex);
+    std::uint32_t serial = 0;
+    if (!g_dbus_connection_send_message(m_pConnection.get(), pCall, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                        &serial, ppError))
+    {
+        return 0;
+    }
+    m_awaited.emplace(serial, handler);
+    return serial;
+}
+
+void TCDbusFilter::Forget(std::uint32_t serial)
+{
+    const TCMutexLock lock(m_mutex);
+    m_awaited.erase(serial);
+}
+
+bool TCDbusFilter::m_TakeAnswer(GDBusMessage* pMessage)
+{
+    const TCMutexLock lock(m_mutex);
+    const auto found = m_awaited.find(g_dbus_message_get_reply_serial(pMessage));
+    if (found == m_awaited.end())
+    {
+        return false;
+    }
+    const TAnswerHandler handler = std::move(found->second);
+    m_awaited.erase(found);
+    handler(pMessage);
+    return true;
+}
+
+// Who waits for an answer on a thread of its own.
+struct TCDbusFilter::TSWaiter
+{
+    TSWaiter() : m_changed()
+    {
+        pthread_condattr_t attributes;
+        pthread_condattr_init(&attributes);
+        pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+        pthread_cond_init(&m_changed, &attributes);
+        pthread_condattr_destroy(&attributes);
+    }
+    ~TSWaiter()
+    {
+        pthread_cond_destroy(&m_changed);
+    }
+    TSWaiter(const TSWaiter&) = delete;
+    TSWaiter& operator=(const TSWaiter&) = delete;
+
+    void WaitUntil(pthread_mutex_t& mutex, gint64 time)
+    {
+        timespec deadline{};
+        deadline.tv_sec = static_cast<time_t>(time / G_USEC_PER_SEC);
+        deadline.tv_nsec = static_cast<long>(time % G_USEC_PER_SEC) * 1000;
+        pthread_cond_timedwait(&m_changed, &mutex, &deadline);
+    }
+
+    pthread_cond_t m_changed;
+    TGlibPtr<GDBusMessage> m_pAnswer; // guarded by the filter's mutex
+};
+
+TGlibPtr<GDBusMessage> TCDbusFilter::CallAndWait(GDBusMessage* pCall, int timeoutMs,
+                                                 GError** ppError)
+{
+    const gint64 deadline = g_get_monotonic_time() + timeoutMs * G_TIME_SPAN_MILLISECOND;
+    TSWaiter waiter;
+    const std::uint32_t serial = Call(
+        pCall,
+        [&waiter](GDBusMessage* pAnswer)
+        {
+            waiter.m_pAnswer.reset(static_cast<GDBusMessage*>(g_object_ref(pAnswer)));
+            pthread_cond_signal(&waiter.m_changed);
+        },
+        ppError);
+    if (serial == 0)
+    {
+        return nullptr;
+    }
+    const TCMutexLock lock(m_mutex);
+    while (waiter.m_pAnswer == nullptr)
+    {
+        const gint64 now = g_get_monotonic_time();
+        const bool isClosed = g_dbus_connection_is_closed(m_pConnection.get());
+        if (isClosed || now >= deadline)
+        {
+            m_awaited.erase(serial);
+            g_set_error_literal(ppError, G_IO_ERROR,
+                                isClosed ? G_IO_ERROR_CLOSED : G_IO_ERROR_TIMED_OUT,
+                                isClosed ? "The connection is closed" : "Timeout was reached");
+            return nullptr;
+        }
+        waiter.WaitUntil(m_mutex, std::min(deadline, now + CLOSED_CHECK_US));
+    }
+    return std::move(waiter.m_pAnswer);
+}
+
+// --- Other people's calls ------------------------------------------------------------------------
+
+// Every call to our object counts, not only those of our interface: GDBus queues reads of
+// properties too. What it answers by itself is gone by the next look.
+bool TCDbusFilter::m_Admit(GDBusMessage* pCall)
+{
+    if (!IsText(g_dbus_message_get_path(pCall), m_objectPath.c_str()))
+    {
+        return true;
+    }
+    const char* name = g_dbus_message_get_sender(pCall);
+    if (name == nullptr)
+    {
+        return true; // no bus in between: there is nobody to be protected from
+    }
+    const char* objection = nullptr;
+    bool isNewBurst = false;
+    {
+        const TCMutexLock lock(m_mutex);
+        if (!m_admits)
+        {
+            return true;
+        }
+        TSSender& sender = m_Sender(name);
+        m_Settle(sender);
+        const std::size_t size = SizeOf(pCall);
+        objection = m_Objection(pCall, sender, size);
+        if (objection == nullptr)
+        {
+            sender.m_calls.emplace_back(pCall, size);
+            sender.m_bytes += size;
+            m_bytes += size;
+            return true;
+        }
+        const gint64 now = g_get_monotonic_time();
+        isNewBurst = sender.m_lastRefusal == 0 || now - sender.m_lastRefusal > BURST_GAP_US;
+        sender.m_lastRefusal = now;
+    }
+    if (isNewBurst)
+    {
+        QOR_LOG_ERROR("Refusing calls of %s: %s", name, objection);
+    }
+    m_Refuse(pCall, objection);
+    return false;
+}
+
+// Null when the call may pass.
+const char* TCDbusFilter::m_Objection(GDBusMessage* pCall, const TSSender& sender, std::size_t size)
+{
+    if (g_dbus_message_get_num_unix_fds(pCall) != 0 ||
+        g_dbus_message_get_unix_fd_list(pCall) != nullptr)
+    {
+        return "File descriptors are not accepted";
+    }
+    if (IsText(g_dbus_message_get_member(pCall), "Hello") &&
+        EventListLength(g_dbus_message_get_body(pCall)) > MAX_HELLO_TYPES)
+    {
+        return "Too many message types";
+    }
+    if (sender.m_calls.size() >= MAX_QUEUED_CALLS || sender.m_bytes + size > MAX_QUEUED_BYTES)
+    {
+        return "Too many calls are waiting";
+    }
+    if (size > SMALL_CALL && m_bytes + size > MAX_QUEUED_BYTES_IN_ALL)
+    {
+        m_SettleAll();
+        if (m_bytes + size > MAX_QUEUED_BYTES_IN_ALL)
+        {
+            return "Too many bytes are waiting";
+        }
+    }
+    return nullptr;
+}
+
+void TCDbusFilter::m_Refuse(GDBusMessage* pCall, const char* reason)
+{
+    if ((g_dbus_message_get_flags(pCall) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) != 0)
+    {
+        return;
+    }
+    const TGlibPtr<GDBusMessage> pReply(g_dbus_message_new_method_error_literal(
+        pCall, "org.freedesktop.DBus.Error.LimitsExceeded", reason));
+    g_dbus_connection_send_message(m_pConnection.get(), pReply.get(),
+                                   G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+}
+
+TCDbusFilter::TSSender& TCDbusFilter::m_Sender(const char* name)
+{
+    if (m_senders.size() >= m_sendersWhenSettled && m_senders.count(name) == 0)
+    {
+        m_DropQuietSenders();
+        m_sendersWhenSettled = std::max(SETTLE_FROM, 2 * m_senders.size());
+    }
+    return m_senders[name];
+}
+
+// Takes off the account what has been handled. Calls are handled in order, so the first ones go
+// first.
+void TCDbusFilter::m_Settle(TSSender& sender)
+{
+    while (!sender.m_calls.empty() && sender.m_calls.front().IsGone())
+    {
+        sender.m_bytes -= sender.m_calls.front().m_size;
+        m_bytes -= sender.m_calls.front().m_size;
+        sender.m_calls.pop_front();
+    }
+}
+
+void TCDbusFilter::m_SettleAll()
+{
+    for (auto& entry : m_senders)
+    {
+        m_Settle(entry.second);
+    }
+}
+
+void TCDbusFilter::m_DropQuietSenders()
+{
+    m_SettleAll();
+    const gint64 now = g_get_monotonic_time();
+    for (auto i = m_senders.begin(); i != m_senders.end();)
+    {
+        const bool isQuiet =
+            i->second.m_calls.empty() && now - i->second.m_lastRefusal > BURST_GAP_US;
+        i = isQuiet ? m_senders.erase(i) : std::next(i);
+    }
+}
+
+} // namespace qor

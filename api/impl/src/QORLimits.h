@@ -1,0 +1,30 @@
+// What one neighbour on the bus may cost. Build options; docs/operations.md has the reasons.
+#ifndef QOR_QORLIMITS_H
+#define QOR_QORLIMITS_H
+
+#include <cstddef>
+
+namespace qor
+{
+
+// Calls of one sender that wait in the main context, and their bytes.
+constexpr std::size_t MAX_QUEUED_CALLS = QOR_MAX_QUEUED_CALLS;
+constexpr std::size_t MAX_QUEUED_BYTES = QOR_MAX_QUEUED_BYTES;
+// Bytes of all senders. A small call passes all the same, so that nobody can lock others out.
+constexpr std::size_t MAX_QUEUED_BYTES_IN_ALL = 4 * MAX_QUEUED_BYTES;
+constexpr std::size_t SMALL_CALL = 64 * 1024;
+
+constexpr std::size_t MAX_HELLO_TYPES = QOR_MAX_HELLO_TYPES;
+
+// Event calls without an answer: of all clients, of one user's clients, and of one client.
+constexpr std::size_t EVENT_SLOTS = QOR_EVENT_SLOTS;
+constexpr std::size_t EVENT_SLOTS_PER_USER = QOR_EVENT_SLOTS_PER_USER;
+constexpr std::size_t EVENT_SLOTS_PER_CLIENT = 4;
+constexpr std::size_t EVENT_SLOTS_IN_RESERVE = EVENT_SLOTS / 8;
+
+static_assert(EVENT_SLOTS_PER_CLIENT <= EVENT_SLOTS_PER_USER && EVENT_SLOTS_PER_USER <= EVENT_SLOTS,
+              "a client's share must fit into its user's, and that into the whole");
+
+} // namespace qor
+
+#endif
