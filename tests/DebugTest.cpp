@@ -1,6 +1,11 @@
 // Log sinks, performance markers and assertions; payloads between byte arrays and archives.
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -70,6 +75,9 @@ TEST_F(Debug, FreshSettingsPrintOnStandardOutputAndTheFileIsAppendedTo)
               "QOR >qor::TCThing:Do:12< value 7\n");
     EXPECT_NE(access(m_path.c_str(), F_OK), 0);
 
+    setenv("QOR_STDOUT", "0", 1);
+    EXPECT_FALSE(qor::TCDebug().m_stdoutLog);
+    unsetenv("QOR_STDOUT");
     WriteFile(m_path, "older\n");
     m_debug.EnableStdoutLog(false);
     m_debug.EnableFileLog(true);
@@ -80,6 +88,76 @@ TEST_F(Debug, FreshSettingsPrintOnStandardOutputAndTheFileIsAppendedTo)
     m_debug.EnableFileLog(true);
     m_debug.External("C", "F", 3, "last"); // flushed
     EXPECT_EQ(ReadFile(m_path), "older\nQOR >C:F:1< first\nQOR >C:F:3< last\n");
+}
+
+TEST_F(Debug, OnlyARegularFileOfThisUserBecomesTheLogFile)
+{
+    const TemporaryDirectory directory;
+    const std::string victim = directory.Path("victim"), trap = m_path;
+    const std::function<int()> traps[] = {[&] { return symlink(victim.c_str(), trap.c_str()); },
+                                          [&] { return link(victim.c_str(), trap.c_str()); },
+                                          [&] { return mkfifo(trap.c_str(), 0600); },
+                                          [&] { return symlink("/nowhere", trap.c_str()); }};
+    for (const auto& set : traps)
+    {
+        WriteFile(victim, "untouched");
+        ASSERT_EQ(set(), 0);
+        LogCapture::Clear();
+        m_debug.EnableFileLog(true);
+        m_debug.External("C", "F", 1, "lost");
+        EXPECT_EQ(m_debug.m_pLogFile, nullptr);
+        EXPECT_TRUE(m_debug.m_fileLog);
+        EXPECT_EQ(LogCapture::Count(LOG_INFO, "Unable to create file " + trap + " - errno "), 1U);
+        EXPECT_EQ(LogCapture::Lines().at(0).id, 0);
+        EXPECT_EQ(ReadFile(victim), "untouched");
+        unlink(trap.c_str());
+    }
+    WriteFile(trap, "");
+    if (chown(trap.c_str(), 12345, 12345) == 0) // for root only
+    {
+        m_debug.EnableFileLog(true);
+        EXPECT_EQ(m_debug.m_pLogFile, nullptr);
+        unlink(trap.c_str());
+    }
+    m_debug.EnableFileLog(true);
+    ASSERT_NE(m_debug.m_pLogFile, nullptr);
+    EXPECT_EQ(fcntl(fileno(m_debug.m_pLogFile), F_GETFD), FD_CLOEXEC);
+}
+
+static int g_signals;
+
+// Few lines leave standard output at the end of the process only.
+TEST_F(Debug, HostGetsNoSignalForALineAndKeepsItsOwn)
+{
+    const auto host = [&](int signal, bool isMany)
+    {
+        int ends[2];
+        const rlimit limit{1000, 1000};
+        std::signal(signal, [](int) { ++g_signals; });
+        m_debug.EnableFileLog(true);
+        const bool isReady = pipe(ends) == 0 && close(ends[0]) == 0 && dup2(ends[1], 1) == 1 &&
+                             setrlimit(RLIMIT_FSIZE, &limit) == 0;
+        const auto print = [&] { m_debug.External("C", "F", 1, "%0200d", 7); };
+        print();
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, signal);
+        for (int i = 0; isMany && i < 200; ++i)
+        {
+            i % 50 == 49 ? sigprocmask(SIG_BLOCK, &set, nullptr) + raise(signal) : 0;
+            print();
+            sigprocmask(SIG_UNBLOCK, &set, nullptr);
+        }
+        std::signal(signal, SIG_DFL);
+        unlink(m_path.c_str());
+        std::exit(isReady ? g_signals : 99);
+    };
+    for (const int signal : {SIGPIPE, SIGXFSZ})
+    {
+        fflush(stdout); // what is not ours keeps its signal
+        EXPECT_EXIT(host(signal, false), testing::ExitedWithCode(0), "");
+        EXPECT_EXIT(host(signal, true), testing::ExitedWithCode(4), "");
+    }
 }
 
 TEST_F(Debug, LinesAndMarkersAreCutOffAt255Characters)

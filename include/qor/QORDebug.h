@@ -12,8 +12,11 @@ namespace qor
 /// The log settings of the process, and the sinks beside the platform log.
 ///
 /// Every log line of the library goes to the platform log (tag "QOR"). Where switched on here it
-/// also goes to standard output (on in a fresh process) and to the per-process log file
-/// /tmp/qor_NAME_PID.log (off until EnableFileLog(true) has opened it).
+/// also goes to standard output (on in a fresh process, unless QOR_STDOUT=0 is in its environment)
+/// and to the per-process log file /tmp/qor_NAME_PID.log (once EnableFileLog(true) has opened it).
+///
+/// A sink that fails is ignored: neither SIGPIPE nor SIGXFSZ reaches the process because of a line,
+/// and the line is dropped. A sink that is full, such as a pipe, holds up the thread that logs.
 ///
 /// No function takes a lock. Lines of several threads do not mix, but changing a setting while
 /// other threads log is not synchronised: change settings before threads start. No function throws.
@@ -23,8 +26,10 @@ public:
     TCDebug();
 
     /// Switches the log file on or off. The first call with true opens the file for appending; it
-    /// then stays open until the process ends, and a later call with true goes on with it. A file
-    /// that cannot be opened is reported to the platform log, and a later call tries again.
+    /// then stays open until the process ends, and a later call with true goes on with it. Programs
+    /// that the process starts do not inherit it. Only a regular file of this user with no other
+    /// name is opened, no link, pipe or file of somebody else. A file that is not opened is
+    /// reported to the platform log, and a later call tries again.
     void EnableFileLog(bool enable);
 
     /// Switches the lines on standard output on or off.

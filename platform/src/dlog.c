@@ -5,6 +5,7 @@
 #include <limits.h>
 #include <poll.h>
 #include <pthread.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdatomic.h>
 #include <stdbool.h>
@@ -86,6 +87,32 @@ static size_t stored(int result, size_t size)
     return (size_t)result < size ? (size_t)result : size - 1;
 }
 
+/* A reader that has gone, or a file at its size limit, must not end the host: the signal goes to
+   this thread, where it is blocked and taken back. One that the host had waiting stays. */
+static ssize_t write_without_signals(const char* line, size_t length)
+{
+    sigset_t signals, before, pending;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGPIPE);
+    sigaddset(&signals, SIGXFSZ);
+    pthread_sigmask(SIG_BLOCK, &signals, &before);
+    sigpending(&pending);
+    const ssize_t written = write(STDERR_FILENO, line, length);
+    if (written < 0 && (errno == EPIPE || errno == EFBIG))
+    {
+        const int caused = errno == EPIPE ? SIGPIPE : SIGXFSZ;
+        const struct timespec at_once = {0, 0};
+        sigemptyset(&signals);
+        sigaddset(&signals, caused);
+        if (!sigismember(&pending, caused))
+        {
+            sigtimedwait(&signals, NULL, &at_once);
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &before, NULL);
+    return written;
+}
+
 /* The mutex keeps our own threads from filling the pipe between the question and the write. */
 static ssize_t write_to_stderr(const char* line, size_t length)
 {
@@ -94,7 +121,7 @@ static ssize_t write_to_stderr(const char* line, size_t length)
     pthread_mutex_lock(&stderr_mutex);
     if (poll(&target, 1, 0) == 1 && target.revents == POLLOUT)
     {
-        written = write(STDERR_FILENO, line, length);
+        written = write_without_signals(line, length);
     }
     pthread_mutex_unlock(&stderr_mutex);
     return written;

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdarg>
+#include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <limits>
@@ -16,6 +17,7 @@
 #include <perf_marker.h>
 
 #include "QORLog.h"
+#include "QORSink.h"
 
 #define QOR_LOG_CLASS "qor::TCDebug"
 
@@ -83,15 +85,19 @@ private:
     std::size_t m_length;
 };
 
-// One call for the whole line, so that the lines of several threads do not mix.
-void Print(FILE* pFile, std::string_view line)
+// For hosts whose standard output is for something else, and which cannot be changed.
+bool IsStdoutWanted()
 {
-    fwrite(line.data(), 1, line.size(), pFile);
+    const char* wanted = getenv("QOR_STDOUT"); // NOLINT(concurrency-mt-unsafe): at load
+    return wanted == nullptr || strcmp(wanted, "0") != 0;
 }
 
 } // namespace
 
-TCDebug::TCDebug() : m_perfLog(false), m_stdoutLog(true), m_fileLog(true), m_pLogFile(nullptr) {}
+TCDebug::TCDebug()
+    : m_perfLog(false), m_stdoutLog(IsStdoutWanted()), m_fileLog(true), m_pLogFile(nullptr)
+{
+}
 
 void TCDebug::EnableFileLog(bool enable)
 {
@@ -101,7 +107,7 @@ void TCDebug::EnableFileLog(bool enable)
         std::replace(name.begin(), name.end(), '/', '_');
         char path[BUFFER_SIZE];
         snprintf(path, sizeof path, "/tmp/qor_%s_%d.log", name.c_str(), getpid());
-        m_pLogFile = fopen(path, "a+");
+        m_pLogFile = OpenLogFile(path);
         if (m_pLogFile == nullptr)
         {
             __dlog_print(LOG_ID_MAIN, DLOG_INFO, "QOR",
@@ -138,12 +144,11 @@ void TCDebug::External(const char* className, const char* function, unsigned int
 
     if (m_fileLog && m_pLogFile != nullptr)
     {
-        Print(m_pLogFile, text.WithNewline());
-        fflush(m_pLogFile);
+        PrintToFile(m_pLogFile, text.WithNewline());
     }
     if (m_stdoutLog)
     {
-        Print(stdout, text.WithNewline());
+        PrintToStdout(text.WithNewline());
     }
 }
 

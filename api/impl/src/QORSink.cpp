@@ -1,0 +1,197 @@
+// The text sinks of the log: what goes wrong in one of them is no business of the host.
+#include "QORSink.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <stdio_ext.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <ios>
+
+namespace qor
+{
+
+namespace
+{
+
+constexpr mode_t LOG_FILE_MODE = 0666; // less the umask
+
+// Keeps the signals of failed writes from the host: that of a pipe which nobody reads, and that of
+// a file at its size limit. The kernel sends both to the writing thread. So they are blocked there
+// and taken back after a write that has caused one; the host's own wait meanwhile.
+class TCWriteSignals
+{
+public:
+    TCWriteSignals()
+    {
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGPIPE);
+        sigaddset(&signals, SIGXFSZ);
+        sigemptyset(&m_pending);
+        pthread_sigmask(SIG_BLOCK, &signals, &m_before);
+        if (sigismember(&m_before, SIGPIPE) != 0 || sigismember(&m_before, SIGXFSZ) != 0)
+        {
+            sigpending(&m_pending);
+        }
+        errno = 0;
+    }
+
+    ~TCWriteSignals()
+    {
+        pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
+    }
+
+    TCWriteSignals(const TCWriteSignals&) = delete;
+    TCWriteSignals& operator=(const TCWriteSignals&) = delete;
+
+    // After the writes: drops what they could not write, which would be tried again when the
+    // process ends. Asks errno, since fwrite may succeed although the write below it has failed.
+    void Settle(FILE* pFile) const
+    {
+        if (errno != EPIPE && errno != EFBIG)
+        {
+            return;
+        }
+        const int caused = errno == EPIPE ? SIGPIPE : SIGXFSZ;
+        if (sigismember(&m_pending, caused) == 0)
+        {
+            sigset_t signals;
+            sigemptyset(&signals);
+            sigaddset(&signals, caused);
+            const timespec now = {};
+            sigtimedwait(&signals, nullptr, &now);
+        }
+        __fpurge(pFile);
+    }
+
+private:
+    sigset_t m_before;  // the thread's mask
+    sigset_t m_pending; // what the host has blocked, and not taken yet
+};
+
+// Holds a stream's own lock.
+class TCStreamLock
+{
+public:
+    explicit TCStreamLock(FILE* pFile) : m_pFile(pFile)
+    {
+        flockfile(m_pFile);
+    }
+    ~TCStreamLock()
+    {
+        funlockfile(m_pFile);
+    }
+
+    TCStreamLock(const TCStreamLock&) = delete;
+    TCStreamLock& operator=(const TCStreamLock&) = delete;
+
+private:
+    FILE* m_pFile;
+};
+
+// How much standard output holds back, when all of that is ours. Guarded by the stream's lock.
+std::size_t ownTail = 0;
+
+// Whether the stream takes a text in without writing.
+bool HasRoom(FILE* pFile, std::size_t size)
+{
+    return __flbf(pFile) == 0 && __fpending(pFile) + size < __fbufsize(pFile);
+}
+
+void FlushOwnTail()
+{
+    if (ownTail == 0 || ftrylockfile(stdout) != 0)
+    {
+        return;
+    }
+    if (__fpending(stdout) == ownTail)
+    {
+        const TCWriteSignals signals;
+        fflush(stdout);
+        signals.Settle(stdout);
+    }
+    funlockfile(stdout);
+}
+
+// At its end a process writes what standard output still holds. Where that is ours alone it goes
+// out here, so that no signal comes of that either. Built before the library's other globals, for
+// the lines of their teardown; and the C++ streams, whose last user flushes standard output as it
+// goes, have a user until then.
+struct TSLastFlush
+{
+    std::ios_base::Init m_streams;
+
+    ~TSLastFlush()
+    {
+        FlushOwnTail();
+    }
+};
+
+__attribute__((init_priority(101))) const TSLastFlush lastFlush;
+
+} // namespace
+
+FILE* OpenLogFile(const char* path)
+{
+    const int descriptor =
+        open(path, O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
+             LOG_FILE_MODE);
+    if (descriptor < 0)
+    {
+        return nullptr;
+    }
+    struct stat status;
+    FILE* pFile = nullptr;
+    if (fstat(descriptor, &status) == 0)
+    {
+        if (S_ISREG(status.st_mode) && status.st_nlink == 1 && status.st_uid == geteuid())
+        {
+            pFile = fdopen(descriptor, "a+");
+        }
+        else
+        {
+            errno = EPERM;
+        }
+    }
+    if (pFile == nullptr)
+    {
+        const int reason = errno;
+        close(descriptor);
+        errno = reason;
+    }
+    return pFile;
+}
+
+void PrintToFile(FILE* pFile, std::string_view line)
+{
+    const TCStreamLock lock(pFile);
+    const TCWriteSignals signals;
+    fwrite(line.data(), 1, line.size(), pFile);
+    fflush(pFile);
+    signals.Settle(pFile);
+}
+
+void PrintToStdout(std::string_view line)
+{
+    const TCStreamLock lock(stdout);
+    const std::size_t before = __fpending(stdout);
+    const bool isOurs = before == 0 || before == ownTail;
+    if (HasRoom(stdout, line.size()))
+    {
+        fwrite(line.data(), 1, line.size(), stdout);
+    }
+    else
+    {
+        const TCWriteSignals signals;
+        fwrite(line.data(), 1, line.size(), stdout);
+        signals.Settle(stdout);
+    }
+    ownTail = isOurs ? __fpending(stdout) : 0;
+}
+
+} // namespace qor
