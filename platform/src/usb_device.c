@@ -1,8 +1,7 @@
 /* USB storage on a host: block devices below a USB bus in sysfs, and the mount table. */
 #include <usb_device.h>
 
-#include <gio/gio.h>
-#include <gio/gunixmounts.h>
+#include <glib.h>
 #include <mntent.h>
 #include <pthread.h>
 #include <stdbool.h>
@@ -148,21 +147,9 @@ static void note_mount(GPtrArray* devices, const char* source, const char* mount
     }
 }
 
-static void note_system_mounts(GPtrArray* devices)
+static void note_mounts(GPtrArray* devices)
 {
-    GList* mounts = g_unix_mounts_get(NULL);
-    for (const GList* link = mounts; link != NULL; link = link->next)
-    {
-        GUnixMountEntry* mount = link->data;
-        note_mount(devices, g_unix_mount_get_device_path(mount),
-                   g_unix_mount_get_mount_path(mount));
-    }
-    g_list_free_full(mounts, (GDestroyNotify)g_unix_mount_free);
-}
-
-static void note_made_up_mounts(GPtrArray* devices)
-{
-    char* table = host_path("/proc/mounts");
+    char* table = host_path("/proc/self/mounts");
     FILE* file = setmntent(table, "re");
     g_free(table);
     if (file == NULL)
@@ -181,17 +168,9 @@ static void note_made_up_mounts(GPtrArray* devices)
 static GPtrArray* take_stock(void)
 {
     GPtrArray* devices = find_usb_disks();
-    if (devices == NULL || devices->len == 0)
+    if (devices != NULL && devices->len != 0)
     {
-        return devices;
-    }
-    if (host_root() == NULL)
-    {
-        note_system_mounts(devices);
-    }
-    else
-    {
-        note_made_up_mounts(devices);
+        note_mounts(devices);
     }
     return devices;
 }

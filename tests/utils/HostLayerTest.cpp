@@ -96,8 +96,8 @@ TEST_F(HostLayer, UsbDisksAreTheOnesBelowARootHub)
     AddDisk("usb/platform", "sdx");    // looks like a root hub only
     AddDisk("pci0000:00/usb2/2-1/2-1:1.0", "sdc");
     AddDisk("pci0000:00/usb1/1-1/1-1:1.0", "sdb");
-    Write("proc/mounts", "/dev/sdc1 /media/c vfat rw 0 0\nsdb1 /virtual tmpfs rw 0 0\n"
-                         "/dev/sdb1 /media/USB\\040stick vfat rw 0 0\n");
+    Write("proc/self/mounts", "/dev/sdc1 /media/c vfat rw 0 0\nsdb1 /virtual tmpfs rw 0 0\n"
+                              "/dev/sdb1 /media/USB\\040stick vfat rw 0 0\n");
     ASSERT_EQ(usb_device_get_device_list(8, &list), 0);
     EXPECT_EQ(usb_device_list_get_count(list), 2); // partitions are not devices
     EXPECT_EQ(usb_device_list_get_first(list, &device), 0);
