@@ -8,6 +8,8 @@
 
 #include "BusTest.h"
 
+extern bool g_isProxyRefused; // DbusServerTest.cpp
+
 namespace
 {
 
@@ -31,18 +33,6 @@ protected:
     void StartService()
     {
         ASSERT_TRUE(m_service.OwnName(SERVICE_NAME));
-    }
-
-    // A call to the bus itself on the client's connection, which comes after what was sent before.
-    static bool Call(const char* method)
-    {
-        const qor::TGlibPtr<GDBusConnection> pConnection(
-            g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
-        const qor::TGlibPtr<GVariant> pReply(g_dbus_connection_call_sync(
-            pConnection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-            "org.freedesktop.DBus", method, nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
-            nullptr));
-        return pReply != nullptr;
     }
 
     // A synchronous message of type 1; the response is not touched by what fails.
@@ -84,6 +74,7 @@ TEST_F(DbusClient, EveryChangeOfTheTypesIsAnnouncedAndNothingElse)
     EXPECT_FALSE(client.IsReady());
     EXPECT_TRUE(client.SetCallback(-1, Accept)); // not ready: announced on appearance
     ASSERT_TRUE(Appears(client));
+    EXPECT_EQ(m_service.Count("GetAll"), 0U); // no properties are loaded
     EXPECT_EQ(HellosOf(client), (std::vector<Bytes>{{0xFF, 0xFF, 0xFF, 0xFF}}));
     EXPECT_TRUE(client.UnSetCallback(-1));
     EXPECT_TRUE(client.SetCallback(5, Accept));
@@ -126,16 +117,9 @@ TEST_F(DbusClient, SynchronousSendGivesTheReplysResultAndOutput)
 {
     StartService();
     TCDbusClient client(false);
-    struct Case
-    {
-        Answer answer;
-        bool result;
-        Bytes response;
-        std::size_t errors;
-    };
     const Bytes before{9, 9};
     const std::string denied = "org.freedesktop.DBus.Error.AccessDenied";
-    const Case cases[] = {
+    const std::tuple<Answer, bool, Bytes, std::size_t> cases[] = {
         {{Answer::REPLY, {1, 5, 6, 7}, ""}, true, {5, 6, 7}, 0},
         {{Answer::REPLY, {0, 0xAA}, ""}, false, {0xAA}, 0},
         {{Answer::REPLY, {0x80}, ""}, true, {}, 0},
@@ -146,18 +130,33 @@ TEST_F(DbusClient, SynchronousSendGivesTheReplysResultAndOutput)
         {{Answer::NEVER, {}, ""}, false, before, 1},
         {{Answer::LEAVE, {}, ""}, false, before, 1},
     };
-    for (const Case& one : cases)
+    for (const auto& [answer, result, output, errors] : cases)
     {
-        SCOPED_TRACE(one.answer.kind);
+        SCOPED_TRACE(answer.kind);
         LogCapture::Clear();
         m_service.ForgetCalls();
-        m_service.AnswerWith(one.answer);
+        m_service.AnswerWith(answer);
         Bytes response = before;
-        EXPECT_EQ(client.SendMessage(258, {0xAA, 0xBB}, response, false), one.result);
-        EXPECT_EQ(response, one.response);
-        EXPECT_EQ(LogCapture::Count(LOG_ERROR, ""), one.errors);
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(client.SendMessage(258, {0xAA, 0xBB}, response, false), result);
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+        EXPECT_NEAR(took.count(), answer.kind == Answer::NEVER ? 10 : 0, 3);
+        EXPECT_EQ(response, output);
+        EXPECT_EQ(LogCapture::Count(LOG_ERROR, ""), errors);
         EXPECT_EQ(m_service.Calls("Send").at(0).bytes, (Bytes{2, 1, 0, 0, 0, 0xAA, 0xBB}));
     }
+}
+
+TEST_F(DbusClient, SynchronousSendsOfTwoThreadsArePendingAtOnce)
+{
+    StartService();
+    TCDbusClient client(false);
+    m_service.AnswerWith({Answer::HOLD, {}, ""});
+    auto other = std::async(std::launch::async, [&] { return Sends(client); });
+    auto first = std::async(std::launch::async, [&] { return Sends(client); });
+    EXPECT_TRUE(m_service.WaitForCalls("Send", 2));
+    m_service.AnswerHeld({Answer::REPLY, {1}, ""});
+    EXPECT_TRUE(first.get() && other.get());
 }
 
 TEST_F(DbusClient, SynchronousSendSaysHelloFirstAndFailsWithoutAService)
@@ -178,8 +177,8 @@ TEST_F(DbusClient, AsynchronousSendReturnsTrueWhateverBecomesOfIt)
 {
     TCDbusClient client(false);
     Bytes response{9};
-    EXPECT_TRUE(client.SendMessage(1, {1}, response, true)); // no service
-    EXPECT_TRUE(Call("GetId"));                              // the bus has seen it, and dropped it
+    EXPECT_TRUE(client.SendMessage(1, {1}, response, true));   // no service
+    EXPECT_FALSE(client.SendMessage(1, {1}, response, false)); // the bus has dropped both
     StartService();
     m_service.AnswerWith({Answer::REPLY, {0, 1, 2}, ""});
     EXPECT_TRUE(client.SendMessage(-3, {4}, response, true));
@@ -234,6 +233,9 @@ TEST_F(DbusClient, ClientWhoseStartFailedSkipsItsCalls)
         const TCDbusClient first(false);
         skips("Registering object error, errno "); // where the first has its object
     }
+    g_isProxyRefused = true;
+    skips("Registering proxy error, errno 7");
+    g_isProxyRefused = false;
     EXPECT_EQ(m_service.Count("Send"), 0U);
     ASSERT_TRUE(SharedConnectionIsLetGo());
     LeaveTheBus();

@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -26,8 +25,7 @@ namespace qortest
 
 inline void WriteFile(const std::string& path, const std::string& content)
 {
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    if (!(file << content).flush())
+    if (!(std::ofstream(path, std::ios::binary) << content).flush())
     {
         throw std::runtime_error("cannot write " + path);
     }
@@ -36,12 +34,9 @@ inline void WriteFile(const std::string& path, const std::string& content)
 /// Empty if there is none.
 inline std::string ReadFile(const std::string& path)
 {
-    if (boost::filesystem::is_directory(path))
-    {
-        return {};
-    }
     std::ifstream file(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), {});
+    const bool isText = file && !boost::filesystem::is_directory(path);
+    return isText ? std::string(std::istreambuf_iterator<char>(file), {}) : "";
 }
 
 /// A fresh directory under the system's temporary directory, removed with all its content.
@@ -61,16 +56,9 @@ public:
         boost::filesystem::remove_all(m_path, error);
     }
 
-    TemporaryDirectory(const TemporaryDirectory&) = delete;
-    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-
-    const std::string& Path() const
+    std::string Path(const std::string& name = "") const
     {
-        return m_path;
-    }
-    std::string Path(const std::string& name) const
-    {
-        return m_path + "/" + name;
+        return name.empty() ? m_path : m_path + "/" + name;
     }
 
 private:
@@ -99,43 +87,33 @@ public:
     ChildProcess(const std::vector<std::string>& command, const Options& options)
     {
         std::signal(SIGPIPE, SIG_IGN);
-        gchar** environment = g_get_environ();
+        const ObjectPtr<GSubprocessLauncher> launcher(
+            g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_STDIN_PIPE));
         for (const auto& [name, value] : options.environment)
         {
-            environment = g_environ_setenv(environment, name.c_str(), value.c_str(), TRUE);
+            g_subprocess_launcher_setenv(launcher.get(), name.c_str(), value.c_str(), TRUE);
         }
-        std::vector<char*> arguments;
-        for (const std::string& argument : command)
-        {
-            arguments.push_back(const_cast<char*>(argument.c_str()));
-        }
-        arguments.push_back(nullptr);
-        int in[2];
-        const pid_t parent = getpid();
-        if (pipe2(in, O_CLOEXEC) != 0 || (m_pid = fork()) < 0)
-        {
-            throw std::runtime_error("cannot start a process");
-        }
-        if (m_pid == 0)
+        g_subprocess_launcher_set_cwd(launcher.get(), options.workingDirectory.c_str());
+        g_subprocess_launcher_take_stdout_fd(launcher.get(), fcntl(m_out, F_DUPFD_CLOEXEC, 0));
+        g_subprocess_launcher_take_stderr_fd(launcher.get(), fcntl(m_err, F_DUPFD_CLOEXEC, 0));
+        const auto setUp = [](gpointer)
         {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             std::signal(SIGPIPE, SIG_DFL);
-            dup2(in[0], STDIN_FILENO);
-            dup2(m_out, STDOUT_FILENO);
-            dup2(m_err, STDERR_FILENO);
-            if (getppid() == parent && chdir(options.workingDirectory.c_str()) == 0)
-            {
-                execvpe(arguments[0], arguments.data(), environment);
-            }
-            _exit(127);
-        }
-        g_strfreev(environment);
-        close(in[0]);
-        m_input = in[1];
-        WriteInput(options.input);
-        if (!options.keepInputOpen)
+        };
+        g_subprocess_launcher_set_child_setup(launcher.get(), setUp, nullptr, nullptr);
+        std::vector<const char*> arguments;
+        for (const std::string& argument : command)
         {
-            close(std::exchange(m_input, -1));
+            arguments.push_back(argument.c_str());
+        }
+        arguments.push_back(nullptr);
+        m_process.reset(g_subprocess_launcher_spawnv(launcher.get(), arguments.data(), nullptr));
+        m_pid = IsRunning() ? std::stoi(g_subprocess_get_identifier(m_process.get())) : -1;
+        WriteInput(options.input);
+        if (m_process && !options.keepInputOpen)
+        {
+            g_output_stream_close(g_subprocess_get_stdin_pipe(m_process.get()), nullptr, nullptr);
         }
     }
 
@@ -143,37 +121,23 @@ public:
     {
         Signal(SIGKILL);
         Wait();
-        for (const int fd : {m_out, m_err, m_input})
-        {
-            close(fd);
-        }
+        close(m_out);
+        close(m_err);
     }
-
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
 
     pid_t Pid() const
     {
         return m_pid;
     }
 
-    bool IsRunning()
+    bool IsRunning() const
     {
-        int status = 0;
-        if (!m_reaped && waitpid(m_pid, &status, WNOHANG) == m_pid)
-        {
-            m_reaped = true;
-            m_exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        }
-        return !m_reaped;
+        return m_process && g_subprocess_get_identifier(m_process.get()) != nullptr;
     }
 
     void Signal(int signal)
     {
-        if (IsRunning())
-        {
-            kill(m_pid, signal);
-        }
+        m_process ? g_subprocess_send_signal(m_process.get(), signal) : void();
     }
 
     /// Waits for the end; a program that still runs after the watchdog is killed.
@@ -182,11 +146,14 @@ public:
     {
         if (!WaitUntil([this] { return !IsRunning(); }, watchdogMs))
         {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-            m_reaped = true;
+            Signal(SIGKILL);
+            g_subprocess_wait(m_process.get(), nullptr, nullptr);
+            return -1;
         }
-        return m_exitCode;
+        GSubprocess* const pEnded = m_process.get();
+        return pEnded == nullptr                    ? 127
+               : g_subprocess_get_if_exited(pEnded) ? g_subprocess_get_exit_status(pEnded)
+                                                    : 128 + g_subprocess_get_term_sig(pEnded);
     }
 
     /// What has been printed so far; complete once Wait has returned.
@@ -209,11 +176,10 @@ public:
 
     void WriteInput(const std::string& text)
     {
-        ssize_t written = 0; // negative when the program has closed its input
-        for (std::size_t done = 0; done < text.size() && written >= 0;)
+        if (m_process)
         {
-            written = write(m_input, text.data() + done, text.size() - done);
-            done += static_cast<std::size_t>(written);
+            g_output_stream_write_all(g_subprocess_get_stdin_pipe(m_process.get()), text.data(),
+                                      text.size(), nullptr, nullptr, nullptr);
         }
     }
 
@@ -221,10 +187,8 @@ private:
     // Files in memory: a program is never held up by a reader.
     const int m_out = memfd_create("out", MFD_CLOEXEC);
     const int m_err = memfd_create("err", MFD_CLOEXEC);
-    int m_input = -1;
+    ObjectPtr<GSubprocess> m_process;
     pid_t m_pid = -1;
-    int m_exitCode = -1;
-    bool m_reaped = false;
 };
 
 } // namespace qortest

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <thread>
 
 #include <gio/gio.h>
@@ -14,6 +15,16 @@ namespace qortest
 
 /// Long enough for any machine under a sanitizer: reaching it means that a test hangs.
 constexpr int WATCHDOG_MS = 30000;
+
+struct Unref
+{
+    void operator()(gpointer p) const
+    {
+        g_object_unref(p);
+    }
+};
+template <class T>
+using ObjectPtr = std::unique_ptr<T, Unref>;
 
 inline void Pause()
 {
@@ -52,20 +63,17 @@ inline bool PumpUntil(const std::function<bool()>& condition, int watchdogMs = W
 /// Whoever leaks an endpoint, a proxy or an invocation leaks a reference to it. Whether it is so.
 inline bool SharedConnectionIsLetGo()
 {
-    GDBusConnection* const pConnection = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-    if (pConnection == nullptr)
+    ObjectPtr<GDBusConnection> connection(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
+    if (!connection)
     {
         return true;
     }
-    g_dbus_connection_set_exit_on_close(pConnection, FALSE);
+    g_dbus_connection_set_exit_on_close(connection.get(), FALSE);
     GWeakRef weak;
-    g_weak_ref_init(&weak, pConnection);
-    g_object_unref(pConnection);
+    g_weak_ref_init(&weak, connection.get());
+    connection.reset();
     const auto isGone = [&]
-    {
-        gpointer const pObject = g_weak_ref_get(&weak);
-        return pObject == nullptr || (g_object_unref(pObject), false);
-    };
+    { return !ObjectPtr<GObject>(static_cast<GObject*>(g_weak_ref_get(&weak))); };
     const bool result = PumpUntil(isGone);
     g_weak_ref_clear(&weak);
     return result;
@@ -84,9 +92,6 @@ public:
         m_stop = true;
         m_thread.join();
     }
-
-    Repeat(const Repeat&) = delete;
-    Repeat& operator=(const Repeat&) = delete;
 
 private:
     static constexpr int LONG = 1 << 30;

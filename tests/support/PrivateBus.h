@@ -16,49 +16,35 @@
 namespace qortest
 {
 
-/// Runs a real dbus-daemon with a system-type configuration that allows everything, on a socket in
-/// a directory of its own, and makes it this process's system bus (DBUS_SYSTEM_BUS_ADDRESS). It
-/// ends with this object, at the latest with the thread that created it.
+/// Runs a real dbus-daemon with a system-type configuration that allows everything, with a stock
+/// bus's limits, on a socket in a directory of its own, and makes it this process's system bus
+/// (DBUS_SYSTEM_BUS_ADDRESS). It ends with this object, at the latest with the thread that created
+/// it.
 class PrivateBus
 {
 public:
     struct Options
     {
-        std::size_t maxMessageSize = 0; // 0: the daemon's default
-        std::string policy;             // replaces the policy that allows everything
+        std::size_t maxMessageSize = 32 << 20;
     };
 
     PrivateBus() : PrivateBus(Options()) {}
 
     explicit PrivateBus(const Options& options)
     {
-        std::string text = "<busconfig> <type>system</type> <auth>EXTERNAL</auth>"
-                           "<limit name='max_connections_per_user'>2000</limit>"
-                           "<limit name='max_completed_connections'>2000</limit>"
-                           "<limit name='max_replies_per_connection'>50000</limit>"
-                           "<listen>" +
-                           m_address + "</listen>";
-        if (options.maxMessageSize != 0)
-        {
-            text += "<limit name='max_message_size'>" + std::to_string(options.maxMessageSize) +
-                    "</limit>";
-        }
-        text += !options.policy.empty()
-                    ? options.policy
-                    : "<policy context='default'> <allow user='*'/> <allow own='*'/>"
+        WriteFile(m_directory.Path("bus.conf"),
+                  "<busconfig> <type>system</type> <auth>EXTERNAL</auth> <listen>" + m_address +
+                      "</listen> <limit name='max_message_size'>" +
+                      std::to_string(options.maxMessageSize) +
+                      "</limit> <policy context='default'> <allow user='*'/> <allow own='*'/>"
                       "<allow send_destination='*'/> <allow send_type='method_call'/>"
                       "<allow send_requested_reply='true' send_type='method_return'/>"
                       "<allow send_requested_reply='true' send_type='error'/>"
                       "<allow receive_type='method_call'/> <allow receive_type='method_return'/>"
-                      "<allow receive_type='error'/> <allow receive_type='signal'/> </policy>";
-        WriteFile(m_directory.Path("bus.conf"), text + "</busconfig>");
+                      "<allow receive_type='error'/> <allow receive_type='signal'/> </policy>"
+                      "</busconfig>");
         Restart();
         setenv("DBUS_SYSTEM_BUS_ADDRESS", m_address.c_str(), 1);
-    }
-
-    const std::string& Address() const
-    {
-        return m_address;
     }
 
     /// Ends the daemon at once, as if it had crashed.

@@ -60,7 +60,6 @@ struct IncomingCall
 {
     std::string sender;
     std::string path;
-    std::string interfaceName;
     std::string method;
     std::string signature; // of all arguments: "ay"
     Bytes bytes;
@@ -126,9 +125,6 @@ public:
         g_dbus_connection_close_sync(m->connection.get(), nullptr, nullptr);
     }
 
-    RawPeer(const RawPeer&) = delete;
-    RawPeer& operator=(const RawPeer&) = delete;
-
     std::string UniqueName() const
     {
         return g_dbus_connection_get_unique_name(m->connection.get());
@@ -139,10 +135,7 @@ public:
     {
         const VariantPtr reply = CallBus("RequestName", g_variant_new("(su)", name.c_str(), 4U));
         guint32 code = 0;
-        if (reply)
-        {
-            g_variant_get(reply.get(), "(u)", &code);
-        }
+        reply ? g_variant_get(reply.get(), "(u)", &code) : void();
         return code == 1 || code == 4; // the owner now, or already
     }
 
@@ -264,15 +257,7 @@ public:
     }
 
 private:
-    struct Unref
-    {
-        void operator()(gpointer p) const
-        {
-            g_object_unref(p);
-        }
-    };
-
-    using MessagePtr = std::unique_ptr<GDBusMessage, Unref>;
+    using MessagePtr = ObjectPtr<GDBusMessage>;
     using VariantPtr = qor::TGlibPtr<GVariant>;
 
     static std::string Text(const char* text)
@@ -310,7 +295,7 @@ private:
 
     struct State
     {
-        std::unique_ptr<GDBusConnection, Unref> connection;
+        ObjectPtr<GDBusConnection> connection;
         guint filter = 0;
         mutable std::mutex mutex;
         std::vector<IncomingCall> calls;
@@ -359,20 +344,22 @@ private:
                                     gpointer pUserData)
         {
             if (!isIncoming ||
-                g_dbus_message_get_message_type(pMessage) != G_DBUS_MESSAGE_TYPE_METHOD_CALL ||
-                Text(g_dbus_message_get_interface(pMessage)) != INTERFACE_NAME)
+                g_dbus_message_get_message_type(pMessage) != G_DBUS_MESSAGE_TYPE_METHOD_CALL)
             {
                 return pMessage;
             }
             const IncomingCall call{Text(g_dbus_message_get_sender(pMessage)),
                                     Text(g_dbus_message_get_path(pMessage)),
-                                    INTERFACE_NAME,
                                     Text(g_dbus_message_get_member(pMessage)),
                                     Text(g_dbus_message_get_signature(pMessage)),
                                     Unwrap(g_dbus_message_get_body(pMessage))};
             State& state = **static_cast<std::shared_ptr<State>*>(pUserData);
             const std::lock_guard<std::mutex> lock(state.mutex);
             state.calls.push_back(call);
+            if (Text(g_dbus_message_get_interface(pMessage)) != INTERFACE_NAME)
+            {
+                return pMessage; // such as a query of properties, which nobody should make
+            }
             state.Handle(MessagePtr(pMessage), call.method == "Send"
                                                    ? state.answerer(call)
                                                    : Answer{Answer::NO_VALUE, {}, ""});
