@@ -19,7 +19,12 @@ protected:
     Teardown()
     {
         EXPECT_TRUE(m_service.OwnName(SERVICE_NAME));
-        m_service.AnswerWith({Answer::REPLY, {0}, ""});
+        m_service.AnswerUsing(
+            [this](const IncomingCall& call)
+            {
+                m_service.Post(call.sender, SERVICE_PATH, "Send", Request(2, false));
+                return Answer{Answer::REPLY, {0}, ""};
+            });
     }
 
     // What a child prints; the lines of the library's own log start with "QOR >".
@@ -40,10 +45,13 @@ protected:
         // In this order, among others: the user once, then each function once, by address.
         Lines expected(before);
         expected.insert(expected.end(), {"user", "destroyed 1", "again 0"});
+        EXPECT_EQ(std::count(all.begin(), all.end(), "the other one waits 0"), 0);
         Lines functions;
         std::copy_if(all.begin(), all.end(), std::back_inserter(functions),
                      [](const std::string& line) { return line.rfind("function ", 0) == 0; });
         EXPECT_EQ(functions.size(), 4U);
+        EXPECT_NE(functions.back().find(" /opt/usr/share/vantorix/velkin_qor_policy.xml"),
+                  std::string::npos); // the policy paths go last
         EXPECT_TRUE(std::is_sorted(functions.begin(), functions.end()));
         for (const std::string& function : functions)
         {
@@ -71,14 +79,15 @@ TEST_F(Teardown, UnusedLibraryIsUnmapped)
 TEST_F(Teardown, RunsBeforeAUsedLibraryIsUnmapped)
 {
     ExpectTheTeardown(Run("unload", "use"),
-                      {"policy -1", "events 1", "user refused 0, registered 1", "loaded 1"},
+                      {"events 1", "policy -1", "user refused 0, registered 1", "loaded 1"},
                       {"still loaded 0", "end"});
     EXPECT_EQ(m_service.Count("Send"), 1U); // the policy did go out
 }
 
 TEST_F(Teardown, RunsAtExitToo)
 {
-    ExpectTheTeardown(Run("exit", "use"), {"policy -1", "events 1", "loaded 1", "end"}, {});
+    ExpectTheTeardown(Run("exit", "use"), {"events 1", "policy -1", "loaded 1", "end"},
+                      {"- already destroyed", "the other one is refused too"});
 }
 
 } // namespace

@@ -4,14 +4,19 @@
 //
 // It is not linked with the library. Everything that the teardown calls prints a line.
 #include <dlfcn.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
 
 #include <boost/shared_ptr.hpp>
+#include <glib.h>
 
 #include <qor/ICallbacks.h>
 #include <qor/IControl.h>
@@ -26,6 +31,21 @@ namespace
 void* pLibrary;
 void (*pRegister)(void (*)());
 bool (*pRegisterUser)(qor::TIDestroyCallback&);
+std::string (*pPolicyPath)();
+
+// Registers during the teardown, which it waits for. Only where the code stays: at exit.
+bool hasOther = false;
+std::atomic<bool> isOtherRefused(false);
+std::thread other;
+
+void JoinOther()
+{
+    if (other.joinable())
+    {
+        other.join();
+        printf("the other one is refused too\n");
+    }
+}
 
 template <class TFunction>
 void Find(TFunction*& pFunction, const char* name)
@@ -48,7 +68,7 @@ bool IsMapped()
 template <int N>
 void Teardown()
 {
-    printf("function %p\n", reinterpret_cast<void*>(&Teardown<N>));
+    printf("function %p %s\n", reinterpret_cast<void*>(&Teardown<N>), pPolicyPath().c_str());
     pRegister(&Teardown<100>); // refused, without blocking
 }
 
@@ -57,6 +77,12 @@ struct User : qor::TIDestroyCallback
     void OnDestroy() override
     {
         printf("user\n");
+        if (hasOther)
+        {
+            other = std::thread([] { isOtherRefused = (pRegister(&Teardown<200>), true); });
+            usleep(50000);
+            printf("the other one waits %d\n", !isOtherRefused);
+        }
         printf("again %d\n", pRegisterUser(*this));
     }
 };
@@ -73,9 +99,10 @@ void Use()
     Find(pInstance, "_ZN3qor16TCCallbacksProxy8InstanceEv");
     Find(pDestroy, "_ZN3qor16TCCallbacksProxy7DestroyEv");
     Find(pRegisterUser, "_ZN3qor13TCDeactivator12RegisterUserERNS_17TIDestroyCallbackE");
+    Find(pPolicyPath, "_ZN3qor13TCDirsManager16GetPolicyXmlPathB5cxx11Ev");
     Find(pRegister, "_ZN3qor13TCDeactivator12RegisterDBUSEPFvvE");
-    printf("policy %d\n", pGetControl()->SetPolicy("text"));
     printf("events %d\n", pInstance()->SetPolicyUpdateCb([] {}));
+    printf("policy %d\n", pGetControl()->SetPolicy("text")); // an event comes with the answer
     pDestroy();
     for (void (*const pFunction)() :
          {&Teardown<3>, &Teardown<1>, &Teardown<4>, &Teardown<2>, &Teardown<1>})
@@ -92,19 +119,26 @@ void Use()
 
 int main(int argc, char** argv)
 {
+    std::atexit(&JoinOther); // after the library's teardown
     if (argc < 4 || (pLibrary = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL)) == nullptr)
     {
         fprintf(stderr, "cannot load: %s\n", dlerror());
         return 2;
     }
+    const bool isUnloaded = strcmp(argv[2], "unload") == 0;
     if (strcmp(argv[3], "use") == 0)
     {
+        hasOther = !isUnloaded;
         Use();
     }
     printf("loaded %d\n", IsMapped());
-    if (strcmp(argv[2], "unload") == 0)
+    if (isUnloaded)
     {
         dlclose(pLibrary);
+        for (int i = 0; i < 50; ++i) // what is queued was for a handler that is gone
+        {
+            g_main_context_iteration(nullptr, FALSE);
+        }
         printf("still loaded %d\n", IsMapped());
     }
     printf("end\n");
