@@ -21,8 +21,8 @@ namespace qor
 /// - holds up all further messages of the service while it runs, so it should be quick.
 ///
 /// All operations may be called from any other place and thread. They wait for a function of this
-/// object that is running, and for a synchronous send of the endpoint only as far as name events
-/// do.
+/// object that is running. A synchronous send of the endpoint delays them only if a name event
+/// already waits behind it.
 class QOR_API ICallbacks
 {
 public:
@@ -37,21 +37,22 @@ public:
 
     /// Registers the function that is called when the service has a new policy.
     ///
-    /// An empty function asks the service for the event, which is then answered false; it takes a
-    /// Reset to register another.
+    /// An empty function still subscribes; the service is answered false. Another function can be
+    /// registered only after a Reset.
     ///
-    /// @return false if a function is registered already, which stays, or if the endpoint holds the
-    ///         type otherwise
+    /// @return false if the type is taken, by a function registered here (which stays) or by a
+    ///         callback that was set on the endpoint itself
     virtual bool SetPolicyUpdateCb(const boost::function<void()>& callback) = 0;
 
-    /// Removes the function. When it returns, the function is not running and will not run again.
+    /// Removes the function and unsubscribes. When it returns, the function is not running and will
+    /// not run again.
     ///
-    /// @return whether the endpoint held the type
+    /// @return false if nothing was subscribed
     virtual bool ResetPolicyUpdateCb() = 0;
 
     /// Registers the function that is called when the service asks for process information. The
-    /// service is told that it has been called, whatever it returns. Otherwise like
-    /// SetPolicyUpdateCb.
+    /// service is answered true once it has been called: what the function returns is not passed
+    /// on. Otherwise like SetPolicyUpdateCb.
     virtual bool SetRequestProcessInfoCb(const boost::function<bool()>& callback) = 0;
 
     /// Like ResetPolicyUpdateCb.

@@ -30,8 +30,9 @@ public:
 
     /// Takes a fresh id from a counter that all users of the ids share, and clears the destroyed
     /// flag. The counter goes up by one and its new value is the id, so a counter that starts at 0
-    /// hands out 1, 2, 3 and so on (0 after 4294967295), each once whichever threads ask. The
-    /// increment is atomic and orders no other memory access; the record itself is not guarded.
+    /// hands out 1, 2, 3 and so on (0 after 4294967295). Any number of threads may share the
+    /// counter, and no two get the same id; the increment orders no other memory access. The record
+    /// itself is not guarded.
     ///
     /// @param pCounter  not null
     void SetBufferId(volatile unsigned int* pCounter);

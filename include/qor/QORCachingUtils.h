@@ -18,8 +18,8 @@ namespace qor
 /// the process: the first successful answer for a key is kept, later changes are not seen. A failed
 /// query is not kept; the next call asks again.
 ///
-/// Any thread may call the functions. They run one at a time, and while the platform is asked for a
-/// missing value the others wait. They must not be called while the library is torn down (from
+/// Any thread may call the functions. While one asks the platform for a missing value, calls on
+/// other threads wait for it. They must not be called while the library is torn down (from
 /// TIDestroyCallback::OnDestroy or a function registered with TCDeactivator).
 class QOR_API TCVelkinCachingUtils
 {

@@ -26,9 +26,9 @@ public:
     /// @return the object, or an empty pointer after Destroy
     static boost::shared_ptr<ICallbacks> Instance();
 
-    /// Releases the object and forbids a new one. Not called by the library: a host that unloads
-    /// the library calls it first. Any thread, but not from an application function. A caller that
-    /// still holds the pointer keeps a working object until it lets go.
+    /// Releases the object; Instance returns an empty pointer from then on. The library never calls
+    /// it: a host that unloads the library does so first. Any thread, but not from an application
+    /// function. A caller that still holds the pointer keeps a working object until it lets go.
     static void Destroy();
 
     TCCallbacksProxy();
@@ -58,8 +58,7 @@ private:
     boost::function<void()> m_policyUpdateCb;
     boost::function<bool()> m_requestProcessInfoCb;
     boost::shared_ptr<IDbusClient> m_dbusClient;
-    pthread_mutex_t
-        m_registrationMutex; ///< Needs no destructor, which a forked child might trip over.
+    pthread_mutex_t m_registrationMutex; ///< POSIX: needs no destructor in a forked child.
 
     static boost::shared_ptr<ICallbacks>* const m_pInstance;
     static pthread_rwlock_t m_rwlock;

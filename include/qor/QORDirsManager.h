@@ -19,9 +19,9 @@ class QOR_API TCDirsManager
 {
 public:
     /// Decides where the policy file is. Normally called once, when the service starts; every
-    /// further call decides anew. A stick counts when it is the first USB storage device and has
-    /// velkin/velkin_qor_policy.xml (of any file type) below its mount point. Whatever fails on the
-    /// way leads back to the installed policy; the log says what.
+    /// further call decides anew. Only the first USB storage device is looked at, and only for
+    /// velkin/velkin_qor_policy.xml (of any file type) below its mount point. After any failure the
+    /// installed policy is used, and the log says what failed.
     ///
     /// Asks the platform for its USB devices on a debug image and may block on that; nothing is
     /// locked meanwhile.
@@ -33,9 +33,9 @@ public:
     /// The policy file that the latest Initialize found, or the installed one before the first.
     static std::string GetPolicyXmlPath();
 
-    /// 0: the policy at its default place; 2: the policy on a USB stick. Written by an Initialize
-    /// that has found a first USB device, and only then, so it keeps an earlier value when the
-    /// stick is gone. A plain integer: not synchronised with Initialize on another thread.
+    /// 0: the policy at its default place; 2: the policy on a USB stick. Initialize writes it only
+    /// when it finds a USB storage device; otherwise the value stays, also after the stick is gone.
+    /// A plain integer: do not read it while another thread runs Initialize.
     static int QORMode;
 
 private:

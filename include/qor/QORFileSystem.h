@@ -52,11 +52,13 @@ public:
     /// @param files      the names found are appended, without their directories
     /// @param extension  compared exactly, with its dot (".xml"); empty: files without one
     ///
-    /// @return false when the latest opening of a directory or query of an entry failed; failures
-    ///         before that do not show. What was found stays in files. Nothing is logged.
+    /// @return false when the last step of the walk (opening a directory or asking for an entry's
+    ///         type) failed; an earlier failure is forgotten when a later step succeeds. What was
+    ///         found stays in files. Nothing is logged.
     ///
-    /// @throws boost::filesystem::filesystem_error when the status of an entry cannot be read (an
-    ///         entry that is gone does not count), or a directory cannot be read to its end
+    /// @throws boost::filesystem::filesystem_error when the status of an entry cannot be read, or
+    ///         a directory cannot be read to its end. An entry that has been removed meanwhile is
+    ///         skipped.
     static bool GetFiles(std::vector<boost::filesystem::path>& files, boost::filesystem::path path,
                          std::string extension);
 
@@ -84,8 +86,7 @@ public:
     /// GetFiles does; they add nothing themselves.
     ///
     /// @return 20971520, with an error in the log, when a directory cannot be read to its end; 0,
-    ///         with an error in the log, when the latest opening of a directory or query of an
-    ///         entry failed
+    ///         with an error in the log, when the last step of the walk failed, as in GetFiles
     ///
     /// @throws boost::filesystem::filesystem_error for an entry that is neither a directory nor a
     ///         regular file (a device, a FIFO, a socket, a link that leads nowhere), and for a file
@@ -114,8 +115,10 @@ public:
     ///         the removal failed
     static bool RemoveFile(boost::filesystem::path path);
 
-    /// Removes a directory with all that it contains; links are removed, not followed. After a
-    /// failure, which leaves what could not be removed, as RemoveFile.
+    /// Removes a directory with all that it contains; links are removed, not followed. A failure
+    /// leaves the rest in place.
+    ///
+    /// @return as RemoveFile
     static bool RemoveFolder(boost::filesystem::path path);
 
     /// Sets permission bits and, where both ids are given, the owner.
@@ -131,8 +134,8 @@ public:
     /// Creates a directory and those above it that are missing. Another process may create it at
     /// the same time. An existing directory is left as it is.
     ///
-    /// @param openPermissions  give a directory made here, but none above it, the mode 0777. A file
-    ///                         system that refuses that is a failure, except where the path
+    /// @param openPermissions  sets the mode 0777 on the new directory, but on none above it. Where
+    ///                         the file system refuses that, the call fails, unless the path
     ///                         contains "opt/media/USB".
     /// @return false, with an error in the log, when there is no such directory now or its
     ///         permissions could not be set

@@ -14,8 +14,8 @@ namespace api
 
 /// The process-wide control object, created on first use.
 ///
-/// Creating it connects to the system bus and blocks meanwhile; where that fails the object exists
-/// all the same and its SetPolicy returns -1. The client endpoint behind it belongs to the
+/// Creating it connects to the system bus and blocks meanwhile; if that fails there is an object
+/// all the same, whose SetPolicy returns -1. The client endpoint behind it belongs to the
 /// thread-default main context of the calling thread (normally the process's default context).
 /// The object is released at library unload or process exit; a caller that holds the pointer keeps
 /// a working object until it lets go.

@@ -8,7 +8,7 @@ namespace tools
 namespace
 {
 
-constexpr int g_queryTimeoutMs = 5000;
+constexpr int QUERY_TIMEOUT_MS = 5000;
 
 qor::TGlibPtr<GVariant> AskBus(GDBusConnection* pConnection, const char* method, const char* name,
                                const char* replyType, qor::TGlibPtr<GError>& error)
@@ -17,7 +17,7 @@ qor::TGlibPtr<GVariant> AskBus(GDBusConnection* pConnection, const char* method,
     qor::TGlibPtr<GVariant> reply(g_dbus_connection_call_sync(
         pConnection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
         method, g_variant_new("(s)", name), G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NONE,
-        g_queryTimeoutMs, nullptr, &pError));
+        QUERY_TIMEOUT_MS, nullptr, &pError));
     error.reset(pError);
     return reply;
 }

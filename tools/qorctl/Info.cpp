@@ -14,8 +14,8 @@ namespace qorctl
 namespace
 {
 
-constexpr int g_usbTestMode = 2;
-constexpr char g_unknown[] = "unknown";
+constexpr int USB_TEST_MODE = 2;
+constexpr char UNKNOWN[] = "unknown";
 
 void Print(const char* name, const std::string& value)
 {
@@ -30,13 +30,13 @@ std::string FreeSpace(boost::filesystem::path directory)
         directory = directory.parent_path();
     }
     const int space = qor::TSFileSystem::GetFreeSpaceSize(directory);
-    return space < 0 ? g_unknown : std::to_string(space) + " MiB";
+    return space < 0 ? UNKNOWN : std::to_string(space) + " MiB";
 }
 
 std::string Text(system_info_key_e key)
 {
     std::string value;
-    return qor::TCVelkinCachingUtils::GetSystemInfoKeyCached(key, value) ? value : g_unknown;
+    return qor::TCVelkinCachingUtils::GetSystemInfoKeyCached(key, value) ? value : UNKNOWN;
 }
 
 std::string Number(system_info_key_e key, const char* unit)
@@ -44,7 +44,7 @@ std::string Number(system_info_key_e key, const char* unit)
     int value = 0;
     return qor::TCVelkinCachingUtils::GetSystemInfoKeyCached(key, value)
                ? std::to_string(value) + unit
-               : g_unknown;
+               : UNKNOWN;
 }
 
 } // namespace
@@ -53,7 +53,7 @@ int Info(const TSOptions&)
 {
     qor::TCDirsManager::Initialize();
     const std::string file = qor::TCDirsManager::GetPolicyXmlPath();
-    const bool isUsbTest = qor::TCDirsManager::QORMode == g_usbTestMode;
+    const bool isUsbTest = qor::TCDirsManager::QORMode == USB_TEST_MODE;
     Print("Policy folder", qor::TCDirsManager::GetPolicyPath());
     Print("Policy file", file + (qor::TSFileSystem::FileExists(file) ? "" : " (none yet)"));
     Print("Policy mode", isUsbTest ? "USB test" : "normal");

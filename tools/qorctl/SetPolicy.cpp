@@ -22,7 +22,7 @@ namespace qorctl
 namespace
 {
 
-constexpr std::chrono::seconds g_replyTimeout(10);
+constexpr std::chrono::seconds REPLY_TIMEOUT(10);
 
 // What the archive adds to the text.
 std::size_t ArchiveOverhead()
@@ -53,7 +53,7 @@ std::string WhyNotDelivered(const TSOptions& options, std::size_t size,
     {
         return "the connection to the system bus was closed";
     }
-    if (elapsed >= g_replyTimeout)
+    if (elapsed >= REPLY_TIMEOUT)
     {
         return "the service did not answer within 10 seconds";
     }

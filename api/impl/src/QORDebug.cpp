@@ -53,7 +53,7 @@ public:
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral" // the caller's format is checked at the call
         const int printed =
-            vsnprintf(m_buffer + m_length, BUFFER_SIZE - m_length, format, arguments);
+            std::vsnprintf(m_buffer + m_length, BUFFER_SIZE - m_length, format, arguments);
 #pragma GCC diagnostic pop
         if (printed > 0)
         {
@@ -77,7 +77,7 @@ private:
     void m_Append(std::string_view text)
     {
         const std::size_t taken = std::min(text.size(), BUFFER_SIZE - 1 - m_length);
-        memcpy(m_buffer + m_length, text.data(), taken);
+        std::memcpy(m_buffer + m_length, text.data(), taken);
         m_length += taken;
     }
 
@@ -88,8 +88,8 @@ private:
 // For hosts whose standard output is for something else, and which cannot be changed.
 bool IsStdoutWanted()
 {
-    const char* wanted = getenv("QOR_STDOUT"); // NOLINT(concurrency-mt-unsafe): at load
-    return wanted == nullptr || strcmp(wanted, "0") != 0;
+    const char* wanted = std::getenv("QOR_STDOUT"); // NOLINT(concurrency-mt-unsafe): at load
+    return wanted == nullptr || std::strcmp(wanted, "0") != 0;
 }
 
 } // namespace
@@ -106,7 +106,7 @@ void TCDebug::EnableFileLog(bool enable)
         std::string name(__progname);
         std::replace(name.begin(), name.end(), '/', '_');
         char path[BUFFER_SIZE];
-        snprintf(path, sizeof path, "/tmp/qor_%s_%d.log", name.c_str(), getpid());
+        std::snprintf(path, sizeof path, "/tmp/qor_%s_%d.log", name.c_str(), getpid());
         m_pLogFile = OpenLogFile(path);
         if (m_pLogFile == nullptr)
         {

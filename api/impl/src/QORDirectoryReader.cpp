@@ -56,7 +56,7 @@ int TCDirectoryReader::m_Read()
         {
             return errno;
         }
-    } while (strcmp(m_pEntry->d_name, ".") == 0 || strcmp(m_pEntry->d_name, "..") == 0);
+    } while (std::strcmp(m_pEntry->d_name, ".") == 0 || std::strcmp(m_pEntry->d_name, "..") == 0);
     return 0;
 }
 

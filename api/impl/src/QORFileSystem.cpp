@@ -40,7 +40,7 @@ struct TSFileClose
 {
     void operator()(FILE* pFile) const
     {
-        fclose(pFile);
+        std::fclose(pFile);
     }
 };
 using TFilePtr = std::unique_ptr<FILE, TSFileClose>;
@@ -48,13 +48,13 @@ using TFilePtr = std::unique_ptr<FILE, TSFileClose>;
 // The position at the end of the file, which is then rewound; -1 where there is none that fits.
 std::int32_t FileSize(FILE* pFile)
 {
-    if (fseek(pFile, 0, SEEK_END) != 0)
+    if (std::fseek(pFile, 0, SEEK_END) != 0)
     {
         return -1;
     }
-    const long size = ftell(pFile);
+    const long size = std::ftell(pFile);
     if (size < 0 || size > std::numeric_limits<std::int32_t>::max() ||
-        fseek(pFile, 0, SEEK_SET) != 0)
+        std::fseek(pFile, 0, SEEK_SET) != 0)
     {
         return -1;
     }
@@ -63,7 +63,7 @@ std::int32_t FileSize(FILE* pFile)
 
 bool HasExtension(const char* fileName, const std::string& extension)
 {
-    const char* pDot = strrchr(fileName, '.');
+    const char* pDot = std::strrchr(fileName, '.');
     return extension == (pDot != nullptr ? pDot : "");
 }
 
@@ -176,7 +176,7 @@ int TSFileSystem::GetFreeSpaceSize(fs::path path)
 
 bool TSFileSystem::GetFileContents(const std::string& fileName, std::vector<unsigned char>& data)
 {
-    const TFilePtr file(fopen(fileName.c_str(), "rb"));
+    const TFilePtr file(std::fopen(fileName.c_str(), "rb"));
     if (!file)
     {
         QOR_LOG_DEBUG("File %s opening failed", fileName.c_str());
@@ -194,7 +194,7 @@ bool TSFileSystem::GetFileContents(const std::string& fileName, std::vector<unsi
         return false;
     }
     std::vector<unsigned char> buffer(static_cast<std::size_t>(size));
-    if (fread(buffer.data(), buffer.size(), 1, file.get()) != 1)
+    if (std::fread(buffer.data(), buffer.size(), 1, file.get()) != 1)
     {
         QOR_LOG_ERROR("Error reading file: %s", fileName.c_str());
         return false;

@@ -95,7 +95,7 @@ private:
 };
 
 // How much standard output holds back, when all of that is ours. Guarded by the stream's lock.
-std::size_t ownTail = 0;
+std::size_t g_ownTail = 0;
 
 // Whether the stream takes a text in without writing.
 bool HasRoom(FILE* pFile, std::size_t size)
@@ -105,14 +105,14 @@ bool HasRoom(FILE* pFile, std::size_t size)
 
 void FlushOwnTail()
 {
-    if (ownTail == 0 || ftrylockfile(stdout) != 0)
+    if (g_ownTail == 0 || ftrylockfile(stdout) != 0)
     {
         return;
     }
-    if (__fpending(stdout) == ownTail)
+    if (__fpending(stdout) == g_ownTail)
     {
         const TCWriteSignals signals;
-        fflush(stdout);
+        std::fflush(stdout);
         signals.Settle(stdout);
     }
     funlockfile(stdout);
@@ -132,7 +132,7 @@ struct TSLastFlush
     }
 };
 
-__attribute__((init_priority(101))) const TSLastFlush lastFlush;
+__attribute__((init_priority(101))) const TSLastFlush g_lastFlush;
 
 } // namespace
 
@@ -171,8 +171,8 @@ void PrintToFile(FILE* pFile, std::string_view line)
 {
     const TCStreamLock lock(pFile);
     const TCWriteSignals signals;
-    fwrite(line.data(), 1, line.size(), pFile);
-    fflush(pFile);
+    std::fwrite(line.data(), 1, line.size(), pFile);
+    std::fflush(pFile);
     signals.Settle(pFile);
 }
 
@@ -180,18 +180,18 @@ void PrintToStdout(std::string_view line)
 {
     const TCStreamLock lock(stdout);
     const std::size_t before = __fpending(stdout);
-    const bool isOurs = before == 0 || before == ownTail;
+    const bool isOurs = before == 0 || before == g_ownTail;
     if (HasRoom(stdout, line.size()))
     {
-        fwrite(line.data(), 1, line.size(), stdout);
+        std::fwrite(line.data(), 1, line.size(), stdout);
     }
     else
     {
         const TCWriteSignals signals;
-        fwrite(line.data(), 1, line.size(), stdout);
+        std::fwrite(line.data(), 1, line.size(), stdout);
         signals.Settle(stdout);
     }
-    ownTail = isOurs ? __fpending(stdout) : 0;
+    g_ownTail = isOurs ? __fpending(stdout) : 0;
 }
 
 } // namespace qor
