@@ -1,6 +1,7 @@
 # What an installation holds, in three components: runtime (the libraries), dev (what it takes to
-# build against them) and tools (the service, the command line, and what the bus and the service
-# manager need of them). Everything is found relative to where it stands, so any prefix works.
+# build against them) and, where they are built, tools (the service, the command line, and what the
+# bus and the service manager need of them). Everything is found relative to where it stands, so any
+# prefix works.
 
 option(QOR_INSTALL_RPATH "Installed binaries find the libraries beside them, whatever the prefix" ON)
 
@@ -13,14 +14,15 @@ endif()
 if(QOR_INSTALL_RPATH)
     file(RELATIVE_PATH _to_lib "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
     set_target_properties(${QOR_LIBRARY_TARGETS} PROPERTIES INSTALL_RPATH "$ORIGIN")
-    set_target_properties(qord qorctl PROPERTIES INSTALL_RPATH "$ORIGIN/${_to_lib}")
+    if(QOR_BUILD_TOOLS)
+        set_target_properties(qord qorctl PROPERTIES INSTALL_RPATH "$ORIGIN/${_to_lib}")
+    endif()
 endif()
 
 install(TARGETS ${QOR_LIBRARY_TARGETS}
     EXPORT QORTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qor/platform)
-install(TARGETS qord qorctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 
 install(DIRECTORY include/qor DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 if(TARGET qor-platform)
@@ -29,9 +31,9 @@ if(TARGET qor-platform)
 endif()
 
 include(CMakePackageConfigHelpers)
-configure_package_config_file(cmake/QORConfig.cmake.in QORConfig.cmake
+configure_package_config_file(cmake/QORConfig.cmake.in ${PROJECT_BINARY_DIR}/QORConfig.cmake
     INSTALL_DESTINATION ${QOR_CMAKE_DIR})
-write_basic_package_version_file(QORConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/QORConfigVersion.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/QORConfig.cmake ${PROJECT_BINARY_DIR}/QORConfigVersion.cmake
     DESTINATION ${QOR_CMAKE_DIR} COMPONENT dev)
 install(EXPORT QORTargets NAMESPACE QOR:: DESTINATION ${QOR_CMAKE_DIR} COMPONENT dev)
@@ -39,6 +41,11 @@ install(EXPORT QORTargets NAMESPACE QOR:: DESTINATION ${QOR_CMAKE_DIR} COMPONENT
 file(RELATIVE_PATH QOR_PC_PREFIX "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
 configure_file(cmake/qor.pc.in qor.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qor.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+
+if(NOT QOR_BUILD_TOOLS)
+    return()
+endif()
+install(TARGETS qord qorctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 
 # --- The service on the bus ----------------------------------------------------------------------
 set(QOR_BUS_DIR ${CMAKE_INSTALL_DATADIR}/dbus-1)
