@@ -162,7 +162,7 @@ TEST_F(Debug, HostGetsNoSignalForALineAndKeepsItsOwn)
 
 TEST_F(Debug, LinesAndMarkersAreCutOffAt255Characters)
 {
-    for (const std::size_t length : {242, 243, 244, 300})
+    for (const std::size_t length : {242U, 243U, 244U, 300U})
     {
         const std::string text(length, 'x');
         const std::string expected = ("QOR >C:F:1< " + text).substr(0, 255);
