@@ -24,7 +24,7 @@ protected:
                 const std::string& program = QORCTL)
     {
         m_options.workingDirectory = m_directory.Path();
-        const Outcome outcome = RunTool("sh", {"-c", program + " " + line}, m_options);
+        const Outcome outcome = RunTool("sh", {"-c", "'" + program + "' " + line}, m_options);
         const std::string said = outcome.out + outcome.err;
         EXPECT_EQ(outcome.exitCode, exitCode) << line;
         EXPECT_NE(said.find(words), std::string::npos) << line << said;
@@ -42,7 +42,7 @@ protected:
 TEST_F(Tools, PoliciesAreStoredWholeOrRefusedUnsent)
 {
     auto qord = StartQord({"--keep", "1"});
-    Expect(0, "stored", "set-policy " SAMPLE_POLICY);
+    Expect(0, "stored", "set-policy '" SAMPLE_POLICY "'");
     EXPECT_EQ(StoredPolicy(), ReadFile(SAMPLE_POLICY));
     SetPolicy(1, "not well-formed", "<a><b></a>");
     const std::string large = "<p>" + std::string(5 << 20, 'x') + "</p>";
@@ -57,7 +57,7 @@ TEST_F(Tools, PoliciesAreStoredWholeOrRefusedUnsent)
     EXPECT_EQ(control->SetPolicy("<next/>"), 0);
     EXPECT_EQ(StoredPolicy(), "<next/>");
     EXPECT_EQ(CountOf(qord->Err(), "\n"), 1U) << qord->Err(); // the malformed one
-    Expect(0, "QOR >", "--verbose set-policy " SAMPLE_POLICY);
+    Expect(0, "QOR >", "--verbose set-policy '" SAMPLE_POLICY "'");
 }
 
 TEST_F(Tools, ServiceKilledInTheMiddleOfACallAndRestarted)
