@@ -155,7 +155,7 @@ TEST_F(Fault, RefusalsOfTheDiskAndOfTheLimitKeepTheOldPolicy)
 
 TEST_F(Fault, FileSizeLimitIsAFailedWriteAndNotTheEndOfTheService)
 {
-    auto qord = StartTool("sh", {"-c", "ulimit -f 16 && exec " QORD " --policy " + m_policyFile});
+    auto qord = StartTool("sh", {"-c", "ulimit -f 16 && exec '" QORD "' --policy " + m_policyFile});
     ASSERT_TRUE(qord->WaitForOut("ready")) << qord->Err();
     ExpectResult(qor::POLICY_STORED, "<old/>");
     ExpectResult(qor::POLICY_NOT_STORED, "<p>" + std::string(100000, 'x') + "</p>");
@@ -169,7 +169,7 @@ TEST_F(Fault, FullAndReadOnlyFileSystemsKeepTheOldPolicy)
     const std::string mountPoint = m_directory.Path();
     auto qord = StartTool("unshare", {"--mount", "sh", "-c",
                                       "mount -t tmpfs -o size=128k none " + mountPoint +
-                                          " && exec " QORD " --policy " + m_policyFile});
+                                          " && exec '" QORD "' --policy " + m_policyFile});
     if (!qord->WaitForOut("ready"))
     {
         GTEST_SKIP() << "mounting takes privileges: " << qord->Err();
