@@ -87,7 +87,7 @@ TEST_F(Fault, WhoSendsMoreThanTheBusTakesIsCutOffAndTheNextOneWorks)
         peer.PostHello(SERVICE_NAME, {2});
         ASSERT_TRUE(PumpUntil([&] { return server->NumberOfClients() == 1; }));
         EXPECT_EQ(server->SendMessage(2, isTooMuch ? tooMuch : Bytes(), 5000),
-                  isTooMuch ? std::make_pair(0UL, 1UL) : std::make_pair(1UL, 0UL));
+                  std::make_pair(std::size_t(!isTooMuch), std::size_t(isTooMuch)));
         server.reset();
         ASSERT_TRUE(SharedConnectionIsLetGo());
     }
