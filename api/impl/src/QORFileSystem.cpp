@@ -11,6 +11,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <new>
 #include <queue>
 #include <utility>
 
@@ -193,7 +194,16 @@ bool TSFileSystem::GetFileContents(const std::string& fileName, std::vector<unsi
         QOR_LOG_ERROR("Error reading file: %s", fileName.c_str());
         return false;
     }
-    std::vector<unsigned char> buffer(static_cast<std::size_t>(size));
+    std::vector<unsigned char> buffer;
+    try
+    {
+        buffer.resize(static_cast<std::size_t>(size));
+    }
+    catch (const std::bad_alloc&) // on a 32-bit processor already for a directory
+    {
+        QOR_LOG_ERROR("Error reading file: %s", fileName.c_str());
+        return false;
+    }
     if (std::fread(buffer.data(), buffer.size(), 1, file.get()) != 1)
     {
         QOR_LOG_ERROR("Error reading file: %s", fileName.c_str());
