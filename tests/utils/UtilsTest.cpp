@@ -6,6 +6,9 @@
 
 #include <atomic>
 #include <cstring>
+#include <map>
+#include <random>
+#include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
