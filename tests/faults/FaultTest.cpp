@@ -60,6 +60,10 @@ TEST_F(Fault, HostOutlivesTheBusAndANewServiceLearnsItAgain)
 // The daemon closes the connection of who sends too much.
 TEST_F(Fault, WhoSendsMoreThanTheBusTakesIsCutOffAndTheNextOneWorks)
 {
+    if (getenv("QOR_TEST_BUS") != nullptr)
+    {
+        GTEST_SKIP() << "dbus-broker takes messages of any size";
+    }
     PrivateBus::Options options;
     options.maxMessageSize = 1 << 20;
     m_pBus = std::make_unique<PrivateBus>(options);

@@ -24,7 +24,7 @@ start_bus() {
     . "$(dirname "${BASH_SOURCE[0]}")/../../scripts/closed-bus"
     mkdir -p "$work/system.d" "$work/services"
     closed_bus "$work" >"$work/bus.conf"
-    dbus-daemon --config-file="$work/bus.conf" --nofork >"$work/bus.log" 2>&1 &
+    "${QOR_TEST_BUS:-dbus-daemon}" --config-file="$work/bus.conf" --nofork >"$work/bus.log" 2>&1 &
     pids+=($!)
     wait_for "the bus" test -S "$work/bus"
     export DBUS_SYSTEM_BUS_ADDRESS="unix:path=$work/bus"

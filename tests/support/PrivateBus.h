@@ -57,10 +57,11 @@ public:
     /// A new daemon on the same address, after Kill.
     void Restart()
     {
+        const char* const pOther = getenv("QOR_TEST_BUS"); // takes the daemon's options
         // The daemon prints its address when it listens.
         m_daemon = std::make_unique<ChildProcess>(std::vector<std::string>{
-            QOR_DBUS_DAEMON, "--nofork", "--nopidfile", "--nosyslog", "--print-address=1",
-            "--config-file=" + m_directory.Path("bus.conf")});
+            pOther != nullptr ? pOther : QOR_DBUS_DAEMON, "--nofork", "--nopidfile", "--nosyslog",
+            "--print-address=1", "--config-file=" + m_directory.Path("bus.conf")});
         if (!m_daemon->WaitForOut("\n"))
         {
             throw std::runtime_error("dbus-daemon does not start: " + m_daemon->Err());
