@@ -2,30 +2,23 @@
 #include <iostream>
 #include <thread>
 
-#include <boost/archive/binary_iarchive.hpp>
-#include <boost/archive/binary_oarchive.hpp>
-#include <boost/serialization/string.hpp>
 #include <glib.h>
 
 #include <qor/ICallbacks.h>
+#include <qor/PolicyMessage.h>
 #include <qor/QORDbusServer.h>
-#include <qor/QORIpcSerializationUtil.h>
 
 static bool TakePolicy(const qor::TByteArray& request, qor::TByteArray& reply)
-try
 {
-    std::stringstream in, out;
-    std::string policy;
-    qor::TCIpcSerializationUtil::ConvertData(request, in);
-    boost::archive::binary_iarchive(in) >> policy;
+    std::string policy, error;
+    if (qor::ReadPolicyRequest(request, policy, error) != qor::EPolicyRequest::GOOD)
+    {
+        std::cerr << "not a policy: " << error << std::endl;
+        return false;
+    }
     std::cout << "a policy of " << policy.size() << " bytes" << std::endl;
-    boost::archive::binary_oarchive(out) << 0; // the result code
-    qor::TCIpcSerializationUtil::ConvertData(out, reply);
+    qor::WritePolicyReply(qor::POLICY_STORED, reply);
     return true;
-}
-catch (const std::exception&)
-{
-    return false; // not a policy; nothing may be thrown out of here
 }
 
 // On a thread of its own, so that an application that is slow to answer holds up no request.
@@ -45,6 +38,6 @@ int main()
         // Announced after the reply: a client that waits for one is not called.
         return TakePolicy(request, reply) && g_idle_add(Announce, &server) != 0;
     };
-    server.SetCallback(4, onPolicy);
+    server.SetCallback(qor::SET_POLICY, onPolicy);
     g_main_loop_run(g_main_loop_new(nullptr, FALSE)); // requests arrive in here
 }

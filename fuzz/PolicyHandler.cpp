@@ -5,12 +5,10 @@
 
 #include <boost/filesystem.hpp>
 
-#include <qor/PolicyResult.h>
+#include <qor/PolicyMessage.h>
 
 #include "FuzzTarget.h"
-#include "QORPolicyMessage.h"
 #include "qord/PolicyHandler.h"
-#include "qord/PolicyRequest.h"
 
 namespace
 {
@@ -79,7 +77,9 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size)
     {
         std::string policy;
         std::string error;
-        qorfuzz::Require(qord::DecodePolicyRequest(request, policy, error) && after == policy,
+        qorfuzz::Require(qor::ReadPolicyRequest(request, policy, error) ==
+                                 qor::EPolicyRequest::GOOD &&
+                             after == policy,
                          "a stored policy is the one that was sent");
         qorfuzz::Require(policy.size() <= g_maxPolicySize, "a stored policy is within the limit");
     }

@@ -1,9 +1,9 @@
 // Reading of the reply to a policy.
 #include <boost/archive/archive_exception.hpp>
 
+#include <qor/PolicyMessage.h>
+
 #include "FuzzTarget.h"
-#include "QORPolicyMessage.h"
-#include "qord/PolicyRequest.h"
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size)
 {
@@ -17,7 +17,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size)
         return 0; // anything else is a finding
     }
     qor::TByteArray written;
-    qord::EncodePolicyResult(result, written);
+    qor::WritePolicyReply(result, written);
     qorfuzz::Require(qor::ReadPolicyReply(written) == result,
                      "a result that was read is written and read again as the same");
     return 0;

@@ -23,7 +23,7 @@ public:
     /// @return the service's result code; -1 when the message brought no successful reply (no
     ///         service, an error on the bus, a timeout, a text that does not fit into one bus
     ///         message, or a service that refused). The log says which. The codes of the reference
-    ///         service are in qor/PolicyResult.h.
+    ///         service are in qor/PolicyMessage.h.
     ///
     /// @throws boost::archive::archive_exception when a successful reply cannot be read
     virtual int SetPolicy(const std::string& policy) = 0;

@@ -2,7 +2,7 @@
 #include <csignal>
 #include <random>
 
-#include <qor/PolicyResult.h>
+#include <qor/PolicyMessage.h>
 #include <qor/QORDbusClient.h>
 #include <qor/QORDbusServer.h>
 

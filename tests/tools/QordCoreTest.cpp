@@ -3,7 +3,7 @@
 #include <future>
 #include <sstream>
 
-#include <boost/archive/binary_oarchive.hpp>
+#include <boost/archive/archive_exception.hpp>
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -12,10 +12,9 @@
 #include "ChildProcess.h"
 #include "MainContext.h"
 #include "qord/Announcer.h"
-#include "qord/PolicyRequest.h"
 #include "qord/PolicyStore.h"
 #include "qord/PolicyXml.h"
-#include <qor/QORIpcSerializationUtil.h>
+#include <qor/PolicyMessage.h>
 
 namespace fs = boost::filesystem;
 using namespace qortest;
@@ -51,43 +50,44 @@ TEST(Announcer, DeliversAtMostOnceMoreAndItsEndWaitsForOneDelivery)
     EXPECT_EQ(begun, (std::vector<int>{2, 2, 4, 7}));
 }
 
-static qor::TByteArray Archive(const std::string& text)
+TEST(PolicyMessage, AnythingButOneWholeTextIsRefused)
 {
-    std::stringstream stream;
-    boost::archive::binary_oarchive archive(stream);
-    archive << text;
-    qor::TByteArray bytes;
-    qor::TCIpcSerializationUtil::ConvertData(stream, bytes);
-    return bytes;
-}
-
-TEST(PolicyRequest, AnythingButOneWholeTextIsRefused)
-{
+    using qor::EPolicyRequest;
     std::string policy, error;
+    qor::TByteArray request;
     const std::string text = std::string("a\0b\xff\n", 5) + std::string(5 << 20, 'x');
-    EXPECT_TRUE(qord::DecodePolicyRequest(Archive(text), policy, error)) << error;
+    qor::WritePolicyRequest(text, request);
+    EXPECT_EQ(qor::ReadPolicyRequest(request, policy, error, text.size()), EPolicyRequest::GOOD);
     EXPECT_TRUE(policy == text);
-    const auto isRefused = [&](const qor::TByteArray& request)
+    const auto isRefused = [&](const qor::TByteArray& bytes, EPolicyRequest reason)
     {
         policy = "untouched";
-        return !qord::DecodePolicyRequest(request, policy, error) && policy == "untouched";
+        return qor::ReadPolicyRequest(bytes, policy, error, 9) == reason && policy == "untouched";
     };
-    const qor::TByteArray request = Archive("<policy/>");
+    EXPECT_TRUE(isRefused(request, EPolicyRequest::TOO_LARGE));
+    request.push_back('x');
+    EXPECT_TRUE(isRefused(request, EPolicyRequest::NOT_A_POLICY));
+    qor::WritePolicyRequest("<policy/>", request);
     const std::size_t lengthAt = request.size() - strlen("<policy/>") - sizeof(std::size_t);
-    EXPECT_TRUE(isRefused(qor::TByteArray(4096, 0)));
+    EXPECT_TRUE(isRefused(qor::TByteArray(4096, 0), EPolicyRequest::NOT_A_POLICY));
     for (std::size_t size = 0; size < request.size(); ++size)
     {
-        EXPECT_TRUE(isRefused({request.begin(), request.begin() + static_cast<long>(size)}));
+        const qor::TByteArray part(request.begin(), request.begin() + static_cast<long>(size));
+        EXPECT_TRUE(isRefused(part, EPolicyRequest::NOT_A_POLICY)) << size;
     }
     // Whoever allocates a declared length throws, or is ended by a sanitizer.
     for (const std::size_t length : {std::size_t(8), ~std::size_t(0) / 3, ~std::size_t(0)})
     {
         qor::TByteArray changed = request;
         std::memcpy(changed.data() + lengthAt, &length, sizeof length);
-        EXPECT_TRUE(isRefused(changed)) << length;
+        EXPECT_TRUE(isRefused(changed, EPolicyRequest::NOT_A_POLICY)) << length;
         std::memcpy(changed.data(), &length, sizeof length); // of the archive's signature
-        EXPECT_TRUE(isRefused(changed)) << length;
+        EXPECT_TRUE(isRefused(changed, EPolicyRequest::NOT_A_POLICY)) << length;
     }
+    request.erase(request.begin() + 4, request.begin() + 8); // the length as 32 bits have it
+    EXPECT_TRUE(isRefused(request, EPolicyRequest::NOT_A_POLICY));
+    EXPECT_NE(error.find("another word size"), std::string::npos) << error;
+    EXPECT_THROW(qor::ReadPolicyReply(request), boost::archive::archive_exception);
 }
 
 TEST(PolicyXml, OneWholeElementIsWellFormed)

@@ -1,13 +1,10 @@
 // qorctl set-policy: hands the service a new policy and puts the outcome into words.
 #include <chrono>
-#include <sstream>
 
 #include <boost/archive/archive_exception.hpp>
-#include <boost/archive/binary_oarchive.hpp>
 #include <gio/gio.h>
 
-#include <qor/PolicyResult.h>
-#include <qor/QORDbus.h>
+#include <qor/PolicyMessage.h>
 #include <qor/QORDbusClient.h>
 #include <qor/api.h>
 
@@ -24,16 +21,6 @@ namespace
 
 constexpr std::chrono::seconds REPLY_TIMEOUT(10);
 
-// What the archive adds to the text.
-std::size_t ArchiveOverhead()
-{
-    std::stringstream stream;
-    boost::archive::binary_oarchive archive(stream);
-    const std::string empty;
-    archive << empty;
-    return stream.str().size();
-}
-
 std::string WhyNotDelivered(const TSOptions& options, std::size_t size,
                             std::chrono::steady_clock::duration elapsed)
 {
@@ -43,11 +30,11 @@ std::string WhyNotDelivered(const TSOptions& options, std::size_t size,
     {
         return "there is no system bus: " + error;
     }
-    const std::size_t limit = qor::TCDbus::MaxPayload() - ArchiveOverhead();
-    if (size > limit)
+    if (size > qor::MaxPolicySize())
     {
         return "its " + std::to_string(size) +
-               " bytes do not fit into one bus message, which takes " + std::to_string(limit);
+               " bytes do not fit into one bus message, which takes " +
+               std::to_string(qor::MaxPolicySize());
     }
     if (g_dbus_connection_is_closed(connection.get()) != FALSE)
     {
@@ -82,6 +69,12 @@ int Report(const TSOptions& options, int result, std::size_t size)
         return tools::EXIT_REFUSED;
     case qor::POLICY_NOT_STORED:
         SayError("the service refused the policy: it could not store it");
+        return tools::EXIT_REFUSED;
+    case qor::POLICY_STATE_UNKNOWN:
+        SayError("the service's disk failed half-way: which policy is in force is not known");
+        return tools::EXIT_REFUSED;
+    case qor::POLICY_NOT_PERMITTED:
+        SayError("the service refused the policy: this user may not change it");
         return tools::EXIT_REFUSED;
     case qor::POLICY_TOO_LARGE:
         SayError("the service refused the policy: its " + std::to_string(size) +

@@ -3,9 +3,6 @@
 
 #include <utility>
 
-#include <qor/PolicyResult.h>
-
-#include "qord/PolicyRequest.h"
 #include "qord/PolicyXml.h"
 #include "qord/Report.h"
 
@@ -24,42 +21,32 @@ bool TCPolicyHandler::Handle(const qor::TByteArray& request, qor::TByteArray& re
     {
         return false;
     }
-    EncodePolicyResult(result, reply);
+    qor::WritePolicyReply(result, reply);
     return true;
 }
 
 bool TCPolicyHandler::m_Decide(const qor::TByteArray& request, int& result) const
 {
-    // From the size alone: what is too large is not copied.
-    if (PolicySize(request) > m_maxPolicySize)
-    {
-        result = m_RefuseSize(PolicySize(request));
-        return true;
-    }
     std::string policy;
     std::string error;
-    if (!DecodePolicyRequest(request, policy, error))
+    switch (qor::ReadPolicyRequest(request, policy, error, m_maxPolicySize))
     {
-        ReportError("a request of %zu bytes is not a policy: %s", request.size(), error.c_str());
-        return false;
+    case qor::EPolicyRequest::GOOD:
+        result = m_CheckAndStore(policy);
+        return true;
+    case qor::EPolicyRequest::TOO_LARGE:
+        ReportError("a policy is too large: %s", error.c_str());
+        result = qor::POLICY_TOO_LARGE;
+        return true;
+    case qor::EPolicyRequest::NOT_A_POLICY:
+        break;
     }
-    result = m_CheckAndStore(policy);
-    return true;
-}
-
-int TCPolicyHandler::m_RefuseSize(std::size_t size) const
-{
-    ReportError("a policy of %zu bytes is too large: at most %zu are accepted", size,
-                m_maxPolicySize);
-    return qor::POLICY_TOO_LARGE;
+    ReportError("a request of %zu bytes is not a policy: %s", request.size(), error.c_str());
+    return false;
 }
 
 int TCPolicyHandler::m_CheckAndStore(const std::string& policy) const
 {
-    if (policy.size() > m_maxPolicySize)
-    {
-        return m_RefuseSize(policy.size());
-    }
     std::string error;
     if (!IsWellFormedPolicy(policy, error))
     {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <string>
 
+#include <qor/PolicyMessage.h>
 #include <qor/Types.h>
 
 #include "qord/PolicyStore.h"
@@ -26,7 +27,6 @@ public:
 
 private:
     bool m_Decide(const qor::TByteArray& request, int& result) const;
-    int m_RefuseSize(std::size_t size) const;
     int m_CheckAndStore(const std::string& policy) const;
 
     TCPolicyStore m_store;

@@ -9,12 +9,11 @@
 #include <systemd/sd-daemon.h>
 
 #include <qor/ICallbacks.h>
-#include <qor/PolicyResult.h>
+#include <qor/PolicyMessage.h>
 
 #include "common/Events.h"
 #include "common/ExitStatus.h"
 #include "common/SystemBus.h"
-#include "qord/PolicyRequest.h"
 #include "qord/Report.h"
 
 namespace qord
@@ -77,7 +76,7 @@ bool TCService::m_Start()
         return false;
     }
     m_announcer = std::make_unique<TCAnnouncer>([this](int type) { m_Deliver(type); });
-    m_server->SetCallback(g_setPolicyType,
+    m_server->SetCallback(qor::SET_POLICY,
                           [this](const qor::TByteArray& request, qor::TByteArray& reply)
                           { return m_OnSetPolicy(request, reply); });
     // The server has asked for the name before, on the same connection: the watch's first report

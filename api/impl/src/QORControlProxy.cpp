@@ -1,12 +1,12 @@
 // The process-wide control object and the application's way to it.
 #include "QORControlProxy.h"
 
+#include <qor/PolicyMessage.h>
 #include <qor/QORDbusClient.h>
 #include <qor/QORDeactivator.h>
 #include <qor/api.h>
 
 #include "QORLog.h"
-#include "QORPolicyMessage.h"
 #include "QORProxySingleton.h"
 
 namespace qor
@@ -15,7 +15,6 @@ namespace qor
 namespace
 {
 
-constexpr int SET_POLICY = 4; // client to service; numbers are per direction
 constexpr int NOT_DELIVERED = -1;
 
 } // namespace

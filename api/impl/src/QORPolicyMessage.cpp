@@ -1,16 +1,19 @@
-// The payloads of the message that carries a policy to the service, and of its reply.
-#include "QORPolicyMessage.h"
+// The message that hands the service a policy, and its answer.
+#include <qor/PolicyMessage.h>
 
-#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <sstream>
 #include <streambuf>
+#include <type_traits>
 
 #include <boost/archive/archive_exception.hpp>
+#include <boost/archive/basic_archive.hpp>
 #include <boost/archive/binary_iarchive.hpp>
 #include <boost/archive/binary_oarchive.hpp>
 #include <boost/serialization/string.hpp>
 
+#include <qor/QORDbus.h>
 #include <qor/QORIpcSerializationUtil.h>
 
 namespace qor
@@ -19,15 +22,17 @@ namespace qor
 namespace
 {
 
-// What an archive writes beside a string's bytes: its own header and the string's length.
+using boost::archive::archive_exception;
+
+// More than what an archive writes beside a string's bytes: its own header and the string's length.
 constexpr std::size_t ARCHIVE_ROOM = 64;
 
-// Lets an archive write straight into a byte array. A policy may be large, and a string stream
-// would hold it twice more on the way.
-class TCByteArrayBuffer : public std::streambuf
+// The two below let an archive work on a byte array itself. A policy may be large, and a string
+// stream would hold it twice more on the way.
+class TCByteArrayWriter : public std::streambuf
 {
 public:
-    explicit TCByteArrayBuffer(TByteArray& bytes) : m_bytes(bytes) {}
+    explicit TCByteArrayWriter(TByteArray& bytes) : m_bytes(bytes) {}
 
 protected:
     std::streamsize xsputn(const char* pText, std::streamsize count) override
@@ -49,22 +54,62 @@ private:
     TByteArray& m_bytes;
 };
 
-// An archive begins with the length of its signature, and opening it allocates that much before it
-// looks at the signature. A length that the reply cannot hold is no archive's, so it ends the same
-// way as any other wrong signature, but without the allocation.
-void RefuseOverlongSignature(const TByteArray& reply)
+class TCByteArrayReader : public std::streambuf
 {
-    std::size_t length = 0;
-    if (reply.size() < sizeof length)
+public:
+    explicit TCByteArrayReader(const TByteArray& bytes)
+    {
+        // It is not written to: a buffer without a put area takes nothing.
+        char* pBytes = reinterpret_cast<char*>(const_cast<unsigned char*>(bytes.data()));
+        setg(pBytes, pBytes, pBytes + bytes.size());
+    }
+
+    std::size_t Remaining() const
+    {
+        return static_cast<std::size_t>(egptr() - gptr());
+    }
+};
+
+template <class TLength>
+bool OpensWithSignature(const TByteArray& bytes)
+{
+    const std::string signature = boost::archive::BOOST_ARCHIVE_SIGNATURE();
+    TLength length = 0;
+    if (bytes.size() < sizeof length + signature.size())
+    {
+        return false;
+    }
+    std::memcpy(&length, bytes.data(), sizeof length);
+    return length == signature.size() &&
+           std::memcmp(bytes.data() + sizeof length, signature.data(), length) == 0;
+}
+
+// An archive begins with its signature as a string, and the archive class allocates whatever length
+// that string declares. So this is looked at before the class sees the bytes.
+void CheckSignature(const TByteArray& bytes)
+{
+    using TForeignLength =
+        std::conditional_t<sizeof(std::size_t) == 8, std::uint32_t, std::uint64_t>;
+    if (OpensWithSignature<std::size_t>(bytes))
     {
         return;
     }
-    memcpy(&length, reply.data(), sizeof length);
-    if (length > reply.size() - sizeof length)
+    if (OpensWithSignature<TForeignLength>(bytes))
     {
-        throw boost::archive::archive_exception(
-            boost::archive::archive_exception::invalid_signature);
+        throw archive_exception(archive_exception::incompatible_native_format,
+                                "written by a process of another word size");
     }
+    throw archive_exception(archive_exception::invalid_signature);
+}
+
+// Positions the reader behind the archive's header and the text's length.
+std::size_t ReadTextLength(const TByteArray& request, TCByteArrayReader& reader)
+{
+    CheckSignature(request);
+    boost::archive::binary_iarchive archive(reader);
+    std::size_t length = 0;
+    archive.load_binary(&length, sizeof length);
+    return length;
 }
 
 } // namespace
@@ -73,20 +118,65 @@ void WritePolicyRequest(const std::string& policy, TByteArray& request)
 {
     request.clear();
     request.reserve(policy.size() + ARCHIVE_ROOM);
-    TCByteArrayBuffer buffer(request);
-    boost::archive::binary_oarchive archive(buffer);
+    TCByteArrayWriter writer(request);
+    boost::archive::binary_oarchive archive(writer);
     archive << policy;
+}
+
+EPolicyRequest ReadPolicyRequest(const TByteArray& request, std::string& policy, std::string& error,
+                                 std::size_t maxSize)
+{
+    TCByteArrayReader reader(request);
+    std::size_t length = 0;
+    try
+    {
+        length = ReadTextLength(request, reader);
+    }
+    catch (const archive_exception& exception)
+    {
+        error = exception.what();
+        return EPolicyRequest::NOT_A_POLICY;
+    }
+    if (length != reader.Remaining())
+    {
+        error = "it declares " + std::to_string(length) + " bytes of text and carries " +
+                std::to_string(reader.Remaining());
+        return EPolicyRequest::NOT_A_POLICY;
+    }
+    if (length > maxSize)
+    {
+        error = "its " + std::to_string(length) + " bytes are more than the " +
+                std::to_string(maxSize) + " that are accepted";
+        return EPolicyRequest::TOO_LARGE;
+    }
+    policy.assign(request.end() - static_cast<std::ptrdiff_t>(length), request.end());
+    return EPolicyRequest::GOOD;
+}
+
+void WritePolicyReply(int result, TByteArray& reply)
+{
+    reply.clear();
+    TCByteArrayWriter writer(reply);
+    boost::archive::binary_oarchive archive(writer);
+    archive << result;
 }
 
 int ReadPolicyReply(const TByteArray& reply)
 {
-    RefuseOverlongSignature(reply);
     std::stringstream stream;
     TCIpcSerializationUtil::ConvertData(reply, stream);
+    CheckSignature(reply);
     boost::archive::binary_iarchive archive(stream);
     int result = 0;
     archive >> result;
     return result;
+}
+
+std::size_t MaxPolicySize()
+{
+    TByteArray empty;
+    WritePolicyRequest("", empty);
+    return TCDbus::MaxPayload() - empty.size();
 }
 
 } // namespace qor

@@ -1,0 +1,81 @@
+// The message that hands the service a policy, and its answer: number, result codes, bytes.
+#ifndef QOR_POLICYMESSAGE_H
+#define QOR_POLICYMESSAGE_H
+
+#include <cstddef>
+#include <string>
+
+#include <qor/Export.h>
+#include <qor/Types.h>
+
+namespace qor
+{
+
+/// The message type, from client to service.
+constexpr int SET_POLICY = 4;
+
+/// Result codes of qord for a policy handed over with IControl::SetPolicy. The library carries any
+/// integer; another service may use codes of its own. -1 never comes from the service: it is the
+/// library's word for a message that brought no successful reply.
+///
+/// With every code but POLICY_STORED and POLICY_STATE_UNKNOWN the old policy is still in force.
+enum EPolicyResult
+{
+    POLICY_STORED = 0,          ///< The policy is in force and synced to disk.
+    POLICY_NOT_WELL_FORMED = 1, ///< The text is not well-formed XML.
+    POLICY_NOT_STORED = 2,      ///< The policy could not be stored.
+    POLICY_TOO_LARGE = 3,       ///< The text is over the service's limit.
+    POLICY_STATE_UNKNOWN = 4,   ///< The disk failed half-way and the old policy could not be put
+                                ///< back: nobody knows which one the next start will find.
+    POLICY_NOT_PERMITTED = 5    ///< The sender may not change the policy; its text was not read.
+};
+
+/// What ReadPolicyRequest has found.
+enum class EPolicyRequest
+{
+    GOOD,         ///< One whole text.
+    TOO_LARGE,    ///< One whole text, over the limit.
+    NOT_A_POLICY, ///< Anything else; a service answers it with the result false.
+};
+
+// The functions below keep no state; any thread may call them, and they never block.
+
+/// Replaces request by the payload of SET_POLICY.
+///
+/// @param policy  the text, byte by byte; may be empty
+QOR_API void WritePolicyRequest(const std::string& policy, TByteArray& request);
+
+/// Reads the payload of SET_POLICY. The bytes may be anybody's: nothing that they claim is believed
+/// before it has been compared with what has come, and nothing is allocated but the text itself.
+///
+/// @param policy   the text; untouched unless the result is GOOD
+/// @param error    why not, in words for a log; untouched where the result is GOOD
+/// @param maxSize  the largest text that is accepted, in bytes; by default what the bus lets
+/// through
+///
+/// @throws std::bad_alloc only
+QOR_API EPolicyRequest ReadPolicyRequest(const TByteArray& request, std::string& policy,
+                                         std::string& error,
+                                         std::size_t maxSize = static_cast<std::size_t>(-1));
+
+/// Replaces reply by the answer to SET_POLICY.
+///
+/// @param result  one of EPolicyResult, or a code of the service's own
+QOR_API void WritePolicyReply(int result, TByteArray& reply);
+
+/// Reads the answer to SET_POLICY. Whatever the bytes are, it takes a small multiple of their
+/// memory.
+///
+/// @return the service's result code
+///
+/// @throws boost::archive::archive_exception for an answer that cannot be read: an empty one (which
+///         is also reported through TCDebug::Assert), one that is cut short or no archive, and one
+///         of a process with another word size or a newer archive format
+QOR_API int ReadPolicyReply(const TByteArray& reply);
+
+/// The size of the largest text, in bytes, that fits into one bus message.
+QOR_API std::size_t MaxPolicySize();
+
+} // namespace qor
+
+#endif
