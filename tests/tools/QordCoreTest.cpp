@@ -1,11 +1,12 @@
 // What the service is made of: events that become due, requests, their XML, and the policy file.
 #include <cstring>
 #include <future>
-#include <sstream>
+#include <random>
 
 #include <boost/archive/archive_exception.hpp>
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
+#include <libxml/parser.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -90,37 +91,116 @@ TEST(PolicyMessage, AnythingButOneWholeTextIsRefused)
     EXPECT_THROW(qor::ReadPolicyReply(request), boost::archive::archive_exception);
 }
 
-TEST(PolicyXml, OneWholeElementIsWellFormed)
+static int Check(const std::string& text, std::string& error, std::size_t memory = 4 << 20)
 {
-    std::string deep, end, bomb = "<!DOCTYPE a [<!ENTITY e0 'xx'>";
-    for (int i = 0; i < 100000; ++i)
+    error.clear();
+    return qord::CheckPolicyXml(text, error, memory);
+}
+
+TEST(PolicyXml, RefusalsSayWhereAndWhat)
+{
+    std::string error, bomb = "<!DOCTYPE a [<!ENTITY e0 'xx'>";
+    for (int i = 0; i < 40; ++i)
     {
-        deep += "<a>";
-        end += "</a>";
         const std::string inner = "&e" + std::to_string(i) + ";";
         bomb += "<!ENTITY e" + std::to_string(i + 1) + " '" + inner + inner + "'>";
     }
-    const std::string good[] = {
-        deep + end, bomb + "]><a>&e40;</a>",
-        "\xEF\xBB\xBF<?xml version='1.0' encoding='UTF-8'?>\n<!-- c --><?p x?><a b='1'>&#65;</a>\n",
-        "<a><![CDATA[ <b> & ]]>\xC3\xA9</a>",
-        "<!DOCTYPE a [<!ENTITY e SYSTEM 'file:///dev/zero'>]><a>&e;</a>"};
-    std::istringstream bad(
-        "text|<!-- only -->|<a>|</a>|<a></b>|<a><b></a></b>|<a|<a b/>|<1/>|<a/><b/>|x<a/>|<a/>x|"
-        " <?xml version='1.0'?><a/>|<a/><!DOCTYPE a>|<a b='1' b='2'/>|<a b='<'/>|<a>x & y</a>|"
-        "<a>&nope;</a>|<a>&#x;</a>|<a>&amp</a>|<a>"
-        "\xC3</a>|<a>\x01</a>||" +
-        deep);
-    std::string error, text;
-    for (const std::string& whole : good)
+    EXPECT_EQ(Check(bomb + "]><a>&e40;</a>", error), qor::POLICY_NOT_WELL_FORMED);
+    EXPECT_NE(error.find("amplification"), std::string::npos) << error;
+    EXPECT_EQ(Check("<a>\n <b></a>", error), qor::POLICY_NOT_WELL_FORMED);
+    EXPECT_EQ(error.find("line 2, column 7: mismatched tag"), 0U) << error;
+    for (const char* text : {"<!DOCTYPE a [<!ENTITY e SYSTEM 'file:///dev/zero'>]><a>&e;</a>",
+                             "<!DOCTYPE a SYSTEM 'http://127.0.0.1/'><a>&e;</a>",
+                             "\xEF\xBB\xBF<?xml version='1.0' encoding='utf-8'?><a/>"})
     {
-        EXPECT_TRUE(qord::IsWellFormedPolicy(whole, error)) << whole << error;
+        EXPECT_EQ(Check(text, error), qor::POLICY_STORED) << text << error;
     }
-    while (std::getline(bad, text, '|'))
+    for (const char* start : {"<?xml version='1.0' encoding='UTF-16'?>", "<!DOCTYPE>", "<?xml?>",
+                              "<?xml version='1.0' encoding='ISO-8859-1'?>", "<!-- a -- b -->",
+                              "<?xml version='2.0'?>", " <?xml version='1.0'?>"})
     {
-        EXPECT_FALSE(qord::IsWellFormedPolicy(text, error)) << text;
+        EXPECT_EQ(Check(std::string(start) + "<a/>", error), qor::POLICY_NOT_WELL_FORMED) << start;
     }
-    EXPECT_FALSE(qord::IsWellFormedPolicy(std::string("<a/>\0<b", 7), error));
+    EXPECT_EQ(Check("", error), qor::POLICY_NOT_WELL_FORMED);
+    EXPECT_EQ(Check(std::string("<a/>\0<b", 7), error), qor::POLICY_NOT_WELL_FORMED);
+    std::string deep, wide = "<a";
+    for (int i = 0; i < 100000; ++i)
+    {
+        deep += "<a>";
+        wide += " a" + std::to_string(i) + "=''";
+    }
+    EXPECT_EQ(Check(deep, error), qor::POLICY_TOO_LARGE) << error;
+    EXPECT_EQ(Check(wide + "/>", error), qor::POLICY_TOO_LARGE) << error;
+    EXPECT_EQ(Check(deep, error, 100 << 20), qor::POLICY_NOT_WELL_FORMED) << error; // not closed
+}
+
+// Only what stands behind a bracket is changed: before it, the second judge is known to be lenient.
+TEST(PolicyXml, AgreesWithAnotherParserAboutChangedDocuments)
+{
+    const std::string documents[] = {
+        "<!DOCTYPE a [<!ENTITY e 'x<b/>y'><!ATTLIST a b CDATA #IMPLIED c CDATA 'x'>]>\n"
+        "<!-- c --><?p x?><a b='1' d=\"&lt;&#65;\">t&e;<![CDATA[ <b> & ]]>\xC3\xA9]]&gt;</a>",
+        "<!--[--><policy v=\"1\"><rule id='b'>text &amp; more</rule><!-- n --><x:y/></policy>",
+        "<!DOCTYPE a []><a>&#x10FFFF;&nope;<?p?></a>"};
+    const std::string parts[] = {"<",
+                                 ">",
+                                 "&",
+                                 "'",
+                                 "\"",
+                                 "/",
+                                 "!",
+                                 "?",
+                                 "--",
+                                 "]]>",
+                                 "<!--",
+                                 "-->",
+                                 "<?",
+                                 "<![CDATA[",
+                                 "&#0;",
+                                 "&#x1F;",
+                                 "&lt;",
+                                 "&e;",
+                                 ";",
+                                 "<a>",
+                                 "</a>",
+                                 "<a/>",
+                                 " a='1'",
+                                 "\n",
+                                 "x",
+                                 ":",
+                                 "\x01",
+                                 "<?xml version='1.0'?>",
+                                 "<!DOCTYPE a>",
+                                 "\xEF\xBF\xBE",
+                                 "\xED\xA0\x80",
+                                 "\xFF",
+                                 "&#xD800;",
+                                 std::string(1, '\0')};
+    std::mt19937 random(3);
+    const auto any = [&](std::size_t count) { return random() % count; };
+    std::size_t good = 0;
+    for (int i = 0; i < 60000; ++i)
+    {
+        std::string text = documents[any(std::size(documents))], error;
+        const std::size_t start = text.find('[') + 1;
+        for (std::size_t changes = any(4); changes > 0; --changes)
+        {
+            const std::size_t at = start + any(text.size() - start);
+            any(2) == 0 ? text.erase(at, any(3)) : text.insert(at, parts[any(std::size(parts))]);
+            any(4) == 0 ? text.insert(at, text.substr(start + any(text.size() - start), any(12)))
+                        : text;
+        }
+        xmlParserCtxtPtr const pOther = xmlNewParserCtxt();
+        xmlFreeDoc(xmlCtxtReadMemory(pOther, text.data(), static_cast<int>(text.size()), "",
+                                     nullptr,
+                                     XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
+        const bool isGood = pOther->wellFormed != 0;
+        xmlFreeParserCtxt(pOther);
+        good += isGood ? 1U : 0U;
+        EXPECT_EQ(Check(text, error) == qor::POLICY_STORED, isGood) << text << "\n" << error;
+    }
+    EXPECT_GT(good, 6000U);
+    EXPECT_LT(good, 54000U);
 }
 
 class PolicyStore : public testing::Test

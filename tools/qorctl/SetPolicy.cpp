@@ -78,7 +78,7 @@ int Report(const TSOptions& options, int result, std::size_t size)
         return tools::EXIT_REFUSED;
     case qor::POLICY_TOO_LARGE:
         SayError("the service refused the policy: its " + std::to_string(size) +
-                 " bytes are more than the service accepts");
+                 " bytes, or the depth of its elements, are more than the service accepts");
         return tools::EXIT_REFUSED;
     default:
         SayError("the service refused the policy: result code " + std::to_string(result));

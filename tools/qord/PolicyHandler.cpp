@@ -8,6 +8,12 @@
 
 namespace qord
 {
+namespace
+{
+
+constexpr std::size_t g_checkMemory = std::size_t{16} * 1024 * 1024;
+
+} // namespace
 
 TCPolicyHandler::TCPolicyHandler(TCPolicyStore store, std::size_t maxPolicySize)
     : m_store(std::move(store)), m_maxPolicySize(maxPolicySize)
@@ -48,10 +54,13 @@ bool TCPolicyHandler::m_Decide(const qor::TByteArray& request, int& result) cons
 int TCPolicyHandler::m_CheckAndStore(const std::string& policy) const
 {
     std::string error;
-    if (!IsWellFormedPolicy(policy, error))
+    const qor::EPolicyResult verdict = CheckPolicyXml(policy, error, g_checkMemory);
+    if (verdict != qor::POLICY_STORED)
     {
-        ReportError("a policy of %zu bytes is not well-formed: %s", policy.size(), error.c_str());
-        return qor::POLICY_NOT_WELL_FORMED;
+        ReportError("a policy of %zu bytes is %s: %s", policy.size(),
+                    verdict == qor::POLICY_NOT_WELL_FORMED ? "not well-formed" : "not checked",
+                    error.c_str());
+        return verdict;
     }
     if (!m_store.Store(policy, error))
     {

@@ -1,207 +1,138 @@
 // Says whether a policy text is well-formed XML.
 #include "qord/PolicyXml.h"
 
-#include <algorithm>
-#include <cctype>
-#include <cstring>
-#include <set>
-#include <string_view>
+#include <climits>
+#include <cstdlib>
+#include <memory>
+#include <new>
 
-#include <glib.h>
-#include <pugixml.hpp>
+#include <expat.h>
+#include <strings.h>
 
 namespace qord
 {
 namespace
 {
 
-// Everything becomes a node, also text outside the document element; references stay as written, so
-// that the checks below see them.
-constexpr unsigned int g_parseFlags = pugi::parse_cdata | pugi::parse_pi | pugi::parse_comments |
-                                      pugi::parse_declaration | pugi::parse_doctype |
-                                      pugi::parse_fragment;
-
-// The parser takes a zero byte for the end of the text and lets other control characters pass.
-bool HasOnlyXmlCharacters(const std::string& text)
+// What the parser of this thread holds; it hands nothing of ours to its allocator.
+struct TSMemory
 {
-    const bool hasControls =
-        std::any_of(text.begin(), text.end(),
-                    [](char character)
-                    {
-                        const auto code = static_cast<unsigned char>(character);
-                        return code < 0x20 && code != '\t' && code != '\n' && code != '\r';
-                    });
-    return !hasControls &&
-           g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) != FALSE;
-}
+    std::size_t m_used = 0;
+    std::size_t m_limit = 0;
+    bool m_isOverLimit = false;
+};
+thread_local TSMemory t_memory;
 
-bool IsCharacterReference(std::string_view name)
+// Stands before each block, and keeps what follows aligned for anything.
+struct alignas(std::max_align_t) TSBlock
 {
-    const bool isHex = name.size() > 1 && name[1] == 'x';
-    name.remove_prefix(isHex ? 2 : 1);
-    return !name.empty() &&
-           std::all_of(name.begin(), name.end(),
-                       [isHex](unsigned char digit)
-                       { return isHex ? std::isxdigit(digit) != 0 : std::isdigit(digit) != 0; });
-}
-
-bool IsKnownReference(std::string_view name, bool hasDoctype)
-{
-    static const std::set<std::string_view> predefined = {"amp", "apos", "gt", "lt", "quot"};
-    if (!name.empty() && name[0] == '#')
-    {
-        return IsCharacterReference(name);
-    }
-    return predefined.count(name) != 0 || (hasDoctype && !name.empty());
-}
-
-bool HasOnlyKnownReferences(std::string_view text, bool hasDoctype)
-{
-    for (auto start = text.find('&'); start != std::string_view::npos; start = text.find('&'))
-    {
-        text.remove_prefix(start + 1);
-        const auto end = text.find(';');
-        if (end == std::string_view::npos || !IsKnownReference(text.substr(0, end), hasDoctype))
-        {
-            return false;
-        }
-        text.remove_prefix(end + 1);
-    }
-    return true;
-}
-
-// Finds what the parser lets pass inside the document element.
-class TCContentCheck : public pugi::xml_tree_walker
-{
-public:
-    explicit TCContentCheck(bool hasDoctype) : m_hasDoctype(hasDoctype) {}
-
-    bool for_each(pugi::xml_node& node) override
-    {
-        if (node.type() == pugi::node_pcdata && !HasOnlyKnownReferences(node.value(), m_hasDoctype))
-        {
-            m_fault = "a reference in the text that is not known";
-            return false;
-        }
-        return m_CheckAttributes(node);
-    }
-
-    const char* m_fault = nullptr;
-
-private:
-    bool m_CheckAttributes(const pugi::xml_node& node)
-    {
-        std::set<std::string_view> names;
-        for (const pugi::xml_attribute& attribute : node.attributes())
-        {
-            if (!names.insert(attribute.name()).second)
-            {
-                m_fault = "an attribute given twice";
-                return false;
-            }
-            if (std::strchr(attribute.value(), '<') != nullptr ||
-                !HasOnlyKnownReferences(attribute.value(), m_hasDoctype))
-            {
-                m_fault = "an attribute's value with a bare '<' or a reference that is not known";
-                return false;
-            }
-        }
-        return true;
-    }
-
-    bool m_hasDoctype;
+    std::size_t m_size;
 };
 
-bool StartsWithDeclaration(const std::string& text)
+void* Reallocate(void* pOld, std::size_t size)
 {
-    const std::string byteOrderMark = "\xEF\xBB\xBF";
-    const bool isMarked = text.compare(0, byteOrderMark.size(), byteOrderMark) == 0;
-    return text.compare(isMarked ? byteOrderMark.size() : 0, 5, "<?xml") == 0;
+    TSBlock* pBlock = pOld == nullptr ? nullptr : static_cast<TSBlock*>(pOld) - 1;
+    const std::size_t oldSize = pBlock == nullptr ? 0 : pBlock->m_size;
+    const std::size_t whole = sizeof(TSBlock) + size;
+    // A block that grows may have to move: both are there for a moment.
+    if (size > t_memory.m_limit || t_memory.m_used + whole > t_memory.m_limit)
+    {
+        t_memory.m_isOverLimit = true;
+        return nullptr;
+    }
+    pBlock = static_cast<TSBlock*>(std::realloc(pBlock, whole));
+    if (pBlock == nullptr)
+    {
+        return nullptr;
+    }
+    t_memory.m_used += whole - (oldSize == 0 ? 0 : sizeof(TSBlock) + oldSize);
+    pBlock->m_size = size;
+    return pBlock + 1;
 }
 
-// The order of things outside the document element, which the parser does not care about.
-class TCProlog
+void* Allocate(std::size_t size)
 {
-public:
-    explicit TCProlog(const std::string& text)
-        : m_startsWithDeclaration(StartsWithDeclaration(text))
-    {
-    }
+    return Reallocate(nullptr, size);
+}
 
-    bool Add(const pugi::xml_node& node)
+void Free(void* pOld)
+{
+    if (pOld != nullptr)
     {
-        const bool isFirst = m_count++ == 0;
-        switch (node.type())
-        {
-        case pugi::node_element:
-            return ++m_elements == 1;
-        case pugi::node_doctype:
-            return ++m_doctypes == 1 && m_elements == 0;
-        case pugi::node_declaration:
-            return isFirst && m_startsWithDeclaration;
-        case pugi::node_pi:
-        case pugi::node_comment:
-            return true;
-        default:
-            return false;
-        }
+        TSBlock* pBlock = static_cast<TSBlock*>(pOld) - 1;
+        t_memory.m_used -= sizeof(TSBlock) + pBlock->m_size;
+        std::free(pBlock);
     }
+}
 
-    bool HasElement() const
+constexpr XML_Memory_Handling_Suite g_memoryFunctions = {Allocate, Reallocate, Free};
+
+bool IsVersion1(const std::string& version)
+{
+    return version.size() > 2 && version.compare(0, 2, "1.") == 0 &&
+           version.find_first_not_of("0123456789", 2) == std::string::npos;
+}
+
+// The parser does not look at the version, and is told to take the text as UTF-8 whatever it says.
+void CheckDeclaration(void* pParser, const char* version, const char* encoding, int)
+{
+    const bool isOtherVersion = version != nullptr && !IsVersion1(version);
+    const bool isOtherEncoding = encoding != nullptr && strcasecmp(encoding, "UTF-8") != 0;
+    if (isOtherVersion || isOtherEncoding)
     {
-        return m_elements == 1;
+        XML_StopParser(static_cast<XML_Parser>(pParser), XML_FALSE);
     }
+}
 
-    bool HasDoctype() const
+std::string Place(XML_Parser pParser)
+{
+    return "line " + std::to_string(XML_GetCurrentLineNumber(pParser)) + ", column " +
+           std::to_string(XML_GetCurrentColumnNumber(pParser) + 1) + ": ";
+}
+
+qor::EPolicyResult Refuse(XML_Parser pParser, std::string& error)
+{
+    const XML_Error code = XML_GetErrorCode(pParser);
+    if (code == XML_ERROR_NO_MEMORY)
     {
-        return m_doctypes == 1;
+        error = t_memory.m_isOverLimit
+                    ? "it nests too deeply, or has too many or too long attributes or declarations"
+                    : "no memory is left to check it";
+        return t_memory.m_isOverLimit ? qor::POLICY_TOO_LARGE : qor::POLICY_NOT_STORED;
     }
-
-private:
-    bool m_startsWithDeclaration;
-    unsigned int m_count = 0;
-    unsigned int m_elements = 0;
-    unsigned int m_doctypes = 0;
-};
+    error = Place(pParser) + (code == XML_ERROR_ABORTED
+                                  ? "it declares an encoding other than UTF-8, or no XML 1"
+                                  : XML_ErrorString(code));
+    return qor::POLICY_NOT_WELL_FORMED;
+}
 
 } // namespace
 
-bool IsWellFormedPolicy(const std::string& text, std::string& error)
+qor::EPolicyResult CheckPolicyXml(const std::string& text, std::string& error,
+                                  std::size_t maxMemory)
 {
-    if (!HasOnlyXmlCharacters(text))
+    if (text.size() > INT_MAX)
     {
-        error = "it holds bytes that are not UTF-8 text";
-        return false;
+        error = "it is larger than 2 GiB";
+        return qor::POLICY_TOO_LARGE;
     }
-    pugi::xml_document document;
-    const pugi::xml_parse_result result =
-        document.load_buffer(text.data(), text.size(), g_parseFlags, pugi::encoding_utf8);
-    if (!result)
+    t_memory = {0, maxMemory, false};
+    const std::unique_ptr<XML_ParserStruct, void (*)(XML_Parser)> parser(
+        XML_ParserCreate_MM("UTF-8", &g_memoryFunctions, nullptr), XML_ParserFree);
+    if (!parser)
     {
-        error = std::string(result.description()) + " at byte " + std::to_string(result.offset);
-        return false;
+        throw std::bad_alloc();
     }
-    TCProlog prolog(text);
-    for (const pugi::xml_node& node : document.children())
+    XML_UseParserAsHandlerArg(parser.get());
+    XML_SetXmlDeclHandler(parser.get(), CheckDeclaration);
+    // Those of the document itself: without a handler, external ones are not loaded.
+    XML_SetParamEntityParsing(parser.get(), XML_PARAM_ENTITY_PARSING_ALWAYS);
+    if (XML_Parse(parser.get(), text.data(), static_cast<int>(text.size()), XML_TRUE) !=
+        XML_STATUS_OK)
     {
-        if (!prolog.Add(node))
-        {
-            error = "something outside the document element that does not belong there";
-            return false;
-        }
+        return Refuse(parser.get(), error);
     }
-    if (!prolog.HasElement())
-    {
-        error = "no document element";
-        return false;
-    }
-    TCContentCheck contentCheck(prolog.HasDoctype());
-    if (!document.traverse(contentCheck))
-    {
-        error = contentCheck.m_fault;
-        return false;
-    }
-    return true;
+    return qor::POLICY_STORED;
 }
 
 } // namespace qord

@@ -2,18 +2,26 @@
 #ifndef QORD_POLICYXML_H
 #define QORD_POLICYXML_H
 
+#include <cstddef>
 #include <string>
+
+#include <qor/PolicyMessage.h>
 
 namespace qord
 {
 
-/// Whether the text is a well-formed XML document with exactly one document element. Policies are
-/// UTF-8; another encoding is not well-formed here. A document type declaration is skipped: nothing
-/// that it names is loaded or expanded. The depth and breadth of a document are limited by memory
-/// alone, not by the stack.
+/// Whether the text is a well-formed XML document. Policies are UTF-8: a document in another
+/// encoding, or one that says so, is not well-formed here. What a document type names outside the
+/// document is never fetched; entities that multiply without end are refused.
 ///
-/// @return false, with the reason and the place where it is known in error
-bool IsWellFormedPolicy(const std::string& text, std::string& error);
+/// The check keeps no tree. Where it would need more than maxMemory bytes, because elements nest
+/// too deeply or one of them has too many or too long attributes, the text is too large.
+///
+/// @param error  where it is not well-formed: line, column and reason
+/// @return POLICY_STORED for a good one, or POLICY_NOT_WELL_FORMED, POLICY_TOO_LARGE, or
+///         POLICY_NOT_STORED where the machine has no memory left
+qor::EPolicyResult CheckPolicyXml(const std::string& text, std::string& error,
+                                  std::size_t maxMemory);
 
 } // namespace qord
 
