@@ -122,6 +122,7 @@ bool TCDbus::t_Start()
     t_pMainContext.reset(g_main_context_ref_thread_default());
     t_Adopt(boost::make_shared<TCDbusFilter>(
         std::move(pConnection), TGlibPtr<GMainContext>(g_main_context_new()), t_objectPath));
+    QOR_LOG_DEBUG("Working with unique name %s", t_uniqueName.c_str());
     return t_Export();
 }
 
@@ -130,7 +131,6 @@ void TCDbus::t_Adopt(const boost::shared_ptr<TCDbusFilter>& filter)
     t_pFilter = filter;
     t_pConnection.reset(static_cast<GDBusConnection*>(g_object_ref(filter->Connection())));
     t_uniqueName = g_dbus_connection_get_unique_name(t_pConnection.get());
-    QOR_LOG_DEBUG("Working with unique name %s", t_uniqueName.c_str());
 }
 
 bool TCDbus::t_Export()

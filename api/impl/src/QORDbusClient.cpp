@@ -403,6 +403,7 @@ bool TCDbusClient::m_AdoptAgain(const boost::shared_ptr<TCDbusFilter>& filter)
             old = t_pFilter;
             t_isReady = false;
             t_Adopt(filter);
+            QOR_LOG_DEBUG("Working with unique name %s", t_uniqueName.c_str());
             return true;
         }
         g_usleep(ADOPT_PAUSE_US);

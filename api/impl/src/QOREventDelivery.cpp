@@ -330,7 +330,7 @@ void TCEventDelivery::m_DropHopeless(TSEventUser& user)
         (user.m_overdue != 0 && EVENT_SLOTS - m_overdue <= EVENT_SLOTS_IN_RESERVE);
     if (isUsedUp && !user.m_isReported && !user.m_waiting.empty())
     {
-        QOR_LOG_ERROR("Clients of user %u leave %zu calls unanswered, no more are made", user.m_id,
+        QOR_LOG_ERROR("User %u leaves %zu calls unanswered and is not called", user.m_id,
                       user.m_overdue);
         user.m_isReported = true;
     }
