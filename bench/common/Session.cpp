@@ -12,6 +12,8 @@
 #include <sstream>
 #include <thread>
 
+#include "Channel.h"
+
 namespace qorbench
 {
 
@@ -83,6 +85,51 @@ void Session::m_Reply(const std::string& line)
         }
         done += static_cast<std::size_t>(written);
     }
+}
+
+void Obey(const TCommands& commands, const std::vector<std::string>& words)
+{
+    const auto found = commands.find(words.at(0));
+    if (found == commands.end())
+    {
+        Fail("unknown command " + words[0]);
+    }
+    found->second(words);
+}
+
+void ObeyAll(Session& session, const TCommands& commands)
+{
+    session.ReplyReady();
+    for (std::vector<std::string> words; session.Next(words);)
+    {
+        Obey(commands, words);
+    }
+}
+
+int TimeRoundTrips(Session& session,
+                   const std::function<void(const std::vector<unsigned char>&)>& call)
+{
+    ObeyAll(session, {{"call", [&](const std::vector<std::string>& words)
+                       {
+                           const auto request = Payload(REQUEST_HEADER_SIZE + Number(words, 1));
+                           session.ReplySamples(TimeEach(Number(words, 2), [&] { call(request); }));
+                       }}});
+    return 0;
+}
+
+int PlayRole(int argc, char** argv, const TRoles& roles)
+{
+    const auto found = roles.find(argc > 1 ? argv[1] : "");
+    if (found == roles.end() || argc < 3)
+    {
+        std::string usage = "usage: ROLE PLACE, with one of the roles";
+        for (const auto& [name, function] : roles)
+        {
+            usage += ' ' + name;
+        }
+        Fail(usage);
+    }
+    return found->second(argv[2]);
 }
 
 std::size_t Number(const std::vector<std::string>& words, std::size_t index)

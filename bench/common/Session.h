@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,26 @@ private:
 
     int m_replies;
 };
+
+/// What a program does on a command, given its words.
+using TCommands = std::map<std::string, std::function<void(const std::vector<std::string>&)>>;
+
+/// Does one command, whose name is the first word; ends the program with a message if it has none
+/// of that name.
+void Obey(const TCommands& commands, const std::vector<std::string>& words);
+
+/// Says that the program is ready, and does commands until the input ends.
+void ObeyAll(Session& session, const TCommands& commands);
+
+/// The client of the round-trip contest: on each command, times calls with a request of that size.
+int TimeRoundTrips(Session& session,
+                   const std::function<void(const std::vector<unsigned char>&)>& call);
+
+/// What a program does in a role, given the bus name or path that comes after it.
+using TRoles = std::map<std::string, int (*)(const char*)>;
+
+/// Plays the role that the arguments name; ends the program with a message if it has none.
+int PlayRole(int argc, char** argv, const TRoles& roles);
 
 /// A command's numeric word. Ends the program with a message if there is none.
 std::size_t Number(const std::vector<std::string>& words, std::size_t index);

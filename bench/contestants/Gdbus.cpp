@@ -159,20 +159,15 @@ gboolean OnCommand(int /*fd*/, GIOCondition /*condition*/, void* data)
     {
         _exit(0);
     }
-    if (words.at(0) == "clients")
+    const auto reply = [&](const auto&)
+    { server.m_session.ReplyNumber("clients", static_cast<double>(server.m_clients.size())); };
+    const auto sendEvents = [&](const auto& command)
     {
-        server.m_session.ReplyNumber("clients", static_cast<double>(server.m_clients.size()));
-    }
-    else if (words.at(0) == "event")
-    {
-        const std::vector<unsigned char> payload = Payload(Number(words, 1));
+        const std::vector<unsigned char> payload = Payload(Number(command, 1));
         server.m_session.ReplySamples(
-            TimeEach(Number(words, 2), [&] { SendEvent(server, payload); }));
-    }
-    else
-    {
-        Fail("unknown command " + words[0]);
-    }
+            TimeEach(Number(command, 2), [&] { SendEvent(server, payload); }));
+    };
+    Obey({{"clients", reply}, {"event", sendEvents}}, words);
     return G_SOURCE_CONTINUE;
 }
 
@@ -252,33 +247,26 @@ int RunClient(const char* busName)
 {
     Session session;
     GDBusConnection* connection = Connect();
-    session.ReplyReady();
-    for (std::vector<std::string> words; session.Next(words);)
+    const auto call = [&](const auto& words)
     {
-        if (words.at(0) == "call")
-        {
-            const std::vector<unsigned char> payload = Payload(Number(words, 1));
-            session.ReplySamples(
-                TimeEach(Number(words, 2), [&] { Call(connection, busName, payload); }));
-        }
-        else if (words.at(0) == "policy")
-        {
-            const std::string policy = PolicyText(Number(words, 1));
-            session.ReplySamples(
-                TimeEach(Number(words, 2), [&] { SetPolicy(connection, busName, policy); }));
-        }
-        else if (words.at(0) == "memory")
-        {
-            const std::string policy = PolicyText(Number(words, 1));
-            const std::size_t idle = ResetPeakMemory();
-            SetPolicy(connection, busName, policy);
-            session.ReplyNumber("bytes", static_cast<double>(PeakMemory() - idle));
-        }
-        else
-        {
-            Fail("unknown command " + words[0]);
-        }
-    }
+        const std::vector<unsigned char> payload = Payload(Number(words, 1));
+        session.ReplySamples(
+            TimeEach(Number(words, 2), [&] { Call(connection, busName, payload); }));
+    };
+    const auto setPolicy = [&](const auto& words)
+    {
+        const std::string policy = PolicyText(Number(words, 1));
+        session.ReplySamples(
+            TimeEach(Number(words, 2), [&] { SetPolicy(connection, busName, policy); }));
+    };
+    const auto measureMemory = [&](const auto& words)
+    {
+        const std::string policy = PolicyText(Number(words, 1));
+        const std::size_t idle = ResetPeakMemory();
+        SetPolicy(connection, busName, policy);
+        session.ReplyNumber("bytes", static_cast<double>(PeakMemory() - idle));
+    };
+    ObeyAll(session, {{"call", call}, {"policy", setPolicy}, {"memory", measureMemory}});
     return 0;
 }
 
@@ -318,22 +306,9 @@ int BareCall(const char* busName)
 
 int main(int argc, char** argv)
 {
-    const std::string role = argc > 2 ? argv[1] : "";
-    if (role == "server")
-    {
-        return Serve(argv[2]);
-    }
-    if (role == "client")
-    {
-        return RunClient(argv[2]);
-    }
-    if (role == "first-call")
-    {
-        return FirstCall(argv[2]);
-    }
-    if (role == "bare-call")
-    {
-        return BareCall(argv[2]);
-    }
-    Fail("usage: server | client | first-call | bare-call, BUS-NAME");
+    return PlayRole(argc, argv,
+                    {{"server", &Serve},
+                     {"client", &RunClient},
+                     {"first-call", &FirstCall},
+                     {"bare-call", &BareCall}});
 }

@@ -108,28 +108,13 @@ int RunClient(const char* busName)
 {
     Session session;
     DBusConnection* connection = Connect();
-    session.ReplyReady();
-    for (std::vector<std::string> words; session.Next(words);)
-    {
-        const std::vector<unsigned char> envelope = Payload(REQUEST_HEADER_SIZE + Number(words, 1));
-        session.ReplySamples(
-            TimeEach(Number(words, 2), [&] { Call(connection, busName, envelope); }));
-    }
-    return 0;
+    return TimeRoundTrips(session,
+                          [&](const auto& request) { Call(connection, busName, request); });
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    const std::string role = argc > 2 ? argv[1] : "";
-    if (role == "server")
-    {
-        return Serve(argv[2]);
-    }
-    if (role == "client")
-    {
-        return RunClient(argv[2]);
-    }
-    Fail("usage: server | client, BUS-NAME");
+    return PlayRole(argc, argv, {{"server", &Serve}, {"client", &RunClient}});
 }

@@ -78,22 +78,11 @@ int Serve()
         [&]
         {
             WaitUntilReady(server);
-            session.ReplyReady();
-            for (std::vector<std::string> words; session.Next(words);)
-            {
-                if (words.at(0) == "clients")
-                {
-                    session.ReplyNumber("clients", static_cast<double>(server.NumberOfClients()));
-                }
-                else if (words.at(0) == "event")
-                {
-                    SendEvents(server, Number(words, 1), Number(words, 2), session);
-                }
-                else
-                {
-                    Fail("unknown command " + words[0]);
-                }
-            }
+            const auto reply = [&](const auto&)
+            { session.ReplyNumber("clients", static_cast<double>(server.NumberOfClients())); };
+            const auto sendEvents = [&](const auto& words)
+            { SendEvents(server, Number(words, 1), Number(words, 2), session); };
+            ObeyAll(session, {{"clients", reply}, {"event", sendEvents}});
             _exit(0);
         })
         .detach();
@@ -149,26 +138,13 @@ int RunClient()
         [&]
         {
             WaitUntilReady(*client);
-            session.ReplyReady();
-            for (std::vector<std::string> words; session.Next(words);)
-            {
-                if (words.at(0) == "call")
-                {
-                    Call(*client, Number(words, 1), Number(words, 2), session);
-                }
-                else if (words.at(0) == "policy")
-                {
-                    SetPolicy(*control, Number(words, 1), Number(words, 2), session);
-                }
-                else if (words.at(0) == "memory")
-                {
-                    MeasureMemory(*control, Number(words, 1), session);
-                }
-                else
-                {
-                    Fail("unknown command " + words[0]);
-                }
-            }
+            const auto call = [&](const auto& words)
+            { Call(*client, Number(words, 1), Number(words, 2), session); };
+            const auto setPolicy = [&](const auto& words)
+            { SetPolicy(*control, Number(words, 1), Number(words, 2), session); };
+            const auto measureMemory = [&](const auto& words)
+            { MeasureMemory(*control, Number(words, 1), session); };
+            ObeyAll(session, {{"call", call}, {"policy", setPolicy}, {"memory", measureMemory}});
             _exit(0);
         })
         .detach();

@@ -149,20 +149,15 @@ void OnCommand(Server& server)
     {
         _exit(0);
     }
-    if (words.at(0) == "clients")
+    const auto reply = [&](const auto&)
+    { server.m_session.ReplyNumber("clients", static_cast<double>(server.m_clients.size())); };
+    const auto sendEvents = [&](const auto& command)
     {
-        server.m_session.ReplyNumber("clients", static_cast<double>(server.m_clients.size()));
-    }
-    else if (words.at(0) == "event")
-    {
-        const std::vector<unsigned char> envelope = Envelope(EVENT_TYPE, Number(words, 1));
+        const std::vector<unsigned char> envelope = Envelope(EVENT_TYPE, Number(command, 1));
         server.m_session.ReplySamples(
-            TimeEach(Number(words, 2), [&] { SendEvent(server, envelope); }));
-    }
-    else
-    {
-        Fail("unknown command " + words[0]);
-    }
+            TimeEach(Number(command, 2), [&] { SendEvent(server, envelope); }));
+    };
+    Obey({{"clients", reply}, {"event", sendEvents}}, words);
 }
 
 int Serve(const char* busName)
@@ -212,27 +207,12 @@ int RunClient(const char* busName)
 {
     Session session;
     sd_bus* bus = Connect();
-    session.ReplyReady();
-    for (std::vector<std::string> words; session.Next(words);)
-    {
-        const std::vector<unsigned char> envelope = Envelope(ROUND_TRIP_TYPE, Number(words, 1));
-        session.ReplySamples(TimeEach(Number(words, 2), [&] { Call(bus, busName, envelope); }));
-    }
-    return 0;
+    return TimeRoundTrips(session, [&](const auto& request) { Call(bus, busName, request); });
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    const std::string role = argc > 2 ? argv[1] : "";
-    if (role == "server")
-    {
-        return Serve(argv[2]);
-    }
-    if (role == "client")
-    {
-        return RunClient(argv[2]);
-    }
-    Fail("usage: server | client, BUS-NAME");
+    return PlayRole(argc, argv, {{"server", &Serve}, {"client", &RunClient}});
 }

@@ -36,27 +36,20 @@ int RunClient(const char* busName)
     const std::unique_ptr<sdbus::IConnection> connection = sdbus::createSystemBusConnection();
     const std::unique_ptr<sdbus::IProxy> proxy =
         sdbus::createProxy(*connection, busName, OBJECT_PATH);
-    session.ReplyReady();
-    for (std::vector<std::string> words; session.Next(words);)
-    {
-        const TBytes envelope = Payload(REQUEST_HEADER_SIZE + Number(words, 1));
-        session.ReplySamples(TimeEach(Number(words, 2),
-                                      [&]
-                                      {
-                                          TBytes reply;
-                                          proxy->callMethod(SEND_METHOD)
-                                              .onInterface(INTERFACE_NAME)
-                                              .withTimeout(
-                                                  std::chrono::milliseconds(CALL_TIMEOUT_MS))
-                                              .withArguments(envelope)
-                                              .storeResultsTo(reply);
-                                          if (reply.size() != 1 || reply[0] != 1)
-                                          {
-                                              Fail("a wrong reply");
-                                          }
-                                      }));
-    }
-    return 0;
+    return TimeRoundTrips(session,
+                          [&](const TBytes& request)
+                          {
+                              TBytes reply;
+                              proxy->callMethod(SEND_METHOD)
+                                  .onInterface(INTERFACE_NAME)
+                                  .withTimeout(std::chrono::milliseconds(CALL_TIMEOUT_MS))
+                                  .withArguments(request)
+                                  .storeResultsTo(reply);
+                              if (reply != TBytes{1})
+                              {
+                                  Fail("a wrong reply");
+                              }
+                          });
 }
 
 } // namespace
@@ -64,16 +57,7 @@ int RunClient(const char* busName)
 int main(int argc, char** argv)
 try
 {
-    const std::string role = argc > 2 ? argv[1] : "";
-    if (role == "server")
-    {
-        return Serve(argv[2]);
-    }
-    if (role == "client")
-    {
-        return RunClient(argv[2]);
-    }
-    Fail("usage: server | client, BUS-NAME");
+    return PlayRole(argc, argv, {{"server", &Serve}, {"client", &RunClient}});
 }
 catch (const sdbus::Error& error)
 {

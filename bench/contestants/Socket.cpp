@@ -133,42 +133,27 @@ int RunClient(const char* path)
 {
     Session session;
     const int fd = ConnectTo(path);
-    session.ReplyReady();
-    for (std::vector<std::string> words; session.Next(words);)
-    {
-        const std::vector<unsigned char> request = Payload(REQUEST_HEADER_SIZE + Number(words, 1));
-        const auto size = static_cast<std::uint32_t>(request.size());
-        session.ReplySamples(TimeEach(Number(words, 2),
-                                      [&]
-                                      {
-                                          WriteAll(fd, &size, sizeof size);
-                                          WriteAll(fd, request.data(), request.size());
-                                          unsigned char reply = 0;
-                                          if (!ReadAll(fd, &reply, sizeof reply) || reply != 1)
-                                          {
-                                              Fail("a wrong reply");
-                                          }
-                                      }));
-    }
-    return 0;
+    return TimeRoundTrips(session,
+                          [&](const auto& request)
+                          {
+                              const auto size = static_cast<std::uint32_t>(request.size());
+                              WriteAll(fd, &size, sizeof size);
+                              WriteAll(fd, request.data(), request.size());
+                              unsigned char reply = 0;
+                              if (!ReadAll(fd, &reply, sizeof reply) || reply != 1)
+                              {
+                                  Fail("a wrong reply");
+                              }
+                          });
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    const std::string role = argc > 2 ? argv[1] : "";
-    if (role == "server")
-    {
-        return Serve(argv[2]);
-    }
-    if (role == "relay" && argc > 3)
+    if (argc > 3 && std::string(argv[1]) == "relay")
     {
         return Relay(argv[2], argv[3]);
     }
-    if (role == "client")
-    {
-        return RunClient(argv[2]);
-    }
-    Fail("usage: server PATH | relay PATH SERVER-PATH | client PATH");
+    return PlayRole(argc, argv, {{"server", &Serve}, {"client", &RunClient}});
 }

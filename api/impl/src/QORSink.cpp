@@ -49,24 +49,20 @@ public:
     TCWriteSignals(const TCWriteSignals&) = delete;
     TCWriteSignals& operator=(const TCWriteSignals&) = delete;
 
-    // After the writes: drops what they could not write, which would be tried again when the
-    // process ends. Asks errno, since fwrite may succeed although the write below it has failed.
-    void Settle(FILE* pFile) const
+    // After the writes. Asks errno, since fwrite may succeed although the write below it has
+    // failed; the stream drops what that could not write.
+    void TakeBack() const
     {
-        if (errno != EPIPE && errno != EFBIG)
+        const int caused = errno == EPIPE ? SIGPIPE : errno == EFBIG ? SIGXFSZ : 0;
+        if (caused == 0 || sigismember(&m_pending, caused) != 0)
         {
             return;
         }
-        const int caused = errno == EPIPE ? SIGPIPE : SIGXFSZ;
-        if (sigismember(&m_pending, caused) == 0)
-        {
-            sigset_t signals;
-            sigemptyset(&signals);
-            sigaddset(&signals, caused);
-            const timespec now = {};
-            sigtimedwait(&signals, nullptr, &now);
-        }
-        __fpurge(pFile);
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, caused);
+        const timespec now = {};
+        sigtimedwait(&signals, nullptr, &now);
     }
 
 private:
@@ -113,7 +109,7 @@ void FlushOwnTail()
     {
         const TCWriteSignals signals;
         std::fflush(stdout);
-        signals.Settle(stdout);
+        signals.TakeBack();
     }
     funlockfile(stdout);
 }
@@ -173,7 +169,7 @@ void PrintToFile(FILE* pFile, std::string_view line)
     const TCWriteSignals signals;
     std::fwrite(line.data(), 1, line.size(), pFile);
     std::fflush(pFile);
-    signals.Settle(pFile);
+    signals.TakeBack();
 }
 
 void PrintToStdout(std::string_view line)
@@ -189,7 +185,7 @@ void PrintToStdout(std::string_view line)
     {
         const TCWriteSignals signals;
         std::fwrite(line.data(), 1, line.size(), stdout);
-        signals.Settle(stdout);
+        signals.TakeBack();
     }
     g_ownTail = isOurs ? __fpending(stdout) : 0;
 }
