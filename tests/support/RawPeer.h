@@ -199,24 +199,18 @@ public:
     CallResult Call(const std::string& destination, const std::string& path,
                     const std::string& method, const Bytes& bytes, int timeoutMs = WATCHDOG_MS)
     {
-        CallResult result;
         GError* pError = nullptr;
         const VariantPtr reply(g_dbus_connection_call_sync(
             m->connection.get(), destination.c_str(), path.c_str(), INTERFACE_NAME, method.c_str(),
             Wrap(bytes), nullptr, G_DBUS_CALL_FLAGS_NONE, timeoutMs, nullptr, &pError));
-        result.ok = reply != nullptr;
-        if (result.ok)
+        if (reply)
         {
-            result.bytes = Unwrap(reply.get());
-            result.signature = g_variant_get_type_string(reply.get());
-            return result;
+            return {true, Unwrap(reply.get()), g_variant_get_type_string(reply.get()), "", 0};
         }
         const qor::TGlibPtr<GError> error(pError);
-        gchar* const pName = g_dbus_error_get_remote_error(pError);
-        result.errorCode = pError->code;
-        result.errorName = Text(pName);
-        g_free(pName);
-        return result;
+        const std::unique_ptr<gchar, void (*)(gpointer)> name(g_dbus_error_get_remote_error(pError),
+                                                              &g_free);
+        return {false, {}, "", Text(name.get()), pError->code};
     }
 
     /// The same without waiting here. The future is ready when the reply has come; it must not
@@ -312,29 +306,21 @@ private:
         // Called with the mutex held.
         void Handle(MessagePtr call, const Answer& answer)
         {
-            MessagePtr reply(g_dbus_message_new_method_reply(call.get()));
-            switch (answer.kind)
+            if (answer.kind >= Answer::NEVER)
             {
-            case Answer::REPLY:
-                g_dbus_message_set_body(reply.get(), Wrap(answer.bytes));
-                break;
-            case Answer::ERROR:
-                reply.reset(g_dbus_message_new_method_error_literal(
-                    call.get(), answer.errorName.c_str(), "test"));
-                break;
-            case Answer::WRONG_TYPE:
-                g_dbus_message_set_body(reply.get(), g_variant_new("(s)", "not bytes"));
-                break;
-            case Answer::NO_VALUE:
-                break;
-            case Answer::HOLD:
-                held.push_back(std::move(call));
+                answer.kind == Answer::LEAVE ? Break() : void();
+                answer.kind == Answer::HOLD ? held.push_back(std::move(call)) : void();
                 return;
-            case Answer::LEAVE:
-                Break();
-                return;
-            case Answer::NEVER:
-                return;
+            }
+            const MessagePtr reply(answer.kind == Answer::ERROR
+                                       ? g_dbus_message_new_method_error_literal(
+                                             call.get(), answer.errorName.c_str(), "test")
+                                       : g_dbus_message_new_method_reply(call.get()));
+            if (answer.kind == Answer::REPLY || answer.kind == Answer::WRONG_TYPE)
+            {
+                const bool isRight = answer.kind == Answer::REPLY;
+                g_dbus_message_set_body(reply.get(), isRight ? Wrap(answer.bytes)
+                                                             : g_variant_new("(s)", "not bytes"));
             }
             g_dbus_connection_send_message(connection.get(), reply.get(),
                                            G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
