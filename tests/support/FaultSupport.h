@@ -2,12 +2,9 @@
 #ifndef QORTEST_FAULTSUPPORT_H
 #define QORTEST_FAULTSUPPORT_H
 
-#include <sstream>
-
-#include <boost/archive/binary_iarchive.hpp>
-#include <boost/archive/binary_oarchive.hpp>
 #include <boost/filesystem.hpp>
-#include <boost/serialization/string.hpp>
+
+#include <qor/PolicyMessage.h>
 
 #include "ChildProcess.h"
 #include "RawPeer.h"
@@ -15,28 +12,29 @@
 namespace qortest
 {
 
-template <class T>
-Bytes Archive(const T& value)
+inline Bytes Archive(const std::string& policy)
 {
-    std::ostringstream stream;
-    boost::archive::binary_oarchive archive(stream);
-    archive << value;
-    const std::string text = stream.str();
-    return Bytes(text.begin(), text.end());
+    Bytes bytes;
+    qor::WritePolicyRequest(policy, bytes);
+    return bytes;
+}
+
+/// A reply envelope with that result code.
+inline Bytes PolicyReply(int code)
+{
+    Bytes bytes;
+    qor::WritePolicyReply(code, bytes);
+    bytes.insert(bytes.begin(), 1);
+    return bytes;
 }
 
 /// The result code of the service; -1 for a call that failed or was answered false.
 inline int SendPolicy(RawPeer& peer, const std::string& policy)
 {
-    const CallResult reply =
-        peer.Call(SERVICE_NAME, SERVICE_PATH, "Send", Request(4, false, Archive(policy)));
-    int result = -1;
-    if (reply.ok && !reply.bytes.empty() && reply.bytes[0] != 0)
-    {
-        std::istringstream stream(std::string(reply.bytes.begin() + 1, reply.bytes.end()));
-        boost::archive::binary_iarchive(stream) >> result;
-    }
-    return result;
+    const Bytes reply =
+        peer.Call(SERVICE_NAME, SERVICE_PATH, "Send", Request(4, false, Archive(policy))).bytes;
+    const bool isTrue = !reply.empty() && reply[0] != 0;
+    return isTrue ? qor::ReadPolicyReply(Bytes(reply.begin() + 1, reply.end())) : -1;
 }
 
 inline std::size_t ResidentKilobytes(pid_t process)
