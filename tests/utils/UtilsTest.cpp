@@ -72,7 +72,7 @@ static struct Usb
     const char* debugImage; // the file that stands for /etc/debug
     int listResult, count, firstResult;
     const char* mountPoint;
-} usb = {};
+} usb = {"", 0, 0, 0, nullptr};
 static std::string calls;
 
 #define PLATFORM(type, name, parameters, ...)                                                      \
