@@ -1,6 +1,9 @@
 // The bus, the disk and other peers at their worst.
 #include <csignal>
+#include <map>
 #include <random>
+
+#include <sys/socket.h>
 
 #include <qor/PolicyMessage.h>
 #include <qor/QORDbusClient.h>
@@ -34,15 +37,16 @@ TEST_F(Fault, HostOutlivesTheBusAndANewServiceLearnsItAgain)
 {
     std::size_t policies = 0;
     Bytes response;
-    for (std::size_t round = 1; round <= 4; ++round)
+    for (int round = 1; round <= 4; ++round)
     {
         auto qord = StartQord();
         auto client = qor::TCDbusClientProvider::Get(false);
         client->SetCallback(2, [&](const auto&, auto&) { return ++policies != 0; });
         ASSERT_TRUE(PumpUntil([&] { return client->IsReady(); }));
         client->SendMessage(99, {}, response, false); // answered after the registration
+        const std::size_t before = policies;
         ASSERT_EQ(Qorctl({"set-policy", "-"}, "<a/>").exitCode, 0);
-        ASSERT_TRUE(PumpUntil([&] { return policies == round; }));
+        ASSERT_TRUE(PumpUntil([&] { return policies > before; }));
         EXPECT_TRUE(qord->WaitForOut("policy-update: 1 delivered, 0 failed")) << qord->Out();
         m_pBus->Kill();
         EXPECT_EQ(qord->Wait(), 1);
@@ -104,34 +108,74 @@ TEST_F(Fault, WhoSendsMoreThanTheBusTakesIsCutOffAndTheNextOneWorks)
 }
 
 // The n-th policy, of a size of its own, so that no prefix of one is another.
-static std::string Policy(unsigned int number)
+static std::string Policy(int number)
 {
-    return "<p n='" + std::to_string(number) + "'>" + std::string(20000 + 500 * number, 'x') +
-           "</p>";
+    return "<p n='" + std::to_string(number) + "'>" + std::string(20000 + number, 'x') + "</p>";
 }
 
-TEST_F(Fault, KilledServiceLeavesAWholePolicyThatIsNoOlderThanTheLastAcknowledged)
+TEST_F(Fault, KilledServiceLeavesAWholePolicyAndKeepsThoseBeforeIt)
 {
+    constexpr int last = 2000;
     std::mt19937 random(7);
-    for (unsigned int sent = 1; sent < 201; sent += 2)
+    RawPeer other;
+    std::atomic<int> sent{0};
+    std::size_t highest = 0, starts = 0;
+    while (sent < last)
     {
-        auto qord = StartQord();
-        const auto start = std::chrono::steady_clock::now();
-        ExpectResult(qor::POLICY_STORED, Policy(sent));
-        const auto typical = std::chrono::steady_clock::now() - start;
-        auto result =
-            std::async(std::launch::async, [&] { return SendPolicy(m_client, Policy(sent + 1)); });
-        std::this_thread::sleep_for(typical * (random() % 1000) / 800);
+        auto qord = StartQord({"--keep", "5"});
+        ++starts;
+        const auto write = [&](RawPeer& peer)
+        {
+            // The last that was acknowledged.
+            for (int number = 0, stored = 0;; stored = number)
+            {
+                number = ++sent;
+                if (number > last || SendPolicy(peer, Policy(number)) != qor::POLICY_STORED)
+                {
+                    return stored;
+                }
+            }
+        };
+        auto first = std::async(std::launch::async, [&] { return write(m_client); });
+        auto second = std::async(std::launch::async, [&] { return write(other); });
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 200000));
         qord->Signal(SIGKILL);
         qord->Wait();
-        const bool isAcknowledged = result.get() == qor::POLICY_STORED;
-        const std::string found = StoredPolicy();
-        ASSERT_TRUE(found == Policy(sent + 1) || (!isAcknowledged && found == Policy(sent)))
-            << "round " << sent << ", acknowledged " << isAcknowledged << found.substr(0, 40);
+        const int acknowledged[] = {first.get(), second.get()};
+        qord = StartQord({"--keep", "5"}); // and what was under way is ended
+        std::map<std::size_t, std::string> kept;
+        for (const auto& entry : fs::directory_iterator(m_directory.Path()))
+        {
+            const std::string name = entry.path().filename().string();
+            const std::size_t number = name.find(".kept-") == std::string::npos
+                                           ? 0
+                                           : std::stoul(name.substr(name.rfind('-') + 1));
+            number == 0 ? void() : void(kept[number] = ReadFile(entry.path().string()));
+        }
+        std::string found = StoredPolicy();
+        const auto isWhole = [](const std::string& text)
+        { return text == Policy(std::stoi(text.substr(6))); };
+        ASSERT_TRUE(found.empty() || isWhole(found)) << found.substr(0, 40);
+        ASSERT_LE(kept.size(), 5U);
+        ASSERT_GE(kept.empty() ? highest : kept.rbegin()->first, highest);
+        highest = kept.empty() ? highest : kept.rbegin()->first;
+        for (const auto& [number, text] : kept)
+        {
+            ASSERT_TRUE(isWhole(text)) << number;
+        }
+        // What each writer was told is in force, or was replaced by a later one.
+        for (const int number : acknowledged)
+        {
+            const bool isThere =
+                number == 0 || found == Policy(number) ||
+                std::any_of(kept.begin(), kept.end(),
+                            [&](const auto& file) { return file.second == Policy(number); });
+            ASSERT_TRUE(isThere) << number << " of start " << starts;
+        }
+        EndCleanly(*qord);
     }
-    auto qord = StartQord();
-    ExpectResult(qor::POLICY_STORED, "<last/>");
-    EXPECT_EQ(std::distance(fs::directory_iterator(m_directory.Path()), {}), 1) << "leftovers";
+    std::cout << starts << " starts\n";
+    EXPECT_EQ(std::distance(fs::directory_iterator(m_directory.Path()), {}), 7) << "leftovers";
 }
 
 TEST_F(Fault, RefusalsOfTheDiskAndOfTheLimitKeepTheOldPolicy)
@@ -195,6 +239,92 @@ TEST_F(Fault, FullAndReadOnlyFileSystemsKeepTheOldPolicy)
     EXPECT_EQ(ReadFile(seen + m_policyFile), "<c/>");
 }
 
+// Somebody who hangs must not hold up the others, nor the next service.
+TEST_F(Fault, ServiceStopsInTimeAndAnnouncesWhatIsDue)
+{
+    auto qord = StartQuietQord({"--event-timeout", "60000"});
+    auto hung = StartListener();
+    auto good = StartListener();
+    hung->Signal(SIGSTOP);
+    qord->Signal(SIGHUP);
+    ASSERT_TRUE(qord->WaitForOut("SIGHUP changes nothing"));
+    ExpectResult(qor::POLICY_STORED, "<a/>");
+    ASSERT_TRUE(good->WaitForOut("policy-update")); // its delivery to the other is under way
+    ExpectResult(qor::POLICY_STORED, "<b/>");
+    const auto start = std::chrono::steady_clock::now();
+    qord->Signal(SIGTERM);
+    EXPECT_TRUE(good->WaitForOut("vanished"));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
+    EXPECT_EQ(qord->Wait(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+    EXPECT_NE(qord->Err().find("does not answer"), std::string::npos) << qord->Err();
+
+    // The event that was dropped above comes from the next service.
+    qord = StartQord();
+    ASSERT_TRUE(WaitUntil([&] { return CountOf(good->Out(), "policy-update") == 2; }));
+
+    hung.reset();
+
+    // Due, and hardly begun: the reply has just come.
+    for (int round = 1; round <= 10; ++round)
+    {
+        const std::size_t heard = CountOf(good->Out(), "policy-update");
+        ExpectResult(qor::POLICY_STORED, "<c/>");
+        qord->Signal(SIGTERM);
+        EXPECT_TRUE(WaitUntil([&] { return CountOf(good->Out(), "policy-update") > heard; }));
+        EXPECT_EQ(qord->Wait(), 0);
+        qord = StartQord();
+        ASSERT_TRUE(WaitUntil(
+            [&] { return CountOf(good->Out(), "appeared") == 2U + static_cast<unsigned>(round); }));
+        SyncWithService();
+    }
+}
+
+TEST_F(Fault, ABusThatNeverAnswersDoesNotKeepTheServiceFromEnding)
+{
+    const int mute = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const std::string path = m_directory.Path("mute");
+    Bind(mute, path);
+    ASSERT_EQ(listen(mute, 2), 0);
+    ChildProcess::Options options;
+    options.environment["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=" + path;
+    for (const bool isTwice : {false, true})
+    {
+        auto qord = StartTool(QORD, {"--policy", m_policyFile}, options);
+        const int connection = accept(mute, nullptr, nullptr); // it listens to signals by now
+        const auto start = std::chrono::steady_clock::now();
+        qord->Signal(SIGTERM);
+        isTwice ? WaitUntil([&] { return qord->Signal(SIGTERM), !qord->IsRunning(); }) : true;
+        EXPECT_EQ(qord->Wait(), isTwice ? 128 + SIGTERM : 0);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(isTwice ? 1 : 3));
+        close(connection);
+    }
+    close(mute);
+}
+
+TEST_F(Fault, OutputThatNobodyReadsIsDroppedAndCounted)
+{
+    const std::string out = m_directory.Path("out");
+    ASSERT_EQ(mkfifo(out.c_str(), 0600), 0);
+    const int reader = open(out.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    auto qord = StartTool("sh", {"-c", "exec " QORD " --policy " + m_policyFile + " >" + out});
+    ASSERT_TRUE(WaitUntil([&] { return SendPolicy(m_client, "<a/>") == 0; }));
+    for (int i = 0; i < 2500; ++i)
+    {
+        ASSERT_EQ(SendPolicy(m_client, "<a/>"), qor::POLICY_STORED);
+    }
+    std::string text(1 << 20, '\0');
+    EXPECT_GT(read(reader, text.data(), text.size()), 60000);
+    ExpectResult(qor::POLICY_STORED, "<b/>");
+    ASSERT_GT(read(reader, text.data(), text.size()), 0);
+    const std::size_t at = text.find(" lines were dropped here\nqord: ");
+    ASSERT_NE(at, std::string::npos) << text.substr(0, 100);
+    EXPECT_GT(std::stoi(text.substr(6, at)), 400);
+    qord->Signal(SIGTERM);
+    EXPECT_EQ(qord->Wait(), 0);
+    close(reader);
+}
+
 TEST_F(Fault, CallsOfTheWrongShapeAreAnsweredWithErrors)
 {
     const std::string path = SERVICE_PATH, control = path + " " + INTERFACE_NAME;
@@ -223,7 +353,7 @@ TEST_F(Fault, CallsOfTheWrongShapeAreAnsweredWithErrors)
 
 TEST_F(Fault, EveryKindOfBadAnswerIsOneFailureAndTheOthersAreServed)
 {
-    auto qord = StartQord({"--event-timeout", "500"});
+    auto qord = StartQuietQord({"--event-timeout", "500"});
     auto listener = StartListener();
     RawPeer peers[7];
     const Bytes zeros(1 << 20, 0);

@@ -35,11 +35,12 @@ TEST(Announcer, DeliversAtMostOnceMoreAndItsEndWaitsForOneDelivery)
     std::unique_lock<std::mutex> closed(gate);
     announcer->Announce(2);
     ASSERT_TRUE(WaitUntil([&] { return count == 1; }));
+    EXPECT_FALSE(announcer->Finish(std::chrono::milliseconds(1)));
     announcer->Announce(2);
     announcer->Announce(4);
     announcer->Announce(2);
     closed.unlock();
-    ASSERT_TRUE(WaitUntil([&] { return count == 3; }));
+    ASSERT_TRUE(announcer->Finish(std::chrono::milliseconds(WATCHDOG_MS)));
     closed.lock();
     announcer->Announce(7); // another one of the old would come before it
     ASSERT_TRUE(WaitUntil([&] { return count == 4; }));
@@ -210,7 +211,20 @@ protected:
                       qord::TSStoreRules rules = {})
     {
         std::string error;
-        return qord::TCPolicyStore(path, rules).Store(text, error) || error.empty();
+        const int result = qord::TCPolicyStore(path, rules).Store(text, error);
+        EXPECT_EQ(result == qor::POLICY_STORED, error.empty()) << error;
+        return result == qor::POLICY_STORED;
+    }
+
+    // What is wrong with the place; empty where nothing is.
+    static std::string Open(const std::string& path, qord::TSStoreRules rules = {})
+    try
+    {
+        return qord::TCPolicyStore(path, rules).Open();
+    }
+    catch (const std::runtime_error& error)
+    {
+        return std::string("for good: ") + error.what();
     }
 
     // The contents of all files.
@@ -231,10 +245,10 @@ protected:
 
 TEST_F(PolicyStore, ReplacedFileKeepsPermissionsOwnerAndLinks)
 {
-    const std::string real = m_directory.Path("real/policy");
+    const std::string real = m_directory.Path("new/real/policy");
     EXPECT_FALSE(Store(real, "x"));
-    qord::TCPolicyStore(real).MakeDirectory();
-    fs::create_symlink("real/policy", m_path);
+    fs::create_symlink("new/real/policy", m_path);
+    EXPECT_EQ(Open(m_path), "");
     umask(077);
     EXPECT_TRUE(Store(m_path, "created through the link"));
     umask(022);
@@ -250,22 +264,61 @@ TEST_F(PolicyStore, ReplacedFileKeepsPermissionsOwnerAndLinks)
     EXPECT_TRUE(fs::is_symlink(m_path));
 }
 
-TEST_F(PolicyStore, TrapsAreNotFollowedAndFailuresLeaveTheOldFileAndItsCopies)
+TEST_F(PolicyStore, TrapsAreNotFollowedAndFilesOfOthersAreLeftAlone)
 {
-    const std::string victim = m_directory.Path("policy_not-a-copy.xml");
+    const std::string victim = m_directory.Path("policy.xml.kept-007");
     WriteFile(victim, "untouched");
+    WriteFile(m_path + ".kept-x", "");
     fs::create_symlink(victim, m_temporary);
     EXPECT_TRUE(Store(m_path, "one", {2, 0}));
     ASSERT_EQ(mkfifo(m_temporary.c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo(m_directory.Path(".policy.xml.old").c_str(), 0600), 0);
     EXPECT_TRUE(Store(m_path, "two", {2, 0}));
     EXPECT_TRUE(Store(m_path, "three", {2, 0}));
     fs::create_hard_link(victim, m_temporary);
-    EXPECT_TRUE(Store(m_path, "old", {2, 0}));
-    EXPECT_EQ(Contents(), (std::multiset<std::string>{"two", "three", "old", "untouched"}));
-    EXPECT_FALSE(Store(m_path, "x", {0, 1000000000}));   // MiB that should be free
-    fs::create_directories(m_temporary + "/in-the-way"); // of the replacement, not of the copy
+    EXPECT_TRUE(Store(m_path, "four", {2, 0}));
+    EXPECT_EQ(ReadFile(m_path + ".kept-3"), "three");
+    const std::multiset<std::string> all = {"two", "three", "four", "untouched", ""};
+    EXPECT_EQ(Contents(), all);
+    EXPECT_FALSE(Store(m_path, "x", {0, 1000000000})); // MiB that should be free
+    EXPECT_TRUE(Store(m_path, "five"));                // keeps none, and leaves those that are
+    EXPECT_EQ(ReadFile(m_path + ".kept-2") + ReadFile(m_path + ".kept-3"), "twothree");
+    fs::create_directories(m_temporary + "/in-the-way");
     EXPECT_FALSE(Store(m_path, "x", {3, 0}));
-    EXPECT_EQ(Contents(), (std::multiset<std::string>{"", "two", "three", "old", "untouched"}));
+    EXPECT_EQ(ReadFile(m_path), "five");
+}
+
+TEST_F(PolicyStore, PlacesThatAreNoGoodAreFoundAtOnce)
+{
+    const auto has = [](const std::string& text, const char* part)
+    { return text.find("for good") == 0 && text.find(part) != std::string::npos; };
+    ASSERT_EQ(mkfifo(m_path.c_str(), 0600), 0);
+    EXPECT_TRUE(has(Open(m_path), "not a regular file"));
+    EXPECT_TRUE(has(Open(m_directory.Path()), "not a regular file"));
+    EXPECT_TRUE(has(Open(m_path + "/x"), "Not a directory"));
+    EXPECT_TRUE(has(Open("/proc/none/policy.xml"), "creating the directory"));
+    EXPECT_EQ(std::distance(fs::directory_iterator(m_directory.Path()), {}), 1) << "is made";
+    fs::remove(m_path);
+    EXPECT_NE(Open(m_path, {0, 1000000000}).find("MiB are left"), std::string::npos);
+
+    // Another process has it; one that has ended does not.
+    EXPECT_EQ(Open(m_path), "");
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t process = fork();
+    if (process == 0)
+    {
+        qord::TCPolicyStore store(m_path);
+        store.Open();
+        static_cast<void>(!write(ready[1], "", 1));
+        pause();
+    }
+    char byte = 0;
+    EXPECT_EQ(read(ready[0], &byte, 1), 1);
+    EXPECT_TRUE(has(Open(m_path), ("process " + std::to_string(process) + " (").c_str()));
+    kill(process, SIGKILL);
+    waitpid(process, nullptr, 0);
+    EXPECT_EQ(Open(m_path), "");
 }
 
 // What a crash leaves is what a reader would have seen.

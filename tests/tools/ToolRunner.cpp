@@ -1,6 +1,9 @@
 // Runs qord and qorctl on a bus of the test's own.
 #include "ToolRunner.h"
 
+#include <sys/socket.h>
+#include <sys/un.h>
+
 #include "RawPeer.h"
 
 namespace qortest
@@ -41,6 +44,13 @@ std::size_t CountOf(const std::string& text, const std::string& part)
     return count;
 }
 
+void Bind(int socket, const std::string& path)
+{
+    sockaddr_un address = {AF_UNIX, {}};
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+}
+
 void ToolTest::SetUpTestSuite()
 {
     m_pBus = std::make_unique<PrivateBus>();
@@ -56,6 +66,13 @@ std::unique_ptr<ChildProcess> ToolTest::StartQord(Arguments arguments)
     arguments.insert(arguments.begin(), {"--policy", m_policyFile});
     auto qord = StartTool(QORD, arguments);
     EXPECT_TRUE(qord->WaitForOut("qord: ready")) << qord->Err();
+    return qord;
+}
+
+std::unique_ptr<ChildProcess> ToolTest::StartQuietQord(const Arguments& arguments)
+{
+    auto qord = StartQord(arguments);
+    EXPECT_TRUE(qord->WaitForOut("qord: event policy-update: 0 delivered")) << qord->Err();
     return qord;
 }
 

@@ -28,6 +28,9 @@ std::unique_ptr<ChildProcess> StartTool(const std::string& program, const Argume
 
 std::size_t CountOf(const std::string& text, const std::string& part);
 
+/// Gives a local socket a path.
+void Bind(int socket, const std::string& path);
+
 /// A bus for the whole suite, since a process keeps its connection; a policy file for each test.
 class ToolTest : public testing::Test
 {
@@ -37,6 +40,9 @@ protected:
 
     /// Starts qord and waits until it is ready.
     std::unique_ptr<ChildProcess> StartQord(Arguments arguments = {});
+
+    /// The same, and waits for the announcement that follows each start, for who counts events.
+    std::unique_ptr<ChildProcess> StartQuietQord(const Arguments& arguments = {});
 
     /// Waits until the service has handled whatever has been sent to it before. A signal to the
     /// service is not sent through the bus, and would overtake that.

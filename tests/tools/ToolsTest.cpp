@@ -4,7 +4,6 @@
 #include <sstream>
 
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <qor/api.h>
@@ -48,7 +47,7 @@ TEST_F(Tools, PoliciesAreStoredWholeOrRefusedUnsent)
     const std::string large = "<p>" + std::string(5 << 20, 'x') + "</p>";
     EXPECT_EQ(Qorctl({"--quiet", "set-policy", "-"}, large).out, "");
     EXPECT_TRUE(StoredPolicy() == large);
-    EXPECT_EQ(ReadFile(m_directory.Path("policy_1.xml")), ReadFile(SAMPLE_POLICY));
+    EXPECT_EQ(ReadFile(m_directory.Path("policy.xml.kept-1")), ReadFile(SAMPLE_POLICY));
 
     const std::string huge(40 << 20, ' ');
     SetPolicy(2, "do not fit into one bus message", "<a/>" + huge);
@@ -104,8 +103,8 @@ TEST_F(Tools, WrongUsageSendsNothing)
     {
         Expect(64, "", line);
     }
-    for (const char* line :
-         {"--policy", "--policy ''", "--policy x --keep -1", "--policy x --event-timeout 0"})
+    for (const char* line : {"--policy", "--policy ''", "--policy x --keep -1",
+                             "--policy x --event-timeout 0", "--test-bus-names"})
     {
         Expect(64, "", line, QORD);
     }
@@ -114,7 +113,7 @@ TEST_F(Tools, WrongUsageSendsNothing)
 
 TEST_F(Tools, EveryListenerHearsOfStoredPoliciesOnly)
 {
-    auto qord = StartQord();
+    auto qord = StartQuietQord();
     auto plain = StartListener({"--count", "2"});
     auto json = StartListener({"--json", "--count", "2"});
     const std::string ran = m_directory.Path("ran"), hook = m_directory.Path("hook");
@@ -152,13 +151,23 @@ TEST_F(Tools, ListenerSaysWhenTheServiceComesAndGoes)
     m_pBus->Restart();
 }
 
+TEST_F(Tools, PlacesThatAreNoGoodAreSaidAtTheStart)
+{
+    WriteFile(m_policyFile, "<unfinished>");
+    auto qord = StartQord({"--test-bus-names", "--min-free", "1000000"});
+    EXPECT_NE(qord->Err().find("MiB are left"), std::string::npos) << qord->Err();
+    EXPECT_NE(qord->Err().find("no good: line 1, column 13"), std::string::npos) << qord->Err();
+    Expect(1, "process " + std::to_string(qord->Pid()) + " (", "--policy policy.xml", QORD);
+    Expect(1, "another process (", "--test-bus-names --policy none/policy.xml", QORD);
+    EXPECT_FALSE(boost::filesystem::exists(m_directory.Path("none")));
+    Expect(1, "regular file", "--policy .", QORD);
+}
+
 TEST_F(Tools, ServiceManagerAndStatusKnowWhenTheServiceIsThere)
 {
     const int notified = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address = {AF_UNIX, {}};
     const std::string path = m_directory.Path("notify");
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    ASSERT_EQ(bind(notified, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    Bind(notified, path);
     setenv("NOTIFY_SOCKET", path.c_str(), 1);
     auto qord = StartQord({"--test-bus-names"});
     unsetenv("NOTIFY_SOCKET");

@@ -18,7 +18,7 @@ TCAnnouncer::~TCAnnouncer()
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_isStopping = true;
     }
-    m_changed.notify_one();
+    m_changed.notify_all();
     m_thread.join();
 }
 
@@ -32,7 +32,13 @@ void TCAnnouncer::Announce(int type)
         }
         m_due.push_back(type);
     }
-    m_changed.notify_one();
+    m_changed.notify_all();
+}
+
+bool TCAnnouncer::Finish(std::chrono::milliseconds patience)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_for(lock, patience, [this] { return m_due.empty() && !m_isDelivering; });
 }
 
 void TCAnnouncer::m_Run()
@@ -47,9 +53,12 @@ void TCAnnouncer::m_Run()
         }
         const int type = m_due.front();
         m_due.pop_front();
+        m_isDelivering = true;
         lock.unlock();
         m_deliver(type);
         lock.lock();
+        m_isDelivering = false;
+        m_changed.notify_all();
     }
 }
 

@@ -2,6 +2,7 @@
 #ifndef QORD_ANNOUNCER_H
 #define QORD_ANNOUNCER_H
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -30,6 +31,11 @@ public:
     /// Makes the event due. Never waits for a delivery. Any thread.
     void Announce(int type);
 
+    /// Waits until nothing is due or under way.
+    ///
+    /// @return false when that took too long
+    bool Finish(std::chrono::milliseconds patience);
+
 private:
     void m_Run();
 
@@ -37,6 +43,7 @@ private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::deque<int> m_due;
+    bool m_isDelivering = false;
     bool m_isStopping = false;
     std::thread m_thread; ///< Last: it uses all of the above.
 };

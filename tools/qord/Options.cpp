@@ -26,7 +26,7 @@ std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitSta
     TSOptions options;
     CLI::App app("Platform monitoring service: keeps the policy, and tells applications about it.\n"
                  "SIGUSR1 makes it ask every registered application for process information; "
-                 "SIGTERM and SIGINT stop it.",
+                 "SIGTERM and SIGINT stop it, twice: at once.",
                  "qord");
     app.set_version_flag("--version", std::string("qord ") + QOR_VERSION);
     app.add_option("--policy", options.m_policyFile,
@@ -61,6 +61,7 @@ std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitSta
     app.add_flag("--verbose", options.m_verbose, "Print the library's log lines too");
     app.add_flag("--log-file", options.m_logFile,
                  "Write the library's log lines to /tmp/qor_NAME_PID.log");
+    app.get_option("--test-bus-names")->needs("--policy"); // the usual file is the real service's
     if (!tools::ParseCommandLine(app, count, pArguments, exitStatus))
     {
         return std::nullopt;

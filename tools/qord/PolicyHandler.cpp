@@ -20,6 +20,25 @@ TCPolicyHandler::TCPolicyHandler(TCPolicyStore store, std::size_t maxPolicySize)
 {
 }
 
+void TCPolicyHandler::Open()
+{
+    std::string error = m_store.Open();
+    if (!error.empty())
+    {
+        ReportError("nothing can be stored at the moment: %s", error.c_str());
+    }
+    std::string policy;
+    error.clear();
+    if (m_store.Read(policy, m_maxPolicySize, error))
+    {
+        CheckPolicyXml(policy, error, g_checkMemory);
+    }
+    if (!error.empty())
+    {
+        ReportError("the policy in force is no good: %s", error.c_str());
+    }
+}
+
 bool TCPolicyHandler::Handle(const qor::TByteArray& request, qor::TByteArray& reply,
                              int& result) const
 {
@@ -62,13 +81,25 @@ int TCPolicyHandler::m_CheckAndStore(const std::string& policy) const
                     error.c_str());
         return verdict;
     }
-    if (!m_store.Store(policy, error))
+    const qor::EPolicyResult result = m_store.Store(policy, error);
+    switch (result)
     {
+    case qor::POLICY_STORED:
+        Report("a policy of %zu bytes is stored", policy.size());
+        break;
+    case qor::POLICY_STATE_UNKNOWN:
+        ReportError("a policy of %zu bytes may be in force, or the one before it: %s",
+                    policy.size(), error.c_str());
+        return result;
+    default:
         ReportError("a policy of %zu bytes could not be stored: %s", policy.size(), error.c_str());
-        return qor::POLICY_NOT_STORED;
+        return result;
     }
-    Report("a policy of %zu bytes is stored", policy.size());
-    return qor::POLICY_STORED;
+    if (!error.empty())
+    {
+        ReportError("cleaning up, which the next policy tries again: %s", error.c_str());
+    }
+    return result;
 }
 
 } // namespace qord

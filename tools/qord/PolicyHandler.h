@@ -13,13 +13,18 @@
 namespace qord
 {
 
-/// Decodes a request, checks the policy and stores it; says on standard output and standard error
+/// Reads a request, checks the policy and stores it; says on standard output and standard error
 /// what came of it. Whatever the bytes are, it takes a small multiple of their memory, and none for
 /// a policy over the limit.
 class TCPolicyHandler
 {
 public:
     TCPolicyHandler(TCPolicyStore store, std::size_t maxPolicySize);
+
+    /// Makes the policy's place ready and says what is wrong there, also with the policy itself.
+    ///
+    /// @throws std::runtime_error where no policy could ever be stored
+    void Open();
 
     /// @return false for a request that is not a policy; else the answer, one of
     ///         qor::EPolicyResult, is in reply and result

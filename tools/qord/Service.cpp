@@ -1,8 +1,12 @@
 // The service: answers policy requests, announces events, and watches over its bus name.
 #include "qord/Service.h"
 
+#include <unistd.h>
+
+#include <chrono>
 #include <csignal>
 #include <exception>
+#include <stdexcept>
 
 #include <gio/gio.h>
 #include <glib-unix.h>
@@ -15,9 +19,18 @@
 #include "common/ExitStatus.h"
 #include "common/SystemBus.h"
 #include "qord/Report.h"
+#include "qord/StopSignals.h"
 
 namespace qord
 {
+namespace
+{
+
+constexpr int g_stopLimitMs = 2900;
+constexpr std::chrono::milliseconds g_lastEventsLimit(2000);
+constexpr unsigned int g_registrationMs = 1000; // the clients of a predecessor have registered
+
+} // namespace
 
 TCService::TCService(const TSOptions& options)
     : m_options(options),
@@ -30,6 +43,10 @@ TCService::~TCService()
     m_announcer.reset();
     m_nameWatch.reset();
     m_server.reset();
+    if (m_startAnnouncement != 0)
+    {
+        g_source_remove(m_startAnnouncement);
+    }
     for (const unsigned int source : m_sources)
     {
         g_source_remove(source);
@@ -38,25 +55,24 @@ TCService::~TCService()
 
 int TCService::Run()
 {
-    // From the start, so that an early signal is not missed and does not end the process.
+    // From the start, so that an early signal is not missed.
+    const TCStopSignals stopSignals([this] { m_Quit(); }, g_stopLimitMs);
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN); // a write over the limit fails instead
-    m_sources.push_back(g_unix_signal_add(SIGTERM, m_QuitSignal, this));
-    m_sources.push_back(g_unix_signal_add(SIGINT, m_QuitSignal, this));
+    m_sources.push_back(g_unix_signal_add(SIGHUP, m_SayNothingToReload, this));
     m_sources.push_back(g_unix_signal_add(SIGUSR1, m_AskForProcessInfo, this));
-    if (!m_Start())
+    if (m_Start())
     {
-        return m_exitStatus;
-    }
-    while (m_isRunning)
-    {
-        g_main_context_iteration(nullptr, TRUE);
-        if (m_isRunning && !m_isReady && m_server->IsReady())
+        while (m_isRunning)
         {
-            m_SayReady();
+            g_main_context_iteration(nullptr, TRUE);
+            if (m_isRunning && m_server->IsReady())
+            {
+                m_Begin();
+            }
         }
+        m_Stop();
     }
-    sd_notify(0, "STOPPING=1");
     return m_exitStatus;
 }
 
@@ -95,12 +111,63 @@ bool TCService::m_Start()
     return true;
 }
 
-void TCService::m_SayReady()
+// Once the name is granted, and not before: a process that cannot serve creates no files. The first
+// request may be dispatched together with that news.
+bool TCService::m_Begin()
 {
+    if (m_isReady)
+    {
+        return true;
+    }
+    try
+    {
+        m_handler.Open();
+    }
+    catch (const std::runtime_error& exception)
+    {
+        m_Fail(exception.what());
+        return false;
+    }
     m_isReady = true;
     Report("ready as %s (%s), policy file %s", tools::ServiceName(m_options.m_testNames),
            m_server->GetUniqueName().c_str(), m_options.m_policyFile.c_str());
     sd_notify(0, "READY=1");
+    // The service before this one may have ended between a policy and its announcement.
+    m_startAnnouncement = g_timeout_add(g_registrationMs, m_AnnounceStart, this);
+    return true;
+}
+
+// Whatever the applications do, the name is free at once and the process gone not much later.
+void TCService::m_Stop()
+{
+    sd_notify(0, "STOPPING=1");
+    if (m_isAnnouncementDue)
+    {
+        m_announcer->Announce(qor::ICallbacks::POLICY_UPDATE);
+    }
+    // The reply to the last request must be out before the process ends.
+    g_dbus_connection_flush_sync(m_connection.get(), nullptr, nullptr);
+    if (m_announcer->Finish(std::chrono::milliseconds(0)))
+    {
+        return; // and the server's end gives up the name
+    }
+    m_GiveUpName();
+    if (!m_announcer->Finish(g_lastEventsLimit))
+    {
+        ReportError("an application does not answer; what is left of the events is dropped");
+    }
+    // The server gives up the name only together with its events, and does not know that it has
+    // gone already. Nothing else is left that needs an end.
+    _exit(m_exitStatus);
+}
+
+void TCService::m_GiveUpName()
+{
+    g_dbus_connection_call(m_connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                           "org.freedesktop.DBus", "ReleaseName",
+                           g_variant_new("(s)", tools::ServiceName(m_options.m_testNames)), nullptr,
+                           G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr, nullptr);
+    g_dbus_connection_flush_sync(m_connection.get(), nullptr, nullptr);
 }
 
 void TCService::m_Quit()
@@ -147,9 +214,13 @@ bool TCService::m_OnSetPolicy(const qor::TByteArray& request, qor::TByteArray& r
 
 bool TCService::m_SetPolicy(const qor::TByteArray& request, qor::TByteArray& reply)
 {
+    if (!m_Begin())
+    {
+        return false;
+    }
     int result = qor::POLICY_NOT_STORED;
     const bool isPolicy = m_handler.Handle(request, reply, result);
-    if (isPolicy && result == qor::POLICY_STORED)
+    if (isPolicy && (result == qor::POLICY_STORED || result == qor::POLICY_STATE_UNKNOWN))
     {
         m_AnnounceAfterReply();
     }
@@ -160,7 +231,11 @@ bool TCService::m_SetPolicy(const qor::TByteArray& request, qor::TByteArray& rep
 // begins when the context comes round again, after the reply.
 void TCService::m_AnnounceAfterReply()
 {
-    g_idle_add_full(G_PRIORITY_DEFAULT, m_AnnouncePolicy, this, nullptr);
+    if (!m_isAnnouncementDue)
+    {
+        m_isAnnouncementDue = true;
+        g_idle_add_full(G_PRIORITY_DEFAULT, m_AnnouncePolicy, this, nullptr);
+    }
 }
 
 void TCService::m_Deliver(int type) noexcept
@@ -177,9 +252,9 @@ void TCService::m_Deliver(int type) noexcept
     }
 }
 
-int TCService::m_QuitSignal(void* pService)
+int TCService::m_SayNothingToReload(void*)
 {
-    static_cast<TCService*>(pService)->m_Quit();
+    Report("SIGHUP changes nothing: there is no configuration to read again");
     return G_SOURCE_CONTINUE;
 }
 
@@ -195,7 +270,17 @@ int TCService::m_AskForProcessInfo(void* pService)
 
 int TCService::m_AnnouncePolicy(void* pService)
 {
-    static_cast<TCService*>(pService)->m_announcer->Announce(qor::ICallbacks::POLICY_UPDATE);
+    auto* pThis = static_cast<TCService*>(pService);
+    pThis->m_isAnnouncementDue = false;
+    pThis->m_announcer->Announce(qor::ICallbacks::POLICY_UPDATE);
+    return G_SOURCE_REMOVE;
+}
+
+int TCService::m_AnnounceStart(void* pService)
+{
+    auto* pThis = static_cast<TCService*>(pService);
+    pThis->m_startAnnouncement = 0;
+    pThis->m_announcer->Announce(qor::ICallbacks::POLICY_UPDATE);
     return G_SOURCE_REMOVE;
 }
 

@@ -34,7 +34,9 @@ public:
 
 private:
     bool m_Start();
-    void m_SayReady();
+    bool m_Begin();
+    void m_Stop();
+    void m_GiveUpName();
     void m_Quit();
     void m_Fail(const std::string& reason);
     void m_OwnerIs(const std::string& owner);
@@ -44,15 +46,18 @@ private:
     void m_AnnounceAfterReply();
     void m_Deliver(int type) noexcept;
 
-    static int m_QuitSignal(void* pService);
+    static int m_SayNothingToReload(void* pService);
     static int m_AskForProcessInfo(void* pService);
     static int m_AnnouncePolicy(void* pService);
+    static int m_AnnounceStart(void* pService);
 
     TSOptions m_options;
     TCPolicyHandler m_handler;
     bool m_isRunning = true;
     bool m_isReady = false;
     int m_exitStatus = 0;
+    bool m_isAnnouncementDue = false;
+    unsigned int m_startAnnouncement = 0; ///< Source; 0 when it has run.
     std::vector<unsigned int> m_sources;
     qor::TGlibPtr<GDBusConnection> m_connection;
     std::unique_ptr<qor::TCDbusServer> m_server;

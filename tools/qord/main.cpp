@@ -6,7 +6,6 @@
 
 #include "common/ExitStatus.h"
 #include "qord/Options.h"
-#include "qord/PolicyStore.h"
 #include "qord/Report.h"
 #include "qord/Service.h"
 
@@ -27,7 +26,6 @@ int main(int count, char** pArguments)
             qor::TCDirsManager::Initialize();
             options->m_policyFile = qor::TCDirsManager::GetPolicyXmlPath();
         }
-        qord::TCPolicyStore(options->m_policyFile).MakeDirectory();
         return qord::TCService(*options).Run();
     }
     catch (const std::exception& exception)

@@ -1,0 +1,123 @@
+// A directory that stays open, and the steps that are taken in it.
+#include "qord/Directory.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <memory>
+#include <utility>
+
+#include "qord/FileError.h"
+
+namespace qord
+{
+
+TCDescriptor::~TCDescriptor()
+{
+    if (m_descriptor >= 0)
+    {
+        close(m_descriptor);
+    }
+}
+
+bool TCDescriptor::Close()
+{
+    return close(std::exchange(m_descriptor, -1)) == 0 || errno == EINTR;
+}
+
+TCDirectory::TCDirectory(const std::string& path)
+    : m_descriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+{
+    if (m_descriptor.Get() < 0)
+    {
+        Fail("opening the directory " + path);
+    }
+}
+
+bool TCDirectory::Look(const std::string& name, struct stat& status) const
+{
+    if (fstatat(Get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+    {
+        return true;
+    }
+    if (errno != ENOENT)
+    {
+        Fail("looking at " + name);
+    }
+    return false;
+}
+
+bool TCDirectory::Has(const std::string& name) const
+{
+    struct stat status;
+    return Look(name, status);
+}
+
+void TCDirectory::Link(const std::string& from, const std::string& to) const
+{
+    if (linkat(Get(), from.c_str(), Get(), to.c_str(), 0) != 0)
+    {
+        Fail("linking " + from + " as " + to);
+    }
+}
+
+void TCDirectory::Rename(const std::string& from, const std::string& to) const
+{
+    if (renameat(Get(), from.c_str(), Get(), to.c_str()) != 0)
+    {
+        Fail("renaming " + from + " to " + to);
+    }
+}
+
+void TCDirectory::Remove(const std::string& name) const
+{
+    if (unlinkat(Get(), name.c_str(), 0) != 0 && errno != ENOENT)
+    {
+        Fail("removing " + name);
+    }
+}
+
+void TCDirectory::Sync() const
+{
+    // A file system that cannot sync directories says EINVAL; there is nothing more to be had.
+    if (fsync(Get()) != 0 && errno != EINVAL)
+    {
+        Fail("syncing the directory");
+    }
+}
+
+std::vector<std::string> TCDirectory::List() const
+{
+    const int descriptor = openat(Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const std::unique_ptr<DIR, int (*)(DIR*)> stream(
+        descriptor < 0 ? nullptr : fdopendir(descriptor), closedir);
+    if (!stream)
+    {
+        Fail("listing the directory");
+    }
+    std::vector<std::string> names;
+    errno = 0; // the end and a failure are told apart by it alone
+    while (const dirent* pEntry = readdir(stream.get()))
+    {
+        names.emplace_back(pEntry->d_name);
+    }
+    if (errno != 0)
+    {
+        Fail("listing the directory");
+    }
+    return names;
+}
+
+std::uint64_t TCDirectory::FreeSpace() const
+{
+    struct statvfs status;
+    if (fstatvfs(Get(), &status) != 0)
+    {
+        Fail("asking for the free space");
+    }
+    return std::uint64_t{status.f_bavail} * status.f_frsize;
+}
+
+} // namespace qord

@@ -1,0 +1,50 @@
+// Keeps the policies that new ones replace.
+#ifndef QORD_POLICYCOPIES_H
+#define QORD_POLICYCOPIES_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "qord/Directory.h"
+
+namespace qord
+{
+
+/// The kept copies of one policy file: NAME.kept-1, NAME.kept-2 and so on, beside it. Numbers rise
+/// and tell the age; clocks do not. A copy is the old file itself, under another name. Files of other
+/// names are nobody's business here, and with a limit of 0 neither are these.
+///
+/// The directory must outlive this object. Everything throws TCFileError.
+class TCPolicyCopies
+{
+public:
+    TCPolicyCopies(const TCDirectory& directory, std::string policyName, std::size_t limit);
+
+    /// Gives a file in the directory the next number, and removes the oldest over the limit first.
+    void Keep(const std::string& name) const;
+
+    /// Removes the oldest over the limit.
+    void Trim() const;
+
+    /// Removes already now what the next Keep would remove.
+    ///
+    /// @return false when there was nothing to remove
+    bool MakeRoom() const;
+
+private:
+    using TNumbers = std::vector<std::uint64_t>;
+
+    TNumbers m_List() const;
+    bool m_RemoveOldest(const TNumbers& numbers, std::size_t left) const;
+    std::string m_NameOf(std::uint64_t number) const;
+
+    const TCDirectory& m_directory;
+    std::string m_start; ///< Of the names.
+    std::size_t m_limit;
+};
+
+} // namespace qord
+
+#endif

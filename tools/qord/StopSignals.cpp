@@ -1,0 +1,82 @@
+// SIGTERM and SIGINT: an orderly end, and a sure one.
+#include "qord/StopSignals.h"
+
+#include <sys/eventfd.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <system_error>
+#include <utility>
+
+#include <glib-unix.h>
+
+namespace qord
+{
+namespace
+{
+
+// For the handlers, which may run at any point of any thread.
+int g_wakeUp = -1;
+itimerval g_limit = {};
+
+void OnStop(int)
+{
+    const int savedErrno = errno;
+    std::signal(SIGTERM, SIG_DFL);
+    std::signal(SIGINT, SIG_DFL);
+    setitimer(ITIMER_REAL, &g_limit, nullptr);
+    const std::uint64_t one = 1;
+    static_cast<void>(!write(g_wakeUp, &one, sizeof one));
+    errno = savedErrno;
+}
+
+void OnLimit(int)
+{
+    _exit(0);
+}
+
+void Handle(int signal, void (*handler)(int))
+{
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    action.sa_flags = SA_RESTART; // no write to the disk is interrupted
+    sigaction(signal, &action, nullptr);
+}
+
+} // namespace
+
+TCStopSignals::TCStopSignals(std::function<void()> stop, int limitMs) : m_stop(std::move(stop))
+{
+    g_wakeUp = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (g_wakeUp < 0)
+    {
+        throw std::system_error(errno, std::generic_category(), "preparing for signals");
+    }
+    g_limit.it_value = {limitMs / 1000, limitMs % 1000 * 1000};
+    m_source = g_unix_fd_add(g_wakeUp, G_IO_IN,
+                             reinterpret_cast<GUnixFDSourceFunc>(m_OnReadable), this);
+    Handle(SIGALRM, OnLimit);
+    Handle(SIGTERM, OnStop);
+    Handle(SIGINT, OnStop);
+}
+
+TCStopSignals::~TCStopSignals()
+{
+    Handle(SIGTERM, SIG_DFL);
+    Handle(SIGINT, SIG_DFL);
+    g_source_remove(m_source);
+    close(g_wakeUp);
+}
+
+int TCStopSignals::m_OnReadable(int descriptor, int, void* pSignals)
+{
+    std::uint64_t count = 0;
+    static_cast<void>(!read(descriptor, &count, sizeof count));
+    static_cast<TCStopSignals*>(pSignals)->m_stop();
+    return G_SOURCE_CONTINUE;
+}
+
+} // namespace qord

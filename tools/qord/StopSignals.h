@@ -1,0 +1,34 @@
+// SIGTERM and SIGINT: an orderly end, and a sure one.
+#ifndef QORD_STOPSIGNALS_H
+#define QORD_STOPSIGNALS_H
+
+#include <functional>
+
+namespace qord
+{
+
+/// One object per process, which takes over both signals until it goes.
+///
+/// The first signal is told to the default main context. Where the process has not ended limitMs
+/// after it, because something does not come back (the bus, the disk), it ends with status 0
+/// whatever it is doing. A second signal has its default action: it ends the process at once.
+class TCStopSignals
+{
+public:
+    /// @param stop  called once, in the default main context; must not throw
+    TCStopSignals(std::function<void()> stop, int limitMs);
+    ~TCStopSignals();
+
+    TCStopSignals(const TCStopSignals&) = delete;
+    TCStopSignals& operator=(const TCStopSignals&) = delete;
+
+private:
+    static int m_OnReadable(int descriptor, int condition, void* pSignals);
+
+    std::function<void()> m_stop;
+    unsigned int m_source;
+};
+
+} // namespace qord
+
+#endif
