@@ -126,8 +126,9 @@ TEST_F(EndpointLife, SuccessorWorksWhileACallbackOfTheLastOneStillRuns)
     const std::string name = dynamic_cast<TCDbusClient&>(*client).GetUniqueName();
     auto event = Event(name, 2);
     entered.get_future().wait();
+    const boost::weak_ptr<qor::IDbusClient> dying(client);
     std::thread last([&] { client.reset(); }); // waits for the callback
-    ASSERT_TRUE(WaitUntil([&] { return client == nullptr; }));
+    ASSERT_TRUE(WaitUntil([&] { return dying.expired(); }));
     const auto next = TCDbusClientProvider::Get(false);
     EXPECT_TRUE(Sends(*next));
     EXPECT_TRUE(next->SetCallback(3, Accept));
