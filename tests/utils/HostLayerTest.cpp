@@ -37,11 +37,14 @@ struct HostLayer : testing::Test, qortest::Tree
     void AddDisk(const std::string& bus, const std::string& name) const
     {
         const std::string device = "devices/" + bus + "/host0/block/" + name;
-        Write("sys/" + device + "/" + name + "1/partition");
         fs::create_directories(Path("sys/class/block"));
+        for (const std::string& partition : {name + "1", name + "2"})
+        {
+            Write("sys/" + device + "/" + partition + "/partition");
+            fs::create_symlink("../../" + device + "/" + partition,
+                               Path("sys/class/block/" + partition));
+        }
         fs::create_symlink("../../" + device, Path("sys/class/block/" + name));
-        fs::create_symlink("../../" + device + "/" + name + "1",
-                           Path("sys/class/block/" + name + "1"));
     }
 };
 
