@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <ctime>
@@ -90,8 +91,9 @@ private:
     FILE* m_pFile;
 };
 
-// How much standard output holds back, when all of that is ours. Guarded by the stream's lock.
-std::size_t g_ownTail = 0;
+// How much standard output holds back, when all of that is ours. Guarded by the stream's lock,
+// which the thread sanitizer does not see: hence atomic.
+std::atomic<std::size_t> g_ownTail{0};
 
 // Whether the stream takes a text in without writing.
 bool HasRoom(FILE* pFile, std::size_t size)
@@ -101,11 +103,11 @@ bool HasRoom(FILE* pFile, std::size_t size)
 
 void FlushOwnTail()
 {
-    if (g_ownTail == 0 || ftrylockfile(stdout) != 0)
+    if (ftrylockfile(stdout) != 0)
     {
         return;
     }
-    if (__fpending(stdout) == g_ownTail)
+    if (g_ownTail != 0 && __fpending(stdout) == g_ownTail)
     {
         const TCWriteSignals signals;
         std::fflush(stdout);
