@@ -17,6 +17,7 @@
 
 #include <perf_marker.h>
 
+#include <qor/QORDeactivator.h>
 #include <qor/QORDebug.h>
 #include <qor/QORIpcSerializationUtil.h>
 
@@ -149,6 +150,7 @@ TEST_F(Debug, HostGetsNoSignalForALineAndKeepsItsOwn)
             sigprocmask(SIG_UNBLOCK, &set, nullptr);
         }
         std::signal(signal, SIG_DFL);
+        qor::TCDeactivator::RegisterDBUS([] { qor::TCDebug::m_instance.Assert("late", 1); });
         unlink(m_path.c_str());
         std::exit(isReady ? g_signals : 99);
     };
