@@ -95,12 +95,6 @@ private:
 // which the thread sanitizer does not see: hence atomic.
 std::atomic<std::size_t> g_ownTail{0};
 
-// Whether the stream takes a text in without writing.
-bool HasRoom(FILE* pFile, std::size_t size)
-{
-    return __flbf(pFile) == 0 && __fpending(pFile) + size < __fbufsize(pFile);
-}
-
 void FlushOwnTail()
 {
     if (ftrylockfile(stdout) != 0)
@@ -169,27 +163,30 @@ void PrintToFile(FILE* pFile, std::string_view line)
 {
     const TCStreamLock lock(pFile);
     const TCWriteSignals signals;
-    std::fwrite(line.data(), 1, line.size(), pFile);
-    std::fflush(pFile);
+    fwrite_unlocked(line.data(), 1, line.size(), pFile);
+    fflush_unlocked(pFile);
     signals.TakeBack();
 }
 
+// What fits beside what the stream holds back is not written yet, and needs no care.
 void PrintToStdout(std::string_view line)
 {
     const TCStreamLock lock(stdout);
     const std::size_t before = __fpending(stdout);
-    const bool isOurs = before == 0 || before == g_ownTail;
-    if (HasRoom(stdout, line.size()))
+    const bool isOurs = before == 0 || before == g_ownTail.load(std::memory_order_relaxed);
+    std::size_t after = before + line.size();
+    if (after < __fbufsize(stdout) && __flbf(stdout) == 0)
     {
-        std::fwrite(line.data(), 1, line.size(), stdout);
+        fwrite_unlocked(line.data(), 1, line.size(), stdout);
     }
     else
     {
         const TCWriteSignals signals;
-        std::fwrite(line.data(), 1, line.size(), stdout);
+        fwrite_unlocked(line.data(), 1, line.size(), stdout);
         signals.TakeBack();
+        after = __fpending(stdout);
     }
-    g_ownTail = isOurs ? __fpending(stdout) : 0;
+    g_ownTail.store(isOurs ? after : 0, std::memory_order_relaxed);
 }
 
 } // namespace qor
