@@ -89,7 +89,7 @@ void TCEventDelivery::m_Post(std::function<void()> work)
 
 TCEventDelivery::TAccountPtr TCEventDelivery::AddClient(const std::string& name)
 {
-    const TAccountPtr pAccount = boost::make_shared<TSEventAccount>(name);
+    TAccountPtr pAccount = boost::make_shared<TSEventAccount>(name);
     m_Post(
         [this, pAccount]
         {

@@ -11,8 +11,8 @@ namespace qor
 constexpr std::size_t MAX_QUEUED_CALLS = QOR_MAX_QUEUED_CALLS;
 constexpr std::size_t MAX_QUEUED_BYTES = QOR_MAX_QUEUED_BYTES;
 // Bytes of all senders. A small call passes all the same, so that nobody can lock others out.
-constexpr std::size_t MAX_QUEUED_BYTES_IN_ALL = 4 * MAX_QUEUED_BYTES;
-constexpr std::size_t SMALL_CALL = 64 * 1024;
+constexpr std::size_t MAX_QUEUED_BYTES_IN_ALL = std::size_t{4} * MAX_QUEUED_BYTES;
+constexpr std::size_t SMALL_CALL = 65536;
 
 constexpr std::size_t MAX_HELLO_TYPES = QOR_MAX_HELLO_TYPES;
 
