@@ -191,9 +191,8 @@ TEST_F(EndpointLife, ServiceKnowsWhoIsAskingAlsoWhileItsCallbackIteratesTheConte
                        });
     server.SetCallback(5, [&](const Bytes&, Bytes&)
                        { return inner = server.GetCurrentSender(), true; });
-    EXPECT_EQ(
-        Await(waiting.StartCall(SERVICE_NAME, SERVICE_PATH, "Send", Request(4, false))).bytes,
-        (Bytes{1}));
+    EXPECT_EQ(Await(waiting.StartCall(SERVICE_NAME, SERVICE_PATH, "Send", Request(4, false))).bytes,
+              (Bytes{1}));
     EXPECT_TRUE(PumpUntil([&] { return !inner.empty(); }));
     EXPECT_EQ(outer, waiting.UniqueName());
     EXPECT_EQ(inner, other.UniqueName());
@@ -218,8 +217,9 @@ TEST_F(EndpointLife, RemovedCallbackMayOwnWhatRegistersAndUnregisters)
     m_service.reset();
     TCDbusServer server(false);
     TCDbusClient client(true);
-    for (qor::IDbus* pEndpoint : {static_cast<qor::IDbus*>(static_cast<qor::IDbusServer*>(&server)),
-                                  static_cast<qor::IDbus*>(static_cast<qor::IDbusClient*>(&client))})
+    for (qor::IDbus* pEndpoint :
+         {static_cast<qor::IDbus*>(static_cast<qor::IDbusServer*>(&server)),
+          static_cast<qor::IDbus*>(static_cast<qor::IDbusClient*>(&client))})
     {
         const auto owning = [pEndpoint](int type)
         {
@@ -243,10 +243,9 @@ TEST_F(EndpointLife, ServerHearsOfDeparturesInAContextThatIsNobodysDefault)
     g_main_context_push_thread_default(context.get());
     auto server = std::make_unique<TCDbusServer>(false);
     g_main_context_pop_thread_default(context.get());
-    const auto until = [&](const std::function<bool()>& condition)
-    {
-        return WaitUntil(
-            [&] { return g_main_context_iteration(context.get(), FALSE), condition(); });
+    const auto until = [&](const std::function<bool()>& condition) {
+        return WaitUntil([&]
+                         { return g_main_context_iteration(context.get(), FALSE), condition(); });
     };
     RawPeer client;
     ASSERT_TRUE(until([&] { return server->IsReady(); }));
@@ -272,7 +271,8 @@ TEST_F(EndpointLife, EventsEndWithAnImpossibleTimeoutOrWhenTheyAreCancelled)
     EXPECT_EQ(server.SendMessage(2, {}, -2), Counts(0, 1));
     EXPECT_EQ(LogCapture::Count(LOG_ERROR, "error, errno 13"), 1U);
     EXPECT_EQ(client.Count("Send"), 0U);
-    auto counts = std::async(std::launch::async, [&] { return server.SendMessage(2, {}, G_MAXINT); });
+    auto counts =
+        std::async(std::launch::async, [&] { return server.SendMessage(2, {}, G_MAXINT); });
     ASSERT_TRUE(client.WaitForCalls("Send", 1));
     server.CancelMessages();
     EXPECT_EQ(counts.get(), Counts(0, 1));

@@ -100,6 +100,9 @@ protected:
     /// Withdraws the object, wherever it is exported. Any thread; repeated calls do nothing.
     void t_Withdraw();
 
+    /// Whether the object is exported on the present connection. The caller holds t_stateMutex.
+    bool t_IsExported();
+
     /// Whether there was a connection and it has closed. The caller holds t_stateMutex.
     bool t_IsLost() const;
 

@@ -57,7 +57,8 @@ private:
     void m_Unwatch();
     void m_FindBusAgain();
     bool m_AdoptAgain(const boost::shared_ptr<TCDbusFilter>& filter);
-    void m_RetryLater();
+    void m_Lost();
+    void m_RetryIn(unsigned int milliseconds);
     bool m_Retry();
 
     static void m_NameAppeared(GDBusConnection* pConnection, const char* name, const char* owner,

@@ -1,7 +1,7 @@
 // The policy store on disks that refuse, in processes that are killed, and with power that is lost.
 // The store's calls of the system come through here.
-#include <fcntl.h>
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
@@ -144,7 +144,8 @@ extern "C"
     ssize_t write(int file, const void* pBytes, size_t size)
     {
         return Step([&] { return syscall(SYS_write, file, pBytes, size); },
-                    [&]() -> std::vector<Change> {
+                    [&]() -> std::vector<Change>
+                    {
                         return {{Change::DATA,
                                  FileOf(file),
                                  {},
@@ -178,17 +179,16 @@ extern "C"
     {
         return static_cast<int>(
             Step([&] { return syscall(SYS_renameat, from, name, to, newName); },
-                 [&]() -> std::vector<Change>
-                 {
-                     return {
-                         {Change::NAMES, 0, {{name, 0}, {newName, FileOf(from, name)}}, ""}};
+                 [&]() -> std::vector<Change> {
+                     return {{Change::NAMES, 0, {{name, 0}, {newName, FileOf(from, name)}}, ""}};
                  }));
     }
     int unlinkat(int directory, const char* name, int flags) noexcept
     {
-        return static_cast<int>(
-            Step([&] { return syscall(SYS_unlinkat, directory, name, flags); },
-                 [&]() -> std::vector<Change> { return {{Change::NAMES, 0, {{name, 0}}, ""}}; }));
+        return static_cast<int>(Step([&] { return syscall(SYS_unlinkat, directory, name, flags); },
+                                     [&]() -> std::vector<Change> {
+                                         return {{Change::NAMES, 0, {{name, 0}}, ""}};
+                                     }));
     }
     int fstatvfs(int, struct statvfs* pStatus) noexcept
     {
@@ -276,8 +276,8 @@ protected:
         const auto policy = disk.find(POLICY);
         const bool isNew = policy != disk.end() && policy->second.second == NEW;
         const bool isOld = policy != disk.end() && policy->second.second == OLD;
-        const bool hasOld = std::any_of(disk.begin(), disk.end(), [](const auto& file)
-                                        { return file.second.second == OLD; });
+        const bool hasOld = std::any_of(disk.begin(), disk.end(),
+                                        [](const auto& file) { return file.second.second == OLD; });
         return !isNew && !isOld                             ? "no whole policy"
                : result == qor::POLICY_STORED && !isNew     ? "what was acknowledged is lost"
                : result == qor::POLICY_NOT_STORED && !isOld ? "what was refused is in force"
@@ -393,12 +393,11 @@ std::set<Disk> PolicyStoreCrash::DisksAfterPowerLoss(const std::vector<Change>& 
     std::size_t count = 0;
     for (std::size_t i = 0; i < end; ++i)
     {
-        isOpen[i] = changes[i].kind != Change::SYNC &&
-                    std::none_of(&changes[i], &changes[0] + end,
-                                 [&](const Change& later) {
-                                     return later.kind == Change::SYNC &&
-                                            later.file == changes[i].file;
-                                 });
+        isOpen[i] =
+            changes[i].kind != Change::SYNC &&
+            std::none_of(&changes[i], &changes[0] + end,
+                         [&](const Change& later)
+                         { return later.kind == Change::SYNC && later.file == changes[i].file; });
         count += isOpen[i] ? 1U : 0U;
     }
     std::set<Disk> disks;
@@ -423,7 +422,8 @@ std::set<Disk> PolicyStoreCrash::DisksAfterPowerLoss(const std::vector<Change>& 
         }
         for (auto& [name, file] : disk)
         {
-            const auto isSame = [&](const auto& before) { return before.second.first == file.first; };
+            const auto isSame = [&](const auto& before)
+            { return before.second.first == file.first; };
             const auto before = std::find_if(m_before.begin(), m_before.end(), isSame);
             file.second = before == m_before.end() ? written[file.first] : before->second.second;
         }

@@ -49,9 +49,8 @@ private:
 int Create(const TCDirectory& directory, const std::string& name)
 {
     directory.Remove(name);
-    const int descriptor =
-        openat(directory.Get(), name.c_str(),
-               O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    const int descriptor = openat(directory.Get(), name.c_str(),
+                                  O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (descriptor < 0)
     {
         Fail("creating " + name);
@@ -133,8 +132,8 @@ bool TCAtomicFile::Tidy() const
         return false;
     }
     struct stat present;
-    const bool isReplaced = !m_directory.Look(m_name, present) ||
-                            present.st_ino != former.st_ino || present.st_dev != former.st_dev;
+    const bool isReplaced = !m_directory.Look(m_name, present) || present.st_ino != former.st_ino ||
+                            present.st_dev != former.st_dev;
     if (isReplaced && S_ISREG(former.st_mode))
     {
         return true;
@@ -220,8 +219,8 @@ void TCAtomicFile::m_PutBack(bool isThere, bool isLinked, const TCFileError& rea
     }
     catch (const TCFileError& error)
     {
-        throw TCStateUnknown(std::string(reason.what()) + "; putting the old one back: " +
-                                 error.what(),
+        throw TCStateUnknown(std::string(reason.what()) +
+                                 "; putting the old one back: " + error.what(),
                              reason.Code());
     }
 }

@@ -18,8 +18,8 @@ public:
 };
 
 /// A reader, and a crash at any moment, find either the old or the new text, whole. While it is
-/// replaced, two more names stand beside it: .NAME.new, what is being written, and .NAME.old, a link
-/// to the former file. The directory must outlive this object.
+/// replaced, two more names stand beside it: .NAME.new, what is being written, and .NAME.old, a
+/// link to the former file. The directory must outlive this object.
 class TCAtomicFile
 {
 public:
@@ -48,8 +48,8 @@ public:
     }
 
     /// Returns when the text is on the disk. The new file has the permissions of the one that it
-    /// replaces, and its owner where the process may give files away; 0644 where there is none. What
-    /// it has replaced is left under the name Former, if the file system has links.
+    /// replaces, and its owner where the process may give files away; 0644 where there is none.
+    /// What it has replaced is left under the name Former, if the file system has links.
     ///
     /// @param needsFormer  replace nothing where the former file cannot be linked; its link is on
     ///                     the disk before the new file takes the name

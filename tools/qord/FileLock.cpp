@@ -38,8 +38,8 @@ std::string Holder(ino_t file)
 } // namespace
 
 TCFileLock::TCFileLock(const TCDirectory& directory, const std::string& name)
-    // For reading, else the file system could not be remounted read-only; and not blocking: it might
-    // be a pipe.
+    // For reading, else the file system could not be remounted read-only; and not blocking: it
+    // might be a pipe.
     : m_file(openat(directory.Get(), name.c_str(),
                     O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600))
 {

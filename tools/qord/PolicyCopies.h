@@ -13,8 +13,8 @@ namespace qord
 {
 
 /// The kept copies of one policy file: NAME.kept-1, NAME.kept-2 and so on, beside it. Numbers rise
-/// and tell the age; clocks do not. A copy is the old file itself, under another name. Files of other
-/// names are nobody's business here, and with a limit of 0 neither are these.
+/// and tell the age; clocks do not. A copy is the old file itself, under another name. Files of
+/// other names are nobody's business here, and with a limit of 0 neither are these.
 ///
 /// The directory must outlive this object. Everything throws TCFileError.
 class TCPolicyCopies

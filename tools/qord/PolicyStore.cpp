@@ -180,8 +180,8 @@ try
     MakeDirectory(DirectoryOf(file));
     const TCPlace place(file, m_rules);
     place.RefuseOtherThanFile();
-    m_lock = std::make_unique<TCFileLock>(place.Directory(),
-                                          "." + file.filename().string() + ".lock");
+    m_lock =
+        std::make_unique<TCFileLock>(place.Directory(), "." + file.filename().string() + ".lock");
     try
     {
         place.Settle();

@@ -15,8 +15,9 @@ namespace qord
 
 struct TSStoreRules
 {
-    unsigned int m_copies = 0;     ///< How many of the replaced policies to keep.
-    unsigned int m_minFreeMiB = 0; ///< With less space than that left nothing is stored; 0: no limit.
+    unsigned int m_copies = 0; ///< How many of the replaced policies to keep.
+    unsigned int m_minFreeMiB =
+        0; ///< With less space than that left nothing is stored; 0: no limit.
 };
 
 /// Replaces the policy file in one step: a reader, and a crash at any moment, find either the old

@@ -180,6 +180,12 @@ void TCDbus::t_Stop()
     t_pConnection.reset();
 }
 
+bool TCDbus::t_IsExported()
+{
+    const TSharedLock lock(t_watchMutex);
+    return m_pExportedOn != nullptr && m_pExportedOn == t_pFilter;
+}
+
 bool TCDbus::t_IsLost() const
 {
     return t_pFilter != nullptr && t_pFilter->IsClosed();

@@ -1,7 +1,6 @@
 // The application's endpoint, and the provider that shares one per process.
 #include <qor/QORDbusClient.h>
 
-#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -34,6 +33,7 @@ constexpr int DEFAULT_TIMEOUT = -1;
 constexpr unsigned int ATTEMPT_INTERVAL_MS = 1000;
 constexpr gint64 ATTEMPT_GAP_US = 900 * G_TIME_SPAN_MILLISECOND; // less than a timer's interval
 constexpr int CONNECT_TIMEOUT_MS = 2000;
+constexpr gint64 HUNG_GAP_US = 20 * G_TIME_SPAN_SECOND;
 constexpr int ADOPT_TRIES = 100;
 constexpr gulong ADOPT_PAUSE_US = 5000;
 
@@ -71,7 +71,7 @@ struct TCDbusClient::TSSourceHandlers
         if (auto* pClient = use.Endpoint<TCDbusClient>())
         {
             QOR_LOG_DEBUG("The connection to the bus is closed");
-            pClient->t_Handle(use, [pClient] { pClient->m_RetryLater(); });
+            pClient->t_Handle(use, [pClient] { pClient->m_Lost(); });
         }
         return G_SOURCE_REMOVE;
     }
@@ -84,7 +84,18 @@ struct TCDbusClient::TSSourceHandlers
         {
             return G_SOURCE_CONTINUE;
         }
-        return pClient->m_Retry() ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
+        if (!pClient->m_Retry())
+        {
+            return G_SOURCE_CONTINUE;
+        }
+        const TSharedLock stateLock(pClient->t_stateMutex);
+        if (!pClient->t_IsExported())
+        {
+            return G_SOURCE_CONTINUE; // lost and found again meanwhile
+        }
+        const TExclusiveLock watchLock(pClient->t_watchMutex);
+        pClient->m_pRetry.reset();
+        return G_SOURCE_REMOVE;
     }
 };
 
@@ -283,10 +294,11 @@ bool TCDbusClient::SendMessage(int type, const TByteArray& data, TByteArray& res
     if (!t_isReady)
     {
         QOR_LOG_DEBUG("Connection is not ready");
-        if (!isAsync)
+        if (!isAsync && (!m_isStarted || t_IsExported()))
         {
-            // The bus starts a service that is not running, which then learns our types at once.
-            // Inside a callback this thread holds the table already.
+            // The bus starts a service that is not running, which then learns our types at once;
+            // not before it can call us, while the bus has just been found again. Inside a callback
+            // this thread holds the table already.
             const TSharedLock callbacksLock =
                 t_IsInHandler() ? TSharedLock() : TSharedLock(t_callbacksMutex);
             m_SendHello();
@@ -378,16 +390,20 @@ void TCDbusClient::m_FindBusAgain()
         pContext.reset(g_main_context_new());
         pConnection = OwnBusConnection(pContext.get(), CONNECT_TIMEOUT_MS, error.Out());
     }
-    // A bus that is slow to answer, or does not, is asked less often.
-    const gint64 now = g_get_monotonic_time();
-    m_nextAttempt = now + std::max(ATTEMPT_GAP_US, 10 * (now - start));
+    // A bus that accepts and does not answer holds this thread up, and is asked less often.
+    const bool isHung =
+        g_get_monotonic_time() - start >= CONNECT_TIMEOUT_MS * G_TIME_SPAN_MILLISECOND;
+    m_nextAttempt = g_get_monotonic_time() + (isHung ? HUNG_GAP_US : ATTEMPT_GAP_US);
     if (pConnection == nullptr)
     {
         QOR_LOG_ERROR("Connecting to system bus error, errno %d", error.Code());
         return;
     }
-    m_AdoptAgain(boost::make_shared<TCDbusFilter>(std::move(pConnection), std::move(pContext),
-                                                  t_objectPath));
+    if (m_AdoptAgain(boost::make_shared<TCDbusFilter>(std::move(pConnection), std::move(pContext),
+                                                      t_objectPath)))
+    {
+        m_RetryIn(0);
+    }
 }
 
 // Tries for the lock, and gives up: to wait for it exclusively would stop a callback that asks for
@@ -411,21 +427,34 @@ bool TCDbusClient::m_AdoptAgain(const boost::shared_ptr<TCDbusFilter>& filter)
     return false;
 }
 
-void TCDbusClient::m_RetryLater()
+void TCDbusClient::m_Lost()
 {
     {
         const TExclusiveLock stateLock(t_stateMutex);
         t_isReady = false;
     }
+    m_RetryIn(ATTEMPT_INTERVAL_MS);
+}
+
+// Any thread. From then on once in the interval, until it succeeds.
+void TCDbusClient::m_RetryIn(unsigned int milliseconds)
+{
     const TExclusiveLock watchLock(t_watchMutex);
-    if (t_IsSevered() || m_pRetry != nullptr)
+    if (t_IsSevered())
     {
         return;
     }
-    m_pRetry.reset(g_timeout_source_new(ATTEMPT_INTERVAL_MS));
-    g_source_set_callback(m_pRetry.get(), &TSSourceHandlers::Retry, t_NewUserData(),
-                          RELEASE_DBUS_LINK);
-    g_source_attach(m_pRetry.get(), t_pMainContext.get());
+    if (m_pRetry == nullptr)
+    {
+        m_pRetry.reset(g_timeout_source_new(ATTEMPT_INTERVAL_MS));
+        g_source_set_callback(m_pRetry.get(), &TSSourceHandlers::Retry, t_NewUserData(),
+                              RELEASE_DBUS_LINK);
+        g_source_attach(m_pRetry.get(), t_pMainContext.get());
+    }
+    if (milliseconds == 0)
+    {
+        g_source_set_ready_time(m_pRetry.get(), 0);
+    }
 }
 
 // What belongs to the main context happens here, whichever thread has found the bus. True when
@@ -443,8 +472,6 @@ bool TCDbusClient::m_Retry()
         return false;
     }
     m_Watch();
-    const TExclusiveLock watchLock(t_watchMutex);
-    m_pRetry.reset();
     return true;
 }
 
