@@ -10,7 +10,8 @@
 
 static bool TakePolicy(const qor::TByteArray& request, qor::TByteArray& reply)
 {
-    std::string policy, error;
+    std::string_view policy;
+    std::string error;
     if (qor::ReadPolicyRequest(request, policy, error) != qor::EPolicyRequest::GOOD)
     {
         std::cerr << "not a policy: " << error << std::endl;

@@ -75,7 +75,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size)
     }
     else
     {
-        std::string policy;
+        std::string_view policy;
         std::string error;
         qorfuzz::Require(qor::ReadPolicyRequest(request, policy, error) ==
                                  qor::EPolicyRequest::GOOD &&

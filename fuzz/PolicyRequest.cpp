@@ -11,7 +11,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size)
 {
     constexpr std::size_t limit = 4096;
     const qor::TByteArray request = qorfuzz::Bytes(pData, size);
-    std::string policy;
+    std::string_view policy;
     std::string error;
     const EPolicyRequest found = qor::ReadPolicyRequest(request, policy, error, limit);
     if (found != EPolicyRequest::GOOD)
@@ -25,8 +25,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size)
     }
     qorfuzz::Require(policy.size() <= limit, "a policy is within the limit");
     qor::TByteArray written;
-    qor::WritePolicyRequest(policy, written);
-    std::string policyAgain;
+    qor::WritePolicyRequest(std::string(policy), written);
+    std::string_view policyAgain;
     qorfuzz::Require(qor::ReadPolicyRequest(written, policyAgain, error) == EPolicyRequest::GOOD &&
                          policyAgain == policy,
                      "a policy that was read is written and read again as the same");

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 #include <qor/Export.h>
 #include <qor/Types.h>
@@ -46,15 +47,15 @@ enum class EPolicyRequest
 QOR_API void WritePolicyRequest(const std::string& policy, TByteArray& request);
 
 /// Reads the payload of SET_POLICY. The bytes may be anybody's: nothing that they claim is believed
-/// before it has been compared with what has come, and nothing is allocated but the text itself.
+/// before it has been compared with what has come, and no memory is taken that grows with them.
 ///
-/// @param policy   the text; untouched unless the result is GOOD
+/// @param policy   the text, inside the request's bytes; untouched unless the result is GOOD
 /// @param error    why not, in words for a log; untouched where the result is GOOD
 /// @param maxSize  the largest text that is accepted, in bytes; by default what the bus lets
 /// through
 ///
 /// @throws std::bad_alloc only
-QOR_API EPolicyRequest ReadPolicyRequest(const TByteArray& request, std::string& policy,
+QOR_API EPolicyRequest ReadPolicyRequest(const TByteArray& request, std::string_view& policy,
                                          std::string& error,
                                          std::size_t maxSize = static_cast<std::size_t>(-1));
 

@@ -55,7 +55,8 @@ TEST(Announcer, DeliversAtMostOnceMoreAndItsEndWaitsForOneDelivery)
 TEST(PolicyMessage, AnythingButOneWholeTextIsRefused)
 {
     using qor::EPolicyRequest;
-    std::string policy, error;
+    std::string_view policy;
+    std::string error;
     qor::TByteArray request;
     const std::string text = std::string("a\0b\xff\n", 5) + std::string(5 << 20, 'x');
     qor::WritePolicyRequest(text, request);

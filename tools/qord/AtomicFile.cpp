@@ -72,7 +72,7 @@ void TakeAfter(int file, const struct stat* pReplaced)
     }
 }
 
-void Write(TCDescriptor& file, const std::string& text)
+void Write(TCDescriptor& file, std::string_view text)
 {
     for (std::size_t written = 0; written < text.size();)
     {
@@ -142,7 +142,7 @@ bool TCAtomicFile::Tidy() const
     return false;
 }
 
-void TCAtomicFile::Replace(const std::string& text, bool needsFormer) const
+void TCAtomicFile::Replace(std::string_view text, bool needsFormer) const
 {
     struct stat status;
     const bool isThere = Look(status);

@@ -3,6 +3,7 @@
 #define QORD_ATOMICFILE_H
 
 #include <string>
+#include <string_view>
 
 #include "qord/Directory.h"
 #include "qord/FileError.h"
@@ -56,7 +57,7 @@ public:
     ///
     /// @throws TCFileError     the old file is in place, also after a crash
     /// @throws TCStateUnknown  it may not be
-    void Replace(const std::string& text, bool needsFormer) const;
+    void Replace(std::string_view text, bool needsFormer) const;
 
 private:
     bool m_LinkFormer(bool needsFormer) const;

@@ -11,7 +11,9 @@ namespace qord
 namespace
 {
 
-constexpr std::size_t g_checkMemory = std::size_t{16} * 1024 * 1024;
+// Beside the message itself, of which GDBus and the endpoint hold three copies; a policy of the
+// usual limit then takes the service less than four times its size.
+constexpr std::size_t g_checkMemory = std::size_t{4} * 1024 * 1024;
 
 } // namespace
 
@@ -52,7 +54,7 @@ bool TCPolicyHandler::Handle(const qor::TByteArray& request, qor::TByteArray& re
 
 bool TCPolicyHandler::m_Decide(const qor::TByteArray& request, int& result) const
 {
-    std::string policy;
+    std::string_view policy;
     std::string error;
     switch (qor::ReadPolicyRequest(request, policy, error, m_maxPolicySize))
     {
@@ -70,7 +72,7 @@ bool TCPolicyHandler::m_Decide(const qor::TByteArray& request, int& result) cons
     return false;
 }
 
-int TCPolicyHandler::m_CheckAndStore(const std::string& policy) const
+int TCPolicyHandler::m_CheckAndStore(std::string_view policy) const
 {
     std::string error;
     const qor::EPolicyResult verdict = CheckPolicyXml(policy, error, g_checkMemory);

@@ -3,7 +3,7 @@
 #define QORD_POLICYHANDLER_H
 
 #include <cstddef>
-#include <string>
+#include <string_view>
 
 #include <qor/PolicyMessage.h>
 #include <qor/Types.h>
@@ -32,7 +32,7 @@ public:
 
 private:
     bool m_Decide(const qor::TByteArray& request, int& result) const;
-    int m_CheckAndStore(const std::string& policy) const;
+    int m_CheckAndStore(std::string_view policy) const;
 
     TCPolicyStore m_store;
     std::size_t m_maxPolicySize;

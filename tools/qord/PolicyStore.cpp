@@ -119,7 +119,7 @@ public:
         RefuseWithoutSpace();
     }
 
-    void Replace(const std::string& text) const
+    void Replace(std::string_view text) const
     {
         RefuseWithoutSpace();
         try
@@ -227,7 +227,7 @@ bool TCPolicyStore::Read(std::string& text, std::size_t maxSize, std::string& er
     return true;
 }
 
-qor::EPolicyResult TCPolicyStore::Store(const std::string& text, std::string& error) const
+qor::EPolicyResult TCPolicyStore::Store(std::string_view text, std::string& error) const
 {
     error.clear();
     qor::EPolicyResult result = qor::POLICY_NOT_STORED;

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include <qor/PolicyMessage.h>
 
@@ -47,7 +48,7 @@ public:
     ///
     /// @return POLICY_STORED; POLICY_NOT_STORED: the old file is in place, and the kept ones too
     ///         (on a full disk, but for the one that would have gone); POLICY_STATE_UNKNOWN
-    qor::EPolicyResult Store(const std::string& text, std::string& error) const;
+    qor::EPolicyResult Store(std::string_view text, std::string& error) const;
 
 private:
     std::string m_path;

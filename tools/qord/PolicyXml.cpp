@@ -1,7 +1,6 @@
 // Says whether a policy text is well-formed XML.
 #include "qord/PolicyXml.h"
 
-#include <climits>
 #include <cstdlib>
 #include <memory>
 #include <new>
@@ -13,6 +12,8 @@ namespace qord
 {
 namespace
 {
+
+constexpr std::size_t g_pieceSize = std::size_t{64} * 1024;
 
 // What the parser of this thread holds; it hands nothing of ours to its allocator.
 struct TSMemory
@@ -95,9 +96,9 @@ qor::EPolicyResult Refuse(XML_Parser pParser, std::string& error)
     const XML_Error code = XML_GetErrorCode(pParser);
     if (code == XML_ERROR_NO_MEMORY)
     {
-        error = t_memory.m_isOverLimit
-                    ? "it nests too deeply, or has too many or too long attributes or declarations"
-                    : "no memory is left to check it";
+        error = t_memory.m_isOverLimit ? "it nests too deeply, has too many different names, or "
+                                         "too much in one tag or comment"
+                                       : "no memory is left to check it";
         return t_memory.m_isOverLimit ? qor::POLICY_TOO_LARGE : qor::POLICY_NOT_STORED;
     }
     error = Place(pParser) + (code == XML_ERROR_ABORTED
@@ -108,14 +109,8 @@ qor::EPolicyResult Refuse(XML_Parser pParser, std::string& error)
 
 } // namespace
 
-qor::EPolicyResult CheckPolicyXml(const std::string& text, std::string& error,
-                                  std::size_t maxMemory)
+qor::EPolicyResult CheckPolicyXml(std::string_view text, std::string& error, std::size_t maxMemory)
 {
-    if (text.size() > INT_MAX)
-    {
-        error = "it is larger than 2 GiB";
-        return qor::POLICY_TOO_LARGE;
-    }
     t_memory = {0, maxMemory, false};
     const std::unique_ptr<XML_ParserStruct, void (*)(XML_Parser)> parser(
         XML_ParserCreate_MM("UTF-8", &g_memoryFunctions, nullptr), XML_ParserFree);
@@ -127,12 +122,16 @@ qor::EPolicyResult CheckPolicyXml(const std::string& text, std::string& error,
     XML_SetXmlDeclHandler(parser.get(), CheckDeclaration);
     // Those of the document itself: without a handler, external ones are not loaded.
     XML_SetParamEntityParsing(parser.get(), XML_PARAM_ENTITY_PARSING_ALWAYS);
-    if (XML_Parse(parser.get(), text.data(), static_cast<int>(text.size()), XML_TRUE) !=
-        XML_STATUS_OK)
+    // In pieces, since the parser copies each of them.
+    XML_Status status = XML_STATUS_OK;
+    do
     {
-        return Refuse(parser.get(), error);
-    }
-    return qor::POLICY_STORED;
+        const std::string_view piece = text.substr(0, g_pieceSize);
+        text.remove_prefix(piece.size());
+        status = XML_Parse(parser.get(), piece.data(), static_cast<int>(piece.size()),
+                           text.empty() ? XML_TRUE : XML_FALSE);
+    } while (status == XML_STATUS_OK && !text.empty());
+    return status == XML_STATUS_OK ? qor::POLICY_STORED : Refuse(parser.get(), error);
 }
 
 } // namespace qord

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 #include <qor/PolicyMessage.h>
 
@@ -20,8 +21,7 @@ namespace qord
 /// @param error  where it is not well-formed: line, column and reason
 /// @return POLICY_STORED for a good one, or POLICY_NOT_WELL_FORMED, POLICY_TOO_LARGE, or
 ///         POLICY_NOT_STORED where the machine has no memory left
-qor::EPolicyResult CheckPolicyXml(const std::string& text, std::string& error,
-                                  std::size_t maxMemory);
+qor::EPolicyResult CheckPolicyXml(std::string_view text, std::string& error, std::size_t maxMemory);
 
 } // namespace qord
 

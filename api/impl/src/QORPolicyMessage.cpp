@@ -123,8 +123,8 @@ void WritePolicyRequest(const std::string& policy, TByteArray& request)
     archive << policy;
 }
 
-EPolicyRequest ReadPolicyRequest(const TByteArray& request, std::string& policy, std::string& error,
-                                 std::size_t maxSize)
+EPolicyRequest ReadPolicyRequest(const TByteArray& request, std::string_view& policy,
+                                 std::string& error, std::size_t maxSize)
 {
     TCByteArrayReader reader(request);
     std::size_t length = 0;
@@ -149,7 +149,8 @@ EPolicyRequest ReadPolicyRequest(const TByteArray& request, std::string& policy,
                 std::to_string(maxSize) + " that are accepted";
         return EPolicyRequest::TOO_LARGE;
     }
-    policy.assign(request.end() - static_cast<std::ptrdiff_t>(length), request.end());
+    policy = std::string_view(
+        reinterpret_cast<const char*>(request.data() + request.size() - length), length);
     return EPolicyRequest::GOOD;
 }
 
