@@ -201,6 +201,26 @@ TEST_F(Fault, RefusalsOfTheDiskAndOfTheLimitKeepTheOldPolicy)
     EXPECT_EQ(CountOf(qord->Err(), "could not be stored"), 2U) << qord->Err();
 }
 
+TEST_F(Fault, TheLargestPolicyTakesLessThanFourTimesItsSize)
+{
+    constexpr std::size_t size = 16 << 20;
+    std::string nested;
+    while (nested.size() < size)
+    {
+        nested += "<a>";
+    }
+    nested.resize(size);
+    const std::string flat = "<a>" + std::string(size - 7, 'x') + "</a>";
+    for (const auto& [policy, result] :
+         {std::pair(flat, qor::POLICY_STORED), std::pair(nested, qor::POLICY_TOO_LARGE)})
+    {
+        auto qord = StartQord();
+        ExpectResult(result, policy);
+        EXPECT_TRUE(IS_SANITIZED || ResidentKilobytes(qord->Pid(), "VmHWM:") < 4 * size / 1024);
+        fs::remove(m_policyFile); // the next start would read it
+    }
+}
+
 TEST_F(Fault, FileSizeLimitIsAFailedWriteAndNotTheEndOfTheService)
 {
     auto qord = StartTool("sh", {"-c", "ulimit -f 16 && exec '" QORD "' --policy " + m_policyFile});

@@ -16,7 +16,8 @@ namespace qord
 /// document is never fetched; entities that multiply without end are refused.
 ///
 /// The check keeps no tree. Where it would need more than maxMemory bytes, because elements nest
-/// too deeply or one of them has too many or too long attributes, the text is too large.
+/// too deeply, have too many different names, or too much stands in one of them, the text is too
+/// large.
 ///
 /// @param error  where it is not well-formed: line, column and reason
 /// @return POLICY_STORED for a good one, or POLICY_NOT_WELL_FORMED, POLICY_TOO_LARGE, or
