@@ -1,219 +1,20 @@
 // The policy store on disks that refuse, in processes that are killed, and with power that is lost.
-// The store's calls of the system come through here.
-#include <dirent.h>
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/statvfs.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 #include <iostream>
-#include <map>
 #include <set>
 
 #include <gtest/gtest.h>
 
 #include "ChildProcess.h"
+#include "WatchedCalls.h"
 #include "qord/PolicyStore.h"
 
 using namespace qortest;
-
-namespace
-{
-
-// A change that the disk may or may not have seen, or a sync that orders what came before it.
-struct Change
-{
-    enum EKind
-    {
-        NAMES,
-        DATA,
-        SYNC
-    };
-    EKind kind;
-    ino_t file = 0;                     // of DATA and SYNC; 0: the directory
-    std::map<std::string, ino_t> names; // 0: gone
-    std::string data;
-};
-
-struct Watch
-{
-    int fails = 0; // the number of the step that does, from 1
-    int error = 0;
-    bool isForGood = false; // all after it fail too
-    int killedBefore = 0, killedAfter = 0;
-    int steps = 0;
-    std::vector<Change> changes;
-};
-
-Watch* g_pWatch = nullptr; // set while the store is watched
-
-// The system gives the number of a file that is gone to a new one. Here each keeps its own.
-std::map<ino_t, ino_t> g_created;
-
-template <class TCall, class TChange>
-long Step(const TCall& call, const TChange& change)
-{
-    if (g_pWatch == nullptr)
-    {
-        return call();
-    }
-    Watch& watch = *g_pWatch;
-    const int step = ++watch.steps;
-    if (step == watch.killedBefore)
-    {
-        _exit(EXIT_FAILURE);
-    }
-    if (step == watch.fails || (watch.isForGood && step > watch.fails))
-    {
-        errno = watch.error;
-        return -1;
-    }
-    g_pWatch = nullptr;
-    const std::vector<Change> made = change();
-    const long result = call();
-    g_pWatch = &watch;
-    if (result >= 0)
-    {
-        watch.changes.insert(watch.changes.end(), made.begin(), made.end());
-    }
-    if (step == watch.killedAfter)
-    {
-        _exit(EXIT_FAILURE);
-    }
-    return result;
-}
-
-std::vector<Change> Nothing()
-{
-    return {};
-}
-
-ino_t Own(ino_t number)
-{
-    const auto created = g_created.find(number);
-    return created == g_created.end() ? number : created->second;
-}
-
-void Create(int descriptor)
-{
-    static ino_t last = ino_t(1) << 60;
-    struct stat status = {};
-    fstat(descriptor, &status);
-    g_created[status.st_ino] = ++last;
-}
-
-ino_t FileOf(int descriptor)
-{
-    struct stat status = {};
-    fstat(descriptor, &status);
-    return S_ISDIR(status.st_mode) ? 0 : Own(status.st_ino);
-}
-
-ino_t FileOf(int directory, const char* name)
-{
-    struct stat status = {};
-    syscall(SYS_newfstatat, directory, name, &status, AT_SYMLINK_NOFOLLOW);
-    return Own(status.st_ino);
-}
-
-} // namespace
-
-extern "C"
-{
-    int open(const char* path, int flags, ...)
-    {
-        return static_cast<int>(
-            Step([&] { return syscall(SYS_openat, AT_FDCWD, path, flags, 0600); }, Nothing));
-    }
-    int openat(int directory, const char* name, int flags, ...)
-    {
-        const long result =
-            Step([&] { return syscall(SYS_openat, directory, name, flags, 0600); }, Nothing);
-        if (result >= 0 && g_pWatch != nullptr && (flags & O_CREAT) != 0)
-        {
-            Create(static_cast<int>(result));
-            g_pWatch->changes.push_back(
-                {Change::NAMES, 0, {{name, FileOf(static_cast<int>(result))}}, ""});
-        }
-        return static_cast<int>(result);
-    }
-    ssize_t readlink(const char* path, char* buffer, size_t size) noexcept
-    {
-        return Step([&] { return syscall(SYS_readlink, path, buffer, size); }, Nothing);
-    }
-    int fstatat(int directory, const char* name, struct stat* pStatus, int flags) noexcept
-    {
-        return static_cast<int>(Step(
-            [&] { return syscall(SYS_newfstatat, directory, name, pStatus, flags); }, Nothing));
-    }
-    int fchown(int file, uid_t user, gid_t group) noexcept
-    {
-        return static_cast<int>(
-            Step([&] { return syscall(SYS_fchown, file, user, group); }, Nothing));
-    }
-    int fchmod(int file, mode_t mode) noexcept
-    {
-        return static_cast<int>(Step([&] { return syscall(SYS_fchmod, file, mode); }, Nothing));
-    }
-    ssize_t write(int file, const void* pBytes, size_t size)
-    {
-        return Step([&] { return syscall(SYS_write, file, pBytes, size); },
-                    [&]() -> std::vector<Change>
-                    {
-                        return {{Change::DATA,
-                                 FileOf(file),
-                                 {},
-                                 std::string(static_cast<const char*>(pBytes), size)}};
-                    });
-    }
-    int fsync(int file)
-    {
-        return static_cast<int>(Step([&] { return 0; }, // no need to wait for a disk
-                                     [&]() -> std::vector<Change> {
-                                         return {{Change::SYNC, FileOf(file), {}, ""}};
-                                     }));
-    }
-    int close(int file)
-    {
-        const long result = Step([] { return 0; }, Nothing);
-        const int savedErrno = errno;
-        syscall(SYS_close, file); // also when it says that it failed
-        errno = savedErrno;
-        return static_cast<int>(result);
-    }
-    int linkat(int from, const char* name, int to, const char* newName, int flags) noexcept
-    {
-        return static_cast<int>(
-            Step([&] { return syscall(SYS_linkat, from, name, to, newName, flags); },
-                 [&]() -> std::vector<Change> {
-                     return {{Change::NAMES, 0, {{newName, FileOf(from, name)}}, ""}};
-                 }));
-    }
-    int renameat(int from, const char* name, int to, const char* newName) noexcept
-    {
-        return static_cast<int>(
-            Step([&] { return syscall(SYS_renameat, from, name, to, newName); },
-                 [&]() -> std::vector<Change> {
-                     return {{Change::NAMES, 0, {{name, 0}, {newName, FileOf(from, name)}}, ""}};
-                 }));
-    }
-    int unlinkat(int directory, const char* name, int flags) noexcept
-    {
-        return static_cast<int>(Step([&] { return syscall(SYS_unlinkat, directory, name, flags); },
-                                     [&]() -> std::vector<Change> {
-                                         return {{Change::NAMES, 0, {{name, 0}}, ""}};
-                                     }));
-    }
-    int fstatvfs(int, struct statvfs* pStatus) noexcept
-    {
-        pStatus->f_bavail = pStatus->f_frsize = 1UL << 20;
-        return static_cast<int>(Step([] { return 0; }, Nothing));
-    }
-}
 
 // What stands in the directory: names, and the numbers and texts of their files.
 using Disk = std::map<std::string, std::pair<ino_t, std::string>>;
@@ -242,10 +43,9 @@ protected:
     {
         const qord::TCPolicyStore store(m_pDirectory->Path(POLICY), {GetParam(), 1});
         std::string error;
-        g_created.clear();
-        g_pWatch = pWatch;
+        SetWatch(pWatch);
         const int result = store.Store(text, error);
-        g_pWatch = nullptr;
+        SetWatch(nullptr);
         return result;
     }
 
