@@ -53,7 +53,8 @@ std::string WhyNotDelivered(const TSOptions& options, std::size_t size,
     {
         return "the service is not on the bus";
     }
-    return "the service or the bus refused the request, or the service left before it answered";
+    return "the service or the bus refused the request (a 32-bit and a 64-bit process do not "
+           "read each other's policies), or the service left before it answered";
 }
 
 int Report(const TSOptions& options, int result, std::size_t size)
