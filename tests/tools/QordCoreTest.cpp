@@ -137,6 +137,7 @@ TEST(PolicyXml, RefusalsSayWhereAndWhat)
 }
 
 // Only what stands behind a bracket is changed: before it, the second judge is known to be lenient.
+// It also ends at a zero byte, so none is put in.
 TEST(PolicyXml, AgreesWithAnotherParserAboutChangedDocuments)
 {
     const std::string documents[] = {
@@ -176,8 +177,7 @@ TEST(PolicyXml, AgreesWithAnotherParserAboutChangedDocuments)
                                  "\xEF\xBF\xBE",
                                  "\xED\xA0\x80",
                                  "\xFF",
-                                 "&#xD800;",
-                                 std::string(1, '\0')};
+                                 "&#xD800;"};
     std::mt19937 random(3);
     const auto any = [&](std::size_t count) { return random() % count; };
     std::size_t good = 0;
