@@ -70,7 +70,9 @@ TCDbusFilter::TCDbusFilter(TGlibPtr<GDBusConnection> pConnection, TGlibPtr<GMain
       m_hasLeft(false),
       m_mutex(PTHREAD_MUTEX_INITIALIZER),
       m_admits(true),
+      m_unsentBytes(0),
       m_sendersWhenSettled(SETTLE_FROM),
+      m_calls(0),
       m_bytes(0)
 {
     const TCThreadDefaultContext context(m_pContext.get());
@@ -113,11 +115,12 @@ void TCDbusFilter::StopAdmission()
 GDBusMessage* TCDbusFilter::m_Filter(GDBusConnection* /*pConnection*/, GDBusMessage* pMessage,
                                      int isIncoming, void* pFilter)
 {
+    auto& filter = *static_cast<TCDbusFilter*>(pFilter);
     if (!isIncoming)
     {
+        filter.m_NoteSent(pMessage);
         return pMessage;
     }
-    auto& filter = *static_cast<TCDbusFilter*>(pFilter);
     bool isTaken = false;
     switch (g_dbus_message_get_message_type(pMessage))
     {
@@ -152,28 +155,58 @@ std::uint32_t TCDbusFilter::Call(GDBusMessage* pCall, const TAnswerHandler& hand
     {
         return 0;
     }
-    m_awaited.emplace(serial, handler);
+    const std::size_t size = SizeOf(pCall);
+    m_awaited.emplace(serial, TSAwaited{handler, size});
+    m_unsentBytes += size;
     return serial;
 }
 
 void TCDbusFilter::Forget(std::uint32_t serial)
 {
     const TCMutexLock lock(m_mutex);
-    m_awaited.erase(serial);
+    m_EndAwaiting(serial);
+}
+
+std::size_t TCDbusFilter::UnsentBytes()
+{
+    const TCMutexLock lock(m_mutex);
+    return m_unsentBytes;
+}
+
+void TCDbusFilter::m_NoteSent(GDBusMessage* pMessage)
+{
+    const TCMutexLock lock(m_mutex);
+    const auto found = m_awaited.find(g_dbus_message_get_serial(pMessage));
+    if (found != m_awaited.end())
+    {
+        m_unsentBytes -= std::exchange(found->second.m_unsent, 0);
+    }
 }
 
 bool TCDbusFilter::m_TakeAnswer(GDBusMessage* pMessage)
 {
     const TCMutexLock lock(m_mutex);
-    const auto found = m_awaited.find(g_dbus_message_get_reply_serial(pMessage));
-    if (found == m_awaited.end())
+    const TAnswerHandler handler = m_EndAwaiting(g_dbus_message_get_reply_serial(pMessage));
+    if (!handler)
     {
         return false;
     }
-    const TAnswerHandler handler = std::move(found->second);
-    m_awaited.erase(found);
     handler(pMessage);
     return true;
+}
+
+// Called with the mutex held. No handler when the call is not awaited.
+TCDbusFilter::TAnswerHandler TCDbusFilter::m_EndAwaiting(std::uint32_t serial)
+{
+    const auto found = m_awaited.find(serial);
+    if (found == m_awaited.end())
+    {
+        return TAnswerHandler();
+    }
+    TAnswerHandler handler = std::move(found->second.m_handler);
+    m_unsentBytes -= found->second.m_unsent;
+    m_awaited.erase(found);
+    return handler;
 }
 
 // Who waits for an answer on a thread of its own.
@@ -230,7 +263,7 @@ TGlibPtr<GDBusMessage> TCDbusFilter::CallAndWait(GDBusMessage* pCall, int timeou
         const bool isClosed = g_dbus_connection_is_closed(m_pConnection.get());
         if (isClosed || now >= deadline)
         {
-            m_awaited.erase(serial);
+            m_EndAwaiting(serial);
             g_set_error_literal(ppError, G_IO_ERROR,
                                 isClosed ? G_IO_ERROR_CLOSED : G_IO_ERROR_TIMED_OUT,
                                 isClosed ? "The connection is closed" : "Timeout was reached");
@@ -272,6 +305,7 @@ bool TCDbusFilter::m_Admit(GDBusMessage* pCall)
         {
             sender.m_calls.emplace_back(pCall, size);
             sender.m_bytes += size;
+            ++m_calls;
             m_bytes += size;
             return true;
         }
@@ -304,15 +338,22 @@ const char* TCDbusFilter::m_Objection(GDBusMessage* pCall, const TSSender& sende
     {
         return "Too many calls are waiting";
     }
-    if (size > SMALL_CALL && m_bytes + size > MAX_QUEUED_BYTES_IN_ALL)
+    if (m_IsFull(size))
     {
         m_SettleAll();
-        if (m_bytes + size > MAX_QUEUED_BYTES_IN_ALL)
+        const bool isFirst =
+            sender.m_calls.empty() && size <= SMALL_CALL && m_calls < MAX_SMALL_CALLS;
+        if (m_IsFull(size) && !isFirst)
         {
-            return "Too many bytes are waiting";
+            return "Too much is waiting";
         }
     }
     return nullptr;
+}
+
+bool TCDbusFilter::m_IsFull(std::size_t size) const
+{
+    return m_calls >= MAX_QUEUED_CALLS_IN_ALL || m_bytes + size > MAX_QUEUED_BYTES_IN_ALL;
 }
 
 void TCDbusFilter::m_Refuse(GDBusMessage* pCall, const char* reason)
@@ -344,6 +385,7 @@ void TCDbusFilter::m_Settle(TSSender& sender)
     while (!sender.m_calls.empty() && sender.m_calls.front().IsGone())
     {
         sender.m_bytes -= sender.m_calls.front().m_size;
+        --m_calls;
         m_bytes -= sender.m_calls.front().m_size;
         sender.m_calls.pop_front();
     }

@@ -56,6 +56,8 @@ public:
     std::uint32_t Call(GDBusMessage* pCall, const TAnswerHandler& handler, GError** ppError);
     // When it returns, the handler does not run and will not run any more.
     void Forget(std::uint32_t serial);
+    // The bytes of calls that GDBus has yet to write. They pile up where the bus does not read on.
+    std::size_t UnsentBytes();
 
     // Sends a call and waits on this thread, without a main context. A message, perhaps an error
     // reply, or null with an error: the timeout, or a connection that closes.
@@ -83,14 +85,22 @@ private:
         gint64 m_lastRefusal = 0; // monotonic time; 0: never
     };
     struct TSWaiter;
+    struct TSAwaited
+    {
+        TAnswerHandler m_handler;
+        std::size_t m_unsent; // bytes
+    };
 
     static GDBusMessage* m_Filter(GDBusConnection* pConnection, GDBusMessage* pMessage,
                                   int isIncoming, void* pFilter);
     static void m_HasLeft(void* pFilter);
 
+    void m_NoteSent(GDBusMessage* pMessage);
     bool m_TakeAnswer(GDBusMessage* pMessage);
+    TAnswerHandler m_EndAwaiting(std::uint32_t serial);
     bool m_Admit(GDBusMessage* pCall);
     const char* m_Objection(GDBusMessage* pCall, const TSSender& sender, std::size_t size);
+    bool m_IsFull(std::size_t size) const;
     void m_Refuse(GDBusMessage* pCall, const char* reason);
     TSSender& m_Sender(const char* name);
     void m_Settle(TSSender& sender);
@@ -106,10 +116,12 @@ private:
 
     pthread_mutex_t m_mutex; // guards everything below
     bool m_admits;
-    std::unordered_map<std::uint32_t, TAnswerHandler> m_awaited; // by serial
-    std::map<std::string, TSSender> m_senders;                   // by unique name
+    std::unordered_map<std::uint32_t, TSAwaited> m_awaited; // by serial
+    std::size_t m_unsentBytes;
+    std::map<std::string, TSSender> m_senders; // by unique name
     std::size_t m_sendersWhenSettled;
-    std::size_t m_bytes; // of all senders
+    std::size_t m_calls; // of all senders
+    std::size_t m_bytes;
 };
 
 } // namespace qor

@@ -27,6 +27,8 @@ constexpr int DEFAULT_TIMEOUT_MS = 25000; // the bus library's
 constexpr gint64 NEVER = G_MAXINT64;
 // A connection that closes tells nobody on this thread, so it is looked at.
 constexpr gint64 CLOSED_CHECK_US = 100 * G_TIME_SPAN_MILLISECOND;
+// Neither does a call that has been written, which takes a while where they are large.
+constexpr gint64 SENT_CHECK_US = 2 * G_TIME_SPAN_MILLISECOND;
 
 gint64 DeadlineAfter(gint64 now, int timeoutMs)
 {
@@ -57,7 +59,8 @@ TCEventDelivery::TCEventDelivery(GMainContext* pContext, TCDbusFilter& filter,
     : m_filter(filter),
       m_onGone(std::move(onGone)),
       m_pUnknown(std::make_shared<TSEventUser>(UNKNOWN_USER)),
-      m_overdue(0)
+      m_overdue(0),
+      m_isHeldUp(false)
 {
     static GSourceFuncs functions{nullptr, nullptr, &TCEventDelivery::m_Dispatch,
                                   nullptr, nullptr, nullptr};
@@ -160,9 +163,10 @@ void TCEventDelivery::m_Work()
 void TCEventDelivery::m_SleepUntilNext()
 {
     gint64 next = m_deadlines.empty() ? -1 : m_deadlines.begin()->first;
-    if (!m_bySerial.empty() && !m_deadlines.empty())
+    if ((m_isHeldUp || !m_bySerial.empty()) && !m_deadlines.empty())
     {
-        next = std::min(next, g_get_monotonic_time() + CLOSED_CHECK_US);
+        next =
+            std::min(next, g_get_monotonic_time() + (m_isHeldUp ? SENT_CHECK_US : CLOSED_CHECK_US));
     }
     const std::lock_guard<std::mutex> lock(m_inboxMutex);
     g_source_set_ready_time(m_pSource.get(), m_inbox.empty() ? next : 0);
@@ -247,6 +251,7 @@ void TCEventDelivery::m_StartCalls()
     {
         m_DropHopeless(*entry.second);
     }
+    m_isHeldUp = false;
     bool hasStarted = true;
     while (hasStarted)
     {
@@ -273,6 +278,15 @@ bool TCEventDelivery::m_HasRoom(const TSEventUser& user) const
            (user.m_overdue == 0 && user.m_unanswered < EVENT_SLOTS_IN_RESERVE / 2 + 1);
 }
 
+// GDBus queues what the bus does not read, without limit.
+bool TCEventDelivery::m_HasRoomToSend(const TSEventCall& call)
+{
+    const std::size_t unsent = m_filter.UnsentBytes();
+    m_isHeldUp = unsent != 0 &&
+                 unsent + g_variant_get_size(call.m_pMessage->m_pParameters) > MAX_UNSENT_BYTES;
+    return !m_isHeldUp;
+}
+
 bool TCEventDelivery::m_StartNext(TSEventUser& user)
 {
     if (!m_HasRoom(user))
@@ -283,7 +297,7 @@ bool TCEventDelivery::m_StartNext(TSEventUser& user)
         std::find_if(user.m_waiting.begin(), user.m_waiting.end(),
                      [](const TSEventCall& waiting)
                      { return waiting.m_pAccount->m_unanswered < EVENT_SLOTS_PER_CLIENT; });
-    if (call == user.m_waiting.end())
+    if (call == user.m_waiting.end() || !m_HasRoomToSend(*call))
     {
         return false;
     }

@@ -67,6 +67,7 @@ private:
     void m_Enqueue(const std::vector<TCDbusServer::TSAsyncMessage*>& messages);
     void m_StartCalls();
     bool m_HasRoom(const TSEventUser& user) const;
+    bool m_HasRoomToSend(const TSEventCall& call);
     bool m_StartNext(TSEventUser& user);
     void m_Start(TSEventUser& user, TCall call);
     void m_DropHopeless(TSEventUser& user);
@@ -94,6 +95,7 @@ private:
     std::unordered_map<std::uint32_t, TCall> m_bySerial;
     TSEventCall::TDeadlines m_deadlines; // of all calls without an outcome
     std::size_t m_overdue;               // started calls whose timeout is over
+    bool m_isHeldUp;                     // a call waits until the bus has read others
 };
 
 } // namespace qor

@@ -10,9 +10,13 @@ namespace qor
 // Calls of one sender that wait in the main context, and their bytes.
 constexpr std::size_t MAX_QUEUED_CALLS = QOR_MAX_QUEUED_CALLS;
 constexpr std::size_t MAX_QUEUED_BYTES = QOR_MAX_QUEUED_BYTES;
-// Bytes of all senders. A small call passes all the same, so that nobody can lock others out.
+// Those of all senders: one user may have hundreds of connections. One small call of a sender who
+// has nothing waiting passes all the same, so that nobody can lock others out; up to as many as the
+// bytes of all allow.
+constexpr std::size_t MAX_QUEUED_CALLS_IN_ALL = std::size_t{2} * MAX_QUEUED_CALLS;
 constexpr std::size_t MAX_QUEUED_BYTES_IN_ALL = std::size_t{4} * MAX_QUEUED_BYTES;
 constexpr std::size_t SMALL_CALL = 65536;
+constexpr std::size_t MAX_SMALL_CALLS = MAX_QUEUED_BYTES_IN_ALL / SMALL_CALL;
 
 constexpr std::size_t MAX_HELLO_TYPES = QOR_MAX_HELLO_TYPES;
 
@@ -21,6 +25,9 @@ constexpr std::size_t EVENT_SLOTS = QOR_EVENT_SLOTS;
 constexpr std::size_t EVENT_SLOTS_PER_USER = QOR_EVENT_SLOTS_PER_USER;
 constexpr std::size_t EVENT_SLOTS_PER_CLIENT = 4;
 constexpr std::size_t EVENT_SLOTS_IN_RESERVE = EVENT_SLOTS / 8;
+
+// Bytes of event calls that the bus has yet to read; one call may always wait.
+constexpr std::size_t MAX_UNSENT_BYTES = MAX_QUEUED_BYTES;
 
 static_assert(EVENT_SLOTS_PER_CLIENT <= EVENT_SLOTS_PER_USER && EVENT_SLOTS_PER_USER <= EVENT_SLOTS,
               "a client's share must fit into its user's, and that into the whole");
