@@ -95,6 +95,7 @@ private:
     void m_ForgetClient(std::map<std::string, TSClient>::iterator client);
     static void m_DestroyClient(TSClient& client);
     void m_ClientsAreGone();
+    void m_DropGoneChecks();
     static int m_ForgetGoneClients(void* pUserData);
     void m_ForgetGoneClients();
 

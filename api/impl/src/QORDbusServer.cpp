@@ -108,6 +108,7 @@ void TCDbusServer::t_Stop()
         g_main_context_invoke(m_pContext.get(), &TCDbusServer::m_QuitMainLoop, m_pMainLoop.get());
     }
     m_thread.join();
+    m_DropGoneChecks();
     while (!m_clients.empty())
     {
         m_ForgetClient(m_clients.begin());
@@ -264,6 +265,18 @@ void TCDbusServer::m_ClientsAreGone()
     g_source_set_callback(pSource.get(), &TCDbusServer::m_ForgetGoneClients, t_NewUserData(),
                           RELEASE_DBUS_LINK);
     g_source_attach(pSource.get(), t_pMainContext.get());
+}
+
+// A source that is left would call into this library, which may have been unloaded by then.
+void TCDbusServer::m_DropGoneChecks()
+{
+    void* pUserData = t_NewUserData();
+    while (GSource* pSource = g_main_context_find_source_by_funcs_user_data(
+               t_pMainContext.get(), &g_idle_funcs, pUserData))
+    {
+        g_source_destroy(pSource);
+    }
+    RELEASE_DBUS_LINK(pUserData);
 }
 
 int TCDbusServer::m_ForgetGoneClients(void* pUserData)
