@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Checks the documents of a tree against the tree: documents.py TOP
 
-Links between them lead to a file and a heading, the C++ of the README is the C++ of the examples,
-and the page of messages has every message of the library.
+Links between them lead to a file and a heading, each example is shown as it is, the README shows
+no other C++, and the page of messages has every message of the library.
 """
 
 import pathlib
@@ -35,14 +35,17 @@ def broken_links(top, pages):
 
 
 def missing_examples(top):
-    readme = (top / "README.md").read_text(encoding="utf-8")
-    blocks = re.findall(r"^```cpp\n(.*?)^```$", readme, re.M | re.S)
+    def blocks(page):
+        text = (top / page).read_text(encoding="utf-8")
+        return re.findall(r"^```cpp\n(.*?)^```$", text, re.M | re.S)
+
+    readme, guide = blocks("README.md"), blocks("docs/application-guide.md")
     examples = {file.name: file.read_text(encoding="utf-8")
                 for file in sorted((top / "examples").glob("*.cpp"))}
     for name, code in examples.items():
-        if code not in blocks:
-            yield "README.md: does not show examples/%s as it is" % name
-    for block in blocks:
+        if code not in readme + guide:
+            yield "no page shows examples/%s as it is" % name
+    for block in readme:
         if block not in examples.values():
             yield "README.md: shows code that is no example:\n" + block
 
