@@ -18,11 +18,12 @@ namespace qor
 /// - must not call Set..., Reset... or TCCallbacksProxy::Destroy, nor wait for a thread that does:
 ///   they wait until the function has returned;
 /// - must not throw;
-/// - holds up all further messages of the service while it runs, so it should be quick.
+/// - holds up all further messages of the service while it runs, so it should be quick. That is so
+///   also where it iterates the main context: no function is entered meanwhile.
 ///
 /// All operations may be called from any other place and thread. They wait for a function of this
-/// object that is running. A synchronous send of the endpoint delays them only if a name event
-/// already waits behind it.
+/// object that is running. A synchronous send of the endpoint delays them only if a message or a
+/// name event already waits behind it.
 class QOR_API ICallbacks
 {
 public:

@@ -21,7 +21,7 @@ public:
     /// The callback is copied. May wait for a callback of this endpoint that is running, so it
     /// must not be called from one, nor while holding a lock that one takes.
     ///
-    /// @return true if the callback was registered.
+    /// @return true if the callback was registered; false also in a forked child.
     virtual bool
     SetCallback(int type, const boost::function<bool(const std::vector<unsigned char>&,
                                                      std::vector<unsigned char>&)>& callback) = 0;
@@ -31,8 +31,9 @@ public:
     virtual bool UnSetCallback(int type) = 0;
 
     /// Whether the channel is up. For a client: the service is on the bus. For the service: its
-    /// well-known name has been acquired. Turns true only while the endpoint's main context is
-    /// iterated.
+    /// well-known name has been acquired. Changes only while the endpoint's main context is
+    /// iterated; a client's also turns false when a send finds a lost bus again. False in a forked
+    /// child.
     virtual bool IsReady() = 0;
 };
 

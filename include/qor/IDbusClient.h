@@ -14,7 +14,8 @@ public:
     ~IDbusClient() override;
 
     /// Sends a message to the service. May be called from any thread, also before the service is
-    /// on the bus: where the bus knows how to start the service, the call starts it.
+    /// on the bus: where the bus knows how to start the service, the call starts it. Where the bus
+    /// was lost, the call looks for it first, for at most 2000 ms.
     ///
     /// @param type      message type, any signed 32-bit value
     /// @param data      payload; with the envelope it must fit into one bus message (the build's
@@ -26,7 +27,9 @@ public:
     ///                  delivery. false: blocks until the reply arrives, for at most 10000 ms.
     ///
     /// @return asynchronous: true, unless the payload does not fit. Synchronous: the result of the
-    ///         service's handler; false, with an error log line, when the call failed or timed out.
+    ///         service's callback; false, with an error log line, when the call failed, timed out,
+    ///         or was refused because too much of this sender is waiting in the service. Either:
+    ///         false in a forked child.
     virtual bool SendMessage(int type, const std::vector<unsigned char>& data,
                              std::vector<unsigned char>& response, bool isAsync) = 0;
 };

@@ -16,9 +16,9 @@ class QOR_API IDbusServer : public virtual IDbus
 public:
     ~IDbusServer() override;
 
-    /// Delivers an event to every client that is registered for its type, in parallel as far as the
-    /// bus has room for pending calls, and blocks until each has answered, failed or timed out: for
-    /// at most two timeouts, whatever clients do.
+    /// Delivers an event to every client that is registered for its type, and blocks until each has
+    /// answered, failed or timed out: for at most two timeouts, whatever clients do. The calls run
+    /// in parallel, as many at a time as the bus has room for calls without an answer.
     ///
     /// Any thread may call it, several at once too, except the server's own loop thread. A caller
     /// on the thread that iterates the server's main context blocks that context meanwhile. The
@@ -34,10 +34,11 @@ public:
     /// @return the numbers of successful (first) and failed (second) deliveries; their sum is the
     ///         number of clients registered for the type. A success is a client whose callback
     ///         returned true. A client that is waiting for the reply to its own synchronous send
-    ///         is not called and counts as a failure. So does a client that has let an earlier
-    ///         call time out, until it answers that one or says Hello anew; and, beyond a share of
-    ///         the bus's pending calls, the clients of a user whose clients do so. Before the name
-    ///         is acquired, with no clients at all, and in a forked child the result is (0, 0).
+    ///         is not called and counts as a failure. So does a suspended client: one that has let
+    ///         an earlier call time out, until it answers that one or says Hello anew. So does each
+    ///         client of a user, while clients of that user have let so many calls time out that
+    ///         the user's share of them is used up. Before the name is acquired, with no clients at
+    ///         all, and in a forked child the result is (0, 0).
     virtual std::pair<std::size_t, std::size_t>
     SendMessage(int type, const std::vector<unsigned char>& data, int timeout) = 0;
 

@@ -27,7 +27,8 @@ public:
     static boost::shared_ptr<ICallbacks> Instance();
 
     /// Releases the object; Instance returns an empty pointer from then on. The library never calls
-    /// it: a host that unloads the library does so first. Any thread, but not from an application
+    /// it: a host that unloads the library does so first. Otherwise the endpoint stays on the bus,
+    /// and the next message calls code that is gone. Any thread, but not from an application
     /// function. A caller that still holds the pointer keeps a working object until it lets go.
     static void Destroy();
 

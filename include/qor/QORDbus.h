@@ -32,16 +32,16 @@ struct TSDbusLink;
 ///
 /// Lifetime: the last reference may be dropped on any thread but never from inside one of the
 /// endpoint's own handlers or callbacks. The destructor waits for a handler that is running at that
-/// moment; afterwards none runs any more, whatever is still queued in the main context. Where that
-/// is not the thread that iterates the main context, and the bus dies at the same moment, GLib may
-/// print a warning about a signal handler; it is harmless.
+/// moment; afterwards none runs any more, whatever is still queued in the main context. Where the
+/// destructor runs on another thread than the one that iterates the main context, and the bus dies
+/// at the same moment, GLib may print a warning about a signal handler; it is harmless.
 ///
 /// Losing the bus never ends the process: calls then fail with a log line. A client finds the bus
 /// again (see TCDbusClient); a service ends and is started anew.
 ///
-/// Neighbours on the bus are bounded: what one sender may have waiting in the main context, and
-/// what a message may bring, is limited by build options (docs/operations.md). Calls over a limit
-/// are answered with the error LimitsExceeded before they are queued.
+/// Limits: build options bound the calls, and their bytes, that one sender may have waiting in the
+/// main context; file descriptors are not accepted (docs/operations.md). A call over a limit is
+/// answered with the error LimitsExceeded before it is queued.
 ///
 /// Fork: a child process inherits no connection to the bus. An endpoint that it finds belongs to
 /// its parent; it may not use it, and letting go of it there (at exit at the latest) disturbs

@@ -100,7 +100,7 @@ private:
 
     static boost::mutex* const m_pMutex;
     static boost::weak_ptr<IDbusClient>* const m_pDbusClient;
-    static TCDbusClient* m_pLatest; ///< Behind m_pDbusClient, until its holders have let go of it.
+    static TCDbusClient* m_pLatest; ///< What m_pDbusClient leads to, until it has left the bus.
 };
 
 } // namespace qor

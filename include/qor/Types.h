@@ -16,7 +16,8 @@ using TByteArray = std::vector<unsigned char>;
 /// result that travels back to the sender together with the output bytes.
 ///
 /// It runs in the main context that dispatches the endpoint's messages (see the endpoint's class),
-/// while the endpoint's callback table is locked for reading. Therefore a callback
+/// while the endpoint's callback table is locked for reading. No other callback of the endpoint
+/// runs meanwhile, also where this one iterates the main context. A callback
 /// - must not throw,
 /// - must not call SetCallback or UnSetCallback of its own endpoint,
 /// - must not drop the last reference to its own endpoint,
