@@ -12,9 +12,9 @@
 
 #include "ChildProcess.h"
 #include "MainContext.h"
+#include "common/PolicyXml.h"
 #include "qord/Announcer.h"
 #include "qord/PolicyStore.h"
-#include "qord/PolicyXml.h"
 #include <qor/PolicyMessage.h>
 
 namespace fs = boost::filesystem;
@@ -96,7 +96,7 @@ TEST(PolicyMessage, AnythingButOneWholeTextIsRefused)
 static int Check(const std::string& text, std::string& error, std::size_t memory = 4 << 20)
 {
     error.clear();
-    return qord::CheckPolicyXml(text, error, memory);
+    return tools::CheckPolicyXml(text, error, memory);
 }
 
 TEST(PolicyXml, RefusalsSayWhereAndWhat)

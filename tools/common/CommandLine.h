@@ -4,26 +4,17 @@
 
 #include <CLI/CLI.hpp>
 
-#include "common/ExitStatus.h"
-
 namespace tools
 {
 
+/// A word that is not known is named, with the nearest one that is.
+///
 /// @return false where the process has nothing left to do but to end with exitStatus: help or
 ///         version has been printed, or what is wrong
-inline bool ParseCommandLine(CLI::App& app, int count, char** pArguments, int& exitStatus)
-{
-    try
-    {
-        app.parse(count, pArguments);
-        return true;
-    }
-    catch (const CLI::ParseError& error)
-    {
-        exitStatus = app.exit(error) == 0 ? EXIT_OK : EXIT_WRONG_USAGE;
-        return false;
-    }
-}
+bool ParseCommandLine(CLI::App& app, int count, char** pArguments, int& exitStatus);
+
+/// @param what  is missing where the text has nothing but blanks
+CLI::Validator NotEmpty(const std::string& what);
 
 } // namespace tools
 

@@ -8,10 +8,12 @@ namespace tools
 enum EExitStatus
 {
     EXIT_OK = 0,
-    EXIT_REFUSED = 1,       ///< qorctl: the service refused the policy. qord: it cannot go on.
+    EXIT_REFUSED = 1,       ///< qorctl: the service refused, or the policy is no good. qord: it
+                            ///< cannot go on.
     EXIT_NOT_DELIVERED = 2, ///< qorctl: no bus, no service, or no answer.
     EXIT_BAD_ANSWER = 3,    ///< qorctl: an answer that cannot be read.
-    EXIT_WRONG_USAGE = 64   ///< The command line, or the input that it names.
+    EXIT_WRONG_USAGE = 64,  ///< The command line, or the input that it names.
+    EXIT_NO_OUTPUT = 74 ///< The result could not be written; the command itself was carried out.
 };
 
 } // namespace tools

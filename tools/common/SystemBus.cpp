@@ -34,6 +34,12 @@ const char* ServiceName(bool testNames)
     return testNames ? "com.norvane.qor.IControlTest" : "com.norvane.qor.IControl";
 }
 
+const char* ServicePath(bool testNames)
+{
+    return testNames ? "/com/norvane/qor/CommunicationChannelTest"
+                     : "/com/norvane/qor/CommunicationChannel";
+}
+
 qor::TGlibPtr<GDBusConnection> ConnectToSystemBus(std::string& error)
 {
     GError* pError = nullptr;

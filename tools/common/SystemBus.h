@@ -12,6 +12,11 @@ namespace tools
 /// The service's well-known name.
 const char* ServiceName(bool testNames);
 
+/// The object path, at both ends.
+const char* ServicePath(bool testNames);
+
+constexpr char SERVICE_INTERFACE[] = "com.norvane.qor.IControl";
+
 /// The connection that the process shares with the library's endpoints; losing it does not end the
 /// process. Empty, with the reason, where there is no system bus.
 qor::TGlibPtr<GDBusConnection> ConnectToSystemBus(std::string& error);

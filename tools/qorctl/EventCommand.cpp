@@ -1,6 +1,7 @@
 // Runs the user's command on each event.
 #include "qorctl/EventCommand.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include <glib.h>
@@ -33,9 +34,32 @@ TStrings SplitCommand(const std::string& command)
 
 TCEventCommand::TCEventCommand(const std::string& command) : m_arguments(SplitCommand(command)) {}
 
-void TCEventCommand::Run(const char* event)
+void TCEventCommand::Run(const std::string& event)
 {
-    const TStrings environment(g_environ_setenv(g_get_environ(), "QOR_EVENT", event, TRUE),
+    if (std::find(m_waiting.begin(), m_waiting.end(), event) == m_waiting.end())
+    {
+        m_waiting.push_back(event);
+    }
+    m_StartNext();
+}
+
+bool TCEventCommand::IsBusy() const
+{
+    return m_isRunning || !m_waiting.empty();
+}
+
+void TCEventCommand::m_StartNext()
+{
+    while (!m_isRunning && !m_waiting.empty())
+    {
+        m_isRunning = m_Start(m_waiting.front());
+        m_waiting.pop_front();
+    }
+}
+
+bool TCEventCommand::m_Start(const std::string& event)
+{
+    const TStrings environment(g_environ_setenv(g_get_environ(), "QOR_EVENT", event.c_str(), TRUE),
                                g_strfreev);
     GPid processId = 0;
     GError* pError = nullptr;
@@ -45,20 +69,14 @@ void TCEventCommand::Run(const char* event)
     {
         const qor::TGlibPtr<GError> error(pError);
         SayError(std::string("the command could not be run: ") + error->message);
-        return;
+        return false;
     }
-    ++m_running;
     g_child_watch_add(processId, m_Ended, this);
-}
-
-std::size_t TCEventCommand::Running() const
-{
-    return m_running;
+    return true;
 }
 
 void TCEventCommand::m_Ended(int processId, int waitStatus, void* pCommand)
 {
-    --static_cast<TCEventCommand*>(pCommand)->m_running;
     g_spawn_close_pid(processId);
     if (WIFSIGNALED(waitStatus))
     {
@@ -68,6 +86,9 @@ void TCEventCommand::m_Ended(int processId, int waitStatus, void* pCommand)
     {
         SayError("the command ended with status " + std::to_string(WEXITSTATUS(waitStatus)));
     }
+    auto* pThis = static_cast<TCEventCommand*>(pCommand);
+    pThis->m_isRunning = false;
+    pThis->m_StartNext();
 }
 
 } // namespace qorctl

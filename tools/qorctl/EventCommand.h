@@ -2,15 +2,17 @@
 #ifndef QORCTL_EVENTCOMMAND_H
 #define QORCTL_EVENTCOMMAND_H
 
-#include <cstddef>
+#include <deque>
 #include <memory>
 #include <string>
 
 namespace qorctl
 {
 
-/// Starts the command without a shell and without waiting for it; its end is noticed in the
-/// process's default main context, and a failure is reported on standard error.
+/// Starts the command without a shell and without waiting for it, one at a time. An event that
+/// comes meanwhile waits until the command has ended; a second one of its kind is merged with it.
+/// The end is noticed in the process's default main context, and a failure is reported on standard
+/// error.
 class TCEventCommand
 {
 public:
@@ -18,16 +20,19 @@ public:
     explicit TCEventCommand(const std::string& command);
 
     /// The event's name is in the command's environment as QOR_EVENT.
-    void Run(const char* event);
+    void Run(const std::string& event);
 
-    /// How many commands have been started and not yet ended.
-    std::size_t Running() const;
+    /// Whether a command is running, or due.
+    bool IsBusy() const;
 
 private:
+    bool m_Start(const std::string& event);
+    void m_StartNext();
     static void m_Ended(int processId, int waitStatus, void* pCommand);
 
     std::unique_ptr<char*, void (*)(char**)> m_arguments;
-    std::size_t m_running = 0;
+    std::deque<std::string> m_waiting;
+    bool m_isRunning = false;
 };
 
 } // namespace qorctl

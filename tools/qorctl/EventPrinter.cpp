@@ -6,6 +6,9 @@
 
 #include <glib.h>
 
+#include "common/Output.h"
+#include "qorctl/Json.h"
+
 namespace qorctl
 {
 namespace
@@ -28,24 +31,36 @@ std::string Now()
 
 TCEventPrinter::TCEventPrinter(bool json) : m_json(json) {}
 
-// Neither events nor unique bus names hold a character that JSON would want escaped.
-void TCEventPrinter::PrintEvent(const char* event) const
+void TCEventPrinter::PrintEvent(const std::string& event) const
 {
-    std::printf(m_json ? "{\"time\":\"%s\",\"event\":\"%s\"}\n" : "%s %s\n", Now().c_str(), event);
-    std::fflush(stdout);
+    m_Print(event, event);
 }
 
-void TCEventPrinter::PrintService(const std::string& owner) const
+void TCEventPrinter::PrintAppeared(const std::string& owner) const
 {
-    if (owner.empty())
+    m_Print("service-appeared", "service appeared as " + owner, owner);
+}
+
+void TCEventPrinter::PrintGone(bool wasThere) const
+{
+    wasThere ? m_Print("service-vanished", "service vanished")
+             : m_Print("service-absent", "service is not on the bus yet");
+}
+
+void TCEventPrinter::m_Print(const std::string& event, const std::string& words,
+                             const std::string& owner) const
+{
+    if (!m_json)
     {
-        PrintEvent(m_json ? "service-vanished" : "service vanished");
+        tools::Print(Now() + ' ' + words + '\n');
         return;
     }
-    std::printf(m_json ? "{\"time\":\"%s\",\"event\":\"service-appeared\",\"owner\":\"%s\"}\n"
-                       : "%s service appeared as %s\n",
-                Now().c_str(), owner.c_str());
-    std::fflush(stdout);
+    TJson line = {{"time", Now()}, {"event", event}};
+    if (!owner.empty())
+    {
+        line["owner"] = owner;
+    }
+    PrintJsonLine(line);
 }
 
 } // namespace qorctl

@@ -7,19 +7,25 @@
 namespace qorctl
 {
 
-/// Writes one flushed line for each event: a timestamp with its zone, and what happened.
+/// Writes one line for each event: a timestamp with its zone, and what happened.
 class TCEventPrinter
 {
 public:
     explicit TCEventPrinter(bool json);
 
     /// An event from the service.
-    void PrintEvent(const char* event) const;
+    void PrintEvent(const std::string& event) const;
 
-    /// The service came or went; owner is its unique name, empty when it went.
-    void PrintService(const std::string& owner) const;
+    /// The service is there, and will send its events.
+    void PrintAppeared(const std::string& owner) const;
+
+    /// It has gone, or has not been there yet.
+    void PrintGone(bool wasThere) const;
 
 private:
+    void m_Print(const std::string& event, const std::string& words,
+                 const std::string& owner = "") const;
+
     bool m_json;
 };
 

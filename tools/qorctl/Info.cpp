@@ -1,5 +1,4 @@
-// qorctl info: prints where the platform has its policy, and what platform this is.
-#include <cstdio>
+// qorctl info: prints where the policy is, and what platform this is.
 #include <string>
 
 #include <qor/QORCachingUtils.h>
@@ -8,6 +7,9 @@
 
 #include "common/ExitStatus.h"
 #include "qorctl/Commands.h"
+#include "qorctl/Json.h"
+#include "qorctl/ServiceCall.h"
+#include "qorctl/Table.h"
 
 namespace qorctl
 {
@@ -15,55 +17,90 @@ namespace
 {
 
 constexpr int USB_TEST_MODE = 2;
-constexpr char UNKNOWN[] = "unknown";
-
-void Print(const char* name, const std::string& value)
-{
-    std::printf("%-16s %s\n", name, value.c_str());
-}
 
 // Of the file system that holds the directory, or will hold it.
-std::string FreeSpace(boost::filesystem::path directory)
+TJson FreeSpace(boost::filesystem::path directory)
 {
     while (!directory.empty() && !qor::TSFileSystem::FileExists(directory))
     {
         directory = directory.parent_path();
     }
     const int space = qor::TSFileSystem::GetFreeSpaceSize(directory);
-    return space < 0 ? UNKNOWN : std::to_string(space) + " MiB";
+    return space < 0 ? TJson() : TJson(space);
 }
 
-std::string Text(system_info_key_e key)
+TJson Name(system_info_key_e key)
 {
     std::string value;
-    return qor::TCVelkinCachingUtils::GetSystemInfoKeyCached(key, value) ? value : UNKNOWN;
+    return qor::TCVelkinCachingUtils::GetSystemInfoKeyCached(key, value) ? TJson(value) : TJson();
 }
 
-std::string Number(system_info_key_e key, const char* unit)
+TJson Number(system_info_key_e key)
 {
     int value = 0;
-    return qor::TCVelkinCachingUtils::GetSystemInfoKeyCached(key, value)
-               ? std::to_string(value) + unit
-               : UNKNOWN;
+    return qor::TCVelkinCachingUtils::GetSystemInfoKeyCached(key, value) ? TJson(value) : TJson();
+}
+
+// Where the service has it; empty where none is running or it does not tell.
+std::string ServicesPolicyFile(const TSOptions& options)
+{
+    std::string error;
+    const auto status =
+        FindService(options).m_owner.empty() ? std::nullopt : AskStatus(options, error);
+    return status ? Text(Part(*status, "policy"), "file") : "";
+}
+
+TJson Collect(const TSOptions& options)
+{
+    qor::TCDirsManager::Initialize();
+    const std::string platformFile = qor::TCDirsManager::GetPolicyXmlPath();
+    const std::string serviceFile = ServicesPolicyFile(options);
+    const std::string file = serviceFile.empty() ? platformFile : serviceFile;
+    return {{"policy_file", file},
+            {"policy_file_of", serviceFile.empty() ? "platform" : "service"},
+            {"policy_present", qor::TSFileSystem::FileExists(file)},
+            {"platform_policy_file", platformFile},
+            {"policy_mode", qor::TCDirsManager::QORMode == USB_TEST_MODE ? "USB test" : "normal"},
+            {"free_mib", FreeSpace(boost::filesystem::path(file).parent_path())},
+            {"model", Name(SYSTEM_INFO_KEY_MODEL)},
+            {"system", Name(SYSTEM_INFO_KEY_SYSTEM_NAME)},
+            {"version", Name(SYSTEM_INFO_KEY_SYSTEM_VERSION)},
+            {"kernel", Name(SYSTEM_INFO_KEY_KERNEL_RELEASE)},
+            {"processors", Number(SYSTEM_INFO_KEY_PROCESSOR_COUNT)},
+            {"memory_mib", Number(SYSTEM_INFO_KEY_MEMORY_MIB)}};
+}
+
+void PrintForPeople(const TJson& info)
+{
+    const auto known = [&info](const char* name, const char* unit = "")
+    {
+        const std::string value = Text(info, name);
+        return value.empty() ? "unknown" : value + unit;
+    };
+    const bool isServices = Part(info, "policy_file_of") == "service";
+    TCTable table;
+    table.Add({"Policy file", Text(info, "policy_file") +
+                                  (Part(info, "policy_present") == true ? "" : " (none yet)")});
+    table.Add({"", isServices ? "where the service that is running keeps it"
+                              : "the platform's place; no service is running or tells"});
+    table.Add({"Platform's place", Text(info, "platform_policy_file")});
+    table.Add({"Policy mode", Text(info, "policy_mode")});
+    table.Add({"Free space", known("free_mib", " MiB")});
+    table.Add({"Model", known("model")});
+    table.Add({"System", known("system")});
+    table.Add({"Version", known("version")});
+    table.Add({"Kernel", known("kernel")});
+    table.Add({"Processors", known("processors")});
+    table.Add({"Memory", known("memory_mib", " MiB")});
+    table.Print();
 }
 
 } // namespace
 
-int Info(const TSOptions&)
+int Info(const TSOptions& options)
 {
-    qor::TCDirsManager::Initialize();
-    const std::string file = qor::TCDirsManager::GetPolicyXmlPath();
-    const bool isUsbTest = qor::TCDirsManager::QORMode == USB_TEST_MODE;
-    Print("Policy folder", qor::TCDirsManager::GetPolicyPath());
-    Print("Policy file", file + (qor::TSFileSystem::FileExists(file) ? "" : " (none yet)"));
-    Print("Policy mode", isUsbTest ? "USB test" : "normal");
-    Print("Free space", FreeSpace(boost::filesystem::path(file).parent_path()));
-    Print("Model", Text(SYSTEM_INFO_KEY_MODEL));
-    Print("System", Text(SYSTEM_INFO_KEY_SYSTEM_NAME));
-    Print("Version", Text(SYSTEM_INFO_KEY_SYSTEM_VERSION));
-    Print("Kernel", Text(SYSTEM_INFO_KEY_KERNEL_RELEASE));
-    Print("Processors", Number(SYSTEM_INFO_KEY_PROCESSOR_COUNT, ""));
-    Print("Memory", Number(SYSTEM_INFO_KEY_MEMORY_MIB, " MiB"));
+    const TJson info = Collect(options);
+    options.m_json ? PrintJson(info) : PrintForPeople(info);
     return tools::EXIT_OK;
 }
 

@@ -3,6 +3,8 @@
 
 #include <cstdio>
 
+#include "common/Output.h"
+
 namespace qorctl
 {
 
@@ -15,8 +17,7 @@ void Say(bool quiet, const std::string& message)
 {
     if (!quiet)
     {
-        std::printf("%s\n", message.c_str());
-        std::fflush(stdout);
+        tools::Print(message + '\n');
     }
 }
 

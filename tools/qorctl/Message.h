@@ -10,7 +10,7 @@ namespace qorctl
 /// One line on standard error.
 void SayError(const std::string& message);
 
-/// One line on standard output, flushed; nothing when quiet.
+/// One line on standard output; nothing when quiet.
 void Say(bool quiet, const std::string& message);
 
 } // namespace qorctl

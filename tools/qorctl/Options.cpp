@@ -4,35 +4,85 @@
 #include <CLI/CLI.hpp>
 
 #include "common/CommandLine.h"
+#include "qorctl/Commands.h"
 
 namespace qorctl
 {
 namespace
 {
 
+using TCommand = int (*)(const TSOptions&);
+
+constexpr int MAX_TIMEOUT = 86400;
+
 void AddCommonOptions(CLI::App& app, TSOptions& options)
 {
     app.set_version_flag("--version", std::string("qorctl ") + QOR_VERSION);
     app.add_flag("--test-bus-names", options.m_testNames, "Use the bus names meant for tests");
     CLI::Option* pQuiet = app.add_flag("--quiet", options.m_quiet, "Print errors and events only");
-    app.add_flag("--verbose", options.m_verbose, "Print the library's log lines too")
-        ->excludes(pQuiet);
+    CLI::Option* pVerbose =
+        app.add_flag("--verbose", options.m_verbose, "Print the library's log lines too")
+            ->excludes(pQuiet);
+    app.add_flag("--json", options.m_json, "Print the result as JSON")->excludes(pVerbose);
+    app.add_option("--timeout", options.m_timeoutSeconds,
+                   "Wait no longer than that; an answer is waited for at most 10 seconds")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1, MAX_TIMEOUT));
 }
 
-void AddSetPolicy(CLI::App& app, TSOptions& options)
+CLI::App* AddCommand(CLI::App& app, TSOptions& options, const std::string& name, TCommand command,
+                     const std::string& description, const std::string& footer)
 {
-    CLI::App* pCommand = app.add_subcommand("set-policy", "Hand the service a new policy");
-    pCommand->add_option("FILE", options.m_policyFile, "The policy; - reads standard input")
+    CLI::App* pCommand = app.add_subcommand(name, description);
+    pCommand->footer(footer);
+    pCommand->callback([&options, command] { options.m_command = command; });
+    return pCommand;
+}
+
+void AddPolicyCommands(CLI::App& app, TSOptions& options)
+{
+    const char* statuses = "Exit status: 0 stored, 1 refused, 2 not delivered, 3 an answer that "
+                           "cannot be read, 64 wrong usage or input.";
+    CLI::App* pSet = AddCommand(app, options, "set-policy", SetPolicy,
+                                "Hand the service a new policy", statuses);
+    pSet->add_option("FILE", options.m_policyFile, "The policy; - reads standard input")
         ->required();
-    pCommand->footer("Exit status: 0 stored, 1 refused by the service, 2 not delivered, "
-                     "3 an answer that cannot be read, 64 wrong usage or input.");
-    pCommand->callback([&options] { options.m_command = ECommand::SET_POLICY; });
+    pSet->add_flag_callback(
+        "--no-check", [&options] { options.m_isChecked = false; },
+        "Send the policy without looking at it");
+
+    CLI::App* pGet = AddCommand(app, options, "get-policy", GetPolicy,
+                                "Write the policy in force, or a kept one",
+                                "Exit status: 0 written, 1 there is none or the service refused, "
+                                "2 no answer, 3 an answer that cannot be read.");
+    pGet->add_option("NUMBER", options.m_number, "Of a kept policy, as history prints it")
+        ->check(CLI::Range(1, 2147483647));
+    pGet->add_option("--output", options.m_outputFile, "Write to a file instead")
+        ->type_name("FILE")
+        ->check(tools::NotEmpty("the name of a file"));
+
+    AddCommand(app, options, "history", History, "List the policies that the service keeps",
+               "Exit status: 0 listed, 2 no answer, 3 an answer that cannot be read.");
+    CLI::App* pRestore =
+        AddCommand(app, options, "restore", Restore, "Put a kept policy in force again", statuses);
+    pRestore->add_option("NUMBER", options.m_number, "Of a kept policy, as history prints it")
+        ->required()
+        ->check(CLI::Range(1, 2147483647));
+
+    CLI::App* pValidate = AddCommand(
+        app, options, "validate", Validate, "Say what the service would say about a policy",
+        "Needs no service and no bus. Exit status: 0 it is well-formed, "
+        "1 it is not, 64 wrong usage or input.");
+    pValidate->add_option("FILE", options.m_policyFile, "The policy; - reads standard input")
+        ->required();
 }
 
 void AddListen(CLI::App& app, TSOptions& options)
 {
-    CLI::App* pCommand = app.add_subcommand("listen", "Print the service's events as they come");
-    pCommand->add_flag("--json", options.m_json, "One JSON object a line");
+    CLI::App* pCommand =
+        AddCommand(app, options, "listen", Listen, "Print the service's events as they come",
+                   "Ends with status 0 on SIGINT, SIGTERM or after N events; 2 when the bus is out "
+                   "of reach or goes away, and when fewer than N events came in time.");
     pCommand->add_option("--count", options.m_eventCount, "Leave after so many events")
         ->type_name("N")
         ->check(CLI::Range(1, 1000000000));
@@ -40,25 +90,18 @@ void AddListen(CLI::App& app, TSOptions& options)
         ->add_option("--exec", options.m_eventCommand,
                      "Run a command on each event, with the event's name in QOR_EVENT; "
                      "quoted like in a shell, but run without one")
-        ->type_name("COMMAND");
-    pCommand->footer("Ends with status 0 on SIGINT, SIGTERM or after N events; "
-                     "2 when the bus is out of reach or goes away.");
-    pCommand->callback([&options] { options.m_command = ECommand::LISTEN; });
+        ->type_name("COMMAND")
+        ->check(tools::NotEmpty("the command"));
 }
 
-void AddStatus(CLI::App& app, TSOptions& options)
+void AddQuestions(CLI::App& app, TSOptions& options)
 {
-    CLI::App* pCommand = app.add_subcommand("status", "Say whether the service is on the bus");
-    pCommand->footer("Exit status: 0 it is, 2 it is not.");
-    pCommand->callback([&options] { options.m_command = ECommand::STATUS; });
-}
-
-void AddInfo(CLI::App& app, TSOptions& options)
-{
-    CLI::App* pCommand = app.add_subcommand(
-        "info", "Print where the platform has its policy, and what platform this is");
-    pCommand->footer("Needs no service and no bus. Exit status: 0.");
-    pCommand->callback([&options] { options.m_command = ECommand::INFO; });
+    AddCommand(app, options, "status", Status, "Tell how the service is",
+               "Exit status: 0 it answers, 2 it is not on the bus or does not answer.");
+    AddCommand(app, options, "clients", Clients, "List who is registered for the service's events",
+               "Exit status: 0 listed, 2 no answer, 3 an answer that cannot be read.");
+    AddCommand(app, options, "info", Info, "Print where the policy is, and what platform this is",
+               "Needs no service and no bus. Exit status: 0.");
 }
 
 } // namespace
@@ -70,10 +113,9 @@ std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitSta
     app.require_subcommand(1);
     app.fallthrough();
     AddCommonOptions(app, options);
-    AddSetPolicy(app, options);
+    AddPolicyCommands(app, options);
     AddListen(app, options);
-    AddStatus(app, options);
-    AddInfo(app, options);
+    AddQuestions(app, options);
     if (!tools::ParseCommandLine(app, count, pArguments, exitStatus))
     {
         return std::nullopt;

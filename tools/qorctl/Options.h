@@ -2,30 +2,27 @@
 #ifndef QORCTL_OPTIONS_H
 #define QORCTL_OPTIONS_H
 
+#include <functional>
 #include <optional>
 #include <string>
 
 namespace qorctl
 {
 
-enum class ECommand
-{
-    SET_POLICY,
-    LISTEN,
-    STATUS,
-    INFO
-};
-
 struct TSOptions
 {
-    ECommand m_command = ECommand::STATUS;
+    std::function<int(const TSOptions&)> m_command; ///< Returns the process's exit status.
     bool m_testNames = false;
     bool m_quiet = false;
     bool m_verbose = false;
-    std::string m_policyFile; ///< "-" is standard input.
     bool m_json = false;
-    unsigned int m_eventCount = 0; ///< 0: listen until a signal.
-    std::string m_eventCommand;    ///< Empty: none.
+    unsigned int m_timeoutSeconds = 0; ///< 0: as long as the library waits.
+    std::string m_policyFile;          ///< "-" is standard input.
+    bool m_isChecked = true;           ///< The policy, before it is sent.
+    int m_number = 0;                  ///< Of a kept policy; 0: the one in force.
+    std::string m_outputFile;          ///< Empty: standard output.
+    unsigned int m_eventCount = 0;     ///< 0: listen until a signal.
+    std::string m_eventCommand;        ///< Empty: none.
 };
 
 /// Reads the command line. Empty where the process has nothing left to do but to end with

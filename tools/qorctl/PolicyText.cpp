@@ -1,10 +1,15 @@
-// Reads the policy that is to be sent.
+// Reads the policy that is to be sent, and shows where it is wrong.
 #include "qorctl/PolicyText.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <memory>
 #include <system_error>
+
+#include <qor/PolicyMessage.h>
+
+#include "common/Text.h"
 
 namespace qorctl
 {
@@ -22,14 +27,46 @@ struct TSClose
     }
 };
 
+bool IsContinued(char byte) // within a character of UTF-8
+{
+    return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
+}
+
+std::size_t StartOfLine(const std::string& text, std::size_t line)
+{
+    std::size_t start = 0;
+    for (; line > 1 && start < text.size(); --line)
+    {
+        start = std::min(text.find('\n', start), text.size() - 1) + 1;
+    }
+    return start;
+}
+
+// Steps over so many characters.
+std::size_t Skip(const std::string& text, std::size_t at, std::size_t count)
+{
+    for (; count > 0 && at < text.size(); --count)
+    {
+        for (++at; at < text.size() && IsContinued(text[at]);)
+        {
+            ++at;
+        }
+    }
+    return at;
+}
+
 } // namespace
+
+std::string PolicyName(const std::string& file)
+{
+    return file == "-" ? "standard input" : tools::Printable(file);
+}
 
 bool ReadPolicyText(const std::string& file, std::string& text, std::string& error)
 {
-    const bool isStandardInput = file == "-";
-    const std::string name = isStandardInput ? "standard input" : file;
-    const std::unique_ptr<FILE, TSClose> input(isStandardInput ? stdin
-                                                               : std::fopen(file.c_str(), "rbe"));
+    const std::string name = PolicyName(file);
+    const std::unique_ptr<FILE, TSClose> input(file == "-" ? stdin
+                                                           : std::fopen(file.c_str(), "rbe"));
     if (!input)
     {
         error = name + ": " + std::generic_category().message(errno);
@@ -39,6 +76,12 @@ bool ReadPolicyText(const std::string& file, std::string& text, std::string& err
     while (const std::size_t count = std::fread(buffer, 1, sizeof buffer, input.get()))
     {
         text.append(buffer, count);
+        if (text.size() > qor::MaxPolicySize())
+        {
+            error = name + " has more than the " + std::to_string(qor::MaxPolicySize()) +
+                    " bytes that fit into one bus message";
+            return false;
+        }
     }
     if (std::ferror(input.get()) != 0)
     {
@@ -51,6 +94,17 @@ bool ReadPolicyText(const std::string& file, std::string& text, std::string& err
         return false;
     }
     return true;
+}
+
+std::string ShowPlace(const std::string& text, const tools::TSXmlPlace& place)
+{
+    constexpr std::size_t around = 36;
+    const std::size_t before = std::min(place.m_column - 1, around);
+    const std::size_t line = StartOfLine(text, place.m_line);
+    const std::size_t start = Skip(text, line, place.m_column - 1 - before);
+    const std::size_t end = std::min(text.find('\n', start), Skip(text, start, before + around));
+    const std::string shown = tools::Printable(text.substr(start, end - start));
+    return "    " + shown + "\n    " + std::string(before, ' ') + "^\n";
 }
 
 } // namespace qorctl

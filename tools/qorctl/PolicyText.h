@@ -1,16 +1,24 @@
-// Reads the policy that is to be sent.
+// Reads the policy that is to be sent, and shows where it is wrong.
 #ifndef QORCTL_POLICYTEXT_H
 #define QORCTL_POLICYTEXT_H
 
 #include <string>
 
+#include "common/PolicyXml.h"
+
 namespace qorctl
 {
 
-/// Reads a whole file, or standard input for "-".
+/// The file's name for messages.
+std::string PolicyName(const std::string& file);
+
+/// Reads a whole file, or standard input for "-"; no more than fits into one bus message.
 ///
-/// @return false, with the reason in error, for a file that cannot be read or is empty
+/// @return false, with the reason in error, for a file that cannot be read, is empty or too large
 bool ReadPolicyText(const std::string& file, std::string& text, std::string& error);
+
+/// The line at that place, or what of a long one is around it, and a line with a mark under it.
+std::string ShowPlace(const std::string& text, const tools::TSXmlPlace& place);
 
 } // namespace qorctl
 

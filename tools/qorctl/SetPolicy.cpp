@@ -1,114 +1,116 @@
 // qorctl set-policy: hands the service a new policy and puts the outcome into words.
+#include <unistd.h>
+
 #include <chrono>
 
 #include <boost/archive/archive_exception.hpp>
-#include <gio/gio.h>
 
 #include <qor/PolicyMessage.h>
 #include <qor/QORDbusClient.h>
 #include <qor/api.h>
 
 #include "common/ExitStatus.h"
-#include "common/SystemBus.h"
+#include "common/Text.h"
+#include "qorctl/Await.h"
 #include "qorctl/Commands.h"
 #include "qorctl/Message.h"
 #include "qorctl/PolicyText.h"
+#include "qorctl/ServiceCall.h"
+#include "qorctl/StatusWords.h"
 
 namespace qorctl
 {
 namespace
 {
 
-constexpr std::chrono::seconds REPLY_TIMEOUT(10);
-
-std::string WhyNotDelivered(const TSOptions& options, std::size_t size,
-                            std::chrono::steady_clock::duration elapsed)
+// As far as the service tells.
+std::string WhoMay(const TSOptions& options)
 {
     std::string error;
-    const auto connection = tools::ConnectToSystemBus(error);
-    if (!connection)
-    {
-        return "there is no system bus: " + error;
-    }
-    if (size > qor::MaxPolicySize())
-    {
-        return "its " + std::to_string(size) +
-               " bytes do not fit into one bus message, which takes " +
-               std::to_string(qor::MaxPolicySize());
-    }
-    if (g_dbus_connection_is_closed(connection.get()) != FALSE)
-    {
-        return "the connection to the system bus was closed";
-    }
-    if (elapsed >= REPLY_TIMEOUT)
-    {
-        return "the service did not answer within 10 seconds";
-    }
-    const auto status = tools::QueryService(connection.get(), options.m_testNames);
-    if (!status.m_error.empty())
-    {
-        return "the system bus does not answer: " + status.m_error;
-    }
-    if (status.m_owner.empty())
-    {
-        return "the service is not on the bus";
-    }
-    return "the service or the bus refused the request (a 32-bit and a 64-bit process do not "
-           "read each other's policies), or the service left before it answered";
+    const std::string who = MayChange(AskStatus(options, error).value_or(TJson()));
+    return who.empty() ? "" : "; these may: " + who;
 }
 
-int Report(const TSOptions& options, int result, std::size_t size)
+std::string Words(const TSOptions& options, int result, std::size_t size)
 {
     switch (result)
     {
-    case qor::POLICY_STORED:
-        Say(options.m_quiet,
-            "The service has stored the policy (" + std::to_string(size) + " bytes).");
-        return tools::EXIT_OK;
     case qor::POLICY_NOT_WELL_FORMED:
-        SayError("the service refused the policy: it is not well-formed XML");
-        return tools::EXIT_REFUSED;
+        return "it is not well-formed XML; qorctl validate shows where";
     case qor::POLICY_NOT_STORED:
-        SayError("the service refused the policy: it could not store it");
-        return tools::EXIT_REFUSED;
-    case qor::POLICY_STATE_UNKNOWN:
-        SayError("the service's disk failed half-way: which policy is in force is not known");
-        return tools::EXIT_REFUSED;
-    case qor::POLICY_NOT_PERMITTED:
-        SayError("the service refused the policy: this user may not change it");
-        return tools::EXIT_REFUSED;
+        return "it could not store it; its log says why";
     case qor::POLICY_TOO_LARGE:
-        SayError("the service refused the policy: its " + std::to_string(size) +
-                 " bytes, or the depth of its elements, are more than the service accepts");
-        return tools::EXIT_REFUSED;
+        return "its " + std::to_string(size) +
+               " bytes, or the depth of its elements, are more than the service accepts";
+    case qor::POLICY_STATE_UNKNOWN:
+        return "its disk failed half-way, and which policy is in force is not known; "
+               "set it again, or look with qorctl get-policy";
+    case qor::POLICY_NOT_PERMITTED:
+        return tools::UserName(geteuid()) + " may not change the policy" + WhoMay(options);
     default:
-        SayError("the service refused the policy: result code " + std::to_string(result));
-        return tools::EXIT_REFUSED;
+        return "result code " + std::to_string(result);
     }
 }
 
-int Send(const TSOptions& options, const std::string& text)
+int Report(const TSOptions& options, int result, const std::string& text, const std::string& what)
+{
+    const bool isStored = result == qor::POLICY_STORED;
+    const std::string words =
+        isStored
+            ? "The service has stored " + what + " (" + std::to_string(text.size()) + " bytes)."
+            : "the service refused " + what + ": " + Words(options, result, text.size());
+    if (!isStored)
+    {
+        SayError(words);
+    }
+    if (options.m_json)
+    {
+        PrintJson({{"stored", isStored},
+                   {"result", result},
+                   {"bytes", text.size()},
+                   {"sha256", tools::Sha256(text)},
+                   {"message", words}});
+    }
+    else if (isStored)
+    {
+        Say(options.m_quiet, words);
+    }
+    return isStored ? tools::EXIT_OK : tools::EXIT_REFUSED;
+}
+
+// -1 also where the library is shutting down.
+int Send(bool testNames, const std::string& text)
 {
     // The first endpoint of the process decides on the names; the control object shares it.
-    const auto endpoint = qor::TCDbusClientProvider::Get(options.m_testNames);
+    const auto endpoint = qor::TCDbusClientProvider::Get(testNames);
     const auto control = qor::api::GetControl();
-    if (!control)
-    {
-        SayError("the policy was not delivered: the library is shutting down");
-        return tools::EXIT_NOT_DELIVERED;
-    }
-    const auto start = std::chrono::steady_clock::now();
-    const int result = control->SetPolicy(text);
-    const auto elapsed = std::chrono::steady_clock::now() - start;
-    if (result == -1)
-    {
-        SayError("the policy was not delivered: " + WhyNotDelivered(options, text.size(), elapsed));
-        return tools::EXIT_NOT_DELIVERED;
-    }
-    return Report(options, result, text.size());
+    return control ? control->SetPolicy(text) : -1;
 }
 
 } // namespace
+
+int SendPolicy(const TSOptions& options, const std::string& text, const std::string& what)
+try
+{
+    const auto start = std::chrono::steady_clock::now();
+    const auto result = Await(WaitLimit(options), [testNames = options.m_testNames, text]
+                              { return Send(testNames, text); });
+    if (result && *result != -1)
+    {
+        return Report(options, *result, text, what);
+    }
+    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - start);
+    const bool isLate = !result || took >= LIBRARY_LIMIT;
+    SayError(what + " was not delivered: " + WhyNotAnswered(options, took) +
+             (isLate ? "; the request may still take effect, qorctl status tells" : ""));
+    return tools::EXIT_NOT_DELIVERED;
+}
+catch (const boost::archive::archive_exception& exception)
+{
+    SayError(std::string("the service's answer cannot be read: ") + exception.what());
+    return tools::EXIT_BAD_ANSWER;
+}
 
 int SetPolicy(const TSOptions& options)
 {
@@ -119,15 +121,11 @@ int SetPolicy(const TSOptions& options)
         SayError(error);
         return tools::EXIT_WRONG_USAGE;
     }
-    try
+    if (options.m_isChecked && !IsWellFormed(options.m_policyFile, text))
     {
-        return Send(options, text);
+        return tools::EXIT_REFUSED;
     }
-    catch (const boost::archive::archive_exception& exception)
-    {
-        SayError(std::string("the service's answer cannot be read: ") + exception.what());
-        return tools::EXIT_BAD_ANSWER;
-    }
+    return SendPolicy(options, text, "the policy");
 }
 
 } // namespace qorctl

@@ -1,35 +1,169 @@
-// qorctl status: says whether the service is on the bus.
+// qorctl status, clients and history: what the service tells about itself.
 #include "common/ExitStatus.h"
+#include "common/Output.h"
 #include "common/SystemBus.h"
 #include "qorctl/Commands.h"
 #include "qorctl/Message.h"
+#include "qorctl/ServiceCall.h"
+#include "qorctl/StatusWords.h"
+#include "qorctl/Table.h"
 
 namespace qorctl
 {
+namespace
+{
+
+// Asks no service that is not there, so that asking starts none.
+std::optional<TJson> AskRunning(const TSOptions& options, int& exitStatus)
+{
+    exitStatus = tools::EXIT_NOT_DELIVERED;
+    const auto found = FindService(options);
+    if (found.m_owner.empty())
+    {
+        SayError(found.m_error.empty()
+                     ? std::string(tools::ServiceName(options.m_testNames)) + " is not on the bus"
+                     : found.m_error);
+        return std::nullopt;
+    }
+    std::string error;
+    auto status = AskStatus(options, error);
+    if (!status)
+    {
+        SayError(std::string(tools::ServiceName(options.m_testNames)) +
+                 " is on the bus (unique name " + found.m_owner + ", process id " +
+                 std::to_string(found.m_processId) + "), but does not tell: " + error);
+        return std::nullopt;
+    }
+    exitStatus = tools::EXIT_OK;
+    return status;
+}
+
+void AddPolicy(TCTable& table, const TJson& policy)
+{
+    table.Add({"Policy", Text(policy, "file")});
+    if (Part(policy, "present") != true)
+    {
+        table.Add({"", "none yet"});
+        return;
+    }
+    table.Add({"", Text(policy, "bytes") + " bytes, SHA-256 " + Text(policy, "sha256")});
+    table.Add({"Set", Text(policy, "set_at") + " by " + Setter(policy)});
+}
+
+void PrintStatus(const TJson& status)
+{
+    TCTable table;
+    const TJson service = Part(status, "service");
+    table.Add({"Service", Text(service, "name") + ", version " + Text(service, "version")});
+    table.Add({"On the bus", "unique name " + Text(service, "unique_name") + ", process id " +
+                                 Text(service, "process_id") + ", user " + Text(service, "user")});
+    table.Add({"Up since", Text(service, "up_since")});
+    if (const TJson policy = Part(status, "policy"); policy.is_object())
+    {
+        AddPolicy(table, policy);
+        table.Add({"Kept before it", std::to_string(Part(status, "kept").size())});
+        table.Add({"Clients", std::to_string(Part(status, "clients").size())});
+    }
+    if (const TJson event = Part(status, "last_event"); event.is_object())
+    {
+        table.Add({"Last event", Text(event, "event") + " at " + Text(event, "at") + ": " +
+                                     Text(event, "delivered") + " delivered, " +
+                                     Text(event, "failed") + " failed"});
+    }
+    table.Add({"May change it", MayChange(status)});
+    table.Print();
+}
+
+void PrintHistory(const TJson& status)
+{
+    TCTable table({"NUMBER", "SET", "BYTES", "SHA-256", "BY"});
+    const auto add = [&table](const std::string& number, const TJson& policy)
+    {
+        table.Add({number, Text(policy, "set_at"), Text(policy, "bytes"),
+                   Text(policy, "sha256").substr(0, 12), Setter(policy)});
+    };
+    for (const TJson& policy : Part(status, "kept"))
+    {
+        add(Text(policy, "number"), policy);
+    }
+    if (const TJson policy = Part(status, "policy"); Part(policy, "present") == true)
+    {
+        add("in force", policy);
+    }
+    table.Print();
+}
+
+void PrintClients(const TJson& status)
+{
+    TCTable table({"NAME", "PROCESS", "PROGRAM", "USER", "STATE", "EVENTS"});
+    for (const TJson& client : Part(status, "clients"))
+    {
+        table.Add({Text(client, "name"), Text(client, "process_id"), Text(client, "program"),
+                   Text(client, "user"), Part(client, "suspended") == true ? "suspended" : "active",
+                   EventNames(client)});
+    }
+    table.Print();
+}
+
+// What a service keeps to a group is not part of its answer to others.
+bool IsShown(const TJson& status, const char* part)
+{
+    if (Part(status, part).is_null())
+    {
+        SayError("the service refused: only those who may change the policy may read that");
+        return false;
+    }
+    return true;
+}
+
+} // namespace
 
 int Status(const TSOptions& options)
 {
-    std::string error;
-    const auto connection = tools::ConnectToSystemBus(error);
-    if (!connection)
+    int exitStatus = tools::EXIT_OK;
+    const auto status = AskRunning(options, exitStatus);
+    if (status && options.m_json)
     {
-        SayError("there is no system bus: " + error);
-        return tools::EXIT_NOT_DELIVERED;
+        PrintJson(*status);
     }
-    const auto status = tools::QueryService(connection.get(), options.m_testNames);
-    if (!status.m_error.empty())
+    else if (status && !options.m_quiet)
     {
-        SayError("the system bus does not answer: " + status.m_error);
-        return tools::EXIT_NOT_DELIVERED;
+        PrintStatus(*status);
     }
-    const std::string name = tools::ServiceName(options.m_testNames);
-    if (status.m_owner.empty())
+    return exitStatus;
+}
+
+int History(const TSOptions& options)
+{
+    int exitStatus = tools::EXIT_OK;
+    const auto status = AskRunning(options, exitStatus);
+    if (!status || !IsShown(*status, "kept"))
     {
-        Say(options.m_quiet, name + " is not on the bus.");
-        return tools::EXIT_NOT_DELIVERED;
+        return status ? tools::EXIT_REFUSED : exitStatus;
     }
-    Say(options.m_quiet, name + " is on the bus: unique name " + status.m_owner + ", process id " +
-                             std::to_string(status.m_processId) + ".");
+    if (options.m_json)
+    {
+        PrintJson({{"policy", Part(*status, "policy")}, {"kept", Part(*status, "kept")}});
+        return tools::EXIT_OK;
+    }
+    PrintHistory(*status);
+    return tools::EXIT_OK;
+}
+
+int Clients(const TSOptions& options)
+{
+    int exitStatus = tools::EXIT_OK;
+    const auto status = AskRunning(options, exitStatus);
+    if (!status || !IsShown(*status, "clients"))
+    {
+        return status ? tools::EXIT_REFUSED : exitStatus;
+    }
+    if (options.m_json)
+    {
+        PrintJson(Part(*status, "clients"));
+        return tools::EXIT_OK;
+    }
+    PrintClients(*status);
     return tools::EXIT_OK;
 }
 

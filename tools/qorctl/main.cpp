@@ -1,34 +1,20 @@
 // qorctl, the command line client of the service.
+#include <unistd.h>
+
 #include <exception>
 
 #include <qor/QORDebug.h>
 
 #include "common/ExitStatus.h"
-#include "qorctl/Commands.h"
+#include "common/Output.h"
+#include "qorctl/Await.h"
 #include "qorctl/Message.h"
+#include "qorctl/Options.h"
 
 namespace
 {
 
-int RunCommand(const qorctl::TSOptions& options)
-{
-    switch (options.m_command)
-    {
-    case qorctl::ECommand::SET_POLICY:
-        return qorctl::SetPolicy(options);
-    case qorctl::ECommand::LISTEN:
-        return qorctl::Listen(options);
-    case qorctl::ECommand::INFO:
-        return qorctl::Info(options);
-    case qorctl::ECommand::STATUS:
-        break;
-    }
-    return qorctl::Status(options);
-}
-
-} // namespace
-
-int main(int count, char** pArguments)
+int Run(int count, char** pArguments)
 {
     try
     {
@@ -39,11 +25,29 @@ int main(int count, char** pArguments)
             return exitStatus;
         }
         qor::TCDebug::m_instance.EnableStdoutLog(options->m_verbose);
-        return RunCommand(*options);
+        return options->m_command(*options);
+    }
+    catch (const tools::TCOutputError& exception)
+    {
+        qorctl::SayError(exception.what());
+        return tools::EXIT_NO_OUTPUT;
     }
     catch (const std::exception& exception)
     {
         qorctl::SayError(exception.what());
         return tools::EXIT_NOT_DELIVERED;
     }
+}
+
+} // namespace
+
+int main(int count, char** pArguments)
+{
+    tools::GuardStandardStreams();
+    const int exitStatus = Run(count, pArguments);
+    if (qorctl::g_isAbandoned)
+    {
+        _exit(exitStatus); // everything is printed; the library's end would wait for that thread
+    }
+    return exitStatus;
 }

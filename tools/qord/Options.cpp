@@ -9,17 +9,6 @@
 
 namespace qord
 {
-namespace
-{
-
-CLI::Validator NotEmpty()
-{
-    return CLI::Validator([](const std::string& text)
-                          { return text.empty() ? "the name of a file is missing" : ""; },
-                          "");
-}
-
-} // namespace
 
 std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitStatus)
 {
@@ -32,7 +21,7 @@ std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitSta
     app.add_option("--policy", options.m_policyFile,
                    "The policy file to keep; without it, where the platform has its policy")
         ->type_name("FILE")
-        ->check(NotEmpty());
+        ->check(tools::NotEmpty("the name of a file"));
     app.add_option("--keep", options.m_storeRules.m_copies,
                    "Keep so many copies of replaced policies beside the file")
         ->type_name("N")

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "common/PolicyXml.h"
 #include "qord/PolicyStore.h"
 
 namespace qord
@@ -14,7 +15,7 @@ namespace qord
 struct TSOptions
 {
     std::string m_policyFile; ///< Empty: where the platform has its policy.
-    std::size_t m_maxPolicySize = std::size_t{16} * 1024 * 1024;
+    std::size_t m_maxPolicySize = tools::MAX_POLICY_SIZE;
     TSStoreRules m_storeRules;
     bool m_testNames = false;
     int m_eventTimeoutMs = 2000;

@@ -3,19 +3,11 @@
 
 #include <utility>
 
-#include "qord/PolicyXml.h"
+#include "common/PolicyXml.h"
 #include "qord/Report.h"
 
 namespace qord
 {
-namespace
-{
-
-// Beside the message itself, of which GDBus and the endpoint hold three copies; a policy of the
-// usual limit then takes the service less than four times its size.
-constexpr std::size_t g_checkMemory = std::size_t{4} * 1024 * 1024;
-
-} // namespace
 
 TCPolicyHandler::TCPolicyHandler(TCPolicyStore store, std::size_t maxPolicySize)
     : m_store(std::move(store)), m_maxPolicySize(maxPolicySize)
@@ -33,7 +25,7 @@ void TCPolicyHandler::Open()
     error.clear();
     if (m_store.Read(policy, m_maxPolicySize, error))
     {
-        CheckPolicyXml(policy, error, g_checkMemory);
+        tools::CheckPolicyXml(policy, error, tools::POLICY_CHECK_MEMORY);
     }
     if (!error.empty())
     {
@@ -75,7 +67,8 @@ bool TCPolicyHandler::m_Decide(const qor::TByteArray& request, int& result) cons
 int TCPolicyHandler::m_CheckAndStore(std::string_view policy) const
 {
     std::string error;
-    const qor::EPolicyResult verdict = CheckPolicyXml(policy, error, g_checkMemory);
+    const qor::EPolicyResult verdict =
+        tools::CheckPolicyXml(policy, error, tools::POLICY_CHECK_MEMORY);
     if (verdict != qor::POLICY_STORED)
     {
         ReportError("a policy of %zu bytes is %s: %s", policy.size(),

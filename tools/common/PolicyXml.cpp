@@ -1,5 +1,5 @@
 // Says whether a policy text is well-formed XML.
-#include "qord/PolicyXml.h"
+#include "common/PolicyXml.h"
 
 #include <cstdlib>
 #include <memory>
@@ -8,7 +8,7 @@
 #include <expat.h>
 #include <strings.h>
 
-namespace qord
+namespace tools
 {
 namespace
 {
@@ -85,13 +85,12 @@ void CheckDeclaration(void* pParser, const char* version, const char* encoding, 
     }
 }
 
-std::string Place(XML_Parser pParser)
+TSXmlPlace Place(XML_Parser pParser, const char* reason)
 {
-    return "line " + std::to_string(XML_GetCurrentLineNumber(pParser)) + ", column " +
-           std::to_string(XML_GetCurrentColumnNumber(pParser) + 1) + ": ";
+    return {XML_GetCurrentLineNumber(pParser), XML_GetCurrentColumnNumber(pParser) + 1, reason};
 }
 
-qor::EPolicyResult Refuse(XML_Parser pParser, std::string& error)
+qor::EPolicyResult Refuse(XML_Parser pParser, std::string& error, TSXmlPlace* pPlace)
 {
     const XML_Error code = XML_GetErrorCode(pParser);
     if (code == XML_ERROR_NO_MEMORY)
@@ -101,15 +100,22 @@ qor::EPolicyResult Refuse(XML_Parser pParser, std::string& error)
                                        : "no memory is left to check it";
         return t_memory.m_isOverLimit ? qor::POLICY_TOO_LARGE : qor::POLICY_NOT_STORED;
     }
-    error = Place(pParser) + (code == XML_ERROR_ABORTED
-                                  ? "it declares an encoding other than UTF-8, or no XML 1"
-                                  : XML_ErrorString(code));
+    const TSXmlPlace place = Place(
+        pParser, code == XML_ERROR_ABORTED ? "it declares an encoding other than UTF-8, or no XML 1"
+                                           : XML_ErrorString(code));
+    error = "line " + std::to_string(place.m_line) + ", column " + std::to_string(place.m_column) +
+            ": " + place.m_reason;
+    if (pPlace != nullptr)
+    {
+        *pPlace = place;
+    }
     return qor::POLICY_NOT_WELL_FORMED;
 }
 
 } // namespace
 
-qor::EPolicyResult CheckPolicyXml(std::string_view text, std::string& error, std::size_t maxMemory)
+qor::EPolicyResult CheckPolicyXml(std::string_view text, std::string& error, std::size_t maxMemory,
+                                  TSXmlPlace* pPlace)
 {
     t_memory = {0, maxMemory, false};
     const std::unique_ptr<XML_ParserStruct, void (*)(XML_Parser)> parser(
@@ -131,7 +137,7 @@ qor::EPolicyResult CheckPolicyXml(std::string_view text, std::string& error, std
         status = XML_Parse(parser.get(), piece.data(), static_cast<int>(piece.size()),
                            text.empty() ? XML_TRUE : XML_FALSE);
     } while (status == XML_STATUS_OK && !text.empty());
-    return status == XML_STATUS_OK ? qor::POLICY_STORED : Refuse(parser.get(), error);
+    return status == XML_STATUS_OK ? qor::POLICY_STORED : Refuse(parser.get(), error, pPlace);
 }
 
-} // namespace qord
+} // namespace tools

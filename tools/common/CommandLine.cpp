@@ -1,0 +1,132 @@
+// How the tools read their command lines.
+#include "common/CommandLine.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <iostream>
+#include <numeric>
+#include <sstream>
+
+#include "common/ExitStatus.h"
+#include "common/Output.h"
+
+namespace tools
+{
+namespace
+{
+
+using TWords = std::vector<std::string>;
+
+// How many characters have to be put in, taken out or replaced to get from one to the other.
+std::size_t Distance(const std::string& from, const std::string& to)
+{
+    std::vector<std::size_t> row(to.size() + 1);
+    std::iota(row.begin(), row.end(), 0U);
+    for (std::size_t i = 1; i <= from.size(); ++i)
+    {
+        std::size_t diagonal = row[0];
+        row[0] = i;
+        for (std::size_t j = 1; j <= to.size(); ++j)
+        {
+            const std::size_t replaced = diagonal + (from[i - 1] == to[j - 1] ? 0 : 1);
+            diagonal = row[j];
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, replaced});
+        }
+    }
+    return row.back();
+}
+
+// Empty where none is near enough to be what was meant.
+std::string Nearest(const std::string& word, const TWords& known)
+{
+    const auto nearest = std::min_element(known.begin(), known.end(),
+                                          [&word](const std::string& a, const std::string& b)
+                                          { return Distance(word, a) < Distance(word, b); });
+    const bool isNear = nearest != known.end() && Distance(word, *nearest) <= 1 + word.size() / 3;
+    return isNear ? "; did you mean " + *nearest + "?" : "";
+}
+
+TWords Commands(const CLI::App& app)
+{
+    TWords names;
+    for (const CLI::App* pCommand : app.get_subcommands([](const CLI::App*) { return true; }))
+    {
+        names.push_back(pCommand->get_name());
+    }
+    return names;
+}
+
+TWords OptionNames(const CLI::App& app)
+{
+    TWords names;
+    for (const CLI::Option* pOption : app.get_options())
+    {
+        for (const std::string& name : pOption->get_lnames())
+        {
+            names.push_back("--" + name);
+        }
+    }
+    return names;
+}
+
+// Empty where the library's own words say what is wrong.
+std::string UnknownWord(const CLI::App& app)
+{
+    const TWords unknown = app.remaining(true);
+    if (unknown.empty())
+    {
+        return "";
+    }
+    const std::string& word = unknown.front();
+    const auto chosen = app.get_subcommands();
+    if (word.compare(0, 1, "-") == 0)
+    {
+        TWords known = OptionNames(app);
+        for (const CLI::App* pCommand : chosen)
+        {
+            const TWords more = OptionNames(*pCommand);
+            known.insert(known.end(), more.begin(), more.end());
+        }
+        return "unknown option " + word + Nearest(word, known);
+    }
+    const TWords commands = Commands(app);
+    const bool isCommand = chosen.empty() && !commands.empty();
+    return isCommand ? "unknown command " + word + Nearest(word, commands)
+                     : "unexpected argument " + word;
+}
+
+} // namespace
+
+bool ParseCommandLine(CLI::App& app, int count, char** pArguments, int& exitStatus)
+{
+    try
+    {
+        app.parse(count, pArguments);
+        return true;
+    }
+    catch (const CLI::ParseError& error)
+    {
+        const bool isAnswer = error.get_exit_code() == 0; // help, version
+        const std::string unknown = isAnswer ? "" : UnknownWord(app);
+        if (!unknown.empty())
+        {
+            std::cerr << app.get_name() << ": " << unknown << "\nRun with --help for more information.\n";
+            exitStatus = EXIT_WRONG_USAGE;
+            return false;
+        }
+        std::ostringstream out;
+        exitStatus = app.exit(error, out, std::cerr) == 0 ? EXIT_OK : EXIT_WRONG_USAGE;
+        Print(out.str());
+        return false;
+    }
+}
+
+CLI::Validator NotEmpty(const std::string& what)
+{
+    return CLI::Validator(
+        [what](const std::string& text)
+        { return text.find_first_not_of(" \t\n") == std::string::npos ? what + " is missing" : ""; },
+        "");
+}
+
+} // namespace tools

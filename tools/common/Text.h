@@ -1,0 +1,28 @@
+// Texts that the tools show: made safe for a terminal or a log, hashes, times, users.
+#ifndef TOOLS_COMMON_TEXT_H
+#define TOOLS_COMMON_TEXT_H
+
+#include <cstdint>
+#include <string>
+
+#include <sys/types.h>
+
+namespace tools
+{
+
+/// The text with '?' in place of control characters and of what is not UTF-8: names of programs and
+/// files are anybody's choice, and must not forge a line or steer a terminal.
+std::string Printable(const std::string& text);
+
+/// In hexadecimal.
+std::string Sha256(const std::string& text);
+
+/// "2026-11-24T20:15:02+01:00", of seconds since 1970, in local time.
+std::string LocalTime(std::int64_t seconds);
+
+/// The user's name, or its number where the user database has none.
+std::string UserName(uid_t userId);
+
+} // namespace tools
+
+#endif

@@ -1,0 +1,116 @@
+// qorctl get-policy and restore: the policy in force, and kept ones.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <system_error>
+
+#include <qor/PolicyMessage.h>
+
+#include "common/ExitStatus.h"
+#include "common/Output.h"
+#include "common/ServiceMessage.h"
+#include "common/Text.h"
+#include "qorctl/Commands.h"
+#include "qorctl/Message.h"
+#include "qorctl/ServiceCall.h"
+
+namespace qorctl
+{
+namespace
+{
+
+std::string Name(int number)
+{
+    return number == 0 ? "the policy in force" : "policy " + std::to_string(number);
+}
+
+std::string Refusal(int result, int number)
+{
+    switch (result)
+    {
+    case tools::NO_SUCH_POLICY:
+        return number == 0 ? "the service has no policy yet"
+                           : "there is no policy " + std::to_string(number) +
+                                 "; qorctl history lists those that are kept";
+    case tools::POLICY_NOT_READ:
+        return "the service cannot read " + Name(number) + "; its log says why";
+    case qor::POLICY_NOT_PERMITTED:
+        return "the service refused: " + tools::UserName(geteuid()) + " may not read policies";
+    default:
+        return "the service refused: result code " + std::to_string(result);
+    }
+}
+
+bool Write(const std::string& file, const std::string& text)
+{
+    std::unique_ptr<FILE, int (*)(FILE*)> output(std::fopen(file.c_str(), "wbe"), std::fclose);
+    if (output && std::fwrite(text.data(), 1, text.size(), output.get()) == text.size() &&
+        std::fclose(output.release()) == 0)
+    {
+        return true;
+    }
+    SayError(tools::Printable(file) + ": " + std::generic_category().message(errno));
+    return false;
+}
+
+} // namespace
+
+int FetchPolicy(const TSOptions& options, std::string& policy)
+{
+    qor::TByteArray request;
+    tools::WriteGetPolicyRequest(options.m_number, request);
+    std::string error;
+    const auto answer = AskService(options, tools::GET_POLICY, request, error);
+    if (!answer)
+    {
+        SayError("there is no answer: " + error);
+        return tools::EXIT_NOT_DELIVERED;
+    }
+    int result = 0;
+    if (!tools::ReadGetPolicyReply(*answer, result, policy))
+    {
+        SayError("the service's answer cannot be read");
+        return tools::EXIT_BAD_ANSWER;
+    }
+    if (result != tools::POLICY_SENT)
+    {
+        SayError(Refusal(result, options.m_number));
+        return tools::EXIT_REFUSED;
+    }
+    return tools::EXIT_OK;
+}
+
+int GetPolicy(const TSOptions& options)
+{
+    std::string policy;
+    if (const int exitStatus = FetchPolicy(options, policy); exitStatus != tools::EXIT_OK)
+    {
+        return exitStatus;
+    }
+    if (!options.m_outputFile.empty())
+    {
+        return Write(options.m_outputFile, policy) ? tools::EXIT_OK : tools::EXIT_NO_OUTPUT;
+    }
+    if (options.m_json)
+    {
+        PrintJson({{"number", options.m_number},
+                   {"bytes", policy.size()},
+                   {"sha256", tools::Sha256(policy)},
+                   {"policy", policy}});
+        return tools::EXIT_OK;
+    }
+    tools::Print(policy);
+    return tools::EXIT_OK;
+}
+
+int Restore(const TSOptions& options)
+{
+    std::string policy;
+    const int exitStatus = FetchPolicy(options, policy);
+    return exitStatus == tools::EXIT_OK ? SendPolicy(options, policy, Name(options.m_number))
+                                        : exitStatus;
+}
+
+} // namespace qorctl

@@ -1,0 +1,57 @@
+// Puts parts of what the service tells about itself into words.
+#include "qorctl/StatusWords.h"
+
+#include "common/Events.h"
+#include "common/Text.h"
+
+namespace qorctl
+{
+namespace
+{
+
+void Append(std::string& list, const std::string& word)
+{
+    list += (list.empty() ? "" : ", ") + word;
+}
+
+} // namespace
+
+std::string MayChange(const TJson& status)
+{
+    const TJson rules = Part(status, "may_change");
+    if (Part(rules, "everyone") == true)
+    {
+        return "everybody";
+    }
+    std::string who;
+    for (const TJson& user : Part(rules, "users"))
+    {
+        Append(who, Text({{"name", user}}, "name"));
+    }
+    for (const TJson& group : Part(rules, "groups"))
+    {
+        Append(who, "members of the group " + Text({{"name", group}}, "name"));
+    }
+    return who;
+}
+
+std::string Setter(const TJson& policy)
+{
+    const TJson setter = Part(policy, "set_by");
+    return setter.is_object() ? Text(setter, "user") + " (" + Text(setter, "program") +
+                                    ", process " + Text(setter, "process_id") + ")"
+                              : "unknown";
+}
+
+std::string EventNames(const TJson& client)
+{
+    std::string names;
+    for (const TJson& type : Part(client, "types"))
+    {
+        const bool isKnown = type == 2 || type == 4;
+        Append(names, isKnown ? tools::EventName(type.get<int>()) : Text({{"type", type}}, "type"));
+    }
+    return names;
+}
+
+} // namespace qorctl
