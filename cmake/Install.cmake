@@ -85,3 +85,7 @@ install(FILES ${PROJECT_BINARY_DIR}/qord.8.gz DESTINATION ${CMAKE_INSTALL_MANDIR
     COMPONENT tools)
 install(FILES data/completions/qorctl data/completions/qord
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
+install(FILES data/completions/_qorctl data/completions/_qord
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT tools)
+install(FILES data/completions/qorctl.fish data/completions/qord.fish
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT tools)

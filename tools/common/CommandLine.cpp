@@ -2,7 +2,6 @@
 #include "common/CommandLine.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <iostream>
 #include <numeric>
 #include <sstream>
@@ -106,17 +105,18 @@ bool ParseCommandLine(CLI::App& app, int count, char** pArguments, int& exitStat
     }
     catch (const CLI::ParseError& error)
     {
-        const bool isAnswer = error.get_exit_code() == 0; // help, version
-        const std::string unknown = isAnswer ? "" : UnknownWord(app);
-        if (!unknown.empty())
+        std::ostringstream out;
+        const bool isAnswer = app.exit(error, out, out) == 0; // help, version
+        if (isAnswer)
         {
-            std::cerr << app.get_name() << ": " << unknown << "\nRun with --help for more information.\n";
-            exitStatus = EXIT_WRONG_USAGE;
+            Print(out.str());
+            exitStatus = EXIT_OK;
             return false;
         }
-        std::ostringstream out;
-        exitStatus = app.exit(error, out, std::cerr) == 0 ? EXIT_OK : EXIT_WRONG_USAGE;
-        Print(out.str());
+        const std::string unknown = UnknownWord(app);
+        std::cerr << app.get_name() << ": " << (unknown.empty() ? error.what() : unknown)
+                  << "\nRun with --help for more information.\n";
+        exitStatus = EXIT_WRONG_USAGE;
         return false;
     }
 }
@@ -124,8 +124,9 @@ bool ParseCommandLine(CLI::App& app, int count, char** pArguments, int& exitStat
 CLI::Validator NotEmpty(const std::string& what)
 {
     return CLI::Validator(
-        [what](const std::string& text)
-        { return text.find_first_not_of(" \t\n") == std::string::npos ? what + " is missing" : ""; },
+        [what](const std::string& text) {
+            return text.find_first_not_of(" \t\n") == std::string::npos ? what + " is missing" : "";
+        },
         "");
 }
 

@@ -8,7 +8,6 @@
 
 #include <qor/GlibTypes.h>
 
-
 namespace qorctl
 {
 

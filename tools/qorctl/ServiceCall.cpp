@@ -55,9 +55,9 @@ std::string Explain(GDBusMessage* pReply)
 // A request of a type that no service knows is answered by every service, and changes nothing.
 std::string Probe(GDBusConnection* pConnection, bool testNames)
 {
-    const qor::TGlibPtr<GDBusMessage> call(g_dbus_message_new_method_call(
-        tools::ServiceName(testNames), tools::ServicePath(testNames), tools::SERVICE_INTERFACE,
-        "Send"));
+    const qor::TGlibPtr<GDBusMessage> call(
+        g_dbus_message_new_method_call(tools::ServiceName(testNames), tools::ServicePath(testNames),
+                                       tools::SERVICE_INTERFACE, "Send"));
     constexpr unsigned char envelope[5] = {};
     GVariant* pBytes = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, envelope, sizeof envelope, 1);
     g_dbus_message_set_body(call.get(), g_variant_new_tuple(&pBytes, 1));
@@ -67,7 +67,8 @@ std::string Probe(GDBusConnection* pConnection, bool testNames)
         pConnection, call.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, PROBE_LIMIT_MS, nullptr, nullptr,
         &pError));
     const qor::TGlibPtr<GError> error(pError);
-    return reply ? Explain(reply.get()) : std::string("the service does not answer: ") + error->message;
+    return reply ? Explain(reply.get())
+                 : std::string("the service does not answer: ") + error->message;
 }
 
 std::string LookForReason(bool testNames)
@@ -126,8 +127,8 @@ std::optional<qor::TByteArray> AskService(const TSOptions& options, int type,
                                {
                                    const auto endpoint = qor::TCDbusClientProvider::Get(testNames);
                                    TSOutcome answer;
-                                   answer.m_isGood = endpoint->SendMessage(type, request,
-                                                                           answer.m_bytes, false);
+                                   answer.m_isGood =
+                                       endpoint->SendMessage(type, request, answer.m_bytes, false);
                                    return answer;
                                });
     if (outcome && outcome->m_isGood)
@@ -156,7 +157,8 @@ tools::TSServiceStatus FindService(const TSOptions& options)
                                   found = tools::QueryService(connection.get(), testNames);
                                   if (!found.m_error.empty())
                                   {
-                                      found.m_error = "the system bus does not answer: " + found.m_error;
+                                      found.m_error =
+                                          "the system bus does not answer: " + found.m_error;
                                   }
                                   return found;
                               });

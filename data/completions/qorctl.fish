@@ -1,0 +1,33 @@
+# fish completion for qorctl
+
+set -l commands set-policy get-policy history restore validate listen status clients info
+
+function __qorctl_kept
+    qorctl --timeout 1 history 2>/dev/null | string match -r '^[0-9]+'
+end
+
+complete -c qorctl -f
+complete -c qorctl -s h -l help -d 'Print a help text'
+complete -c qorctl -l version -d 'Print the version'
+complete -c qorctl -l quiet -d 'Print errors and events only'
+complete -c qorctl -l verbose -d "Print the library's log lines too"
+complete -c qorctl -l json -d 'Print the result as JSON'
+complete -c qorctl -l timeout -x -d 'Wait no longer than so many seconds'
+complete -c qorctl -l test-bus-names -d 'Use the bus names meant for tests'
+
+complete -c qorctl -n "not __fish_seen_subcommand_from $commands" -a set-policy -d 'Hand the service a new policy'
+complete -c qorctl -n "not __fish_seen_subcommand_from $commands" -a get-policy -d 'Write the policy in force, or a kept one'
+complete -c qorctl -n "not __fish_seen_subcommand_from $commands" -a history -d 'List the policies that the service keeps'
+complete -c qorctl -n "not __fish_seen_subcommand_from $commands" -a restore -d 'Put a kept policy in force again'
+complete -c qorctl -n "not __fish_seen_subcommand_from $commands" -a validate -d 'Say what the service would say about a policy'
+complete -c qorctl -n "not __fish_seen_subcommand_from $commands" -a listen -d "Print the service's events as they come"
+complete -c qorctl -n "not __fish_seen_subcommand_from $commands" -a status -d 'Tell how the service is'
+complete -c qorctl -n "not __fish_seen_subcommand_from $commands" -a clients -d 'List who is registered for events'
+complete -c qorctl -n "not __fish_seen_subcommand_from $commands" -a info -d 'Print where the policy is, and the platform'
+
+complete -c qorctl -n '__fish_seen_subcommand_from set-policy validate' -F
+complete -c qorctl -n '__fish_seen_subcommand_from set-policy' -l no-check -d 'Send it without looking at it'
+complete -c qorctl -n '__fish_seen_subcommand_from get-policy restore' -a '(__qorctl_kept)' -d 'Kept policy'
+complete -c qorctl -n '__fish_seen_subcommand_from get-policy' -l output -r -F -d 'Write to a file'
+complete -c qorctl -n '__fish_seen_subcommand_from listen' -l count -x -d 'Leave after so many events'
+complete -c qorctl -n '__fish_seen_subcommand_from listen' -l exec -x -a '(__fish_complete_command)' -d 'Run on each event'
