@@ -60,14 +60,15 @@ std::string ReadFile(const std::string& path)
 int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size)
 {
     static const TCDirectory directory;
-    static const qord::TCPolicyHandler handler(qord::TCPolicyStore(directory.File()),
-                                               g_maxPolicySize);
+    static qord::TCPolicyHandler handler(qord::TCPolicyStore(directory.File()), g_maxPolicySize);
+    qord::TSAsker asker;
+    asker.m_mayChange = true;
     const qor::TByteArray request = qorfuzz::Bytes(pData, size);
     const std::string before = ReadFile(directory.File());
 
     qor::TByteArray reply;
     int result = -1;
-    const bool isPolicy = handler.Handle(request, reply, result);
+    const bool isPolicy = handler.Handle(request, asker, reply, result);
     const std::string after = ReadFile(directory.File());
     if (!isPolicy || result != qor::POLICY_STORED)
     {
@@ -85,6 +86,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size)
     }
     qorfuzz::Require(!isPolicy || qor::ReadPolicyReply(reply) == result,
                      "a client reads the result");
-    qorfuzz::Require(directory.Entries() <= 1, "nothing is left beside the policy");
+    qorfuzz::Require(directory.Entries() <= 2, "nothing is left beside the policy and its history");
     return 0;
 }

@@ -84,7 +84,13 @@ void WriteStatusReply(const std::string& json, qor::TByteArray& reply)
 bool ReadStatusReply(const qor::TByteArray& reply, std::string& json)
 {
     std::string error;
-    return qor::ReadPolicyRequest(reply, json, error) == qor::EPolicyRequest::GOOD;
+    std::string_view text;
+    if (qor::ReadPolicyRequest(reply, text, error) != qor::EPolicyRequest::GOOD)
+    {
+        return false;
+    }
+    json = text;
+    return true;
 }
 
 } // namespace tools

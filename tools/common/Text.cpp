@@ -32,7 +32,7 @@ std::string Printable(const std::string& text)
     return printable;
 }
 
-std::string Sha256(const std::string& text)
+std::string Sha256(std::string_view text)
 {
     const TText hash(g_compute_checksum_for_data(G_CHECKSUM_SHA256,
                                                  reinterpret_cast<const guchar*>(text.data()),

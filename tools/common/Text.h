@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include <sys/types.h>
 
@@ -15,7 +16,7 @@ namespace tools
 std::string Printable(const std::string& text);
 
 /// In hexadecimal.
-std::string Sha256(const std::string& text);
+std::string Sha256(std::string_view text);
 
 /// "2026-11-24T20:15:02+01:00", of seconds since 1970, in local time.
 std::string LocalTime(std::int64_t seconds);

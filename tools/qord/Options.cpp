@@ -38,6 +38,14 @@ std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitSta
         ->check(CLI::Range(std::size_t(1), std::numeric_limits<std::size_t>::max()))
         ->capture_default_str();
     app.add_flag("--test-bus-names", options.m_testNames, "Use the bus names meant for tests");
+    app.add_option("--allow-group", options.m_permission.m_groups,
+                   "Let members of this group change the policy too")
+        ->type_name("NAME")
+        ->check(tools::NotEmpty("the name of a group"));
+    app.add_flag("--allow-everyone", options.m_permission.m_everyone,
+                 "Let everybody change the policy");
+    app.add_flag("--restrict-reading", options.m_permission.m_restrictReading,
+                 "Let only those who may change the policy read it");
     app.add_option("--event-timeout", options.m_eventTimeoutMs,
                    "How long an application may take to answer an event")
         ->type_name("MS")
@@ -48,12 +56,14 @@ std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitSta
         ->type_name("SECONDS")
         ->check(CLI::Range(1, 1000000));
     app.add_flag("--verbose", options.m_verbose, "Print the library's log lines too");
-    app.add_flag("--log-file", options.m_logFile,
-                 "Write the library's log lines to /tmp/qor_NAME_PID.log");
-    app.get_option("--test-bus-names")->needs("--policy"); // the usual file is the real service's
     if (!tools::ParseCommandLine(app, count, pArguments, exitStatus))
     {
         return std::nullopt;
+    }
+    if (*QOR_ADMIN_GROUP != '\0')
+    {
+        options.m_permission.m_groups.insert(options.m_permission.m_groups.begin(),
+                                             QOR_ADMIN_GROUP);
     }
     return options;
 }

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "common/PolicyXml.h"
+#include "qord/Permission.h"
 #include "qord/PolicyStore.h"
 
 namespace qord
@@ -16,12 +17,12 @@ struct TSOptions
 {
     std::string m_policyFile; ///< Empty: where the platform has its policy.
     std::size_t m_maxPolicySize = tools::MAX_POLICY_SIZE;
-    TSStoreRules m_storeRules;
+    TSStoreRules m_storeRules = {5, 0};
+    TSPermissionRules m_permission;
     bool m_testNames = false;
     int m_eventTimeoutMs = 2000;
     unsigned int m_processInfoSeconds = 0; ///< 0: only when asked for.
     bool m_verbose = false;
-    bool m_logFile = false;
 };
 
 /// Reads the command line. Empty where the process has nothing left to do but to end with

@@ -16,26 +16,26 @@ TCPolicyCopies::TCPolicyCopies(const TCDirectory& directory, std::string policyN
 
 void TCPolicyCopies::Keep(const std::string& name) const
 {
-    const TNumbers numbers = m_List();
+    const TNumbers numbers = List();
     m_RemoveOldest(numbers, m_limit - 1);
-    m_directory.Rename(name, m_NameOf(numbers.empty() ? 1 : numbers.back() + 1));
+    m_directory.Rename(name, NameOf(numbers.empty() ? 1 : numbers.back() + 1));
 }
 
 void TCPolicyCopies::Trim() const
 {
     if (m_limit > 0)
     {
-        m_RemoveOldest(m_List(), m_limit);
+        m_RemoveOldest(List(), m_limit);
     }
 }
 
 bool TCPolicyCopies::MakeRoom() const
 {
-    return m_limit > 0 && m_RemoveOldest(m_List(), m_limit - 1);
+    return m_limit > 0 && m_RemoveOldest(List(), m_limit - 1);
 }
 
 // In order. A number that is written in another way than it is here is somebody else's.
-TCPolicyCopies::TNumbers TCPolicyCopies::m_List() const
+TCPolicyCopies::TNumbers TCPolicyCopies::List() const
 {
     TNumbers numbers;
     for (const std::string& name : m_directory.List())
@@ -44,7 +44,7 @@ TCPolicyCopies::TNumbers TCPolicyCopies::m_List() const
         if (name.compare(0, m_start.size(), m_start) == 0)
         {
             std::from_chars(name.data() + m_start.size(), name.data() + name.size(), number);
-            if (number != 0 && number != UINT64_MAX && name == m_NameOf(number))
+            if (number != 0 && number != UINT64_MAX && name == NameOf(number))
             {
                 numbers.push_back(number);
             }
@@ -62,12 +62,12 @@ bool TCPolicyCopies::m_RemoveOldest(const TNumbers& numbers, std::size_t left) c
     }
     for (std::size_t i = 0; i < numbers.size() - left; ++i)
     {
-        m_directory.Remove(m_NameOf(numbers[i]));
+        m_directory.Remove(NameOf(numbers[i]));
     }
     return true;
 }
 
-std::string TCPolicyCopies::m_NameOf(std::uint64_t number) const
+std::string TCPolicyCopies::NameOf(std::uint64_t number) const
 {
     return m_start + std::to_string(number);
 }

@@ -33,12 +33,16 @@ public:
     /// @return false when there was nothing to remove
     bool MakeRoom() const;
 
-private:
     using TNumbers = std::vector<std::uint64_t>;
 
-    TNumbers m_List() const;
+    /// The numbers of those that are kept, in order.
+    TNumbers List() const;
+
+    /// The name of one in the directory.
+    std::string NameOf(std::uint64_t number) const;
+
+private:
     bool m_RemoveOldest(const TNumbers& numbers, std::size_t left) const;
-    std::string m_NameOf(std::uint64_t number) const;
 
     const TCDirectory& m_directory;
     std::string m_start; ///< Of the names.

@@ -2,12 +2,85 @@
 #include "qord/PolicyHandler.h"
 
 #include <utility>
+#include <vector>
 
 #include "common/PolicyXml.h"
+#include "common/Text.h"
 #include "qord/Report.h"
 
 namespace qord
 {
+
+// One request, and the line about it.
+class TCPolicyHandler::TCAttempt
+{
+public:
+    TCAttempt(const qor::TByteArray& request, const TSAsker& asker)
+        : m_asker(asker),
+          m_size(request.size()),
+          m_isPolicy(qor::ReadPolicyRequest(request, m_policy, m_error) ==
+                     qor::EPolicyRequest::GOOD),
+          m_sha256(m_isPolicy ? tools::Sha256(m_policy) : "")
+    {
+    }
+
+    const TSAsker& Asker() const
+    {
+        return m_asker;
+    }
+    bool IsPolicy() const
+    {
+        return m_isPolicy;
+    }
+    std::string_view Policy() const
+    {
+        return m_policy;
+    }
+    const std::string& Hash() const
+    {
+        return m_sha256;
+    }
+    const std::string& Error() const
+    {
+        return m_error;
+    }
+
+    // @param result  negative where the request has no result
+    void Report(int result, const std::string& words) const
+    {
+        const std::string what = m_isPolicy
+                                     ? "a policy of " + std::to_string(m_policy.size()) + " bytes "
+                                     : "a request of " + std::to_string(m_size) + " bytes ";
+        const std::string hash = m_isPolicy ? "SHA-256 " + m_sha256 + "; " : "";
+        const std::string who =
+            m_asker.m_sender ? Describe(*m_asker.m_sender) : "sender unknown: " + m_asker.m_error;
+        ReportWithFields(result != qor::POLICY_STORED, m_Fields(result),
+                         what + words + " (" + hash + who + ")");
+    }
+
+private:
+    std::vector<std::string> m_Fields(int result) const
+    {
+        std::vector<std::string> fields = {"QOR_RESULT=" + std::to_string(result)};
+        if (m_isPolicy)
+        {
+            fields.push_back("QOR_POLICY_SHA256=" + m_sha256);
+        }
+        if (m_asker.m_sender)
+        {
+            fields.push_back("QOR_SENDER_UID=" + std::to_string(m_asker.m_sender->m_userId));
+            fields.push_back("QOR_SENDER_PID=" + std::to_string(m_asker.m_sender->m_processId));
+        }
+        return fields;
+    }
+
+    const TSAsker& m_asker;
+    std::size_t m_size;
+    std::string_view m_policy; ///< Inside the request.
+    std::string m_error;
+    bool m_isPolicy;
+    std::string m_sha256;
+};
 
 TCPolicyHandler::TCPolicyHandler(TCPolicyStore store, std::size_t maxPolicySize)
     : m_store(std::move(store)), m_maxPolicySize(maxPolicySize)
@@ -23,7 +96,7 @@ void TCPolicyHandler::Open()
     }
     std::string policy;
     error.clear();
-    if (m_store.Read(policy, m_maxPolicySize, error))
+    if (m_store.Read(0, policy, m_maxPolicySize, error))
     {
         tools::CheckPolicyXml(policy, error, tools::POLICY_CHECK_MEMORY);
     }
@@ -31,12 +104,13 @@ void TCPolicyHandler::Open()
     {
         ReportError("the policy in force is no good: %s", error.c_str());
     }
+    m_history.Load(m_store);
 }
 
-bool TCPolicyHandler::Handle(const qor::TByteArray& request, qor::TByteArray& reply,
-                             int& result) const
+bool TCPolicyHandler::Handle(const qor::TByteArray& request, const TSAsker& asker,
+                             qor::TByteArray& reply, int& result)
 {
-    if (!m_Decide(request, result))
+    if (!m_Decide(TCAttempt(request, asker), result))
     {
         return false;
     }
@@ -44,55 +118,65 @@ bool TCPolicyHandler::Handle(const qor::TByteArray& request, qor::TByteArray& re
     return true;
 }
 
-bool TCPolicyHandler::m_Decide(const qor::TByteArray& request, int& result) const
+bool TCPolicyHandler::m_Decide(const TCAttempt& attempt, int& result)
 {
-    std::string_view policy;
-    std::string error;
-    switch (qor::ReadPolicyRequest(request, policy, error, m_maxPolicySize))
+    if (!attempt.Asker().m_mayChange)
     {
-    case qor::EPolicyRequest::GOOD:
-        result = m_CheckAndStore(policy);
+        result = qor::POLICY_NOT_PERMITTED;
+        attempt.Report(result, "is refused: its sender may not change the policy");
         return true;
-    case qor::EPolicyRequest::TOO_LARGE:
-        ReportError("a policy is too large: %s", error.c_str());
-        result = qor::POLICY_TOO_LARGE;
-        return true;
-    case qor::EPolicyRequest::NOT_A_POLICY:
-        break;
     }
-    ReportError("a request of %zu bytes is not a policy: %s", request.size(), error.c_str());
-    return false;
+    if (!attempt.IsPolicy())
+    {
+        attempt.Report(-1, "is not a policy: " + attempt.Error());
+        return false;
+    }
+    result = m_CheckAndStore(attempt);
+    return true;
 }
 
-int TCPolicyHandler::m_CheckAndStore(std::string_view policy) const
+int TCPolicyHandler::m_CheckAndStore(const TCAttempt& attempt)
 {
+    if (attempt.Policy().size() > m_maxPolicySize)
+    {
+        attempt.Report(qor::POLICY_TOO_LARGE,
+                       "is too large: " + std::to_string(m_maxPolicySize) + " are accepted");
+        return qor::POLICY_TOO_LARGE;
+    }
     std::string error;
     const qor::EPolicyResult verdict =
-        tools::CheckPolicyXml(policy, error, tools::POLICY_CHECK_MEMORY);
+        tools::CheckPolicyXml(attempt.Policy(), error, tools::POLICY_CHECK_MEMORY);
     if (verdict != qor::POLICY_STORED)
     {
-        ReportError("a policy of %zu bytes is %s: %s", policy.size(),
-                    verdict == qor::POLICY_NOT_WELL_FORMED ? "not well-formed" : "not checked",
-                    error.c_str());
+        attempt.Report(verdict, (verdict == qor::POLICY_NOT_WELL_FORMED ? "is not well-formed: "
+                                                                        : "is not checked: ") +
+                                    error);
         return verdict;
     }
-    const qor::EPolicyResult result = m_store.Store(policy, error);
-    switch (result)
+    return m_Store(attempt);
+}
+
+int TCPolicyHandler::m_Store(const TCAttempt& attempt)
+{
+    std::string error;
+    const qor::EPolicyResult result = m_store.Store(attempt.Policy(), error);
+    if (result != qor::POLICY_STORED)
     {
-    case qor::POLICY_STORED:
-        Report("a policy of %zu bytes is stored", policy.size());
-        break;
-    case qor::POLICY_STATE_UNKNOWN:
-        ReportError("a policy of %zu bytes may be in force, or the one before it: %s",
-                    policy.size(), error.c_str());
-        return result;
-    default:
-        ReportError("a policy of %zu bytes could not be stored: %s", policy.size(), error.c_str());
+        attempt.Report(result, (result == qor::POLICY_STATE_UNKNOWN
+                                    ? "may be in force, or the one before it: "
+                                    : "could not be stored: ") +
+                                   error);
         return result;
     }
+    attempt.Report(result, "is stored");
     if (!error.empty())
     {
         ReportError("cleaning up, which the next policy tries again: %s", error.c_str());
+    }
+    error = m_history.Remember(m_store, attempt.Hash(), attempt.Asker().m_sender);
+    if (!error.empty())
+    {
+        ReportError("who has set the policy is not kept: %s", error.c_str());
     }
     return result;
 }

@@ -3,19 +3,31 @@
 #define QORD_POLICYHANDLER_H
 
 #include <cstddef>
+#include <optional>
+#include <string>
 #include <string_view>
 
 #include <qor/PolicyMessage.h>
 #include <qor/Types.h>
 
+#include "qord/PolicyHistory.h"
 #include "qord/PolicyStore.h"
+#include "qord/Sender.h"
 
 namespace qord
 {
 
-/// Reads a request, checks the policy and stores it; says on standard output and standard error
-/// what came of it. Whatever the bytes are, it takes a small multiple of their memory, and none for
-/// a policy over the limit.
+/// Who sends a request.
+struct TSAsker
+{
+    std::optional<TSSender> m_sender; ///< Nothing where the bus did not tell.
+    std::string m_error;              ///< Why not.
+    bool m_mayChange = false;         ///< The policy.
+};
+
+/// Reads a request, checks the policy and stores it; says in one line what came of it and who asked
+/// for it. Whatever the bytes are, it takes a small multiple of their memory, and none for a policy
+/// over the limit.
 class TCPolicyHandler
 {
 public:
@@ -28,13 +40,27 @@ public:
 
     /// @return false for a request that is not a policy; else the answer, one of
     ///         qor::EPolicyResult, is in reply and result
-    bool Handle(const qor::TByteArray& request, qor::TByteArray& reply, int& result) const;
+    bool Handle(const qor::TByteArray& request, const TSAsker& asker, qor::TByteArray& reply,
+                int& result);
+
+    const TCPolicyStore& Store() const
+    {
+        return m_store;
+    }
+    TCPolicyHistory& History()
+    {
+        return m_history;
+    }
 
 private:
-    bool m_Decide(const qor::TByteArray& request, int& result) const;
-    int m_CheckAndStore(std::string_view policy) const;
+    class TCAttempt;
+
+    bool m_Decide(const TCAttempt& attempt, int& result);
+    int m_CheckAndStore(const TCAttempt& attempt);
+    int m_Store(const TCAttempt& attempt);
 
     TCPolicyStore m_store;
+    TCPolicyHistory m_history;
     std::size_t m_maxPolicySize;
 };
 

@@ -141,6 +141,31 @@ public:
         }
     }
 
+    std::vector<TSStoredPolicy> List() const
+    {
+        std::vector<TSStoredPolicy> policies;
+        TSStoredPolicy policy;
+        for (const std::uint64_t number : m_copies.List())
+        {
+            policy.m_number = number;
+            if (m_directory.Look(m_copies.NameOf(number), policy.m_status))
+            {
+                policies.push_back(policy);
+            }
+        }
+        policy.m_number = 0;
+        if (m_file.Look(policy.m_status))
+        {
+            policies.push_back(policy);
+        }
+        return policies;
+    }
+
+    std::string NameOf(std::uint64_t number) const
+    {
+        return m_copies.NameOf(number);
+    }
+
 private:
     void RefuseWithoutSpace() const
     {
@@ -158,6 +183,33 @@ private:
     TCAtomicFile m_file;
     TCPolicyCopies m_copies;
 };
+
+// Whoever may read the service's folder cannot make it wait, or read what is not in there.
+bool ReadFile(const TCDirectory& directory, const std::string& name, std::string& text,
+              std::size_t maxSize, std::string& error)
+{
+    const TCDescriptor file(
+        openat(directory.Get(), name.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+    char buffer[65536];
+    ssize_t count = 0;
+    text.clear();
+    while (file.Get() >= 0 && text.size() <= maxSize &&
+           (count = read(file.Get(), buffer, sizeof buffer)) > 0)
+    {
+        text.append(buffer, static_cast<std::size_t>(count));
+    }
+    if (file.Get() < 0 || count < 0)
+    {
+        error = errno == ENOENT ? "" : std::generic_category().message(errno);
+        return false;
+    }
+    if (text.size() > maxSize)
+    {
+        error = "it is larger than " + std::to_string(maxSize) + " bytes";
+        return false;
+    }
+    return true;
+}
 
 // The others do not: a disk that is full, or a machine that is short of something, recovers.
 bool PassesByItself(int code)
@@ -202,29 +254,62 @@ catch (const TCFileError& error)
     throw std::runtime_error(m_path + ": " + error.what());
 }
 
-bool TCPolicyStore::Read(std::string& text, std::size_t maxSize, std::string& error) const
+bool TCPolicyStore::Read(std::uint64_t number, std::string& text, std::size_t maxSize,
+                         std::string& error) const
+try
 {
-    // Not blocking: a pipe may have taken its place.
-    const TCDescriptor file(open(m_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    char buffer[65536];
-    ssize_t count = 0;
-    text.clear();
-    while (file.Get() >= 0 && text.size() <= maxSize &&
-           (count = read(file.Get(), buffer, sizeof buffer)) > 0)
+    const path file = FollowLinks(m_path);
+    const TCPlace place(file, m_rules);
+    const std::string name = number == 0 ? file.filename().string() : place.NameOf(number);
+    return ReadFile(place.Directory(), name, text, maxSize, error);
+}
+catch (const TCFileError& failure)
+{
+    error = failure.what();
+    return false;
+}
+
+std::vector<TSStoredPolicy> TCPolicyStore::List() const
+try
+{
+    return TCPlace(FollowLinks(m_path), m_rules).List();
+}
+catch (const TCFileError&)
+{
+    return {};
+}
+
+bool TCPolicyStore::ReadBeside(const std::string& suffix, std::string& text,
+                               std::size_t maxSize) const
+try
+{
+    const path file = FollowLinks(m_path);
+    std::string error;
+    return ReadFile(TCDirectory(DirectoryOf(file).string()), file.filename().string() + suffix,
+                    text, maxSize, error);
+}
+catch (const TCFileError&)
+{
+    return false;
+}
+
+std::string TCPolicyStore::WriteBeside(const std::string& suffix, const std::string& text) const
+try
+{
+    const path file = FollowLinks(m_path);
+    const TCDirectory directory(DirectoryOf(file).string());
+    const TCAtomicFile beside(directory, file.filename().string() + suffix);
+    if (beside.Tidy())
     {
-        text.append(buffer, static_cast<std::size_t>(count));
+        directory.Remove(beside.Former());
     }
-    if (file.Get() < 0 || count < 0)
-    {
-        error = errno == ENOENT ? "" : std::generic_category().message(errno);
-        return false;
-    }
-    if (text.size() > maxSize)
-    {
-        error = "it is larger than " + std::to_string(maxSize) + " bytes";
-        return false;
-    }
-    return true;
+    beside.Replace(text, false);
+    directory.Remove(beside.Former());
+    return {};
+}
+catch (const TCFileError& failure)
+{
+    return failure.what();
 }
 
 qor::EPolicyResult TCPolicyStore::Store(std::string_view text, std::string& error) const

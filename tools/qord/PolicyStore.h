@@ -2,10 +2,14 @@
 #ifndef QORD_POLICYSTORE_H
 #define QORD_POLICYSTORE_H
 
+#include <sys/stat.h>
+
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <qor/PolicyMessage.h>
 
@@ -19,6 +23,13 @@ struct TSStoreRules
     unsigned int m_copies = 0; ///< How many of the replaced policies to keep.
     unsigned int m_minFreeMiB =
         0; ///< With less space than that left nothing is stored; 0: no limit.
+};
+
+/// The policy in force, or a kept one.
+struct TSStoredPolicy
+{
+    std::uint64_t m_number = 0; ///< 0: the one in force.
+    struct stat m_status = {};
 };
 
 /// Replaces the policy file in one step: a reader, and a crash at any moment, find either the old
@@ -35,11 +46,26 @@ public:
     /// @throws std::runtime_error where nothing could ever be stored, with the reason
     std::string Open();
 
-    /// Reads the policy that is in force.
+    /// Reads the policy that is in force, or the kept one of that number.
     ///
     /// @return false, with the reason in error, when it cannot be read or is larger than that; with
     ///         an empty one when there is none
-    bool Read(std::string& text, std::size_t maxSize, std::string& error) const;
+    bool Read(std::uint64_t number, std::string& text, std::size_t maxSize,
+              std::string& error) const;
+
+    /// The kept ones in the order of their age, oldest first, then the one in force, as far as
+    /// there are any; empty where the directory cannot be read.
+    std::vector<TSStoredPolicy> List() const;
+
+    /// Reads another file of the service's: the policy's name with a suffix.
+    ///
+    /// @return false when there is none, or it cannot be read or is larger than that
+    bool ReadBeside(const std::string& suffix, std::string& text, std::size_t maxSize) const;
+
+    /// Replaces that file as the policy is replaced.
+    ///
+    /// @return what has gone wrong, or empty
+    std::string WriteBeside(const std::string& suffix, const std::string& text) const;
 
     /// Returns when the text is on the disk.
     ///

@@ -3,6 +3,7 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,31 +14,41 @@
 #include <mutex>
 #include <string>
 
+#include "qord/Journal.h"
+
 namespace qord
 {
 namespace
 {
 
+// Where lines of one kind go.
 class TCStream
 {
 public:
-    explicit TCStream(int descriptor) : m_descriptor(descriptor) {}
+    TCStream(int descriptor, int priority) : m_descriptor(descriptor), m_priority(priority) {}
 
-    void Write(const std::string& line)
+    void Write(const std::string& line, const std::vector<std::string>& fields = {})
     {
+        static const bool s_isUnderJournal = IsUnderJournal();
         const std::lock_guard<std::mutex> lock(m_mutex);
-        std::string text;
-        if (m_dropped > 0)
+        if (m_dropped > 0 &&
+            m_Take(std::to_string(m_dropped) + " lines were dropped here", {}, s_isUnderJournal))
         {
-            text = "qord: " + std::to_string(m_dropped) + " lines were dropped here\n";
+            m_dropped = 0;
         }
-        text += line.substr(0, PIPE_BUF - 1 - text.size()) + '\n';
-        m_dropped = m_Take(text) ? 0 : m_dropped + 1;
+        m_dropped += m_dropped == 0 && m_Take(line, fields, s_isUnderJournal) ? 0 : 1;
     }
 
 private:
+    bool m_Take(const std::string& line, const std::vector<std::string>& fields,
+                bool isUnderJournal) const
+    {
+        return isUnderJournal ? WriteToJournal(m_priority, line, fields)
+                              : m_TakeText(("qord: " + line).substr(0, PIPE_BUF - 1) + '\n');
+    }
+
     // A pipe that can be written to takes so much in one piece, without waiting.
-    bool m_Take(const std::string& text) const
+    bool m_TakeText(const std::string& text) const
     {
         pollfd state = {m_descriptor, POLLOUT, 0};
         if (poll(&state, 1, 0) != 1 || (state.revents & POLLOUT) == 0)
@@ -53,35 +64,46 @@ private:
     }
 
     int m_descriptor;
+    int m_priority;
     std::mutex m_mutex;
     unsigned int m_dropped = 0;
 };
+
+TCStream& Stream(bool isError)
+{
+    static TCStream s_out(STDOUT_FILENO, LOG_INFO);
+    static TCStream s_error(STDERR_FILENO, LOG_ERR);
+    return isError ? s_error : s_out;
+}
 
 __attribute__((format(printf, 1, 0))) std::string Line(const char* format, va_list arguments)
 {
     char text[PIPE_BUF];
     std::vsnprintf(text, sizeof text, format, arguments);
-    return std::string("qord: ") + text;
+    return text;
 }
 
 } // namespace
 
 void Report(const char* format, ...)
 {
-    static TCStream stream(STDOUT_FILENO);
     va_list arguments;
     va_start(arguments, format);
-    stream.Write(Line(format, arguments));
+    Stream(false).Write(Line(format, arguments));
     va_end(arguments);
 }
 
 void ReportError(const char* format, ...)
 {
-    static TCStream stream(STDERR_FILENO);
     va_list arguments;
     va_start(arguments, format);
-    stream.Write(Line(format, arguments));
+    Stream(true).Write(Line(format, arguments));
     va_end(arguments);
+}
+
+void ReportWithFields(bool isError, const std::vector<std::string>& fields, const std::string& line)
+{
+    Stream(isError).Write(line, fields);
 }
 
 } // namespace qord

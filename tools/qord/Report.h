@@ -2,15 +2,27 @@
 #ifndef QORD_REPORT_H
 #define QORD_REPORT_H
 
+#include <string>
+#include <vector>
+
 namespace qord
 {
 
-/// To standard output. A line that would have to wait for a reader is dropped, and the next one
-/// that goes through says how many were; it is cut off where a pipe would not take it in one piece.
+// Under systemd the lines go to the journal, elsewhere to standard output and standard error. A
+// line that would have to wait for a reader is dropped, and the next one that goes through says how
+// many were; it is cut off where a pipe would not take it in one piece.
+
+/// What is as it should be.
 void Report(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-/// To standard error, likewise.
+/// What is not: priority "err" in the journal, standard error elsewhere.
 void ReportError(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+/// A line with fields of its own for the journal.
+///
+/// @param fields  "NAME=value" each
+void ReportWithFields(bool isError, const std::vector<std::string>& fields,
+                      const std::string& line);
 
 } // namespace qord
 

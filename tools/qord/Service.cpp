@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <ctime>
 #include <exception>
 #include <stdexcept>
 
@@ -17,6 +18,7 @@
 
 #include "common/Events.h"
 #include "common/ExitStatus.h"
+#include "common/ServiceMessage.h"
 #include "common/SystemBus.h"
 #include "qord/Report.h"
 #include "qord/StopSignals.h"
@@ -34,13 +36,16 @@ constexpr unsigned int g_registrationMs = 1000; // the clients of a predecessor 
 
 TCService::TCService(const TSOptions& options)
     : m_options(options),
-      m_handler(TCPolicyStore(options.m_policyFile, options.m_storeRules), options.m_maxPolicySize)
+      m_handler(TCPolicyStore(options.m_policyFile, options.m_storeRules), options.m_maxPolicySize),
+      m_permission(options.m_permission),
+      m_queries(m_options, m_handler)
 {
 }
 
 TCService::~TCService()
 {
     m_announcer.reset();
+    m_watchdog.reset();
     m_nameWatch.reset();
     m_server.reset();
     if (m_startAnnouncement != 0)
@@ -91,10 +96,11 @@ bool TCService::m_Start()
         m_Fail("cannot serve on the system bus");
         return false;
     }
+    m_watchdog = std::make_unique<TCWatchdog>([this] { return m_queries.Summary(*m_server); });
     m_announcer = std::make_unique<TCAnnouncer>([this](int type) { m_Deliver(type); });
-    m_server->SetCallback(qor::SET_POLICY,
-                          [this](const qor::TByteArray& request, qor::TByteArray& reply)
-                          { return m_OnSetPolicy(request, reply); });
+    m_AnswerWith(qor::SET_POLICY, &TCService::m_SetPolicy);
+    m_AnswerWith(tools::GET_POLICY, &TCService::m_GetPolicy);
+    m_AnswerWith(tools::GET_STATUS, &TCService::m_GetStatus);
     // The server has asked for the name before, on the same connection: the watch's first report
     // tells how that ended.
     m_nameWatch = std::make_unique<tools::TCNameWatch>(
@@ -131,7 +137,7 @@ bool TCService::m_Begin()
     m_isReady = true;
     Report("ready as %s (%s), policy file %s", tools::ServiceName(m_options.m_testNames),
            m_server->GetUniqueName().c_str(), m_options.m_policyFile.c_str());
-    sd_notify(0, "READY=1");
+    m_watchdog->Tell("READY=1\n");
     // The service before this one may have ended between a policy and its announcement.
     m_startAnnouncement = g_timeout_add(g_registrationMs, m_AnnounceStart, this);
     return true;
@@ -194,37 +200,67 @@ void TCService::m_OwnerIs(const std::string& owner)
     }
 }
 
+void TCService::m_AnswerWith(int type, THandler handler)
+{
+    m_server->SetCallback(type,
+                          [this, handler](const qor::TByteArray& request, qor::TByteArray& reply)
+                          { return m_Answer(handler, request, reply); });
+}
+
 // Runs inside the bus library, which takes no exception.
-bool TCService::m_OnSetPolicy(const qor::TByteArray& request, qor::TByteArray& reply) noexcept
+bool TCService::m_Answer(THandler handler, const qor::TByteArray& request,
+                         qor::TByteArray& reply) noexcept
 {
     try
     {
-        return m_SetPolicy(request, reply);
+        return m_Begin() && (this->*handler)(request, m_WhoAsks(), reply);
     }
     catch (const std::exception& exception)
     {
-        ReportError("a policy request failed: %s", exception.what());
+        ReportError("a request failed: %s", exception.what());
     }
     catch (...)
     {
-        ReportError("a policy request failed");
+        ReportError("a request failed");
     }
     return false;
 }
 
-bool TCService::m_SetPolicy(const qor::TByteArray& request, qor::TByteArray& reply)
+TSAsker TCService::m_WhoAsks()
 {
-    if (!m_Begin())
-    {
-        return false;
-    }
+    TSAsker asker;
+    asker.m_sender = WhoIs(m_connection.get(), m_server->GetCurrentSender(), asker.m_error);
+    asker.m_mayChange = m_permission.MayChange(asker.m_sender);
+    return asker;
+}
+
+bool TCService::m_MayRead(const TSAsker& asker) const
+{
+    return asker.m_mayChange || !m_options.m_permission.m_restrictReading;
+}
+
+bool TCService::m_SetPolicy(const qor::TByteArray& request, const TSAsker& asker,
+                            qor::TByteArray& reply)
+{
     int result = qor::POLICY_NOT_STORED;
-    const bool isPolicy = m_handler.Handle(request, reply, result);
+    const bool isPolicy = m_handler.Handle(request, asker, reply, result);
     if (isPolicy && (result == qor::POLICY_STORED || result == qor::POLICY_STATE_UNKNOWN))
     {
         m_AnnounceAfterReply();
     }
     return isPolicy;
+}
+
+bool TCService::m_GetPolicy(const qor::TByteArray& request, const TSAsker& asker,
+                            qor::TByteArray& reply)
+{
+    return m_queries.GetPolicy(request, m_MayRead(asker), reply);
+}
+
+bool TCService::m_GetStatus(const qor::TByteArray&, const TSAsker& asker, qor::TByteArray& reply)
+{
+    m_queries.GetStatus(m_connection.get(), *m_server, m_MayRead(asker), reply);
+    return true;
 }
 
 // The sender still waits for the reply, and a client that waits is not called: the announcement
@@ -245,6 +281,9 @@ void TCService::m_Deliver(int type) noexcept
         const auto counts = m_server->SendMessage(type, {}, m_options.m_eventTimeoutMs);
         Report("event %s: %zu delivered, %zu failed", tools::EventName(type), counts.first,
                counts.second);
+        m_queries.Delivered(
+            {tools::EventName(type), std::time(nullptr), counts.first, counts.second});
+        m_watchdog->Tell();
     }
     catch (const std::exception& exception)
     {

@@ -12,7 +12,10 @@
 #include "common/NameWatch.h"
 #include "qord/Announcer.h"
 #include "qord/Options.h"
+#include "qord/Permission.h"
 #include "qord/PolicyHandler.h"
+#include "qord/Queries.h"
+#include "qord/Watchdog.h"
 
 namespace qord
 {
@@ -41,8 +44,17 @@ private:
     void m_Fail(const std::string& reason);
     void m_OwnerIs(const std::string& owner);
 
-    bool m_OnSetPolicy(const qor::TByteArray& request, qor::TByteArray& reply) noexcept;
-    bool m_SetPolicy(const qor::TByteArray& request, qor::TByteArray& reply);
+    using THandler = bool (TCService::*)(const qor::TByteArray& request, const TSAsker& asker,
+                                         qor::TByteArray& reply);
+    void m_AnswerWith(int type, THandler handler);
+    bool m_Answer(THandler handler, const qor::TByteArray& request,
+                  qor::TByteArray& reply) noexcept;
+    TSAsker m_WhoAsks();
+    bool m_MayRead(const TSAsker& asker) const;
+
+    bool m_SetPolicy(const qor::TByteArray& request, const TSAsker& asker, qor::TByteArray& reply);
+    bool m_GetPolicy(const qor::TByteArray& request, const TSAsker& asker, qor::TByteArray& reply);
+    bool m_GetStatus(const qor::TByteArray& request, const TSAsker& asker, qor::TByteArray& reply);
     void m_AnnounceAfterReply();
     void m_Deliver(int type) noexcept;
 
@@ -53,6 +65,8 @@ private:
 
     TSOptions m_options;
     TCPolicyHandler m_handler;
+    TCPermission m_permission;
+    TCQueries m_queries;
     bool m_isRunning = true;
     bool m_isReady = false;
     int m_exitStatus = 0;
@@ -62,6 +76,7 @@ private:
     qor::TGlibPtr<GDBusConnection> m_connection;
     std::unique_ptr<qor::TCDbusServer> m_server;
     std::unique_ptr<tools::TCNameWatch> m_nameWatch;
+    std::unique_ptr<TCWatchdog> m_watchdog;
     std::unique_ptr<TCAnnouncer> m_announcer; ///< Its worker uses the server: it ends before.
 };
 

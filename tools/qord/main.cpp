@@ -5,12 +5,14 @@
 #include <qor/QORDirsManager.h>
 
 #include "common/ExitStatus.h"
+#include "common/Output.h"
 #include "qord/Options.h"
 #include "qord/Report.h"
 #include "qord/Service.h"
 
 int main(int count, char** pArguments)
 {
+    tools::GuardStandardStreams();
     try
     {
         int exitStatus = tools::EXIT_OK;
@@ -20,7 +22,6 @@ int main(int count, char** pArguments)
             return exitStatus;
         }
         qor::TCDebug::m_instance.EnableStdoutLog(options->m_verbose);
-        qor::TCDebug::m_instance.EnableFileLog(options->m_logFile);
         if (options->m_policyFile.empty())
         {
             qor::TCDirsManager::Initialize();

@@ -1,0 +1,194 @@
+// Answers the questions about the policy and the service.
+#include "qord/Queries.h"
+
+#include <unistd.h>
+
+#include <ctime>
+
+#include <nlohmann/json.hpp>
+
+#include <qor/QORDbus.h>
+
+#include "common/ServiceMessage.h"
+#include "common/SystemBus.h"
+#include "common/Text.h"
+#include "qord/Report.h"
+
+namespace qord
+{
+namespace
+{
+
+using TJson = nlohmann::ordered_json;
+
+// What stands in an answer beside the text.
+constexpr std::size_t ANSWER_ROOM = 128;
+
+TJson SetterOf(const TCPolicyHistory::TSEntry& entry)
+{
+    if (!entry.m_setter)
+    {
+        return nullptr;
+    }
+    return {{"user_id", entry.m_setter->m_userId},
+            {"user", entry.m_setter->m_userName},
+            {"process_id", entry.m_setter->m_processId},
+            {"program", entry.m_setter->m_program}};
+}
+
+TJson Describe(TCPolicyHandler& handler, const TSStoredPolicy& policy)
+{
+    const auto entry = handler.History().Find(handler.Store(), policy);
+    return {{"bytes", policy.m_status.st_size},
+            {"sha256", entry.m_sha256},
+            {"set_at", tools::LocalTime(policy.m_status.st_mtim.tv_sec)},
+            {"set_by", SetterOf(entry)}};
+}
+
+void AddPolicies(TJson& status, const TSOptions& options, TCPolicyHandler& handler)
+{
+    status["policy"] = {{"file", options.m_policyFile}, {"present", false}};
+    status["keep"] = options.m_storeRules.m_copies;
+    status["kept"] = TJson::array();
+    for (const TSStoredPolicy& policy : handler.Store().List())
+    {
+        const TJson described = Describe(handler, policy);
+        if (policy.m_number != 0)
+        {
+            TJson kept = {{"number", policy.m_number}};
+            kept.update(described);
+            status["kept"].push_back(kept);
+            continue;
+        }
+        status["policy"]["present"] = true;
+        status["policy"].update(described);
+    }
+}
+
+TJson WhoMayChange(const TSPermissionRules& rules)
+{
+    TJson users = {tools::UserName(0)};
+    if (geteuid() != 0)
+    {
+        users.push_back(tools::UserName(geteuid()));
+    }
+    return {{"everyone", rules.m_everyone}, {"users", users}, {"groups", rules.m_groups}};
+}
+
+TJson ToJson(const TSDelivery& delivery)
+{
+    if (delivery.m_event.empty())
+    {
+        return nullptr;
+    }
+    return {{"event", delivery.m_event},
+            {"at", tools::LocalTime(delivery.m_time)},
+            {"delivered", delivery.m_delivered},
+            {"failed", delivery.m_failed}};
+}
+
+} // namespace
+
+TCQueries::TCQueries(const TSOptions& options, TCPolicyHandler& handler)
+    : m_options(options), m_handler(handler), m_upSince(std::time(nullptr))
+{
+}
+
+void TCQueries::Delivered(const TSDelivery& delivery)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_lastDelivery = delivery;
+}
+
+bool TCQueries::GetPolicy(const qor::TByteArray& request, bool mayRead,
+                          qor::TByteArray& reply) const
+{
+    std::int32_t number = 0;
+    if (!tools::ReadGetPolicyRequest(request, number))
+    {
+        return false;
+    }
+    std::string policy;
+    std::string error;
+    int result = tools::NO_SUCH_POLICY;
+    if (!mayRead)
+    {
+        result = qor::POLICY_NOT_PERMITTED;
+    }
+    else if (number >= 0 &&
+             m_handler.Store().Read(static_cast<std::uint64_t>(number), policy,
+                                    qor::TCDbus::MaxPayload() - ANSWER_ROOM, error))
+    {
+        result = tools::POLICY_SENT;
+    }
+    else if (!error.empty())
+    {
+        ReportError("policy %d was asked for and cannot be read: %s", number, error.c_str());
+        result = tools::POLICY_NOT_READ;
+    }
+    tools::WriteGetPolicyReply(result, result == tools::POLICY_SENT ? policy : "", reply);
+    return true;
+}
+
+void TCQueries::GetStatus(GDBusConnection* pConnection, qor::TCDbusServer& server, bool mayRead,
+                          qor::TByteArray& reply)
+{
+    TJson status;
+    status["service"] = {{"name", tools::ServiceName(m_options.m_testNames)},
+                         {"version", QOR_VERSION},
+                         {"unique_name", server.GetUniqueName()},
+                         {"process_id", getpid()},
+                         {"user", tools::UserName(geteuid())},
+                         {"up_since", tools::LocalTime(m_upSince)}};
+    status["may_change"] = WhoMayChange(m_options.m_permission);
+    if (mayRead)
+    {
+        AddPolicies(status, m_options, m_handler);
+        status["clients"] = TJson::array();
+        std::map<std::string, TSSender> present;
+        for (const auto& client : server.Clients())
+        {
+            const TSSender* pSender = m_FindClient(pConnection, client.m_name);
+            TJson described = {{"name", client.m_name},
+                               {"types", client.m_types},
+                               {"suspended", client.m_isSuspended}};
+            if (pSender != nullptr)
+            {
+                described.update({{"process_id", pSender->m_processId},
+                                  {"program", pSender->m_program},
+                                  {"user_id", pSender->m_userId},
+                                  {"user", pSender->m_userName}});
+                present.emplace(client.m_name, *pSender);
+            }
+            status["clients"].push_back(described);
+        }
+        m_clients = std::move(present);
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        status["last_event"] = ToJson(m_lastDelivery);
+    }
+    tools::WriteStatusReply(status.dump(-1, ' ', false, TJson::error_handler_t::replace), reply);
+}
+
+std::string TCQueries::Summary(qor::TCDbusServer& server) const
+{
+    const auto policies = m_handler.Store().List();
+    const bool isThere = !policies.empty() && policies.back().m_number == 0;
+    const std::string policy =
+        isThere ? "a policy of " + std::to_string(policies.back().m_status.st_size) + " bytes"
+                : "no policy yet";
+    return policy + ", " + std::to_string(server.NumberOfClients()) + " clients";
+}
+
+const TSSender* TCQueries::m_FindClient(GDBusConnection* pConnection, const std::string& name)
+{
+    const auto known = m_clients.find(name);
+    if (known != m_clients.end())
+    {
+        return &known->second;
+    }
+    std::string error;
+    const auto sender = WhoIs(pConnection, name, error);
+    return sender ? &m_clients.emplace(name, *sender).first->second : nullptr;
+}
+
+} // namespace qord
