@@ -53,6 +53,14 @@ set(QOR_UNIT_DIR lib/systemd)
 set(QOR_STATE_DIR ${CMAKE_INSTALL_FULL_LOCALSTATEDIR}/lib/qor)
 configure_file(data/com.norvane.qor.IControl.service.in com.norvane.qor.IControl.service @ONLY)
 configure_file(data/qord.service.in qord.service @ONLY)
+set(QOR_SYSUSERS_GROUP "")
+if(NOT QOR_ADMIN_GROUP STREQUAL "")
+    set(QOR_SYSUSERS_GROUP "g ${QOR_ADMIN_GROUP} -")
+endif()
+set(QOR_SYSUSERS_USER "")
+if(NOT QOR_SERVICE_USER STREQUAL "root")
+    set(QOR_SYSUSERS_USER "u ${QOR_SERVICE_USER} - \"Platform monitoring service\" ${QOR_STATE_DIR}")
+endif()
 configure_file(data/qor-sysusers.conf.in qor-sysusers.conf @ONLY)
 
 install(FILES ${PROJECT_BINARY_DIR}/data/com.norvane.qor.IControl.conf
@@ -60,7 +68,7 @@ install(FILES ${PROJECT_BINARY_DIR}/data/com.norvane.qor.IControl.conf
 install(FILES ${PROJECT_BINARY_DIR}/com.norvane.qor.IControl.service
     DESTINATION ${QOR_BUS_DIR}/system-services COMPONENT tools)
 install(FILES ${PROJECT_BINARY_DIR}/qord.service DESTINATION ${QOR_UNIT_DIR}/system COMPONENT tools)
-if(NOT QOR_SERVICE_USER STREQUAL "root")
+if(NOT "${QOR_SYSUSERS_GROUP}${QOR_SYSUSERS_USER}" STREQUAL "")
     install(FILES ${PROJECT_BINARY_DIR}/qor-sysusers.conf DESTINATION lib/sysusers.d RENAME qor.conf
         COMPONENT tools)
 endif()

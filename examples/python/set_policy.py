@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Hands the platform monitoring service a policy, and listens to its events.
+"""Hands the platform monitoring service a policy, asks for it, and listens to events.
 
 Speaks the wire protocol (docs/wire-protocol.md) through the Debian package python3-gi and uses
 nothing of the QOR library.
@@ -28,6 +28,7 @@ INTROSPECTION = """
 """
 
 SET_POLICY = 4  # to the service
+GET_POLICY, GET_STATUS = 6, 8  # to qord
 POLICY_UPDATE, REQUEST_PROCESS_INFO = 2, 4  # from the service
 EVENT_NAMES = {POLICY_UPDATE: "policy-update", REQUEST_PROCESS_INFO: "process-info"}
 
@@ -56,10 +57,25 @@ def read_archived_int(data):
     return struct.unpack_from("<i", data, len(header))[0]
 
 
-def set_policy_request(text):
-    archive = archive_header() + struct.pack("@N", len(text)) + text
+def read_archived_text(data, offset):
+    """The text at an offset; it must be the last value of the archive."""
+    start = offset + struct.calcsize("@N")
+    if len(data) < start or struct.unpack_from("@N", data, offset)[0] != len(data) - start:
+        raise ProtocolError("an answer whose text is not as long as it says")
+    return data[start:]
+
+
+def envelope(message, archive):
     is_async = False
-    return struct.pack("<i?", SET_POLICY, is_async) + archive
+    return struct.pack("<i?", message, is_async) + archive
+
+
+def set_policy_request(text):
+    return envelope(SET_POLICY, archive_header() + struct.pack("@N", len(text)) + text)
+
+
+def get_policy_request(number):
+    return envelope(GET_POLICY, archive_header() + struct.pack("<i", number))
 
 
 class Client:
@@ -93,6 +109,22 @@ class Client:
         if not answer:
             raise ProtocolError("an empty answer")
         return read_archived_int(answer[1:]) if answer[0] else None
+
+    def ask(self, request):
+        """Gives back the archive of the answer."""
+        answer = self.call("Send", request)
+        if not answer or not answer[0]:
+            raise ProtocolError("the service does not know this request")
+        return answer[1:]
+
+    def get_policy(self, number):
+        """Gives back the service's code and the text; 0 is the number of the policy in force."""
+        archive = self.ask(get_policy_request(number))
+        return read_archived_int(archive), read_archived_text(archive, len(archive_header()) + 4)
+
+    def get_status(self):
+        """Gives back the service's JSON text."""
+        return read_archived_text(self.ask(envelope(GET_STATUS, b"")), len(archive_header()))
 
     def listen(self):
         """Makes events reach this process: exports the object and announces the types."""
@@ -136,13 +168,17 @@ def parse_arguments():
     parser.add_argument("file", nargs="?", metavar="FILE", help="the policy; none: only listen")
     parser.add_argument("--listen", type=int, default=0, metavar="N",
                         help="stay until N events have come")
+    parser.add_argument("--get", type=int, metavar="NUMBER",
+                        help="print a kept policy; 0: the one in force")
+    parser.add_argument("--status", action="store_true", help="print what the service tells")
     parser.add_argument("--refuse", action="store_true", help="answer events with a false result")
     parser.add_argument("--show-bytes", action="store_true", help="print every envelope in hex")
     parser.add_argument("--test-bus-names", action="store_true",
                         help="use the bus names meant for tests")
     arguments = parser.parse_args()
-    if arguments.file is None and arguments.listen == 0:
-        parser.error("nothing to do: neither FILE nor --listen is given")
+    is_question = arguments.status or arguments.get is not None
+    if arguments.file is None and arguments.listen == 0 and not is_question:
+        parser.error("nothing to do: neither FILE, --get, --status nor --listen is given")
     return arguments
 
 
@@ -159,6 +195,12 @@ def run(arguments):
         result = client.set_policy(text)
         print("the service could not take the request" if result is None else "result %d" % result,
               flush=True)
+    if arguments.get is not None:
+        result, policy = client.get_policy(arguments.get)
+        sys.stdout.buffer.write(policy)
+        sys.stdout.flush()
+    if arguments.status:
+        print(client.get_status().decode(), flush=True)
     if arguments.listen:
         client.loop.run()
     return 0 if result == 0 else 1

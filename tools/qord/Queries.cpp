@@ -115,9 +115,8 @@ bool TCQueries::GetPolicy(const qor::TByteArray& request, bool mayRead,
     {
         result = qor::POLICY_NOT_PERMITTED;
     }
-    else if (number >= 0 &&
-             m_handler.Store().Read(static_cast<std::uint64_t>(number), policy,
-                                    qor::TCDbus::MaxPayload() - ANSWER_ROOM, error))
+    else if (number >= 0 && m_handler.Store().Read(static_cast<std::uint64_t>(number), policy,
+                                                   qor::TCDbus::MaxPayload() - ANSWER_ROOM, error))
     {
         result = tools::POLICY_SENT;
     }
@@ -144,29 +143,39 @@ void TCQueries::GetStatus(GDBusConnection* pConnection, qor::TCDbusServer& serve
     if (mayRead)
     {
         AddPolicies(status, m_options, m_handler);
-        status["clients"] = TJson::array();
-        std::map<std::string, TSSender> present;
-        for (const auto& client : server.Clients())
-        {
-            const TSSender* pSender = m_FindClient(pConnection, client.m_name);
-            TJson described = {{"name", client.m_name},
-                               {"types", client.m_types},
-                               {"suspended", client.m_isSuspended}};
-            if (pSender != nullptr)
-            {
-                described.update({{"process_id", pSender->m_processId},
-                                  {"program", pSender->m_program},
-                                  {"user_id", pSender->m_userId},
-                                  {"user", pSender->m_userName}});
-                present.emplace(client.m_name, *pSender);
-            }
-            status["clients"].push_back(described);
-        }
-        m_clients = std::move(present);
+        status["clients"] = m_ListClients(pConnection, server);
         const std::lock_guard<std::mutex> lock(m_mutex);
         status["last_event"] = ToJson(m_lastDelivery);
     }
     tools::WriteStatusReply(status.dump(-1, ' ', false, TJson::error_handler_t::replace), reply);
+}
+
+TJson TCQueries::m_ListClients(GDBusConnection* pConnection, qor::TCDbusServer& server)
+{
+    const std::string asker = server.GetCurrentSender();
+    TJson clients = TJson::array();
+    std::map<std::string, TSSender> present;
+    for (const auto& client : server.Clients())
+    {
+        if (client.m_name == asker && client.m_types.empty())
+        {
+            continue;
+        }
+        TJson described = {{"name", client.m_name},
+                           {"types", client.m_types},
+                           {"suspended", client.m_isSuspended}};
+        if (const TSSender* pSender = m_FindClient(pConnection, client.m_name))
+        {
+            described["process_id"] = pSender->m_processId;
+            described["program"] = pSender->m_program;
+            described["user_id"] = pSender->m_userId;
+            described["user"] = pSender->m_userName;
+            present.emplace(client.m_name, *pSender);
+        }
+        clients.push_back(std::move(described));
+    }
+    m_clients = std::move(present);
+    return clients;
 }
 
 std::string TCQueries::Summary(qor::TCDbusServer& server) const

@@ -7,6 +7,8 @@
 #include <mutex>
 #include <string>
 
+#include <nlohmann/json_fwd.hpp>
+
 #include <qor/GlibTypes.h>
 #include <qor/QORDbusServer.h>
 #include <qor/Types.h>
@@ -38,6 +40,8 @@ public:
     /// @return false for a request that is none
     bool GetPolicy(const qor::TByteArray& request, bool mayRead, qor::TByteArray& reply) const;
 
+    /// Called while the request is handled. Who only asks is no client worth telling of.
+    ///
     /// @param mayRead  else only what the service is and who may change the policy is told
     void GetStatus(GDBusConnection* pConnection, qor::TCDbusServer& server, bool mayRead,
                    qor::TByteArray& reply);
@@ -46,6 +50,7 @@ public:
     std::string Summary(qor::TCDbusServer& server) const;
 
 private:
+    nlohmann::ordered_json m_ListClients(GDBusConnection* pConnection, qor::TCDbusServer& server);
     const TSSender* m_FindClient(GDBusConnection* pConnection, const std::string& name);
 
     const TSOptions& m_options;
