@@ -85,6 +85,16 @@ std::unique_ptr<ChildProcess> ToolTest::StartListener(Arguments arguments)
     return listener;
 }
 
+void ToolTest::Expect(int exitCode, const std::string& words, const std::string& line,
+                      const std::string& program)
+{
+    m_options.workingDirectory = m_directory.Path();
+    const Outcome outcome = RunTool("bash", {"-c", "'" + program + "' " + line}, m_options);
+    const std::string said = outcome.out + outcome.err;
+    EXPECT_EQ(outcome.exitCode, exitCode) << line;
+    EXPECT_NE(said.find(words), std::string::npos) << line << '\n' << said;
+}
+
 void ToolTest::SyncWithService()
 {
     constexpr int unknownType = 99;

@@ -51,6 +51,10 @@ protected:
     /// Starts a listener and waits until the service will call it.
     static std::unique_ptr<ChildProcess> StartListener(Arguments arguments = {});
 
+    /// Runs a command line in the test's directory, and expects words in what it says.
+    void Expect(int exitCode, const std::string& words, const std::string& line = "set-policy -",
+                const std::string& program = QORCTL);
+
     std::string StoredPolicy() const
     {
         return ReadFile(m_policyFile);
@@ -59,6 +63,7 @@ protected:
     static std::unique_ptr<PrivateBus> m_pBus;
     TemporaryDirectory m_directory;
     std::string m_policyFile = m_directory.Path("policy.xml");
+    ChildProcess::Options m_options;
 };
 
 } // namespace qortest

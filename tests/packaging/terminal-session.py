@@ -1,0 +1,43 @@
+#!/usr/bin/env python3
+"""Runs the commands of a document's session and compares what they print: terminal-session.py PAGE
+
+A session is a block of lines "$ COMMAND", each followed by its output. What is different each time
+(times, numbers of processes, names on the bus, the user) may differ.
+"""
+
+import re
+import subprocess
+import sys
+
+BLOCK = re.compile(r"^(?:```console|\.Bd -literal.*)\n(\$ qorctl .*?)^(?:```|\.Ed)$", re.M | re.S)
+CHANGING = [
+    (r"\d{4}-\d\d-\d\dT[\d:.]+[+-]\d\d:\d\d", "TIME"),
+    (r"\S+ \(qorctl, process \d+\)", "SOMEBODY"),
+    (r":1\.\d+", "NAME"),
+]
+
+
+def steady(text):
+    for pattern, word in CHANGING:
+        text = re.sub(pattern, word, text)
+    # Columns are as wide as the widest of what changes.
+    return re.sub(r" {2,}", "  ", text)
+
+
+def main():
+    with open(sys.argv[1], encoding="utf-8") as page:
+        # In a man page a backslash is written \e.
+        blocks = BLOCK.findall(page.read().replace("\\e", "\\"))
+    faults = 0
+    for command, wanted in re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", "".join(blocks), re.M):
+        printed = subprocess.run(["bash", "-c", command], stdout=subprocess.PIPE,
+                                 stderr=subprocess.STDOUT, timeout=60, check=False).stdout.decode()
+        if steady(printed) != steady(wanted):
+            faults += 1
+            print("$ %s\n%s--- and not\n%s" % (command, printed, wanted))
+    print("%d sessions" % len(blocks))
+    sys.exit(1 if faults or not blocks else 0)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,204 @@
+// What people do to the command line, and what they learn from it.
+#include <csignal>
+
+#include <grp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "MainContext.h"
+#include "RawPeer.h"
+#include "ToolRunner.h"
+#include "common/ServiceMessage.h"
+#include "qord/Permission.h"
+
+using namespace qortest;
+using TJson = nlohmann::json;
+
+class CommandLine : public ToolTest
+{
+protected:
+    static TJson Json(const Arguments& arguments)
+    {
+        const Outcome outcome = Qorctl(arguments);
+        EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+        return TJson::parse(outcome.out, nullptr, false);
+    }
+};
+
+TEST_F(CommandLine, MisuseIsNamed)
+{
+    WriteFile(m_directory.Path("bad"), "<a>\n <é></e>\n</a>");
+    Expect(64, "unknown command stauts; did you mean status?", "stauts");
+    Expect(64, "unknown option --jsn; did you mean --json?", "status --jsn");
+    Expect(64, "unexpected argument b", "set-policy a b");
+    Expect(64, "the command is missing", "listen --exec ' '");
+    Expect(64, "fit into one bus message", "set-policy /dev/zero");
+    Expect(1, "line 2, column 6: mismatched tag", "validate bad");
+    Expect(1, " <é></e>\n         ^\n", "validate bad");
+    Expect(1, "line 2, column 6: mismatched tag", "set-policy bad");
+    Expect(0, "well-formed (5188 bytes)", "validate '" SAMPLE_POLICY "'");
+    const TJson verdict = TJson::parse(Qorctl({"validate", "--json", m_directory.Path("bad")}).out);
+    EXPECT_EQ(verdict["line"] == 2 && verdict["column"] == 6, !verdict["valid"]) << verdict;
+    WriteFile(m_directory.Path("long"), "<a>" + std::string(1000000, 'x') + "</b>");
+    EXPECT_LT(Qorctl({"validate", m_directory.Path("long")}).err.size(), 400U);
+}
+
+TEST_F(CommandLine, WhatCannotBeWrittenIsNoSuccess)
+{
+    auto qord = StartQord();
+    Expect(0, "stored", "set-policy '" SAMPLE_POLICY "'");
+    const bool canTrace = RunTool("strace", {"-o", "/dev/null", "true"}).exitCode == 0;
+    for (const std::string line :
+         {"info", "status", "history", "clients", "get-policy", "status --json", "--help",
+          "validate '" SAMPLE_POLICY "'", "set-policy '" SAMPLE_POLICY "'", "listen --timeout 9"})
+    {
+        Expect(74, "No space left", line + " >/dev/full");
+        Expect(74, "Bad file descriptor", line + " >&-");
+        if (canTrace)
+        {
+            Expect(74, "Input/output error", line + " >out", "strace' -f -qqq -o trace -P out "
+                   "-e inject=write:error=EIO '" QORCTL);
+        }
+    }
+    Expect(74, "No space left", "get-policy --output /dev/full");
+    // Nothing happens any more that would make it write.
+    Expect(141, "service appeared", "listen | head -n 1; exit ${PIPESTATUS[0]}");
+}
+
+TEST_F(CommandLine, WaitsEndInTime)
+{
+    auto qord = StartQuietQord();
+    qord->Signal(SIGSTOP);
+    Expect(2, "may still take effect", "set-policy --timeout 1 '" SAMPLE_POLICY "'");
+    Expect(2, "is on the bus (unique name", "status --timeout 1");
+    qord->Signal(SIGCONT);
+    Expect(2, "only 0 of 1 events", "listen --timeout 1 --count 1");
+
+    // A bus that accepts, and never answers.
+    const int bus = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    Bind(bus, m_directory.Path("bus"));
+    ASSERT_EQ(listen(bus, 10), 0);
+    m_options.environment["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=" + m_directory.Path("bus");
+    for (const std::string line : {"status", "set-policy '" SAMPLE_POLICY "'", "listen"})
+    {
+        Expect(2, "the system bus does not answer", line + " --timeout 1");
+    }
+    const auto listener = StartTool(QORCTL, {"listen"}, m_options);
+    EXPECT_FALSE(WaitUntil([&] { return !listener->IsRunning(); }, 300));
+    listener->Signal(SIGTERM);
+    EXPECT_EQ(listener->Wait(2000), 128 + SIGTERM);
+    close(bus);
+}
+
+TEST_F(CommandLine, EventsRunOneCommandAtATime)
+{
+    auto qord = StartQuietQord();
+    const std::string hook = m_directory.Path("hook"), ran = m_directory.Path("ran");
+    WriteFile(hook, "echo \"start $QOR_EVENT\" >>" + ran + "; sleep 1; echo end >>" + ran);
+    auto listener = StartListener({"--count", "6", "--exec", "sh " + hook});
+    for (int i = 0; i < 5; ++i)
+    {
+        const std::string wanted = " process-info\n";
+        qord->Signal(SIGUSR1);
+        ASSERT_TRUE(WaitUntil([&] { return CountOf(listener->Out(), wanted) > std::size_t(i); }));
+    }
+    Expect(0, "stored", "set-policy '" SAMPLE_POLICY "'");
+    EXPECT_EQ(listener->Wait(), 0);
+    EXPECT_EQ(ReadFile(ran), "start process-info\nend\nstart process-info\nend\n"
+                             "start policy-update\nend\n");
+}
+
+TEST_F(CommandLine, PoliciesAreToldGotAndRestored)
+{
+    auto qord = StartQord();
+    auto listener = StartListener();
+    EXPECT_EQ(Qorctl({"get-policy"}).exitCode, 1);
+    Expect(0, "stored", "set-policy '" SAMPLE_POLICY "'");
+    EXPECT_EQ(Qorctl({"set-policy", "-"}, "<second/>").exitCode, 0);
+    EXPECT_EQ(Qorctl({"get-policy"}).out, "<second/>");
+    EXPECT_EQ(Qorctl({"get-policy", "1"}).out, ReadFile(SAMPLE_POLICY));
+    Expect(1, "there is no policy 2", "get-policy 2");
+    Expect(0, "stored policy 1", "restore 1");
+    EXPECT_EQ(StoredPolicy(), ReadFile(SAMPLE_POLICY));
+
+    TJson history = Json({"history", "--json"});
+    EXPECT_EQ(history["policy"]["sha256"], history["kept"][0]["sha256"]) << history;
+    EXPECT_EQ(history["kept"][1]["number"], 2) << history;
+    EXPECT_EQ(history["kept"][1]["set_by"]["program"], "qorctl") << history;
+    const TJson clients = Json({"clients", "--json"});
+    ASSERT_EQ(clients.size(), 1U) << clients;
+    EXPECT_EQ(clients[0]["process_id"], listener->Pid());
+    EXPECT_EQ(clients[0]["types"], TJson({2, 4}));
+    EXPECT_EQ(Json({"info", "--json"})["policy_file"], m_policyFile);
+
+    // A broken state file costs only its words.
+    qord.reset();
+    WriteFile(m_policyFile + ".history", "[{\"inode\": \"none\"}]");
+    WriteFile(m_policyFile + ".kept-2", "<other/>");
+    qord = StartQord();
+    const TJson status = Json({"status", "--json"});
+    EXPECT_EQ(status["policy"]["sha256"], history["policy"]["sha256"]) << status;
+    EXPECT_TRUE(status["policy"]["set_by"].is_null()) << status;
+    EXPECT_EQ(Qorctl({"get-policy", "2"}).out, "<other/>");
+}
+
+TEST_F(CommandLine, StrangeServicesAreNotBelieved)
+{
+    RawPeer service;
+    ASSERT_TRUE(service.OwnName(SERVICE_NAME));
+    qor::TByteArray good;
+    tools::WriteStatusReply("{\"policy\": 7, \"kept\": [3], \"clients\": {\"a\": {}}, "
+                            "\"service\": {\"name\": \"\\u001b[31mred\"}}", good);
+    good.insert(good.begin(), 1);
+    service.AnswerWith({Answer::REPLY, good});
+    for (const std::string line : {"status", "history", "clients", "info"})
+    {
+        Expect(0, "", line);
+    }
+    EXPECT_EQ(Qorctl({"status"}).out.find('\033'), std::string::npos);
+    Expect(3, "cannot be read", "get-policy");
+    service.AnswerWith({Answer::REPLY, {1, 'n', 'o'}});
+    Expect(2, "cannot be read", "status");
+    service.AnswerWith({Answer::ERROR, {}});
+    Expect(2, "registration for events was refused", "listen");
+}
+
+TEST(ServiceMessage, AnythingButOneWholeAnswerIsRefused)
+{
+    qor::TByteArray reply, request;
+    tools::WriteGetPolicyReply(7, "<a/>", reply);
+    tools::WriteGetPolicyRequest(3, request);
+    int result = 0;
+    std::int32_t number = 0;
+    std::string policy;
+    EXPECT_TRUE(tools::ReadGetPolicyReply(reply, result, policy) && result == 7);
+    EXPECT_EQ(policy, "<a/>");
+    EXPECT_TRUE(tools::ReadGetPolicyRequest(request, number) && number == 3);
+    reply.push_back('x');
+    for (; !reply.empty(); reply.pop_back())
+    {
+        const bool isWhole = reply.size() == request.size() + sizeof(std::size_t) + 4;
+        EXPECT_EQ(tools::ReadGetPolicyReply(reply, result, policy), isWhole) << reply.size();
+    }
+    request[0] ^= 0xFF; // the signature's length
+    EXPECT_FALSE(tools::ReadGetPolicyRequest(request, number));
+}
+
+TEST(Permission, RootTheServicesUserAndGroupsMayChange)
+{
+    qord::TSPermissionRules rules;
+    rules.m_groups = {"no-such-group", "daemon"};
+    const qord::TCPermission permission(rules);
+    qord::TSSender sender;
+    EXPECT_TRUE(permission.MayChange(sender));
+    sender.m_userId = geteuid() + 12345;
+    EXPECT_FALSE(permission.MayChange(sender));
+    sender.m_groups = {99999, getgrnam("daemon")->gr_gid};
+    EXPECT_TRUE(permission.MayChange(sender));
+    sender.m_groups.clear();
+    rules.m_everyone = true;
+    EXPECT_TRUE(qord::TCPermission(rules).MayChange(sender));
+    EXPECT_FALSE(qord::TCPermission(rules).MayChange(std::nullopt));
+}
