@@ -37,10 +37,11 @@ inline int SendPolicy(RawPeer& peer, const std::string& policy)
     return isTrue ? qor::ReadPolicyReply(Bytes(reply.begin() + 1, reply.end())) : -1;
 }
 
-inline std::size_t ResidentKilobytes(pid_t process, const std::string& which = "VmRSS:")
+/// Now, or at the most ("VmHWM:") so far.
+inline std::size_t ResidentKilobytes(pid_t process, const std::string& line = "VmRSS:")
 {
     const std::string status = ReadFile("/proc/" + std::to_string(process) + "/status");
-    return std::stoul(status.substr(status.find(which) + which.size()));
+    return std::stoul(status.substr(status.find(line) + line.size()));
 }
 
 inline std::size_t OpenFiles(pid_t process)

@@ -2,6 +2,7 @@
 #ifndef QORTEST_PRIVATEBUS_H
 #define QORTEST_PRIVATEBUS_H
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -26,16 +27,20 @@ public:
     struct Options
     {
         std::size_t maxMessageSize = 32 << 20;
+        std::size_t maxMatchRules = 512; // of one connection
     };
 
     PrivateBus() : PrivateBus(Options()) {}
 
     explicit PrivateBus(const Options& options)
     {
+        chmod(m_directory.Path().c_str(), 0711); // for peers of other users
         WriteFile(m_directory.Path("bus.conf"),
                   "<busconfig> <type>system</type> <auth>EXTERNAL</auth> <listen>" + m_address +
                       "</listen> <limit name='max_message_size'>" +
                       std::to_string(options.maxMessageSize) +
+                      "</limit> <limit name='max_match_rules_per_connection'>" +
+                      std::to_string(options.maxMatchRules) +
                       "</limit> <policy context='default'> <allow user='*'/> <allow own='*'/>"
                       "<allow send_destination='*'/> <allow send_type='method_call'/>"
                       "<allow send_requested_reply='true' send_type='method_return'/>"
@@ -52,6 +57,12 @@ public:
     {
         m_daemon.reset();
         unlink(m_directory.Path("socket").c_str());
+    }
+
+    /// Stops the daemon in its tracks, or lets it go on.
+    void Freeze(bool isFrozen)
+    {
+        m_daemon->Signal(isFrozen ? SIGSTOP : SIGCONT);
     }
 
     /// A new daemon on the same address, after Kill.

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include <gio/gio.h>
+#include <gio/gunixfdlist.h>
 
 #include <qor/GlibTypes.h>
 
@@ -197,12 +198,14 @@ public:
     /// Calls a method with one byte array and waits, iterating nothing: the receiver must be
     /// dispatched by somebody else.
     CallResult Call(const std::string& destination, const std::string& path,
-                    const std::string& method, const Bytes& bytes, int timeoutMs = WATCHDOG_MS)
+                    const std::string& method, const Bytes& bytes, int timeoutMs = WATCHDOG_MS,
+                    GUnixFDList* pDescriptors = nullptr)
     {
         GError* pError = nullptr;
-        const VariantPtr reply(g_dbus_connection_call_sync(
+        const VariantPtr reply(g_dbus_connection_call_with_unix_fd_list_sync(
             m->connection.get(), destination.c_str(), path.c_str(), INTERFACE_NAME, method.c_str(),
-            Wrap(bytes), nullptr, G_DBUS_CALL_FLAGS_NONE, timeoutMs, nullptr, &pError));
+            Wrap(bytes), nullptr, G_DBUS_CALL_FLAGS_NONE, timeoutMs, pDescriptors, nullptr, nullptr,
+            &pError));
         if (reply)
         {
             return {true, Unwrap(reply.get()), g_variant_get_type_string(reply.get()), "", 0};

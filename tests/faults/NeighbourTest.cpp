@@ -1,0 +1,409 @@
+// Hung and hostile neighbours on a bus with stock limits: the others are served all the same.
+//
+// QOR_TEST_SCALE=10 repeats ten times what a short run does once.
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+
+#include <atomic>
+#include <future>
+#include <numeric>
+#include <thread>
+
+#include <qor/QORDbusServer.h>
+#include <qor/api.h>
+
+#include "BusTest.h"
+#include "FaultSupport.h"
+#include "ToolRunner.h"
+
+namespace
+{
+
+using namespace qortest;
+using Clock = std::chrono::steady_clock;
+using Counts = std::pair<std::size_t, std::size_t>;
+using Peers = std::vector<std::unique_ptr<RawPeer>>;
+
+const Answer YES{Answer::REPLY, {1}, ""};
+const Answer NEVER{Answer::NEVER, {}, ""};
+const std::string REFUSED = "org.freedesktop.DBus.Error.LimitsExceeded";
+
+std::size_t Scale()
+{
+    const char* const pScale = getenv("QOR_TEST_SCALE");
+    return pScale == nullptr ? 1 : std::stoul(pScale);
+}
+
+// A thread has a user of its own where the kernel is asked directly.
+void AsUser(unsigned int user, const std::function<void()>& work)
+{
+    std::thread(
+        [&]
+        {
+            syscall(SYS_setresuid, -1, user, -1);
+            work();
+        })
+        .join();
+}
+
+double Seconds(const std::function<void()>& work)
+{
+    const auto start = Clock::now();
+    work();
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+std::size_t CallsTo(const Peers& peers)
+{
+    return std::accumulate(peers.begin(), peers.end(), std::size_t(0),
+                           [](std::size_t sum, auto& peer) { return sum + peer->Count("Send"); });
+}
+
+class Neighbour : public BusTest
+{
+protected:
+    void Serve(const qor::TMessageCallback& callback = [](const auto&, auto&) { return true; })
+    {
+        m_server = std::make_unique<qor::TCDbusServer>(false);
+        m_server->SetCallback(4, callback);
+        ASSERT_TRUE(PumpUntil([&] { return m_server->IsReady(); }));
+        m_pump = std::make_unique<BackgroundPump>();
+    }
+
+    Peers Clients(std::size_t count, const Answer& answer, unsigned int user = 0)
+    {
+        Peers clients;
+        const auto connect = [&] { clients.push_back(std::make_unique<RawPeer>()); };
+        const std::size_t before = m_server->NumberOfClients();
+        for (std::size_t i = 0; i < count; ++i)
+        {
+            user == 0 ? connect() : AsUser(user, connect);
+            clients.back()->AnswerWith(answer);
+            clients.back()->PostHello(SERVICE_NAME, {2});
+        }
+        EXPECT_TRUE(HasClients(before + count));
+        return clients;
+    }
+
+    bool HasClients(std::size_t count)
+    {
+        return WaitUntil([&] { return m_server->NumberOfClients() == count; });
+    }
+
+    Counts Deliver(int timeoutMs = WATCHDOG_MS, const Bytes& payload = {})
+    {
+        return m_server->SendMessage(2, payload, timeoutMs);
+    }
+
+    static CallResult Send(RawPeer& peer, const Bytes& payload = {}, GUnixFDList* pFiles = nullptr)
+    {
+        return peer.Call(SERVICE_NAME, SERVICE_PATH, "Send", Request(4, false, payload),
+                         WATCHDOG_MS, pFiles);
+    }
+
+    static void Post(RawPeer& peer, std::size_t count, std::size_t size = 0)
+    {
+        for (; count != 0; --count)
+        {
+            peer.Post(SERVICE_NAME, SERVICE_PATH, "Send", Request(4, true, Bytes(size)));
+        }
+        peer.Sync();
+    }
+
+    std::unique_ptr<qor::TCDbusServer> m_server;
+    std::unique_ptr<BackgroundPump> m_pump; // goes first
+};
+
+// --- Events --------------------------------------------------------------------------------------
+
+TEST_F(Neighbour, SilentClientCostsOneCallAndTheOtherHearsEveryEvent)
+{
+    Serve();
+    const Peers silent = Clients(1, {Answer::HOLD, {}, ""}), good = Clients(1, YES);
+    const std::size_t events = 200 * Scale();
+    for (std::size_t i = 0; i < events; ++i)
+    {
+        ASSERT_EQ(Deliver(i == 0 ? 100 : WATCHDOG_MS), Counts(1, 1)) << i;
+    }
+    EXPECT_EQ(silent[0]->Count("Send"), 1U);
+    EXPECT_EQ(good[0]->Count("Send"), events);
+    EXPECT_TRUE(m_server->Clients()[0].m_isSuspended || m_server->Clients()[1].m_isSuspended);
+    EXPECT_EQ(LogCapture::Count(LOG_DEBUG, silent[0]->UniqueName() + " is suspended"), events - 1);
+    for (int i = 0; i < 6; ++i) // each Hello is worth a call, up to the share
+    {
+        silent[0]->PostHello(SERVICE_NAME, {2});
+        silent[0]->Sync();
+        Send(*silent[0]);
+        EXPECT_EQ(Deliver(50), Counts(1, 1));
+    }
+    EXPECT_EQ(silent[0]->Count("Send"), 4U);
+    silent[0]->AnswerWith(YES);
+    silent[0]->AnswerHeld(YES);
+    EXPECT_TRUE(WaitUntil([&] { return Deliver() == Counts(2, 0); })); // it has thawed
+}
+
+TEST_F(Neighbour, SilentClientsOfOneUserTakeThatUsersShareOnly)
+{
+    if (geteuid() != 0)
+    {
+        GTEST_SKIP() << "only root can act as several users";
+    }
+    Serve();
+    const Peers good = Clients(5, YES, 2);
+    for (const std::string mode : {"at once", "after one event", "with Hello again and again"})
+    {
+        LogCapture::Clear();
+        const bool isLate = mode == "after one event";
+        const Peers silent = Clients(150, isLate ? YES : NEVER, 1);
+        EXPECT_EQ(Deliver(isLate ? WATCHDOG_MS : 1500).first, isLate ? 155U : 5U) << mode;
+        for (const auto& client : silent)
+        {
+            isLate ? client->ForgetCalls() : void();
+            client->AnswerWith(NEVER);
+        }
+        isLate ? Deliver(1500) : Counts();
+        for (int i = 0; i < 5; ++i)
+        {
+            for (const auto& client : silent)
+            {
+                mode[0] == 'w' ? client->PostHello(SERVICE_NAME, {2}) : void();
+            }
+            EXPECT_EQ(Deliver(), Counts(5, 150)) << mode; // at once, or the watchdog barks
+        }
+        EXPECT_EQ(CallsTo(silent), 64U) << mode;
+        EXPECT_EQ(LogCapture::Count(LOG_ERROR, "User 1 leaves 64 calls unanswered"), 1U) << mode;
+        for (const auto& client : silent)
+        {
+            client->Leave();
+        }
+        EXPECT_TRUE(HasClients(5));
+        EXPECT_EQ(Deliver(), Counts(5, 0)) << mode;
+    }
+}
+
+TEST_F(Neighbour, MoreClientsThanTheBusHasSlotsHearEveryEvent)
+{
+    Serve();
+    Peers clients = Clients(220, YES);
+    for (std::size_t i = 0; i < 3 * Scale(); ++i)
+    {
+        ASSERT_EQ(Deliver(), Counts(220, 0));
+    }
+    clients.resize(10);
+    EXPECT_TRUE(HasClients(10));
+}
+
+TEST_F(Neighbour, DeparturesThatTheBusDoesNotTellAreSeenByTheNextEvent)
+{
+    PrivateBus::Options options;
+    options.maxMatchRules = 20;
+    m_bus.Kill();
+    const PrivateBus bus(options);
+    Serve();
+    Clients(60, YES); // and gone
+    Send(*std::make_unique<RawPeer>());
+    EXPECT_EQ(Deliver().first, 0U);
+    EXPECT_TRUE(HasClients(0));
+    m_pump.reset();
+    m_server.reset();
+    EXPECT_TRUE(SharedConnectionIsLetGo());
+}
+
+TEST_F(Neighbour, EventsThatTheBusDoesNotReadOrThatItTakesAlongAreNotHeldWithoutLimit)
+{
+    if (getenv("QOR_TEST_BUS") != nullptr)
+    {
+        GTEST_SKIP() << "dbus-broker runs behind another process, which a signal does not reach";
+    }
+    Serve();
+    const Peers clients = Clients(40, YES);
+    const std::size_t before = ResidentKilobytes(getpid());
+    m_bus.Freeze(true);
+    EXPECT_EQ(Deliver(1000, Bytes(8 << 20)), Counts(0, 40));
+    if (!IS_SANITIZED)
+    {
+        EXPECT_LT(ResidentKilobytes(getpid()), before + 200000);
+    }
+    m_bus.Freeze(false);
+    EXPECT_TRUE(WaitUntil([&] { return Deliver() == Counts(40, 0); }));
+    clients[0]->AnswerWith(NEVER);
+    auto counts = std::async(std::launch::async, [&] { return Deliver(); });
+    clients[0]->ForgetCalls();
+    ASSERT_TRUE(clients[0]->WaitForCalls("Send", 1));
+    EXPECT_LT(Seconds([&] { m_bus.Kill(), counts.get(); }), 5); // not the timeout
+}
+
+// --- What comes in -------------------------------------------------------------------------------
+
+class BusyNeighbour : public Neighbour
+{
+protected:
+    BusyNeighbour()
+    {
+        Serve(
+            [this](const auto&, auto&)
+            {
+                ++m_handled;
+                return WaitUntil([&] { return !m_isBusy; });
+            });
+        Post(m_other, 1);
+        WaitUntil([&] { return m_handled == 1; });
+    }
+
+    // The answer to a good call is there soon after the service has become free.
+    void ExpectService(RawPeer& peer)
+    {
+        auto answer = std::async(std::launch::async, [&] { return Send(peer); });
+        peer.Sync();
+        m_isBusy = false;
+        EXPECT_LT(Seconds([&] { EXPECT_EQ(answer.get().bytes, Bytes{1}); }), 10);
+    }
+
+    std::atomic<bool> m_isBusy{true};
+    std::atomic<std::size_t> m_handled{0};
+    RawPeer m_other, m_good;
+};
+
+TEST_F(BusyNeighbour, SenderHasItsShareOfTheQueueAndItsMemory)
+{
+    for (const auto& [calls, size, share] :
+         {std::tuple(1000U, 0U, 256U), std::tuple(70U, 1U << 20, 63U)})
+    {
+        m_isBusy = true;
+        RawPeer greedy;
+        Post(greedy, calls, size);
+        const CallResult refusal = Send(greedy, Bytes(size)); // at once
+        EXPECT_EQ(refusal.errorName, REFUSED);
+        EXPECT_EQ(LogCapture::Count(LOG_ERROR, "Refusing calls of " + greedy.UniqueName()), 1U);
+        const std::size_t before = m_handled;
+        ExpectService(m_good);
+        EXPECT_LE(m_handled - before, share + 1);
+        EXPECT_TRUE(Send(greedy).ok); // what was refused is not owed
+    }
+}
+
+TEST_F(BusyNeighbour, AllSendersTogetherHaveAShareThatLocksNobodyOut)
+{
+    Peers greedy(8);
+    for (auto& peer : greedy)
+    {
+        peer = std::make_unique<RawPeer>();
+        Post(*peer, 200);
+    }
+    EXPECT_EQ(Send(*greedy[7]).errorName, REFUSED);
+    ExpectService(m_good);
+    EXPECT_LE(m_handled, 512U + greedy.size() + 1);
+}
+
+TEST_F(BusyNeighbour, DescriptorsAndHellosOfTooManyTypesAreRefused)
+{
+    const ObjectPtr<GUnixFDList> files(g_unix_fd_list_new());
+    const int file = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    for (int i = 0; i < 16; ++i)
+    {
+        g_unix_fd_list_append(files.get(), file, nullptr);
+    }
+    close(file);
+    const std::size_t before = OpenFiles(getpid());
+    for (int i = 0; i < 40; ++i)
+    {
+        ASSERT_EQ(Send(m_other, {}, files.get()).errorName, REFUSED);
+    }
+    EXPECT_LT(OpenFiles(getpid()), before + 40);
+
+    m_isBusy = false;
+    const Peers client = Clients(1, YES);
+    const auto hello = [&](std::size_t types)
+    { return client[0]->Call(SERVICE_NAME, SERVICE_PATH, "Hello", Bytes(4 * types)); };
+    EXPECT_EQ(hello(1025).errorName, REFUSED);
+    EXPECT_EQ(Deliver(), Counts(1, 0)); // it keeps what it had
+    EXPECT_TRUE(hello(1024).ok);
+    EXPECT_EQ(Deliver(), Counts(0, 0));
+}
+
+// --- A whole service -----------------------------------------------------------------------------
+
+class AttackedService : public ToolTest
+{
+};
+
+TEST_F(AttackedService, MemoryStaysBoundedAndGoodPoliciesAreStored)
+{
+    auto qord = StartQuietQord();
+    RawPeer good;
+    const auto expectMemory = [&](std::size_t megabytes)
+    {
+        EXPECT_EQ(SendPolicy(good, "<p/>"), 0);
+        if (!IS_SANITIZED)
+        {
+            EXPECT_LT(ResidentKilobytes(qord->Pid(), "VmHWM:"), megabytes << 10);
+        }
+    };
+    Bytes types((31 << 20) + 1);
+    for (std::size_t i = 0; i < types.size(); i += 4)
+    {
+        *reinterpret_cast<std::uint32_t*>(&types[i & ~3U]) = static_cast<std::uint32_t>(i * 7919);
+    }
+    types.pop_back();
+    for (std::size_t i = 0; i < 2 * Scale(); ++i)
+    {
+        EXPECT_EQ(RawPeer().Call(SERVICE_NAME, SERVICE_PATH, "Hello", types).errorName, REFUSED);
+    }
+    expectMemory(120);
+    RawPeer greedy;
+    const Bytes request = Request(4, true, Archive("<p>" + std::string(1 << 20, 'x') + "</p>"));
+    for (std::size_t i = 0; i < 250 * Scale(); ++i)
+    {
+        greedy.Post(SERVICE_NAME, SERVICE_PATH, "Send", request);
+        i % 50 == 0 ? greedy.Sync() : void();
+    }
+    greedy.Sync();
+    expectMemory(200);
+    Peers liars(8 * Scale());
+    for (auto& liar : liars)
+    {
+        liar = std::make_unique<RawPeer>();
+        liar->AnswerWith({Answer::REPLY, types, ""});
+        liar->PostHello(SERVICE_NAME, {2});
+    }
+    SyncWithService();
+    expectMemory(200); // and makes an event
+    for (const auto& liar : liars)
+    {
+        EXPECT_TRUE(liar->WaitForCalls("Send", 1));
+    }
+    expectMemory(200);
+}
+
+// Sets a policy with no descriptor left, with one, with two ...
+void SetPoliciesWithoutDescriptors(bool hasEndpoint)
+{
+    RawPeer service;
+    service.OwnName(SERVICE_NAME);
+    service.AnswerWith({Answer::REPLY, PolicyReply(0), ""});
+    auto control = hasEndpoint ? qor::api::GetControl() : nullptr;
+    for (std::size_t left = 0; left < 12; ++left)
+    {
+        rlimit limit{OpenFiles(getpid()) - 1 + left, 4096};
+        setrlimit(RLIMIT_NOFILE, &limit);
+        if (hasEndpoint)
+        {
+            EXPECT_EQ(control->SetPolicy("<p/>"), 0);
+        }
+        else
+        {
+            EXPECT_GE(qor::api::GetControl()->SetPolicy("<p/>"), -1);
+        }
+        limit.rlim_cur = 4096;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+TEST_F(AttackedService, HostWithoutDescriptorsGetsAnAnswerAndLives)
+{
+    QORTEST_IN_CHILD(SetPoliciesWithoutDescriptors(true));
+    QORTEST_IN_CHILD(SetPoliciesWithoutDescriptors(false));
+}
+
+} // namespace
