@@ -35,12 +35,12 @@ TEST_F(CommandLine, MisuseIsNamed)
     Expect(64, "unexpected argument b", "set-policy a b");
     Expect(64, "the command is missing", "listen --exec ' '");
     Expect(64, "fit into one bus message", "set-policy /dev/zero");
-    Expect(1, "line 2, column 6: mismatched tag", "validate bad");
-    Expect(1, " <é></e>\n         ^\n", "validate bad");
-    Expect(1, "line 2, column 6: mismatched tag", "set-policy bad");
+    Expect(1, "line 2, column 7: mismatched tag", "validate bad");
+    Expect(1, " <é></e>\n          ^\n", "validate bad");
+    Expect(1, "line 2, column 7: mismatched tag", "set-policy bad");
     Expect(0, "well-formed (5188 bytes)", "validate '" SAMPLE_POLICY "'");
     const TJson verdict = TJson::parse(Qorctl({"validate", "--json", m_directory.Path("bad")}).out);
-    EXPECT_EQ(verdict["line"] == 2 && verdict["column"] == 6, !verdict["valid"]) << verdict;
+    EXPECT_EQ(verdict["line"] == 2 && verdict["column"] == 7, !verdict["valid"]) << verdict;
     WriteFile(m_directory.Path("long"), "<a>" + std::string(1000000, 'x') + "</b>");
     EXPECT_LT(Qorctl({"validate", m_directory.Path("long")}).err.size(), 400U);
 }
@@ -58,7 +58,8 @@ TEST_F(CommandLine, WhatCannotBeWrittenIsNoSuccess)
         Expect(74, "Bad file descriptor", line + " >&-");
         if (canTrace)
         {
-            Expect(74, "Input/output error", line + " >out", "strace' -f -qqq -o trace -P out "
+            Expect(74, "Input/output error", line + " >out",
+                   "strace' -f -qqq -o trace -P out "
                    "-e inject=write:error=EIO '" QORCTL);
         }
     }
@@ -81,10 +82,9 @@ TEST_F(CommandLine, WaitsEndInTime)
     Bind(bus, m_directory.Path("bus"));
     ASSERT_EQ(listen(bus, 10), 0);
     m_options.environment["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=" + m_directory.Path("bus");
-    for (const std::string line : {"status", "set-policy '" SAMPLE_POLICY "'", "listen"})
-    {
-        Expect(2, "the system bus does not answer", line + " --timeout 1");
-    }
+    Expect(2, "the system bus does not answer", "status --timeout 1");
+    Expect(2, "the system bus does not answer", "listen --timeout 1");
+    Expect(2, "may still take effect", "set-policy --timeout 1 '" SAMPLE_POLICY "'");
     const auto listener = StartTool(QORCTL, {"listen"}, m_options);
     EXPECT_FALSE(WaitUntil([&] { return !listener->IsRunning(); }, 300));
     listener->Signal(SIGTERM);
@@ -150,7 +150,8 @@ TEST_F(CommandLine, StrangeServicesAreNotBelieved)
     ASSERT_TRUE(service.OwnName(SERVICE_NAME));
     qor::TByteArray good;
     tools::WriteStatusReply("{\"policy\": 7, \"kept\": [3], \"clients\": {\"a\": {}}, "
-                            "\"service\": {\"name\": \"\\u001b[31mred\"}}", good);
+                            "\"service\": {\"name\": \"\\u001b[31mred\"}}",
+                            good);
     good.insert(good.begin(), 1);
     service.AnswerWith({Answer::REPLY, good});
     for (const std::string line : {"status", "history", "clients", "info"})
@@ -161,8 +162,6 @@ TEST_F(CommandLine, StrangeServicesAreNotBelieved)
     Expect(3, "cannot be read", "get-policy");
     service.AnswerWith({Answer::REPLY, {1, 'n', 'o'}});
     Expect(2, "cannot be read", "status");
-    service.AnswerWith({Answer::ERROR, {}});
-    Expect(2, "registration for events was refused", "listen");
 }
 
 TEST(ServiceMessage, AnythingButOneWholeAnswerIsRefused)

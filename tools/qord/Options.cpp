@@ -56,6 +56,7 @@ std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitSta
         ->type_name("SECONDS")
         ->check(CLI::Range(1, 1000000));
     app.add_flag("--verbose", options.m_verbose, "Print the library's log lines too");
+    app.get_option("--test-bus-names")->needs("--policy"); // the usual file is the real service's
     if (!tools::ParseCommandLine(app, count, pArguments, exitStatus))
     {
         return std::nullopt;

@@ -89,8 +89,8 @@ TJson ToJson(const TSDelivery& delivery)
 
 } // namespace
 
-TCQueries::TCQueries(const TSOptions& options, TCPolicyHandler& handler)
-    : m_options(options), m_handler(handler), m_upSince(std::time(nullptr))
+TCQueries::TCQueries(const TSOptions& options, TCPolicyHandler& handler, TCSenders& senders)
+    : m_options(options), m_handler(handler), m_senders(senders), m_upSince(std::time(nullptr))
 {
 }
 
@@ -196,7 +196,7 @@ const TSSender* TCQueries::m_FindClient(GDBusConnection* pConnection, const std:
         return &known->second;
     }
     std::string error;
-    const auto sender = WhoIs(pConnection, name, error);
+    const auto sender = m_senders.Find(pConnection, name, error);
     return sender ? &m_clients.emplace(name, *sender).first->second : nullptr;
 }
 

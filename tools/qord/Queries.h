@@ -32,7 +32,7 @@ struct TSDelivery
 class TCQueries
 {
 public:
-    TCQueries(const TSOptions& options, TCPolicyHandler& handler);
+    TCQueries(const TSOptions& options, TCPolicyHandler& handler, TCSenders& senders);
 
     /// Remembers the last event. Any thread.
     void Delivered(const TSDelivery& delivery);
@@ -55,6 +55,7 @@ private:
 
     const TSOptions& m_options;
     TCPolicyHandler& m_handler;
+    TCSenders& m_senders;
     std::int64_t m_upSince;
     std::map<std::string, TSSender> m_clients; ///< Known ones; their names are never given again.
     mutable std::mutex m_mutex;

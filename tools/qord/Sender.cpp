@@ -18,21 +18,21 @@ namespace
 
 constexpr int ANSWER_LIMIT_MS = 2000;
 
-qor::TGlibPtr<GVariant> AskForCredentials(GDBusConnection* pConnection, const std::string& name,
-                                          std::string& error)
+struct TSAnswer
 {
+    bool m_isThere = false;
+    qor::TGlibPtr<GVariant> m_value;
+    qor::TGlibPtr<GError> m_error;
+};
+
+void TakeAnswer(GObject* pConnection, GAsyncResult* pResult, void* pAnswer)
+{
+    auto* pThis = static_cast<TSAnswer*>(pAnswer);
     GError* pError = nullptr;
-    const qor::TGlibPtr<GVariant> reply(g_dbus_connection_call_sync(
-        pConnection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "GetConnectionCredentials", g_variant_new("(s)", name.c_str()), G_VARIANT_TYPE("(a{sv})"),
-        G_DBUS_CALL_FLAGS_NONE, ANSWER_LIMIT_MS, nullptr, &pError));
-    const qor::TGlibPtr<GError> failure(pError);
-    if (!reply)
-    {
-        error = pError->message;
-        return nullptr;
-    }
-    return qor::TGlibPtr<GVariant>(g_variant_get_child_value(reply.get(), 0));
+    pThis->m_value.reset(g_dbus_connection_call_finish(
+        reinterpret_cast<GDBusConnection*>(pConnection), pResult, &pError));
+    pThis->m_error.reset(pError);
+    pThis->m_isThere = true;
 }
 
 std::vector<gid_t> GroupsOfDatabase(uid_t userId)
@@ -79,10 +79,12 @@ std::string ProgramOf(pid_t processId)
 
 } // namespace
 
-std::optional<TSSender> WhoIs(GDBusConnection* pConnection, const std::string& name,
-                              std::string& error)
+TCSenders::TCSenders() : m_context(g_main_context_new()) {}
+
+std::optional<TSSender> TCSenders::Find(GDBusConnection* pConnection, const std::string& name,
+                                        std::string& error)
 {
-    const auto credentials = AskForCredentials(pConnection, name, error);
+    const auto credentials = m_Ask(pConnection, name, error);
     if (!credentials)
     {
         return std::nullopt;
@@ -104,6 +106,28 @@ std::optional<TSSender> WhoIs(GDBusConnection* pConnection, const std::string& n
         sender.m_program = ProgramOf(sender.m_processId);
     }
     return sender;
+}
+
+qor::TGlibPtr<GVariant> TCSenders::m_Ask(GDBusConnection* pConnection, const std::string& name,
+                                         std::string& error)
+{
+    TSAnswer answer;
+    g_main_context_push_thread_default(m_context.get());
+    g_dbus_connection_call(pConnection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                           "org.freedesktop.DBus", "GetConnectionCredentials",
+                           g_variant_new("(s)", name.c_str()), G_VARIANT_TYPE("(a{sv})"),
+                           G_DBUS_CALL_FLAGS_NONE, ANSWER_LIMIT_MS, nullptr, TakeAnswer, &answer);
+    while (!answer.m_isThere)
+    {
+        g_main_context_iteration(m_context.get(), TRUE);
+    }
+    g_main_context_pop_thread_default(m_context.get());
+    if (!answer.m_value)
+    {
+        error = answer.m_error->message;
+        return nullptr;
+    }
+    return qor::TGlibPtr<GVariant>(g_variant_get_child_value(answer.m_value.get(), 0));
 }
 
 std::string Describe(const TSSender& sender)

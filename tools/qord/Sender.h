@@ -22,15 +22,29 @@ struct TSSender
     std::string m_program; ///< What the process calls itself; empty where that cannot be read.
 };
 
-/// Asks the bus, of which the answer is proof: nobody else can give it. Groups come from the user
-/// database where the bus does not tell them. Blocks until the bus answers, for two seconds at
-/// most.
-///
-/// @param name  a unique name
-///
-/// @return nothing, with the reason in error, where the bus does not tell or the sender has left
-std::optional<TSSender> WhoIs(GDBusConnection* pConnection, const std::string& name,
-                              std::string& error);
+/// Asks the bus who is behind a name. Its answer is proof: nobody else can give it. Groups come
+/// from the user database where the bus does not tell them.
+class TCSenders
+{
+public:
+    TCSenders();
+
+    /// Blocks until the bus answers, for two seconds at most. Takes no file descriptor to do so, as
+    /// GLib's own synchronous calls do, which end a process that has none left.
+    ///
+    /// @param name  a unique name
+    ///
+    /// @return nothing, with the reason in error, where the bus does not tell or the sender has
+    /// left
+    std::optional<TSSender> Find(GDBusConnection* pConnection, const std::string& name,
+                                 std::string& error);
+
+private:
+    qor::TGlibPtr<GVariant> m_Ask(GDBusConnection* pConnection, const std::string& name,
+                                  std::string& error);
+
+    qor::TGlibPtr<GMainContext> m_context; ///< Only answers to these questions come through it.
+};
 
 /// "user 1000 (name), process 812 (program)"
 std::string Describe(const TSSender& sender);

@@ -38,7 +38,7 @@ TCService::TCService(const TSOptions& options)
     : m_options(options),
       m_handler(TCPolicyStore(options.m_policyFile, options.m_storeRules), options.m_maxPolicySize),
       m_permission(options.m_permission),
-      m_queries(m_options, m_handler)
+      m_queries(m_options, m_handler, m_senders)
 {
 }
 
@@ -229,7 +229,8 @@ bool TCService::m_Answer(THandler handler, const qor::TByteArray& request,
 TSAsker TCService::m_WhoAsks()
 {
     TSAsker asker;
-    asker.m_sender = WhoIs(m_connection.get(), m_server->GetCurrentSender(), asker.m_error);
+    asker.m_sender =
+        m_senders.Find(m_connection.get(), m_server->GetCurrentSender(), asker.m_error);
     asker.m_mayChange = m_permission.MayChange(asker.m_sender);
     return asker;
 }

@@ -66,6 +66,7 @@ private:
     TSOptions m_options;
     TCPolicyHandler m_handler;
     TCPermission m_permission;
+    TCSenders m_senders;
     TCQueries m_queries;
     bool m_isRunning = true;
     bool m_isReady = false;
