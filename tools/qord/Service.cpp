@@ -28,8 +28,8 @@ namespace qord
 namespace
 {
 
-constexpr int g_stopLimitMs = 2900;
-constexpr std::chrono::milliseconds g_lastEventsLimit(2000);
+constexpr int g_stopLimitMs = 2600;
+constexpr std::chrono::milliseconds g_lastEventsLimit(1000); // for each of two
 constexpr unsigned int g_registrationMs = 1000; // the clients of a predecessor have registered
 
 } // namespace
@@ -158,6 +158,10 @@ void TCService::m_Stop()
         return; // and the server's end gives up the name
     }
     m_GiveUpName();
+    if (!m_announcer->Finish(g_lastEventsLimit))
+    {
+        m_server->CancelMessages(); // and the next event, if one is due, has its time
+    }
     if (!m_announcer->Finish(g_lastEventsLimit))
     {
         ReportError("an application does not answer; what is left of the events is dropped");

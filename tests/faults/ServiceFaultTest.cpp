@@ -1,0 +1,246 @@
+// The service's disk, its end, and its output at their worst.
+#include <sys/socket.h>
+
+#include <map>
+#include <random>
+
+#include "FaultFixture.h"
+
+using namespace qortest;
+namespace fs = boost::filesystem;
+
+// The n-th policy, of a size of its own, so that no prefix of one is another.
+static std::string Policy(int number)
+{
+    return "<p n='" + std::to_string(number) + "'>" + std::string(20000 + number, 'x') + "</p>";
+}
+
+TEST_F(Fault, KilledServiceLeavesAWholePolicyAndKeepsThoseBeforeIt)
+{
+    constexpr int last = IS_SANITIZED ? 200 : 2000;
+    std::mt19937 random(7);
+    RawPeer other;
+    std::atomic<int> sent{0}, acknowledged{0};
+    std::size_t highest = 0, starts = 0;
+    while (sent < last)
+    {
+        auto qord = StartQord({"--keep", "5"});
+        ++starts;
+        const auto write = [&](RawPeer& peer)
+        {
+            for (int number = ++sent; number <= last; number = ++sent)
+            {
+                if (SendPolicy(peer, Policy(number)) != qor::POLICY_STORED)
+                {
+                    return;
+                }
+                acknowledged = number;
+            }
+        };
+        auto first = std::async(std::launch::async, [&] { return write(m_client); });
+        auto second = std::async(std::launch::async, [&] { return write(other); });
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 200000));
+        qord->Signal(SIGKILL);
+        qord->Wait();
+        first.get();
+        second.get();
+        qord = StartQord({"--keep", "5"}); // and what was under way is ended
+        std::map<std::size_t, std::string> kept;
+        for (const auto& entry : fs::directory_iterator(m_directory.Path()))
+        {
+            const std::string name = entry.path().filename().string();
+            const std::size_t number = name.find(".kept-") == std::string::npos
+                                           ? 0
+                                           : std::stoul(name.substr(name.rfind('-') + 1));
+            number == 0 ? void() : void(kept[number] = ReadFile(entry.path().string()));
+        }
+        std::string found = StoredPolicy();
+        const auto isWhole = [](const std::string& text)
+        { return text == Policy(std::stoi(text.substr(6))); };
+        ASSERT_TRUE(found.empty() || isWhole(found)) << found.substr(0, 40);
+        ASSERT_LE(kept.size(), 5U);
+        ASSERT_GE(kept.empty() ? highest : kept.rbegin()->first, highest);
+        highest = kept.empty() ? highest : kept.rbegin()->first;
+        for (const auto& [number, text] : kept)
+        {
+            ASSERT_TRUE(isWhole(text)) << number;
+        }
+        // What was acknowledged last is in force, or was what the writers were about to replace.
+        ASSERT_TRUE(acknowledged == 0 || found == Policy(acknowledged) ||
+                    std::any_of(kept.begin(), kept.end(),
+                                [&](const auto& file)
+                                { return file.second == Policy(acknowledged); }))
+            << acknowledged << " of start " << starts;
+        ASSERT_TRUE(kept.empty() || kept.rbegin()->second != found);
+        EndCleanly(*qord);
+    }
+    std::cout << starts << " starts\n";
+    EXPECT_EQ(std::distance(fs::directory_iterator(m_directory.Path()), {}), 7) << "leftovers";
+}
+
+TEST_F(Fault, RefusalsOfTheDiskAndOfTheLimitKeepTheOldPolicy)
+{
+    auto qord = StartQord({"--max-policy-size", "1000"});
+    const std::string largest = "<p>" + std::string(1000 - 7, 'x') + "</p>";
+    ExpectResult(qor::POLICY_STORED, largest);
+    const Outcome refused = Qorctl({"set-policy", "-"}, largest + " ");
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_NE(refused.err.find("more than the service accepts"), std::string::npos) << refused.err;
+    ExpectResult(qor::POLICY_TOO_LARGE, std::string(1 << 20, '<'));
+    EXPECT_EQ(StoredPolicy(), largest);
+    fs::remove(m_policyFile);
+    fs::create_directory(m_policyFile);
+    WriteFile(m_policyFile + "/inside", "kept");
+    ExpectResult(qor::POLICY_NOT_STORED, "<new/>");
+    EXPECT_EQ(ReadFile(m_policyFile + "/inside"), "kept");
+    fs::remove_all(m_directory.Path());
+    ExpectResult(qor::POLICY_NOT_STORED, "<new/>");
+    fs::create_directory(m_directory.Path());
+    ExpectResult(qor::POLICY_STORED, "<new/>");
+    EXPECT_EQ(StoredPolicy(), "<new/>");
+    EXPECT_EQ(CountOf(qord->Err(), "could not be stored"), 2U) << qord->Err();
+}
+
+TEST_F(Fault, TheLargestPolicyTakesLessThanFourTimesItsSize)
+{
+    constexpr std::size_t size = 16 << 20;
+    std::string nested;
+    while (nested.size() < size)
+    {
+        nested += "<a>";
+    }
+    nested.resize(size);
+    const std::string flat = "<a>" + std::string(size - 7, 'x') + "</a>";
+    for (const auto& [policy, result] :
+         {std::pair(flat, qor::POLICY_STORED), std::pair(nested, qor::POLICY_TOO_LARGE)})
+    {
+        auto qord = StartQord();
+        ExpectResult(result, policy);
+        EXPECT_TRUE(IS_SANITIZED || ResidentKilobytes(qord->Pid(), "VmHWM:") < 4 * size / 1024);
+        fs::remove(m_policyFile); // the next start would read it
+    }
+}
+
+TEST_F(Fault, FileSizeLimitIsAFailedWriteAndNotTheEndOfTheService)
+{
+    auto qord = StartTool("sh", {"-c", "ulimit -f 16 && exec '" QORD "' --policy " + m_policyFile});
+    ASSERT_TRUE(qord->WaitForOut("ready")) << qord->Err();
+    ExpectResult(qor::POLICY_STORED, "<old/>");
+    ExpectResult(qor::POLICY_NOT_STORED, "<p>" + std::string(100000, 'x') + "</p>");
+    EXPECT_EQ(StoredPolicy(), "<old/>");
+    EndCleanly(*qord);
+}
+
+// The mounts are the service's own and end with it.
+TEST_F(Fault, FullAndReadOnlyFileSystemsKeepTheOldPolicy)
+{
+    const std::string mountPoint = m_directory.Path();
+    auto qord = StartTool("unshare", {"--mount", "sh", "-c",
+                                      "mount -t tmpfs -o size=128k none " + mountPoint +
+                                          " && exec '" QORD "' --policy " + m_policyFile});
+    if (!qord->WaitForOut("ready"))
+    {
+        GTEST_SKIP() << "mounting takes privileges: " << qord->Err();
+    }
+    const std::string pid = std::to_string(qord->Pid()), seen = "/proc/" + pid + "/root";
+    const auto remount = [&](const std::string& how)
+    {
+        const std::string options = "remount," + how;
+        RunTool("nsenter", {"--mount", "--target", pid, "mount", "-o", options, mountPoint});
+    };
+    const std::string old = "<a>" + std::string(100000, 'x') + "</a>";
+    ExpectResult(qor::POLICY_STORED, old);
+    ExpectResult(qor::POLICY_NOT_STORED, old + "<!-- does not fit beside the old one -->");
+    remount("ro");
+    ExpectResult(qor::POLICY_NOT_STORED, "<c/>");
+    EXPECT_EQ(ReadFile(seen + m_policyFile), old);
+    remount("rw");
+    ExpectResult(qor::POLICY_STORED, "<c/>");
+    EXPECT_EQ(ReadFile(seen + m_policyFile), "<c/>");
+}
+
+// Somebody who hangs must not hold up the others, nor the next service.
+TEST_F(Fault, ServiceStopsInTimeAndAnnouncesWhatIsDue)
+{
+    auto qord = StartQuietQord({"--event-timeout", "60000"});
+    auto hung = StartListener();
+    auto good = StartListener();
+    hung->Signal(SIGSTOP);
+    qord->Signal(SIGHUP);
+    ASSERT_TRUE(qord->WaitForOut("SIGHUP changes nothing"));
+    ExpectResult(qor::POLICY_STORED, "<a/>");
+    ASSERT_TRUE(good->WaitForOut("policy-update")); // its delivery to the other is under way
+    ExpectResult(qor::POLICY_STORED, "<b/>");
+    const auto start = std::chrono::steady_clock::now();
+    qord->Signal(SIGTERM);
+    EXPECT_TRUE(good->WaitForOut("vanished"));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
+    EXPECT_EQ(qord->Wait(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+    EXPECT_NE(qord->Err().find("does not answer"), std::string::npos) << qord->Err();
+    EXPECT_EQ(CountOf(good->Out(), "policy-update"), 2U) << good->Out();
+
+    // To the one that hangs it comes from the next service.
+    qord = StartQord();
+    ASSERT_TRUE(WaitUntil([&] { return CountOf(good->Out(), "policy-update") == 3; }));
+    hung.reset();
+
+    // Due, and hardly begun: the reply has just come.
+    for (int round = 1; round <= 10; ++round)
+    {
+        const std::size_t heard = CountOf(good->Out(), "policy-update");
+        ExpectResult(qor::POLICY_STORED, "<c/>");
+        qord->Signal(SIGTERM);
+        EXPECT_TRUE(WaitUntil([&] { return CountOf(good->Out(), "policy-update") > heard; }));
+        EXPECT_EQ(qord->Wait(), 0);
+        qord = StartQord();
+        ASSERT_TRUE(WaitUntil(
+            [&] { return CountOf(good->Out(), "appeared") == 2U + static_cast<unsigned>(round); }));
+        SyncWithService();
+    }
+}
+
+TEST_F(Fault, ABusThatNeverAnswersDoesNotKeepTheServiceFromEnding)
+{
+    const int mute = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const std::string path = m_directory.Path("mute");
+    Bind(mute, path);
+    ASSERT_EQ(listen(mute, 2), 0);
+    ChildProcess::Options options;
+    options.environment["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=" + path;
+    for (const bool isTwice : {false, true})
+    {
+        auto qord = StartTool(QORD, {"--policy", m_policyFile}, options);
+        const int connection = accept(mute, nullptr, nullptr); // it listens to signals by now
+        const auto start = std::chrono::steady_clock::now();
+        qord->Signal(SIGTERM);
+        isTwice ? WaitUntil([&] { return qord->Signal(SIGTERM), !qord->IsRunning(); }) : true;
+        EXPECT_EQ(qord->Wait(), isTwice ? 128 + SIGTERM : 0);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(isTwice ? 1 : 3));
+        close(connection);
+    }
+    close(mute);
+}
+
+TEST_F(Fault, OutputThatNobodyReadsIsDroppedAndCounted)
+{
+    const std::string out = m_directory.Path("out");
+    ASSERT_EQ(mkfifo(out.c_str(), 0600), 0);
+    const int reader = open(out.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    auto qord = StartTool("sh", {"-c", "exec " QORD " --policy " + m_policyFile + " >" + out});
+    ASSERT_TRUE(WaitUntil([&] { return SendPolicy(m_client, "<a/>") == 0; }));
+    for (int i = 0; i < 1200; ++i)
+    {
+        ASSERT_EQ(SendPolicy(m_client, "<a/>"), qor::POLICY_STORED);
+    }
+    std::string text(1 << 20, '\0');
+    EXPECT_GT(read(reader, text.data(), text.size()), 60000);
+    ExpectResult(qor::POLICY_STORED, "<b/>");
+    ASSERT_GT(read(reader, text.data(), text.size()), 0);
+    const std::size_t at = text.find(" lines were dropped here\nqord: ");
+    ASSERT_NE(at, std::string::npos) << text.substr(0, 100);
+    EXPECT_GT(std::stoi(text.substr(6, at)), 300);
+    qord->Signal(SIGTERM);
+    EXPECT_EQ(qord->Wait(), 0);
+    close(reader);
+}
