@@ -193,10 +193,11 @@ TEST(PolicyXml, AgreesWithAnotherParserAboutChangedDocuments)
                         : text;
         }
         xmlParserCtxtPtr const pOther = xmlNewParserCtxt();
-        xmlFreeDoc(xmlCtxtReadMemory(pOther, text.data(), static_cast<int>(text.size()), "",
-                                     nullptr,
-                                     XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
-        const bool isGood = pOther->wellFormed != 0;
+        xmlDocPtr const pDocument =
+            xmlCtxtReadMemory(pOther, text.data(), static_cast<int>(text.size()), "", nullptr,
+                              XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+        const bool isGood = pDocument != nullptr;
+        xmlFreeDoc(pDocument);
         xmlFreeParserCtxt(pOther);
         good += isGood ? 1U : 0U;
         EXPECT_EQ(Check(text, error) == qor::POLICY_STORED, isGood) << text << "\n" << error;
