@@ -81,7 +81,7 @@ bool OpensWithSignature(const TByteArray& bytes)
     }
     std::memcpy(&length, bytes.data(), sizeof length);
     return length == signature.size() &&
-           std::memcmp(bytes.data() + sizeof length, signature.data(), length) == 0;
+           std::memcmp(bytes.data() + sizeof length, signature.data(), signature.size()) == 0;
 }
 
 // An archive begins with its signature as a string, and the archive class allocates whatever length
