@@ -95,7 +95,6 @@ private:
     void m_ForgetClient(std::map<std::string, TSClient>::iterator client);
     static void m_DestroyClient(TSClient& client);
     void m_ClientsAreGone();
-    void m_DropGoneChecks();
     static int m_ForgetGoneClients(void* pUserData);
     void m_ForgetGoneClients();
 
@@ -108,6 +107,7 @@ private:
     TGlibPtr<GMainContext> m_pContext;
     TGlibPtr<GMainLoop> m_pMainLoop;
     std::unique_ptr<TCEventDelivery> m_pDelivery;
+    TGlibPtr<GSource> m_pGoneCheck; // the last one; on the loop thread, and after it
 };
 
 } // namespace qor

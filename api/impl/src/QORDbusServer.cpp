@@ -60,6 +60,7 @@ TCDbusServer::~TCDbusServer()
         static_cast<void>(m_pContext.release());
         static_cast<void>(m_pMainLoop.release());
         static_cast<void>(m_pDelivery.release());
+        static_cast<void>(m_pGoneCheck.release());
         t_Abandon();
         return;
     }
@@ -108,7 +109,11 @@ void TCDbusServer::t_Stop()
         g_main_context_invoke(m_pContext.get(), &TCDbusServer::m_QuitMainLoop, m_pMainLoop.get());
     }
     m_thread.join();
-    m_DropGoneChecks();
+    if (m_pGoneCheck != nullptr)
+    {
+        g_source_destroy(m_pGoneCheck.get()); // it would call into this library, perhaps unloaded
+        m_pGoneCheck.reset();
+    }
     while (!m_clients.empty())
     {
         m_ForgetClient(m_clients.begin());
@@ -261,22 +266,10 @@ void TCDbusServer::m_DestroyClient(TSClient& client)
 // On the loop thread, which must not wait for the lock of the registry.
 void TCDbusServer::m_ClientsAreGone()
 {
-    const TGlibPtr<GSource> pSource(g_idle_source_new());
-    g_source_set_callback(pSource.get(), &TCDbusServer::m_ForgetGoneClients, t_NewUserData(),
+    m_pGoneCheck.reset(g_idle_source_new());
+    g_source_set_callback(m_pGoneCheck.get(), &TCDbusServer::m_ForgetGoneClients, t_NewUserData(),
                           RELEASE_DBUS_LINK);
-    g_source_attach(pSource.get(), t_pMainContext.get());
-}
-
-// A source that is left would call into this library, which may have been unloaded by then.
-void TCDbusServer::m_DropGoneChecks()
-{
-    void* pUserData = t_NewUserData();
-    while (GSource* pSource = g_main_context_find_source_by_funcs_user_data(
-               t_pMainContext.get(), &g_idle_funcs, pUserData))
-    {
-        g_source_destroy(pSource);
-    }
-    RELEASE_DBUS_LINK(pUserData);
+    g_source_attach(m_pGoneCheck.get(), t_pMainContext.get());
 }
 
 int TCDbusServer::m_ForgetGoneClients(void* pUserData)

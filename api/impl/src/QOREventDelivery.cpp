@@ -432,11 +432,16 @@ void TCEventDelivery::m_Answered(std::uint32_t serial, const TSAnswer& answer)
     const std::string& name = call->m_pAccount->m_name;
     if (answer.m_isNobody)
     {
+        bool isFirst = false;
         {
             const std::lock_guard<std::mutex> lock(m_inboxMutex);
+            isFirst = m_gone.empty();
             m_gone.push_back(name);
         }
-        m_onGone();
+        if (isFirst)
+        {
+            m_onGone();
+        }
     }
     if (call->m_pMessage != nullptr)
     {

@@ -32,7 +32,7 @@ public:
     using TMessages = std::list<TCDbusServer::TSAsyncMessage>;
     using TAccountPtr = boost::shared_ptr<TSEventAccount>;
 
-    // Calls onGone on the loop thread when TakeGone has something to tell.
+    // Calls onGone on the loop thread when TakeGone has something to tell; once until it is taken.
     TCEventDelivery(GMainContext* pContext, TCDbusFilter& filter, std::function<void()> onGone);
     // After the loop has ended and the filter is gone.
     ~TCEventDelivery();
