@@ -21,8 +21,8 @@ extern "C"
      * May be called from any thread; blocks on reading the file.
      *
      * @return a string that the caller owns and releases with free(); may be empty. NULL when there
-     * is no such setting or its value is not valid, and, with a line in the platform log, when the
-     * file cannot be read or is not a key file.
+     * is no such setting, also for lack of the file, or its value is not valid; and, with a line in
+     * the platform log (tag "VCONF"), when the file cannot be read or is not a key file.
      */
     __attribute__((visibility("default"))) char* vconf_get_str(const char* key);
 

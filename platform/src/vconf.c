@@ -23,8 +23,10 @@ static GKeyFile* load_settings(void)
     {
         return settings;
     }
-    __dlog_print(LOG_ID_SYSTEM, DLOG_ERROR, "QOR", "vconf: cannot use %s: %s", path,
-                 error->message);
+    if (!g_error_matches(error, G_FILE_ERROR, G_FILE_ERROR_NOENT))
+    {
+        __dlog_print(LOG_ID_SYSTEM, DLOG_ERROR, "VCONF", "cannot use %s: %s", path, error->message);
+    }
     g_error_free(error);
     g_key_file_free(settings);
     return NULL;

@@ -53,7 +53,7 @@ def missing_examples(top):
 def missing_messages(top):
     page = (top / "docs" / "operations.md").read_text(encoding="utf-8")
     sources = [*(top / "api" / "impl" / "src").glob("*.cpp"), *(top / "platform" / "src").glob("*.c")]
-    logged = r'(?:QOR_LOG_(?:DEBUG|ERROR)\(|__dlog_print\([^"]*"QOR",)\s*"((?:[^"\\]|\\.)*)"'
+    logged = r'(?:QOR_LOG_(?:DEBUG|ERROR)\(|__dlog_print\([^"]*"[A-Z]+",)\s*"((?:[^"\\]|\\.)*)"'
     count = 0
     for source in sources:
         for message in re.findall(logged, source.read_text(encoding="utf-8")):

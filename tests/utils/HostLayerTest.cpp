@@ -10,6 +10,7 @@
 #include <usb_device.h>
 #include <vconf.h>
 
+#include "LogCapture.h"
 #include "Tree.h"
 
 namespace fs = boost::filesystem;
@@ -70,8 +71,14 @@ TEST_F(HostLayer, SettingsAreFoundByPath)
     {
         EXPECT_EQ(Take(vconf_get_str(key)), "(none)") << key;
     }
+    qortest::LogCapture::Clear();
     Write("settings.ini", "no group\n");
     EXPECT_EQ(Take(vconf_get_str("plain")), "(none)");
+    ASSERT_EQ(qortest::LogCapture::Count(qortest::LOG_ERROR, "settings.ini"), 1U);
+    EXPECT_EQ(qortest::LogCapture::Lines().front().tag, "VCONF");
+    fs::remove(Path("settings.ini")); // no settings at all are not an error
+    EXPECT_EQ(Take(vconf_get_str("plain")), "(none)");
+    EXPECT_EQ(qortest::LogCapture::Lines().size(), 1U);
 }
 
 TEST_F(HostLayer, SystemInformationHasTypes)
