@@ -1,13 +1,16 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Checks the documents of a tree against the tree: documents.py TOP
 
 Links between them lead to a file and a heading, each example is shown as it is, the README shows
-no other C++, and the page of messages has every message of the library.
+no other C++, the page of messages has every message of the library, and its error numbers are those
+of GLib.
 """
 
 import pathlib
 import re
 import sys
+
+from gi.repository import Gio
 
 
 def without_code(text):
@@ -64,10 +67,25 @@ def missing_messages(top):
         yield "only %d messages found in the sources" % count
 
 
+def wrong_error_numbers(top):
+    page = (top / "docs" / "operations.md").read_text(encoding="utf-8")
+    rows = re.findall(r"^\| (\d[^|]*) \|([^|]*)\|([^|]*)\|$", page, re.M)
+    count = 0
+    for numbers, *columns in rows:
+        for errors, column in zip((Gio.DBusError, Gio.IOErrorEnum), columns):
+            for number, name in zip(re.findall(r"\d+", numbers), re.findall("`([A-Z_]+)`", column)):
+                count += 1
+                if int(getattr(errors, name)) != int(number):
+                    yield "docs/operations.md: %s is not %s" % (name, number)
+    if count < 20:
+        yield "only %d error numbers found" % count
+
+
 def main():
     top = pathlib.Path(sys.argv[1]).resolve()
     pages = [*top.glob("*.md"), *(top / "docs").glob("*.md")]
-    faults = [*broken_links(top, pages), *missing_examples(top), *missing_messages(top)]
+    faults = [*broken_links(top, pages), *missing_examples(top), *missing_messages(top),
+              *wrong_error_numbers(top)]
     print("\n".join(faults) or "%d pages" % len(pages))
     sys.exit(1 if faults else 0)
 
