@@ -67,6 +67,14 @@ def missing_messages(top):
         yield "only %d messages found in the sources" % count
 
 
+def broken_drawings(pages):
+    for page in pages:
+        text = page.read_text(encoding="utf-8")
+        for drawing in re.findall(r"^```mermaid\n(.*?)^```$", text, re.M | re.S):
+            if ";" in drawing:
+                yield "%s: a semicolon, which ends a statement in a drawing" % page.name
+
+
 def wrong_error_numbers(top):
     page = (top / "docs" / "operations.md").read_text(encoding="utf-8")
     rows = re.findall(r"^\| (\d[^|]*) \|([^|]*)\|([^|]*)\|$", page, re.M)
@@ -85,7 +93,7 @@ def main():
     top = pathlib.Path(sys.argv[1]).resolve()
     pages = [*top.glob("*.md"), *(top / "docs").glob("*.md")]
     faults = [*broken_links(top, pages), *missing_examples(top), *missing_messages(top),
-              *wrong_error_numbers(top)]
+              *wrong_error_numbers(top), *broken_drawings(pages)]
     print("\n".join(faults) or "%d pages" % len(pages))
     sys.exit(1 if faults else 0)
 
