@@ -184,6 +184,15 @@ private:
     TCPolicyCopies m_copies;
 };
 
+// Ends what has been interrupted, where nothing is kept.
+void ForgetFormer(const TCDirectory& directory, const TCAtomicFile& file)
+{
+    if (file.Tidy())
+    {
+        directory.Remove(file.Former());
+    }
+}
+
 // Whoever may read the service's folder cannot make it wait, or read what is not in there.
 bool ReadFile(const TCDirectory& directory, const std::string& name, std::string& text,
               std::size_t maxSize, std::string& error)
@@ -284,9 +293,11 @@ bool TCPolicyStore::ReadBeside(const std::string& suffix, std::string& text,
 try
 {
     const path file = FollowLinks(m_path);
+    const TCDirectory directory(DirectoryOf(file).string());
+    const std::string name = file.filename().string() + suffix;
+    ForgetFormer(directory, TCAtomicFile(directory, name));
     std::string error;
-    return ReadFile(TCDirectory(DirectoryOf(file).string()), file.filename().string() + suffix,
-                    text, maxSize, error);
+    return ReadFile(directory, name, text, maxSize, error);
 }
 catch (const TCFileError&)
 {
@@ -299,12 +310,9 @@ try
     const path file = FollowLinks(m_path);
     const TCDirectory directory(DirectoryOf(file).string());
     const TCAtomicFile beside(directory, file.filename().string() + suffix);
-    if (beside.Tidy())
-    {
-        directory.Remove(beside.Former());
-    }
+    ForgetFormer(directory, beside);
     beside.Replace(text, false);
-    directory.Remove(beside.Former());
+    ForgetFormer(directory, beside);
     return {};
 }
 catch (const TCFileError& failure)

@@ -57,7 +57,8 @@ public:
     /// there are any; empty where the directory cannot be read.
     std::vector<TSStoredPolicy> List() const;
 
-    /// Reads another file of the service's: the policy's name with a suffix.
+    /// Reads another file of the service's, the policy's name with a suffix, and ends what a crash
+    /// has interrupted there.
     ///
     /// @return false when there is none, or it cannot be read or is larger than that
     bool ReadBeside(const std::string& suffix, std::string& text, std::size_t maxSize) const;
