@@ -6,6 +6,7 @@
 #include <sys/syscall.h>
 
 #include <atomic>
+#include <cstring>
 #include <future>
 #include <numeric>
 #include <thread>
@@ -352,12 +353,13 @@ TEST_F(AttackedService, MemoryStaysBoundedAndGoodPoliciesAreStored)
             EXPECT_LT(ResidentKilobytes(qord->Pid(), "VmHWM:"), megabytes << 10);
         }
     };
-    Bytes types((31 << 20) + 1);
-    for (std::size_t i = 0; i < types.size(); i += 4)
+    std::vector<std::uint32_t> shuffled(31 << 18);
+    for (std::uint32_t i = 0; i < shuffled.size(); ++i)
     {
-        *reinterpret_cast<std::uint32_t*>(&types[i & ~3U]) = static_cast<std::uint32_t>(i * 7919);
+        shuffled[i] = i * 7919;
     }
-    types.pop_back();
+    Bytes types(4 * shuffled.size());
+    std::memcpy(types.data(), shuffled.data(), types.size());
     for (std::size_t i = 0; i < 2 * Scale(); ++i)
     {
         EXPECT_EQ(RawPeer().Call(SERVICE_NAME, SERVICE_PATH, "Hello", types).errorName, REFUSED);
