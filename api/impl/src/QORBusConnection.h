@@ -9,6 +9,9 @@
 namespace qor
 {
 
+// The bus itself, as a peer.
+constexpr const char* BUS_NAME = "org.freedesktop.DBus";
+
 // The connection that GIO shares among all in the process; null with an error. Blocks.
 TGlibPtr<GDBusConnection> SharedBusConnection(GError** ppError);
 
