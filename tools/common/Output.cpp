@@ -11,6 +11,8 @@
 #include <cstring>
 #include <system_error>
 
+#include <glib.h>
+
 namespace tools
 {
 
@@ -45,8 +47,8 @@ void Print(const std::string& text)
 
 bool HasColours()
 {
-    const char* pNoColour = std::getenv("NO_COLOR");
-    const char* pTerminal = std::getenv("TERM");
+    const char* pNoColour = g_getenv("NO_COLOR");
+    const char* pTerminal = g_getenv("TERM");
     return isatty(STDOUT_FILENO) == 1 && (pNoColour == nullptr || *pNoColour == '\0') &&
            pTerminal != nullptr && std::strcmp(pTerminal, "dumb") != 0;
 }

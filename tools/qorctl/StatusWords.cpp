@@ -48,8 +48,8 @@ std::string EventNames(const TJson& client)
     std::string names;
     for (const TJson& type : Part(client, "types"))
     {
-        const bool isKnown = type == 2 || type == 4;
-        Append(names, isKnown ? tools::EventName(type.get<int>()) : Text({{"type", type}}, "type"));
+        const std::string name = tools::EventName(type.is_number() ? type.get<int>() : 0);
+        Append(names, name == "unknown" ? Text({{"type", type}}, "type") : name);
     }
     return names;
 }

@@ -8,8 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cstdlib>
-
+#include <glib.h>
 #include <systemd/sd-journal.h>
 
 namespace qord
@@ -43,7 +42,7 @@ bool TakesMore()
 
 bool IsUnderJournal()
 {
-    const char* pStream = std::getenv("JOURNAL_STREAM");
+    const char* pStream = g_getenv("JOURNAL_STREAM");
     struct stat status;
     return pStream != nullptr && fstat(STDERR_FILENO, &status) == 0 &&
            pStream == std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
@@ -56,6 +55,7 @@ bool WriteToJournal(int priority, const std::string& message,
                                     "SYSLOG_IDENTIFIER=qord"};
     all.insert(all.end(), fields.begin(), fields.end());
     std::vector<iovec> parts;
+    parts.reserve(all.size());
     for (std::string& field : all)
     {
         parts.push_back({field.data(), field.size()});

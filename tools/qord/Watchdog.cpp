@@ -2,7 +2,6 @@
 #include "qord/Watchdog.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <utility>
 
 #include <glib.h>
@@ -24,7 +23,7 @@ unsigned int Interval()
 
 bool IsManaged()
 {
-    return std::getenv("NOTIFY_SOCKET") != nullptr;
+    return g_getenv("NOTIFY_SOCKET") != nullptr;
 }
 
 } // namespace
