@@ -99,6 +99,7 @@ std::vector<std::string> TCDirectory::List() const
     }
     std::vector<std::string> names;
     errno = 0; // the end and a failure are told apart by it alone
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this function's own
     while (const dirent* pEntry = readdir(stream.get()))
     {
         names.emplace_back(pEntry->d_name);

@@ -21,7 +21,7 @@ namespace
 using boost::filesystem::path;
 
 constexpr int g_maxLinks = 40;
-constexpr std::uint64_t g_bytesPerMiB = 1024 * 1024;
+constexpr std::uint64_t BYTES_PER_MIB = 1048576;
 
 // Empty when it is no link.
 std::string ReadLink(const std::string& link)
@@ -62,20 +62,21 @@ path DirectoryOf(const path& file)
 // A file in a directory whose own name is not on the disk would be lost with it.
 void MakeDirectory(const path& directory)
 {
-    boost::system::error_code error;
-    if (boost::filesystem::is_directory(directory, error))
+    path made;
+    for (const path& part : directory)
     {
-        return;
+        made /= part;
+        boost::system::error_code error;
+        if (boost::filesystem::is_directory(made, error))
+        {
+            continue;
+        }
+        if (mkdir(made.c_str(), 0755) != 0 && errno != EEXIST)
+        {
+            Fail("creating the directory " + made.string());
+        }
+        TCDirectory(DirectoryOf(made).string()).Sync();
     }
-    if (directory.has_parent_path())
-    {
-        MakeDirectory(directory.parent_path());
-    }
-    if (mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST)
-    {
-        Fail("creating the directory " + directory.string());
-    }
-    TCDirectory(DirectoryOf(directory).string()).Sync();
 }
 
 // The policy's directory and what stands in it, as it is now.
@@ -169,7 +170,7 @@ public:
 private:
     void RefuseWithoutSpace() const
     {
-        const std::uint64_t needed = m_rules.m_minFreeMiB * g_bytesPerMiB;
+        const std::uint64_t needed = m_rules.m_minFreeMiB * BYTES_PER_MIB;
         if (needed > 0 && m_directory.FreeSpace() < needed)
         {
             throw TCFileError("less than " + std::to_string(m_rules.m_minFreeMiB) +

@@ -55,7 +55,7 @@ TCStopSignals::TCStopSignals(std::function<void()> stop, int limitMs) : m_stop(s
     {
         throw std::system_error(errno, std::generic_category(), "preparing for signals");
     }
-    g_limit.it_value = {limitMs / 1000, limitMs % 1000 * 1000};
+    g_limit.it_value = {limitMs / 1000, limitMs % 1000 * suseconds_t{1000}};
     m_source =
         g_unix_fd_add(g_wakeUp, G_IO_IN, reinterpret_cast<GUnixFDSourceFunc>(m_OnReadable), this);
     Handle(SIGALRM, OnLimit);
