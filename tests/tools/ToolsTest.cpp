@@ -171,9 +171,10 @@ TEST_F(Tools, ServiceManagerAndStatusKnowWhenTheServiceIsThere)
     };
     EXPECT_TRUE(WaitUntil([&] { return isTold("WATCHDOG=1"); })) << told;
     qord->Signal(SIGTERM);
+    EXPECT_TRUE(WaitUntil([&] { return isTold("STOPPING=1"); }))
+        << told; // who does not listen blocks
     EXPECT_EQ(qord->Wait(), 0);
     Expect(2, "", "status --test-bus-names");
-    EXPECT_TRUE(WaitUntil([&] { return isTold("STOPPING=1"); })) << told;
     EXPECT_EQ(told.find("READY=1\nSTATUS=no policy yet, 0 clients"), 0U) << told;
     close(notified);
 }
