@@ -39,7 +39,7 @@ TCRegistration::TCRegistration(TDone done) : m_done(std::move(done)) {}
 std::shared_ptr<TCRegistration> TCRegistration::Start(GDBusConnection* pConnection, bool testNames,
                                                       const std::string& owner, TDone done)
 {
-    const std::shared_ptr<TCRegistration> registration(new TCRegistration(std::move(done)));
+    std::shared_ptr<TCRegistration> registration(new TCRegistration(std::move(done)));
     const std::int32_t types[] = {GINT32_TO_LE(qor::ICallbacks::POLICY_UPDATE),
                                   GINT32_TO_LE(qor::ICallbacks::REQUEST_PROCESS_INFO)};
     GVariant* pTypes = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, types, sizeof types, 1);
