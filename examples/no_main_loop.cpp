@@ -13,6 +13,12 @@
 #include <qor/QORDebug.h>
 #include <qor/api.h>
 
+// In one piece: two threads print.
+static void Print(const std::string& line)
+{
+    std::cout << line + "\n" << std::flush;
+}
+
 class Listener
 {
 public:
@@ -37,7 +43,7 @@ private:
     {
         g_main_context_push_thread_default(m_pContext);
         auto callbacks = qor::TCCallbacksProxy::Instance();
-        callbacks->SetPolicyUpdateCb([] { std::cout << "there is a new policy" << std::endl; });
+        callbacks->SetPolicyUpdateCb([] { Print("there is a new policy"); });
         m_isListening.set_value();
         while (!m_isEnding)
         {
@@ -65,6 +71,6 @@ int main()
     {
         std::ifstream file(path);
         const std::string policy{std::istreambuf_iterator<char>(file), {}};
-        std::cout << "result " << qor::api::GetControl()->SetPolicy(policy) << std::endl;
+        Print("result " + std::to_string(qor::api::GetControl()->SetPolicy(policy)));
     }
 }
