@@ -19,6 +19,7 @@
 
 namespace fs = boost::filesystem;
 using namespace qortest;
+using namespace std::string_literals;
 
 TEST(Announcer, DeliversAtMostOnceMoreAndItsEndWaitsForOneDelivery)
 {
@@ -124,7 +125,11 @@ TEST(PolicyXml, RefusalsSayWhereAndWhat)
         EXPECT_EQ(Check(std::string(start) + "<a/>", error), qor::POLICY_NOT_WELL_FORMED) << start;
     }
     EXPECT_EQ(Check("", error), qor::POLICY_NOT_WELL_FORMED);
-    EXPECT_EQ(Check(std::string("<a/>\0<b", 7), error), qor::POLICY_NOT_WELL_FORMED);
+    for (const std::string& text :
+         {"<a/>\0<b"s, "<\0a\0/\0>\0"s, "\0<\0a\0/\0>"s, "\xFF\xFE<\0a\0/\0>\0"s})
+    {
+        EXPECT_EQ(Check(text, error), qor::POLICY_NOT_WELL_FORMED) << error;
+    }
     std::string deep, wide = "<a";
     for (int i = 0; i < 100000; ++i)
     {

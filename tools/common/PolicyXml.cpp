@@ -74,6 +74,14 @@ bool IsVersion1(const std::string& version)
            version.find_first_not_of("0123456789", 2) == std::string::npos;
 }
 
+// UTF-16 begins with its mark, or has a zero byte in its first character: the parser would read it,
+// although it is told to take the text as UTF-8.
+bool IsUtf16(std::string_view text)
+{
+    const std::string_view begin = text.substr(0, 2);
+    return begin == "\xff\xfe" || begin == "\xfe\xff" || begin.find('\0') != std::string_view::npos;
+}
+
 // The parser does not look at the version, and is told to take the text as UTF-8 whatever it says.
 void CheckDeclaration(void* pParser, const char* version, const char* encoding, int)
 {
@@ -90,6 +98,17 @@ TSXmlPlace Place(XML_Parser pParser, const char* reason)
     return {XML_GetCurrentLineNumber(pParser), XML_GetCurrentColumnNumber(pParser) + 1, reason};
 }
 
+qor::EPolicyResult RefuseAt(const TSXmlPlace& place, std::string& error, TSXmlPlace* pPlace)
+{
+    error = "line " + std::to_string(place.m_line) + ", column " + std::to_string(place.m_column) +
+            ": " + place.m_reason;
+    if (pPlace != nullptr)
+    {
+        *pPlace = place;
+    }
+    return qor::POLICY_NOT_WELL_FORMED;
+}
+
 qor::EPolicyResult Refuse(XML_Parser pParser, std::string& error, TSXmlPlace* pPlace)
 {
     const XML_Error code = XML_GetErrorCode(pParser);
@@ -100,16 +119,10 @@ qor::EPolicyResult Refuse(XML_Parser pParser, std::string& error, TSXmlPlace* pP
                                        : "no memory is left to check it";
         return t_memory.m_isOverLimit ? qor::POLICY_TOO_LARGE : qor::POLICY_NOT_STORED;
     }
-    const TSXmlPlace place = Place(
-        pParser, code == XML_ERROR_ABORTED ? "it declares an encoding other than UTF-8, or no XML 1"
-                                           : XML_ErrorString(code));
-    error = "line " + std::to_string(place.m_line) + ", column " + std::to_string(place.m_column) +
-            ": " + place.m_reason;
-    if (pPlace != nullptr)
-    {
-        *pPlace = place;
-    }
-    return qor::POLICY_NOT_WELL_FORMED;
+    return RefuseAt(Place(pParser, code == XML_ERROR_ABORTED
+                                       ? "it declares an encoding other than UTF-8, or no XML 1"
+                                       : XML_ErrorString(code)),
+                    error, pPlace);
 }
 
 } // namespace
@@ -117,6 +130,10 @@ qor::EPolicyResult Refuse(XML_Parser pParser, std::string& error, TSXmlPlace* pP
 qor::EPolicyResult CheckPolicyXml(std::string_view text, std::string& error, std::size_t maxMemory,
                                   TSXmlPlace* pPlace)
 {
+    if (IsUtf16(text))
+    {
+        return RefuseAt({1, 1, "it is UTF-16 or binary, not UTF-8"}, error, pPlace);
+    }
     t_memory = {0, maxMemory, false};
     const std::unique_ptr<XML_ParserStruct, void (*)(XML_Parser)> parser(
         XML_ParserCreate_MM("UTF-8", &g_memoryFunctions, nullptr), XML_ParserFree);
