@@ -83,7 +83,7 @@ void AddListen(CLI::App& app, TSOptions& options)
         AddCommand(app, options, "listen", Listen, "Print the service's events as they come",
                    "Ends with status 0 on SIGINT, SIGTERM or after N events; 2 when the bus is out "
                    "of reach or goes away, and when fewer than N events came in time.");
-    pCommand->add_option("--count", options.m_eventCount, "Leave after so many events")
+    pCommand->add_option("--count", options.m_eventCount, "Exit after so many events")
         ->type_name("N")
         ->check(CLI::Range(1, 1000000000));
     pCommand
