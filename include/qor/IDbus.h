@@ -27,7 +27,8 @@ public:
                                                      std::vector<unsigned char>&)>& callback) = 0;
 
     /// Removes the callback of a type; false if the type has none. When it returns, the removed
-    /// callback is not running and will not run again. Waits like SetCallback, with the same rule.
+    /// callback is not running and will not run again. May wait as SetCallback may: the same rule
+    /// holds.
     virtual bool UnSetCallback(int type) = 0;
 
     /// Whether the channel is up. For a client: the service is on the bus. For the service: its

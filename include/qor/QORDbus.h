@@ -165,8 +165,8 @@ protected:
     bool t_isReady;
     boost::shared_mutex t_callbacksMutex; ///< Guards t_callbacks.
     std::map<int, TMessageCallback> t_callbacks;
-    /// Guards the connection, its name and doorman, readiness, the current sender, and what the
-    /// endpoints say.
+    /// Guards the connection, its name and doorman, readiness, the current sender, and those
+    /// members of derived classes that say so.
     boost::shared_mutex t_stateMutex;
     boost::shared_mutex t_watchMutex; ///< Guards what is registered: the object, and watches.
     std::string t_currentSender;      ///< Changes on the thread that handles messages only.

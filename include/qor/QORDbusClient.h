@@ -20,9 +20,10 @@ namespace qor
 /// Normally obtained from TCDbusClientProvider. See TCDbus for the main context and the lifetime.
 ///
 /// A client that was up once finds the bus again after a restart of the daemon: it tries once a
-/// second while its main context is iterated, and at a send, whichever thread makes it. Its
-/// callbacks stay registered, and the service learns of them as after any appearance. It then has a
-/// connection of its own and a new unique name. Nothing that was sent is sent again.
+/// second while its main context is iterated, and at a send, whichever thread makes it; every 20 s
+/// where something accepts the connection and does not answer. Its callbacks stay registered, and
+/// the service learns of them as after any appearance. It then has a connection of its own and a
+/// new unique name. Nothing that was sent is sent again.
 class QOR_API TCDbusClient : public TCDbus, public IDbusClient
 {
 public:

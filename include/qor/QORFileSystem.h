@@ -28,7 +28,7 @@ public:
     /// counts as absent. Logs nothing.
     static bool FileExists(boost::filesystem::path path);
 
-    /// Whether the path is a directory. Everything else is an error in the log.
+    /// Whether the path is a directory; false, with an error in the log, for everything else.
     static bool FolderExists(boost::filesystem::path path);
 
     /// The time of the last modification in seconds since the epoch; 0, with an error in the log,
@@ -126,8 +126,9 @@ public:
     /// @param permissions  may carry the add or the remove modifier
     /// @param userId       -1: not given
     /// @param groupId      -1: not given
-    /// @return false, with an error in the log, when one of the two failed; without the bits the
-    ///         owner is not tried
+    /// @return false, with an error in the log, when one of the two failed. Where the bits cannot
+    /// be
+    ///         set, the owner is left as it is.
     static bool SetPermissions(boost::filesystem::path path, boost::filesystem::perms permissions,
                                int userId, int groupId);
 

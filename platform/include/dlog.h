@@ -26,7 +26,8 @@ extern "C"
 
     /**
      * Writes one line to the platform log. Never blocks and never fails its caller: a line that
-     * cannot be written at once is dropped. May be called from any thread; preserves errno.
+     * cannot be written at once is dropped, and one of more than 4 KiB is cut off. May be called
+     * from any thread; preserves errno.
      *
      * With QOR_DLOG=stderr in the environment the line goes to standard error, otherwise to the
      * local syslog socket where there is one, else nowhere. The priority becomes the syslog
