@@ -126,9 +126,8 @@ public:
     /// @param permissions  may carry the add or the remove modifier
     /// @param userId       -1: not given
     /// @param groupId      -1: not given
-    /// @return false, with an error in the log, when one of the two failed. Where the bits cannot
-    /// be
-    ///         set, the owner is left as it is.
+    /// @return false, with an error in the log, when one of the two failed. The owner is
+    ///         left as it is where the bits cannot be set.
     static bool SetPermissions(boost::filesystem::path path, boost::filesystem::perms permissions,
                                int userId, int groupId);
 
