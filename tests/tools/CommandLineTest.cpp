@@ -162,7 +162,7 @@ TEST_F(CommandLine, StrangeServicesAreNotBelieved)
     EXPECT_EQ(Qorctl({"status"}).out.find('\033'), std::string::npos);
     Expect(3, "cannot be read", "get-policy");
     service.AnswerWith({Answer::REPLY, {1, 'n', 'o'}});
-    Expect(2, "cannot be read", "status");
+    Expect(3, "cannot be read", "status");
 }
 
 TEST(ServiceMessage, AnythingButOneWholeAnswerIsRefused)

@@ -62,7 +62,7 @@ void AddPolicyCommands(CLI::App& app, TSOptions& options)
         ->check(tools::NotEmpty("the name of a file"));
 
     AddCommand(app, options, "history", History, "List the policies that the service keeps",
-               "Exit status: 0 listed, 2 no answer, 3 an answer that cannot be read.");
+               "Exit status: 0 listed, 1 refused, 2 no answer, 3 an answer that cannot be read.");
     CLI::App* pRestore =
         AddCommand(app, options, "restore", Restore, "Put a kept policy in force again", statuses);
     pRestore->add_option("NUMBER", options.m_number, "Of a kept policy, as history prints it")
@@ -97,9 +97,10 @@ void AddListen(CLI::App& app, TSOptions& options)
 void AddQuestions(CLI::App& app, TSOptions& options)
 {
     AddCommand(app, options, "status", Status, "Tell how the service is",
-               "Exit status: 0 it answers, 2 it is not on the bus or does not answer.");
+               "Exit status: 0 it answers, 2 it is not on the bus or does not answer, "
+               "3 an answer that cannot be read.");
     AddCommand(app, options, "clients", Clients, "List who is registered for the service's events",
-               "Exit status: 0 listed, 2 no answer, 3 an answer that cannot be read.");
+               "Exit status: 0 listed, 1 refused, 2 no answer, 3 an answer that cannot be read.");
     AddCommand(app, options, "info", Info, "Print where the policy is, and what platform this is",
                "Needs no service and no bus. Exit status: 0.");
 }

@@ -184,7 +184,7 @@ std::optional<TJson> AskStatus(const TSOptions& options, std::string& error)
     if (!status.is_object())
     {
         error = "the service's answer cannot be read";
-        return std::nullopt;
+        return TJson();
     }
     return status;
 }

@@ -34,8 +34,8 @@ std::optional<qor::TByteArray> AskService(const TSOptions& options, int type,
 /// Whether the service is there, asked of the bus: that starts no service.
 tools::TSServiceStatus FindService(const TSOptions& options);
 
-/// What the service tells about itself; an object, or nothing with the reason in error. A service
-/// that is not running may be started.
+/// What the service tells about itself: an object, or with the reason in error null for an answer
+/// that cannot be read, and nothing where none came. A service that is not running may be started.
 std::optional<TJson> AskStatus(const TSOptions& options, std::string& error);
 
 } // namespace qorctl

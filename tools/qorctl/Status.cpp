@@ -27,8 +27,9 @@ std::optional<TJson> AskRunning(const TSOptions& options, int& exitStatus)
     }
     std::string error;
     auto status = AskStatus(options, error);
-    if (!status)
+    if (!status || status->is_null())
     {
+        exitStatus = status ? tools::EXIT_BAD_ANSWER : tools::EXIT_NOT_DELIVERED;
         SayError(std::string(tools::ServiceName(options.m_testNames)) +
                  " is on the bus (unique name " + found.m_owner + ", process id " +
                  std::to_string(found.m_processId) + "), but does not tell: " + error);
