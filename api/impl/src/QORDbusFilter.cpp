@@ -144,71 +144,6 @@ GDBusMessage* TCDbusFilter::m_Filter(GDBusConnection* /*pConnection*/, GDBusMess
 
 // --- Our own calls -------------------------------------------------------------------------------
 
-std::uint32_t TCDbusFilter::Call(GDBusMessage* pCall, const TAnswerHandler& handler,
-                                 GError** ppError)
-{
-    // Held while sending: the answer cannot be looked at before it is known to be awaited.
-    const TCMutexLock lock(m_mutex);
-    std::uint32_t serial = 0;
-    if (!g_dbus_connection_send_message(m_pConnection.get(), pCall, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
-                                        &serial, ppError))
-    {
-        return 0;
-    }
-    const std::size_t size = SizeOf(pCall);
-    m_awaited.emplace(serial, TSAwaited{handler, size});
-    m_unsentBytes += size;
-    return serial;
-}
-
-void TCDbusFilter::Forget(std::uint32_t serial)
-{
-    const TCMutexLock lock(m_mutex);
-    m_EndAwaiting(serial);
-}
-
-std::size_t TCDbusFilter::UnsentBytes()
-{
-    const TCMutexLock lock(m_mutex);
-    return m_unsentBytes;
-}
-
-void TCDbusFilter::m_NoteSent(GDBusMessage* pMessage)
-{
-    const TCMutexLock lock(m_mutex);
-    const auto found = m_awaited.find(g_dbus_message_get_serial(pMessage));
-    if (found != m_awaited.end())
-    {
-        m_unsentBytes -= std::exchange(found->second.m_unsent, 0);
-    }
-}
-
-bool TCDbusFilter::m_TakeAnswer(GDBusMessage* pMessage)
-{
-    const TCMutexLock lock(m_mutex);
-    const TAnswerHandler handler = m_EndAwaiting(g_dbus_message_get_reply_serial(pMessage));
-    if (!handler)
-    {
-        return false;
-    }
-    handler(pMessage);
-    return true;
-}
-
-// Called with the mutex held. No handler when the call is not awaited.
-TCDbusFilter::TAnswerHandler TCDbusFilter::m_EndAwaiting(std::uint32_t serial)
-{
-    const auto found = m_awaited.find(serial);
-    if (found == m_awaited.end())
-    {
-        return TAnswerHandler();
-    }
-    TAnswerHandler handler = std::move(found->second.m_handler);
-    m_unsentBytes -= found->second.m_unsent;
-    m_awaited.erase(found);
-    return handler;
-}
-
 // Who waits for an answer on a thread of its own.
 struct TCDbusFilter::TSWaiter
 {
@@ -239,25 +174,103 @@ struct TCDbusFilter::TSWaiter
     TGlibPtr<GDBusMessage> m_pAnswer; // guarded by the filter's mutex
 };
 
+std::uint32_t TCDbusFilter::Call(GDBusMessage* pCall, const TAnswerHandler& handler,
+                                 GError** ppError)
+{
+    return m_Send(pCall, {handler, SizeOf(pCall), nullptr}, ppError);
+}
+
+std::uint32_t TCDbusFilter::m_Send(GDBusMessage* pCall, TSAwaited awaited, GError** ppError)
+{
+    // Held while sending: the answer cannot be looked at before it is known to be awaited.
+    const TCMutexLock lock(m_mutex);
+    m_unsentBytes += awaited.m_unsent;
+    std::uint32_t serial = 0;
+    if (!g_dbus_connection_send_message(m_pConnection.get(), pCall, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                        &serial, ppError))
+    {
+        m_unsentBytes -= awaited.m_unsent;
+        return 0;
+    }
+    m_awaited.emplace(serial, std::move(awaited));
+    return serial;
+}
+
+void TCDbusFilter::Forget(std::uint32_t serial)
+{
+    const TCMutexLock lock(m_mutex);
+    m_EndAwaiting(serial);
+}
+
+std::size_t TCDbusFilter::UnsentBytes() const
+{
+    return m_unsentBytes;
+}
+
+void TCDbusFilter::m_NoteSent(GDBusMessage* pMessage)
+{
+    // Without the mutex, which a thread that waits for its own call's answer may still hold.
+    if (m_unsentBytes == 0)
+    {
+        return;
+    }
+    const TCMutexLock lock(m_mutex);
+    const auto found = m_awaited.find(g_dbus_message_get_serial(pMessage));
+    if (found != m_awaited.end())
+    {
+        m_unsentBytes -= std::exchange(found->second.m_unsent, 0);
+    }
+}
+
+bool TCDbusFilter::m_TakeAnswer(GDBusMessage* pMessage)
+{
+    std::shared_ptr<TSWaiter> pWaiter;
+    {
+        const TCMutexLock lock(m_mutex);
+        TSAwaited awaited = m_EndAwaiting(g_dbus_message_get_reply_serial(pMessage));
+        pWaiter = std::move(awaited.m_pWaiter);
+        if (pWaiter == nullptr && !awaited.m_handler)
+        {
+            return false;
+        }
+        if (pWaiter == nullptr)
+        {
+            awaited.m_handler(pMessage);
+            return true;
+        }
+        pWaiter->m_pAnswer.reset(static_cast<GDBusMessage*>(g_object_ref(pMessage)));
+    }
+    pthread_cond_signal(&pWaiter->m_changed); // without the mutex: who wakes up needs it at once
+    return true;
+}
+
+// Called with the mutex held. Neither handler nor waiter when the call is not awaited.
+TCDbusFilter::TSAwaited TCDbusFilter::m_EndAwaiting(std::uint32_t serial)
+{
+    const auto found = m_awaited.find(serial);
+    if (found == m_awaited.end())
+    {
+        return TSAwaited();
+    }
+    TSAwaited awaited = std::move(found->second);
+    m_unsentBytes -= awaited.m_unsent;
+    m_awaited.erase(found);
+    return awaited;
+}
+
 TGlibPtr<GDBusMessage> TCDbusFilter::CallAndWait(GDBusMessage* pCall, int timeoutMs,
                                                  GError** ppError)
 {
     const gint64 deadline = g_get_monotonic_time() + timeoutMs * G_TIME_SPAN_MILLISECOND;
-    TSWaiter waiter;
-    const std::uint32_t serial = Call(
-        pCall,
-        [&waiter](GDBusMessage* pAnswer)
-        {
-            waiter.m_pAnswer.reset(static_cast<GDBusMessage*>(g_object_ref(pAnswer)));
-            pthread_cond_signal(&waiter.m_changed);
-        },
-        ppError);
+    const auto pWaiter = std::make_shared<TSWaiter>();
+    // Who waits for each answer piles nothing up, so the size is of no interest.
+    const std::uint32_t serial = m_Send(pCall, {nullptr, 0, pWaiter}, ppError);
     if (serial == 0)
     {
         return nullptr;
     }
     const TCMutexLock lock(m_mutex);
-    while (waiter.m_pAnswer == nullptr)
+    while (pWaiter->m_pAnswer == nullptr)
     {
         const gint64 now = g_get_monotonic_time();
         const bool isClosed = g_dbus_connection_is_closed(m_pConnection.get());
@@ -269,9 +282,9 @@ TGlibPtr<GDBusMessage> TCDbusFilter::CallAndWait(GDBusMessage* pCall, int timeou
                                 isClosed ? "The connection is closed" : "Timeout was reached");
             return nullptr;
         }
-        waiter.WaitUntil(m_mutex, std::min(deadline, now + CLOSED_CHECK_US));
+        pWaiter->WaitUntil(m_mutex, std::min(deadline, now + CLOSED_CHECK_US));
     }
-    return std::move(waiter.m_pAnswer);
+    return std::move(pWaiter->m_pAnswer);
 }
 
 // --- Other people's calls ------------------------------------------------------------------------

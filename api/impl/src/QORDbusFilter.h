@@ -8,11 +8,13 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <unordered_map>
 
@@ -56,8 +58,9 @@ public:
     std::uint32_t Call(GDBusMessage* pCall, const TAnswerHandler& handler, GError** ppError);
     // When it returns, the handler does not run and will not run any more.
     void Forget(std::uint32_t serial);
-    // The bytes of calls that GDBus has yet to write. They pile up where the bus does not read on.
-    std::size_t UnsentBytes();
+    // The bytes of such calls that GDBus has yet to write. They pile up where the bus does not read
+    // on.
+    std::size_t UnsentBytes() const;
 
     // Sends a call and waits on this thread, without a main context. A message, perhaps an error
     // reply, or null with an error: the timeout, or a connection that closes.
@@ -87,17 +90,19 @@ private:
     struct TSWaiter;
     struct TSAwaited
     {
-        TAnswerHandler m_handler;
-        std::size_t m_unsent; // bytes
+        TAnswerHandler m_handler;            // either this
+        std::size_t m_unsent = 0;            // bytes
+        std::shared_ptr<TSWaiter> m_pWaiter; // or this
     };
 
     static GDBusMessage* m_Filter(GDBusConnection* pConnection, GDBusMessage* pMessage,
                                   int isIncoming, void* pFilter);
     static void m_HasLeft(void* pFilter);
 
+    std::uint32_t m_Send(GDBusMessage* pCall, TSAwaited awaited, GError** ppError);
     void m_NoteSent(GDBusMessage* pMessage);
     bool m_TakeAnswer(GDBusMessage* pMessage);
-    TAnswerHandler m_EndAwaiting(std::uint32_t serial);
+    TSAwaited m_EndAwaiting(std::uint32_t serial);
     bool m_Admit(GDBusMessage* pCall);
     const char* m_Objection(GDBusMessage* pCall, const TSSender& sender, std::size_t size);
     bool m_IsFull(std::size_t size) const;
@@ -117,8 +122,8 @@ private:
     pthread_mutex_t m_mutex; // guards everything below
     bool m_admits;
     std::unordered_map<std::uint32_t, TSAwaited> m_awaited; // by serial
-    std::size_t m_unsentBytes;
-    std::map<std::string, TSSender> m_senders; // by unique name
+    std::atomic<std::size_t> m_unsentBytes;                 // changed under the mutex
+    std::map<std::string, TSSender> m_senders;              // by unique name
     std::size_t m_sendersWhenSettled;
     std::size_t m_calls; // of all senders
     std::size_t m_bytes;
