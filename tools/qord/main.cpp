@@ -1,6 +1,8 @@
 // qord, the reference service.
 #include <exception>
 
+#include <malloc.h>
+
 #include <qor/QORDebug.h>
 #include <qor/QORDirsManager.h>
 
@@ -10,8 +12,13 @@
 #include "qord/Report.h"
 #include "qord/Service.h"
 
+// From this size on a block goes back to the system when it is freed. The allocator would raise the
+// mark to the largest block that it has seen, and one message of 32 MiB would be kept for good.
+constexpr int RETURNED_BLOCK = 4 << 20;
+
 int main(int count, char** pArguments)
 {
+    mallopt(M_MMAP_THRESHOLD, RETURNED_BLOCK);
     tools::GuardStandardStreams();
     try
     {
