@@ -1,9 +1,8 @@
-// The doorman of an endpoint's connection: admission of calls, and the answers to our own.
+// The doorman of an endpoint's connection: who passes, and what other people's calls are let in.
 #include "QORDbusFilter.h"
 
 #include <algorithm>
 #include <cstring>
-#include <ctime>
 #include <iterator>
 #include <utility>
 
@@ -21,17 +20,9 @@ namespace qor
 namespace
 {
 
-// A connection that closes tells nobody on this thread, so a waiting one looks.
-constexpr gint64 CLOSED_CHECK_US = 100 * G_TIME_SPAN_MILLISECOND;
 // Refusals of one sender that are less than this apart are one burst, and one log line.
 constexpr gint64 BURST_GAP_US = 10 * G_TIME_SPAN_SECOND;
 constexpr std::size_t SETTLE_FROM = 64;
-
-std::size_t SizeOf(GDBusMessage* pMessage)
-{
-    GVariant* pBody = g_dbus_message_get_body(pMessage);
-    return pBody == nullptr ? 0 : g_variant_get_size(pBody);
-}
 
 bool IsText(const char* text, const char* expected)
 {
@@ -142,151 +133,6 @@ GDBusMessage* TCDbusFilter::m_Filter(GDBusConnection* /*pConnection*/, GDBusMess
     return pMessage;
 }
 
-// --- Our own calls -------------------------------------------------------------------------------
-
-// Who waits for an answer on a thread of its own.
-struct TCDbusFilter::TSWaiter
-{
-    TSWaiter() : m_changed()
-    {
-        pthread_condattr_t attributes;
-        pthread_condattr_init(&attributes);
-        pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-        pthread_cond_init(&m_changed, &attributes);
-        pthread_condattr_destroy(&attributes);
-    }
-    ~TSWaiter()
-    {
-        pthread_cond_destroy(&m_changed);
-    }
-    TSWaiter(const TSWaiter&) = delete;
-    TSWaiter& operator=(const TSWaiter&) = delete;
-
-    void WaitUntil(pthread_mutex_t& mutex, gint64 time)
-    {
-        timespec deadline{};
-        deadline.tv_sec = static_cast<time_t>(time / G_USEC_PER_SEC);
-        deadline.tv_nsec = static_cast<long>(time % G_USEC_PER_SEC) * 1000;
-        pthread_cond_timedwait(&m_changed, &mutex, &deadline);
-    }
-
-    pthread_cond_t m_changed;
-    TGlibPtr<GDBusMessage> m_pAnswer; // guarded by the filter's mutex
-};
-
-std::uint32_t TCDbusFilter::Call(GDBusMessage* pCall, const TAnswerHandler& handler,
-                                 GError** ppError)
-{
-    return m_Send(pCall, {handler, SizeOf(pCall), nullptr}, ppError);
-}
-
-std::uint32_t TCDbusFilter::m_Send(GDBusMessage* pCall, TSAwaited awaited, GError** ppError)
-{
-    // Held while sending: the answer cannot be looked at before it is known to be awaited.
-    const TCMutexLock lock(m_mutex);
-    m_unsentBytes += awaited.m_unsent;
-    std::uint32_t serial = 0;
-    if (!g_dbus_connection_send_message(m_pConnection.get(), pCall, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
-                                        &serial, ppError))
-    {
-        m_unsentBytes -= awaited.m_unsent;
-        return 0;
-    }
-    m_awaited.emplace(serial, std::move(awaited));
-    return serial;
-}
-
-void TCDbusFilter::Forget(std::uint32_t serial)
-{
-    const TCMutexLock lock(m_mutex);
-    m_EndAwaiting(serial);
-}
-
-std::size_t TCDbusFilter::UnsentBytes() const
-{
-    return m_unsentBytes;
-}
-
-void TCDbusFilter::m_NoteSent(GDBusMessage* pMessage)
-{
-    // Without the mutex, which a thread that waits for its own call's answer may still hold.
-    if (m_unsentBytes == 0)
-    {
-        return;
-    }
-    const TCMutexLock lock(m_mutex);
-    const auto found = m_awaited.find(g_dbus_message_get_serial(pMessage));
-    if (found != m_awaited.end())
-    {
-        m_unsentBytes -= std::exchange(found->second.m_unsent, 0);
-    }
-}
-
-bool TCDbusFilter::m_TakeAnswer(GDBusMessage* pMessage)
-{
-    std::shared_ptr<TSWaiter> pWaiter;
-    {
-        const TCMutexLock lock(m_mutex);
-        TSAwaited awaited = m_EndAwaiting(g_dbus_message_get_reply_serial(pMessage));
-        pWaiter = std::move(awaited.m_pWaiter);
-        if (pWaiter == nullptr && !awaited.m_handler)
-        {
-            return false;
-        }
-        if (pWaiter == nullptr)
-        {
-            awaited.m_handler(pMessage);
-            return true;
-        }
-        pWaiter->m_pAnswer.reset(static_cast<GDBusMessage*>(g_object_ref(pMessage)));
-    }
-    pthread_cond_signal(&pWaiter->m_changed); // without the mutex: who wakes up needs it at once
-    return true;
-}
-
-// Called with the mutex held. Neither handler nor waiter when the call is not awaited.
-TCDbusFilter::TSAwaited TCDbusFilter::m_EndAwaiting(std::uint32_t serial)
-{
-    const auto found = m_awaited.find(serial);
-    if (found == m_awaited.end())
-    {
-        return TSAwaited();
-    }
-    TSAwaited awaited = std::move(found->second);
-    m_unsentBytes -= awaited.m_unsent;
-    m_awaited.erase(found);
-    return awaited;
-}
-
-TGlibPtr<GDBusMessage> TCDbusFilter::CallAndWait(GDBusMessage* pCall, int timeoutMs,
-                                                 GError** ppError)
-{
-    const gint64 deadline = g_get_monotonic_time() + timeoutMs * G_TIME_SPAN_MILLISECOND;
-    const auto pWaiter = std::make_shared<TSWaiter>();
-    // Who waits for each answer piles nothing up, so the size is of no interest.
-    const std::uint32_t serial = m_Send(pCall, {nullptr, 0, pWaiter}, ppError);
-    if (serial == 0)
-    {
-        return nullptr;
-    }
-    const TCMutexLock lock(m_mutex);
-    while (pWaiter->m_pAnswer == nullptr)
-    {
-        const gint64 now = g_get_monotonic_time();
-        const bool isClosed = g_dbus_connection_is_closed(m_pConnection.get());
-        if (isClosed || now >= deadline)
-        {
-            m_EndAwaiting(serial);
-            g_set_error_literal(ppError, G_IO_ERROR,
-                                isClosed ? G_IO_ERROR_CLOSED : G_IO_ERROR_TIMED_OUT,
-                                isClosed ? "The connection is closed" : "Timeout was reached");
-            return nullptr;
-        }
-        pWaiter->WaitUntil(m_mutex, std::min(deadline, now + CLOSED_CHECK_US));
-    }
-    return std::move(pWaiter->m_pAnswer);
-}
-
 // --- Other people's calls ------------------------------------------------------------------------
 
 // Every call to our object counts, not only those of our interface: GDBus queues reads of
@@ -312,7 +158,7 @@ bool TCDbusFilter::m_Admit(GDBusMessage* pCall)
         }
         TSSender& sender = m_Sender(name);
         m_Settle(sender);
-        const std::size_t size = SizeOf(pCall);
+        const std::size_t size = m_SizeOf(pCall);
         objection = m_Objection(pCall, sender, size);
         if (objection == nullptr)
         {
@@ -332,6 +178,12 @@ bool TCDbusFilter::m_Admit(GDBusMessage* pCall)
     }
     m_Refuse(pCall, objection);
     return false;
+}
+
+std::size_t TCDbusFilter::m_SizeOf(GDBusMessage* pMessage)
+{
+    GVariant* pBody = g_dbus_message_get_body(pMessage);
+    return pBody == nullptr ? 0 : g_variant_get_size(pBody);
 }
 
 // Null when the call may pass.

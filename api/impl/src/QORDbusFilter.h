@@ -98,6 +98,7 @@ private:
     static GDBusMessage* m_Filter(GDBusConnection* pConnection, GDBusMessage* pMessage,
                                   int isIncoming, void* pFilter);
     static void m_HasLeft(void* pFilter);
+    static std::size_t m_SizeOf(GDBusMessage* pMessage);
 
     std::uint32_t m_Send(GDBusMessage* pCall, TSAwaited awaited, GError** ppError);
     void m_NoteSent(GDBusMessage* pMessage);
