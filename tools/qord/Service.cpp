@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <ctime>
@@ -30,6 +31,7 @@ namespace
 
 constexpr int g_stopLimitMs = 2600;
 constexpr std::chrono::milliseconds g_lastEventsLimit(1000); // for each of two
+constexpr unsigned long g_repeatAfterUs = 50000;             // a request has been answered
 constexpr unsigned int g_registrationMs = 1000; // the clients of a predecessor have registered
 
 } // namespace
@@ -215,6 +217,8 @@ void TCService::m_AnswerWith(int type, THandler handler)
 bool TCService::m_Answer(THandler handler, const qor::TByteArray& request,
                          qor::TByteArray& reply) noexcept
 {
+    ++m_begun;
+    g_idle_add_full(G_PRIORITY_HIGH, m_HasAnswered, this, nullptr); // when the reply is out
     try
     {
         return m_Begin() && (this->*handler)(request, m_WhoAsks(), reply);
@@ -279,11 +283,31 @@ void TCService::m_AnnounceAfterReply()
     }
 }
 
+std::size_t TCService::m_Suspended(int type)
+{
+    const auto clients = m_server->Clients();
+    return static_cast<std::size_t>(std::count_if(clients.begin(), clients.end(),
+                                                  [type](const auto& client) {
+                                                      return client.m_isSuspended &&
+                                                             client.m_types.count(type) != 0;
+                                                  }));
+}
+
+// An application may hear an event twice, but none misses it because it was asking for something.
 void TCService::m_Deliver(int type) noexcept
 {
     try
     {
-        const auto counts = m_server->SendMessage(type, {}, m_options.m_eventTimeoutMs);
+        const unsigned int ended = m_ended;
+        const unsigned int begun = m_begun;
+        auto counts = m_server->SendMessage(type, {}, m_options.m_eventTimeoutMs);
+        const bool wasAnswering = begun != ended || begun != m_begun;
+        if (wasAnswering && counts.second > m_Suspended(type))
+        {
+            // Who was just waiting for the reply to a request of its own has not been called.
+            g_usleep(g_repeatAfterUs);
+            counts = m_server->SendMessage(type, {}, m_options.m_eventTimeoutMs);
+        }
         Report("event %s: %zu delivered, %zu failed", tools::EventName(type), counts.first,
                counts.second);
         m_queries.Delivered(
@@ -317,6 +341,12 @@ int TCService::m_AnnouncePolicy(void* pService)
     auto* pThis = static_cast<TCService*>(pService);
     pThis->m_isAnnouncementDue = false;
     pThis->m_announcer->Announce(qor::ICallbacks::POLICY_UPDATE);
+    return G_SOURCE_REMOVE;
+}
+
+int TCService::m_HasAnswered(void* pService)
+{
+    ++static_cast<TCService*>(pService)->m_ended;
     return G_SOURCE_REMOVE;
 }
 

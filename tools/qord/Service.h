@@ -2,6 +2,7 @@
 #ifndef QORD_SERVICE_H
 #define QORD_SERVICE_H
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
@@ -56,12 +57,14 @@ private:
     bool m_GetPolicy(const qor::TByteArray& request, const TSAsker& asker, qor::TByteArray& reply);
     bool m_GetStatus(const qor::TByteArray& request, const TSAsker& asker, qor::TByteArray& reply);
     void m_AnnounceAfterReply();
+    std::size_t m_Suspended(int type);
     void m_Deliver(int type) noexcept;
 
     static int m_SayNothingToReload(void* pService);
     static int m_AskForProcessInfo(void* pService);
     static int m_AnnouncePolicy(void* pService);
     static int m_AnnounceStart(void* pService);
+    static int m_HasAnswered(void* pService);
 
     TSOptions m_options;
     TCPolicyHandler m_handler;
@@ -71,6 +74,8 @@ private:
     bool m_isRunning = true;
     bool m_isReady = false;
     int m_exitStatus = 0;
+    std::atomic<unsigned int> m_begun{0}; ///< Requests that came in,
+    std::atomic<unsigned int> m_ended{0}; ///< and those of them whose reply is out.
     bool m_isAnnouncementDue = false;
     unsigned int m_startAnnouncement = 0; ///< Source; 0 when it has run.
     std::vector<unsigned int> m_sources;
