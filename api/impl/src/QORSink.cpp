@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <stdio_ext.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <csignal>
 #include <ctime>
 #include <ios>
+#include <optional>
 
 namespace qor
 {
@@ -70,6 +72,12 @@ private:
     sigset_t m_before;  // the thread's mask
     sigset_t m_pending; // what the host has blocked, and not taken yet
 };
+
+bool HasFileSizeLimit()
+{
+    rlimit limit{};
+    return getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur != RLIM_INFINITY;
+}
 
 // Holds a stream's own lock.
 class TCStreamLock
@@ -162,10 +170,19 @@ FILE* OpenLogFile(const char* path)
 void PrintToFile(FILE* pFile, std::string_view line)
 {
     const TCStreamLock lock(pFile);
-    const TCWriteSignals signals;
+    // One question to the kernel instead of two changes of the mask: the file is a regular one, and
+    // writing there raises no signal but that of the limit.
+    std::optional<TCWriteSignals> signals;
+    if (HasFileSizeLimit())
+    {
+        signals.emplace();
+    }
     fwrite_unlocked(line.data(), 1, line.size(), pFile);
     fflush_unlocked(pFile);
-    signals.TakeBack();
+    if (signals)
+    {
+        signals->TakeBack();
+    }
 }
 
 // What fits beside what the stream holds back is not written yet, and needs no care.
