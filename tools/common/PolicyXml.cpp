@@ -1,6 +1,7 @@
 // Says whether a policy text is well-formed XML.
 #include "common/PolicyXml.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <new>
@@ -95,7 +96,15 @@ void CheckDeclaration(void* pParser, const char* version, const char* encoding, 
 
 TSXmlPlace Place(XML_Parser pParser, const char* reason)
 {
-    return {XML_GetCurrentLineNumber(pParser), XML_GetCurrentColumnNumber(pParser) + 1, reason};
+    // Expat 2.9 deprecates the calls whose width depends on how it was built.
+#if XML_MAJOR_VERSION > 2 || XML_MINOR_VERSION >= 9
+    const std::uint64_t line = XML_GetCurrentLineNumber64(pParser);
+    const std::uint64_t column = XML_GetCurrentColumnNumber64(pParser);
+#else
+    const XML_Size line = XML_GetCurrentLineNumber(pParser);
+    const XML_Size column = XML_GetCurrentColumnNumber(pParser);
+#endif
+    return {static_cast<std::size_t>(line), static_cast<std::size_t>(column) + 1, reason};
 }
 
 qor::EPolicyResult RefuseAt(const TSXmlPlace& place, std::string& error, TSXmlPlace* pPlace)
