@@ -234,7 +234,7 @@ TEST_F(Fault, OutputThatNobodyReadsIsDroppedAndCounted)
     const std::string out = m_directory.Path("out");
     ASSERT_EQ(mkfifo(out.c_str(), 0600), 0);
     const int reader = open(out.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    auto qord = StartTool("sh", {"-c", "exec " QORD " --policy " + m_policyFile + " >" + out});
+    auto qord = StartTool("sh", {"-c", "exec '" QORD "' --policy " + m_policyFile + " >" + out});
     ASSERT_TRUE(WaitUntil([&] { return SendPolicy(m_client, "<a/>") == 0; }));
     for (int i = 0; i < 1200; ++i)
     {
