@@ -60,12 +60,15 @@ protected:
         {
             fclose(m_debug.m_pLogFile); // the library never closes its own
         }
-        unlink(m_path.c_str());
+        unlink(Path().c_str());
     }
 
     qor::TCDebug m_debug;
     std::string m_name = "dir/svc";
-    const std::string m_path = "/tmp/qor_dir_svc_" + std::to_string(getpid()) + ".log";
+    static std::string Path() // of this process, which may be a child
+    {
+        return "/tmp/qor_dir_svc_" + std::to_string(getpid()) + ".log";
+    }
     char* const m_pBefore = __progname;
 };
 
@@ -74,12 +77,12 @@ TEST_F(Debug, FreshSettingsPrintOnStandardOutputAndTheFileIsAppendedTo)
     EXPECT_FALSE(m_debug.m_perfLog);
     EXPECT_EQ(StdoutOf([&] { m_debug.External("qor::TCThing", "Do", 12, "value %d", 7); }),
               "QOR >qor::TCThing:Do:12< value 7\n");
-    EXPECT_NE(access(m_path.c_str(), F_OK), 0);
+    EXPECT_NE(access(Path().c_str(), F_OK), 0);
 
     setenv("QOR_STDOUT", "0", 1);
     EXPECT_FALSE(qor::TCDebug().m_stdoutLog);
     unsetenv("QOR_STDOUT");
-    WriteFile(m_path, "older\n");
+    WriteFile(Path(), "older\n");
     m_debug.EnableStdoutLog(false);
     m_debug.EnableFileLog(true);
     m_debug.External("C", "F", 1, "first");
@@ -88,13 +91,13 @@ TEST_F(Debug, FreshSettingsPrintOnStandardOutputAndTheFileIsAppendedTo)
     EXPECT_EQ(StdoutOf([&] { m_debug.External("C", "F", 2, "between"); }), "");
     m_debug.EnableFileLog(true);
     m_debug.External("C", "F", 3, "last"); // flushed
-    EXPECT_EQ(ReadFile(m_path), "older\nQOR >C:F:1< first\nQOR >C:F:3< last\n");
+    EXPECT_EQ(ReadFile(Path()), "older\nQOR >C:F:1< first\nQOR >C:F:3< last\n");
 }
 
 TEST_F(Debug, OnlyARegularFileOfThisUserBecomesTheLogFile)
 {
     const TemporaryDirectory directory;
-    const std::string victim = directory.Path("victim"), trap = m_path;
+    const std::string victim = directory.Path("victim"), trap = Path();
     const std::function<int()> traps[] = {[&] { return symlink(victim.c_str(), trap.c_str()); },
                                           [&] { return link(victim.c_str(), trap.c_str()); },
                                           [&] { return mkfifo(trap.c_str(), 0600); },
@@ -151,7 +154,7 @@ TEST_F(Debug, HostGetsNoSignalForALineAndKeepsItsOwn)
         }
         std::signal(signal, SIG_DFL);
         qor::TCDeactivator::RegisterDBUS([] { qor::TCDebug::m_instance.Assert("late", 1); });
-        unlink(m_path.c_str());
+        unlink(Path().c_str());
         std::exit(isReady ? g_signals : 99);
     };
     for (const int signal : {SIGPIPE, SIGXFSZ})
