@@ -42,13 +42,15 @@ file(RELATIVE_PATH QOR_PC_PREFIX "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMA
 configure_file(cmake/qor.pc.in qor.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qor.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 
+set(QOR_BUS_DIR ${CMAKE_INSTALL_DATADIR}/dbus-1)
+install(FILES data/com.norvane.qor.IControl.xml DESTINATION ${QOR_BUS_DIR}/interfaces COMPONENT dev)
+
 if(NOT QOR_BUILD_TOOLS)
     return()
 endif()
 install(TARGETS qord qorctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 
 # --- The service on the bus ----------------------------------------------------------------------
-set(QOR_BUS_DIR ${CMAKE_INSTALL_DATADIR}/dbus-1)
 set(QOR_UNIT_DIR lib/systemd)
 set(QOR_STATE_DIR ${CMAKE_INSTALL_FULL_LOCALSTATEDIR}/lib/qor)
 configure_file(data/com.norvane.qor.IControl.service.in com.norvane.qor.IControl.service @ONLY)
