@@ -148,7 +148,7 @@ TEST_F(Debug, HostGetsNoSignalForALineAndKeepsItsOwn)
         sigaddset(&set, signal);
         for (int i = 0; isMany && i < 200; ++i)
         {
-            i % 50 == 49 ? sigprocmask(SIG_BLOCK, &set, nullptr) + raise(signal) : 0;
+            raise(i % 50 == 49 && sigprocmask(SIG_BLOCK, &set, nullptr) == 0 ? signal : 0);
             print();
             sigprocmask(SIG_UNBLOCK, &set, nullptr);
         }
