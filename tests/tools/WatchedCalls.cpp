@@ -119,7 +119,7 @@ extern "C"
     }
     ssize_t readlink(const char* path, char* buffer, size_t size) noexcept
     {
-        return Step(Nothing, SYS_readlink, path, buffer, size);
+        return Step(Nothing, SYS_readlinkat, AT_FDCWD, path, buffer, size);
     }
     int fstatat(int directory, const char* name, struct stat* pStatus, int flags) noexcept
     {
