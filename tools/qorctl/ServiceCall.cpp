@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <utility>
 
 #include <gio/gio.h>
 
@@ -184,9 +185,9 @@ std::optional<TJson> AskStatus(const TSOptions& options, std::string& error)
     if (!status.is_object())
     {
         error = "the service's answer cannot be read";
-        return TJson();
+        return std::make_optional(TJson());
     }
-    return status;
+    return std::make_optional(std::move(status));
 }
 
 } // namespace qorctl
