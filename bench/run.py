@@ -385,7 +385,7 @@ def growth(bench):
 def start_up(bench):
     name = PEER_NAMES["bench-gdbus"][1]
     count = 5
-    library = (bench.programs / ".." / "api" / "libQOR.so").resolve()
+    library = bench.programs.parent / "api" / "libQOR.so"
     with bench.running(
         ("bench-qor", "server"), ("bench-gdbus", "server", name), ("bench-launcher",)
     ) as (_, _, launcher):
@@ -529,7 +529,9 @@ def main():
     work = pathlib.Path(tempfile.mkdtemp(prefix="qor-bench-"))
     bench = None
     try:
-        bench = Bench(arguments.programs.resolve(), arguments.quick, work)
+        # Relative, for the launcher takes its words apart at spaces.
+        programs = pathlib.Path(os.path.relpath(arguments.programs))
+        bench = Bench(programs, arguments.quick, work)
         print(
             f"{'contest':<14} {'case':<24} {'peer':<26} {'ours':>9} {'p99':>9} {'theirs':>9}"
             f" {'p99':>9} {'unit':<5} {'ratio':>7}  spread (quartiles)"

@@ -51,21 +51,31 @@ struct TCDbusFilter::TSWaiter
 std::uint32_t TCDbusFilter::Call(GDBusMessage* pCall, const TAnswerHandler& handler,
                                  GError** ppError)
 {
-    return m_Send(pCall, {handler, m_SizeOf(pCall), nullptr}, ppError);
+    const std::size_t size = m_SizeOf(pCall);
+    m_unsentBytes += size;
+    const std::uint32_t serial = m_Send(pCall, {handler, nullptr}, ppError);
+    const TCMutexLock lock(m_sentMutex);
+    if (serial == 0 || m_IsSent(serial))
+    {
+        m_unsentBytes -= size;
+    }
+    else
+    {
+        m_unsent.emplace_back(serial, size);
+    }
+    return serial;
 }
 
 std::uint32_t TCDbusFilter::m_Send(GDBusMessage* pCall, TSAwaited awaited, GError** ppError)
 {
-    // Held while sending: the answer cannot be looked at before it is known to be awaited.
-    const TCMutexLock lock(m_mutex);
-    m_unsentBytes += awaited.m_unsent;
+    const TCMutexLock sendLock(m_sendMutex);
     std::uint32_t serial = 0;
     if (!g_dbus_connection_send_message(m_pConnection.get(), pCall, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
                                         &serial, ppError))
     {
-        m_unsentBytes -= awaited.m_unsent;
         return 0;
     }
+    const TCMutexLock lock(m_mutex);
     m_awaited.emplace(serial, std::move(awaited));
     return serial;
 }
@@ -81,27 +91,43 @@ std::size_t TCDbusFilter::UnsentBytes() const
     return m_unsentBytes;
 }
 
+// Messages are written in the order of their serials, which start again after the last one.
+bool TCDbusFilter::m_IsSent(std::uint32_t serial) const
+{
+    return static_cast<std::int32_t>(m_lastSent - serial) >= 0;
+}
+
 void TCDbusFilter::m_NoteSent(GDBusMessage* pMessage)
 {
-    // Without the mutex, which a thread that waits for its own call's answer may still hold.
-    if (m_unsentBytes == 0)
+    const TCMutexLock lock(m_sentMutex);
+    m_lastSent = g_dbus_message_get_serial(pMessage);
+    while (!m_unsent.empty() && m_IsSent(m_unsent.front().first))
     {
-        return;
-    }
-    const TCMutexLock lock(m_mutex);
-    const auto found = m_awaited.find(g_dbus_message_get_serial(pMessage));
-    if (found != m_awaited.end())
-    {
-        m_unsentBytes -= std::exchange(found->second.m_unsent, 0);
+        m_unsentBytes -= m_unsent.front().second;
+        m_unsent.pop_front();
     }
 }
 
 bool TCDbusFilter::m_TakeAnswer(GDBusMessage* pMessage)
 {
+    const std::uint32_t serial = g_dbus_message_get_reply_serial(pMessage);
+    if (m_HandOver(serial, pMessage))
+    {
+        return true;
+    }
+    // An answer may overtake the end of its call's sending: once nobody sends, it is known.
+    {
+        const TCMutexLock sendLock(m_sendMutex);
+    }
+    return m_HandOver(serial, pMessage);
+}
+
+bool TCDbusFilter::m_HandOver(std::uint32_t serial, GDBusMessage* pMessage)
+{
     std::shared_ptr<TSWaiter> pWaiter;
     {
         const TCMutexLock lock(m_mutex);
-        TSAwaited awaited = m_EndAwaiting(g_dbus_message_get_reply_serial(pMessage));
+        TSAwaited awaited = m_EndAwaiting(serial);
         pWaiter = std::move(awaited.m_pWaiter);
         if (pWaiter == nullptr && !awaited.m_handler)
         {
@@ -127,7 +153,6 @@ TCDbusFilter::TSAwaited TCDbusFilter::m_EndAwaiting(std::uint32_t serial)
         return TSAwaited();
     }
     TSAwaited awaited = std::move(found->second);
-    m_unsentBytes -= awaited.m_unsent;
     m_awaited.erase(found);
     return awaited;
 }
@@ -137,8 +162,7 @@ TGlibPtr<GDBusMessage> TCDbusFilter::CallAndWait(GDBusMessage* pCall, int timeou
 {
     const gint64 deadline = g_get_monotonic_time() + timeoutMs * G_TIME_SPAN_MILLISECOND;
     const auto pWaiter = std::make_shared<TSWaiter>();
-    // Who waits for each answer piles nothing up, so the size is of no interest.
-    const std::uint32_t serial = m_Send(pCall, {nullptr, 0, pWaiter}, ppError);
+    const std::uint32_t serial = m_Send(pCall, {nullptr, pWaiter}, ppError);
     if (serial == 0)
     {
         return nullptr;

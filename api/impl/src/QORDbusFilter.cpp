@@ -59,9 +59,12 @@ TCDbusFilter::TCDbusFilter(TGlibPtr<GDBusConnection> pConnection, TGlibPtr<GMain
       m_pContext(std::move(pContext)),
       m_id(0),
       m_hasLeft(false),
+      m_sendMutex(PTHREAD_MUTEX_INITIALIZER),
+      m_sentMutex(PTHREAD_MUTEX_INITIALIZER),
+      m_lastSent(0),
+      m_unsentBytes(0),
       m_mutex(PTHREAD_MUTEX_INITIALIZER),
       m_admits(true),
-      m_unsentBytes(0),
       m_sendersWhenSettled(SETTLE_FROM),
       m_calls(0),
       m_bytes(0)

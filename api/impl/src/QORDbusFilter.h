@@ -17,6 +17,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 #include <gio/gio.h>
 
@@ -26,8 +27,8 @@ namespace qor
 {
 
 // The host may share the connection, so the filter sees foreign traffic too and lets it pass
-// untouched. It runs on GDBus's worker thread, which must not wait: it takes no lock but m_mutex,
-// under which nothing is waited for.
+// untouched. It runs on GDBus's worker thread, which must not wait: nothing is waited for under the
+// locks that it takes.
 class TCDbusFilter
 {
 public:
@@ -91,7 +92,6 @@ private:
     struct TSAwaited
     {
         TAnswerHandler m_handler;            // either this
-        std::size_t m_unsent = 0;            // bytes
         std::shared_ptr<TSWaiter> m_pWaiter; // or this
     };
 
@@ -101,8 +101,10 @@ private:
     static std::size_t m_SizeOf(GDBusMessage* pMessage);
 
     std::uint32_t m_Send(GDBusMessage* pCall, TSAwaited awaited, GError** ppError);
+    bool m_IsSent(std::uint32_t serial) const;
     void m_NoteSent(GDBusMessage* pMessage);
     bool m_TakeAnswer(GDBusMessage* pMessage);
+    bool m_HandOver(std::uint32_t serial, GDBusMessage* pMessage);
     TSAwaited m_EndAwaiting(std::uint32_t serial);
     bool m_Admit(GDBusMessage* pCall);
     const char* m_Objection(GDBusMessage* pCall, const TSSender& sender, std::size_t size);
@@ -120,10 +122,17 @@ private:
     unsigned int m_id;
     bool m_hasLeft; // only on the thread that destroys the filter
 
+    // Held while a call is sent, until it is awaited; m_mutex is taken inside.
+    pthread_mutex_t m_sendMutex;
+
+    pthread_mutex_t m_sentMutex;                                // guards these two, alone
+    std::uint32_t m_lastSent;                                   // serial
+    std::deque<std::pair<std::uint32_t, std::size_t>> m_unsent; // serials and sizes of calls
+    std::atomic<std::size_t> m_unsentBytes;
+
     pthread_mutex_t m_mutex; // guards everything below
     bool m_admits;
     std::unordered_map<std::uint32_t, TSAwaited> m_awaited; // by serial
-    std::atomic<std::size_t> m_unsentBytes;                 // changed under the mutex
     std::map<std::string, TSSender> m_senders;              // by unique name
     std::size_t m_sendersWhenSettled;
     std::size_t m_calls; // of all senders
