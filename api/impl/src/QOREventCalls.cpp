@@ -93,12 +93,13 @@ bool TCEventDelivery::m_HasRoom(const TSEventUser& user) const
            (user.m_overdue == 0 && user.m_unanswered < EVENT_SLOTS_IN_RESERVE / 2 + 1);
 }
 
-// GDBus queues what the bus does not read, without limit.
+// GDBus queues what the bus does not read, without limit. What a lost bus has not read is not sent.
 bool TCEventDelivery::m_HasRoomToSend(const TSEventCall& call)
 {
     const std::size_t unsent = m_filter.UnsentBytes();
     m_isHeldUp = unsent != 0 &&
-                 unsent + g_variant_get_size(call.m_pMessage->m_pParameters) > MAX_UNSENT_BYTES;
+                 unsent + g_variant_get_size(call.m_pMessage->m_pParameters) > MAX_UNSENT_BYTES &&
+                 !m_filter.IsClosed();
     return !m_isHeldUp;
 }
 
