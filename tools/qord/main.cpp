@@ -18,7 +18,7 @@ constexpr int RETURNED_BLOCK = 4 << 20;
 
 int main(int count, char** pArguments)
 {
-    mallopt(M_MMAP_THRESHOLD, RETURNED_BLOCK);
+    mallopt(M_MMAP_THRESHOLD, RETURNED_BLOCK); // NOLINT(concurrency-mt-unsafe): no thread yet
     tools::GuardStandardStreams();
     try
     {
