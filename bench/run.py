@@ -72,16 +72,16 @@ class Program:
 class Bench:
     """What the contests share: the programs, the bus, the results."""
 
-    def __init__(self, programs, quick, work):
+    def __init__(self, programs, quick, work, bus):
         self.programs = programs
         self.quick = quick
         self.work = work
         self.results = []
         self.pairs = {}
         self.environment = dict(os.environ)
-        self.bus = self._start_bus()
+        self.bus = self._start_bus(bus)
 
-    def _start_bus(self):
+    def _start_bus(self, program):
         config = self.work / "bus.conf"
         config.write_text(
             "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN'\n"
@@ -97,14 +97,14 @@ class Bench:
             "</busconfig>\n"
         )
         daemon = subprocess.Popen(
-            ["dbus-daemon", "--nofork", "--nopidfile", "--nosyslog", "--print-address=1",
+            [program, "--nofork", "--nopidfile", "--nosyslog", "--print-address=1",
              f"--config-file={config}"],
             stdout=subprocess.PIPE,
             stderr=(self.work / "bus.log").open("w"),
             text=True,
         )
         if not daemon.stdout.readline():
-            raise SystemExit("bench: dbus-daemon does not start")
+            raise SystemExit(f"bench: {program} does not start")
         self.environment["DBUS_SYSTEM_BUS_ADDRESS"] = f"unix:path={self.work}/bus"
         return daemon
 
@@ -509,6 +509,7 @@ def parse_arguments():
     parser.add_argument("--programs", type=pathlib.Path, required=True)
     parser.add_argument("--output", type=pathlib.Path, required=True)
     parser.add_argument("--quick", action="store_true", help="fewer rounds: about a minute")
+    parser.add_argument("--bus", default="dbus-daemon", help="the daemon, or what takes its options")
     parser.add_argument("--only", choices=CONTESTS, action="append", help="this contest")
     return parser.parse_args()
 
@@ -531,7 +532,7 @@ def main():
     try:
         # Relative, for the launcher takes its words apart at spaces.
         programs = pathlib.Path(os.path.relpath(arguments.programs))
-        bench = Bench(programs, arguments.quick, work)
+        bench = Bench(programs, arguments.quick, work, arguments.bus)
         print(
             f"{'contest':<14} {'case':<24} {'peer':<26} {'ours':>9} {'p99':>9} {'theirs':>9}"
             f" {'p99':>9} {'unit':<5} {'ratio':>7}  spread (quartiles)"
