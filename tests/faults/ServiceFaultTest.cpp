@@ -12,7 +12,8 @@ namespace fs = boost::filesystem;
 // The n-th policy, of a size of its own, so that no prefix of one is another.
 static std::string Policy(int number)
 {
-    return "<p n='" + std::to_string(number) + "'>" + std::string(20000 + number, 'x') + "</p>";
+    const auto size = static_cast<std::size_t>(20000 + number);
+    return "<p n='" + std::to_string(number) + "'>" + std::string(size, 'x') + "</p>";
 }
 
 TEST_F(Fault, KilledServiceLeavesAWholePolicyAndKeepsThoseBeforeIt)

@@ -249,8 +249,8 @@ std::set<Disk> PolicyStoreCrash::DisksAfterPowerLoss(const std::vector<Change>& 
         }
         for (auto& [name, file] : disk)
         {
-            const auto isSame = [&](const auto& before)
-            { return before.second.first == file.first; };
+            const auto isSame = [number = file.first](const auto& before)
+            { return before.second.first == number; };
             const auto before = std::find_if(m_before.begin(), m_before.end(), isSame);
             file.second = before == m_before.end() ? written[file.first] : before->second.second;
         }
