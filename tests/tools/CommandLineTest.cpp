@@ -1,5 +1,6 @@
 // What people do to the command line, and what they learn from it.
 #include <csignal>
+#include <map>
 
 #include <grp.h>
 #include <sys/socket.h>
@@ -123,6 +124,10 @@ TEST_F(CommandLine, PoliciesAreToldGotAndRestored)
     Expect(1, "there is no policy 2", "get-policy 2");
     Expect(0, "stored policy 1", "restore 1");
     EXPECT_EQ(StoredPolicy(), ReadFile(SAMPLE_POLICY));
+    const TJson told = Json({"set-policy", "--json", SAMPLE_POLICY});
+    const TJson got = Json({"get-policy", "--json"});
+    EXPECT_EQ(got["policy"], ReadFile(SAMPLE_POLICY));
+    EXPECT_TRUE(told["stored"] == true && told["sha256"] == got["sha256"]) << told << got;
 
     TJson history = Json({"history", "--json"});
     EXPECT_EQ(history["policy"]["sha256"], history["kept"][0]["sha256"]) << history;
@@ -161,6 +166,15 @@ TEST_F(CommandLine, StrangeServicesAreNotBelieved)
     }
     EXPECT_EQ(Qorctl({"status"}).out.find('\033'), std::string::npos);
     Expect(3, "cannot be read", "get-policy");
+    for (const auto& [result, words] : std::map<int, const char*>{
+             {tools::POLICY_NOT_READ, "its log says why"}, {77, "result code 77"}})
+    {
+        qor::TByteArray refusal;
+        tools::WriteGetPolicyReply(result, "", refusal);
+        refusal.insert(refusal.begin(), 1);
+        service.AnswerWith({Answer::REPLY, refusal});
+        Expect(1, words, "get-policy");
+    }
     service.AnswerWith({Answer::REPLY, {1, 'n', 'o'}});
     Expect(3, "cannot be read", "status");
 }
