@@ -136,7 +136,9 @@ TEST_F(Debug, HostGetsNoSignalForALineAndKeepsItsOwn)
     const auto host = [&](int signal, bool isMany)
     {
         int ends[2];
-        const rlimit limit{1000, RLIM_INFINITY};
+        rlimit limit{};
+        getrlimit(RLIMIT_FSIZE, &limit);
+        limit.rlim_cur = 1000;
         std::signal(signal, [](int) { ++g_signals; });
         m_debug.EnableFileLog(true);
         const bool isReady = pipe(ends) == 0 && close(ends[0]) == 0 && dup2(ends[1], 1) == 1 &&
