@@ -106,14 +106,16 @@ public:
     RawPeer() : m(std::make_shared<State>())
     {
         AnswerWith({Answer::REPLY, {1}, ""});
+        GError* pError = nullptr;
         m->connection.reset(g_dbus_connection_new_for_address_sync(
             getenv("DBUS_SYSTEM_BUS_ADDRESS"),
             static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                               G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-            nullptr, nullptr, nullptr));
+            nullptr, nullptr, &pError));
         if (!m->connection)
         {
-            throw std::runtime_error("a peer cannot connect to the bus");
+            const qor::TGlibPtr<GError> error(pError);
+            throw std::runtime_error(std::string("a peer cannot connect: ") + error->message);
         }
         m->filter = g_dbus_connection_add_filter(
             m->connection.get(), &State::Filter, new std::shared_ptr<State>(m),
