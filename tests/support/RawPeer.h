@@ -3,6 +3,7 @@
 #define QORTEST_RAWPEER_H
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
@@ -126,6 +127,7 @@ public:
     {
         g_dbus_connection_remove_filter(m->connection.get(), m->filter);
         g_dbus_connection_close_sync(m->connection.get(), nullptr, nullptr);
+        KeepAddress(m->connection.get());
     }
 
     std::string UniqueName() const
@@ -258,6 +260,16 @@ public:
 private:
     using MessagePtr = ObjectPtr<GDBusMessage>;
     using VariantPtr = qor::TGlibPtr<GVariant>;
+
+    // GDBus's thread may be about to tell a connection, which it knows by its address alone, that
+    // it is closed. A new one at that address would take it for its own end: so the address stays
+    // in use until the next peer has gone.
+    static void KeepAddress(GDBusConnection* pConnection)
+    {
+        static std::atomic<GDBusConnection*> last{nullptr};
+        ObjectPtr<GDBusConnection>(
+            last.exchange(static_cast<GDBusConnection*>(g_object_ref(pConnection))));
+    }
 
     static std::string Text(const char* text)
     {
