@@ -24,9 +24,8 @@ public:
     /// @param response  replaced by the reply's output bytes when a reply arrives, whatever its
     ///                  result; untouched otherwise, and always untouched when isAsync is true
     /// @param isAsync   true: does not wait for the reply, which is dropped; nothing is known of
-    /// the
-    ///                  delivery. false: blocks until the reply arrives, for at most 10000 ms, the
-    ///                  search for a lost bus included.
+    ///                  the delivery. false: blocks until the reply arrives, for at most 10000 ms,
+    ///                  the search for a lost bus included.
     ///
     /// @return asynchronous: true, unless the payload does not fit. Synchronous: the result of the
     ///         service's callback; false, with an error log line, when the call failed, timed out,

@@ -34,8 +34,7 @@ public:
     ///
     /// @param name  a unique name
     ///
-    /// @return nothing, with the reason in error, where the bus does not tell or the sender has
-    /// left
+    /// @return nothing, with the reason in error, where the bus does not tell or the sender left
     std::optional<TSSender> Find(GDBusConnection* pConnection, const std::string& name,
                                  std::string& error);
 
