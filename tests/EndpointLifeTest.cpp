@@ -375,7 +375,7 @@ TEST_F(EndpointLife, SendsOfManyThreadsEndWhenTheBusDiesAndOneOfThemFindsItAgain
 {
     TCDbusClient client(false);
     const BackgroundPump pump;
-    ASSERT_TRUE(WaitUntil([&] { return client.IsReady(); })); // which would wait for a send
+    ASSERT_TRUE(WaitUntil([&] { return client.IsReady(); })); // becoming so waits for sends
     m_service->AnswerWith({Answer::NEVER, {}, ""});
     std::vector<std::future<bool>> sends;
     for (int i = 0; i < 4; ++i)
