@@ -45,7 +45,8 @@ protected:
         // In this order, among others: the user once, then each function once, by address.
         Lines expected(before);
         expected.insert(expected.end(), {"user", "destroyed 1", "again 0"});
-        EXPECT_EQ(std::count(all.begin(), all.end(), "the other one waits 0"), 0);
+        // A thread that registers meanwhile is refused at once: the teardown may be waiting for it.
+        EXPECT_EQ(std::count(all.begin(), all.end(), "the other one waits 1"), 0);
         Lines functions;
         std::copy_if(all.begin(), all.end(), std::back_inserter(functions),
                      [](const std::string& line) { return line.rfind("function ", 0) == 0; });
@@ -87,7 +88,7 @@ TEST_F(Teardown, RunsBeforeAUsedLibraryIsUnmapped)
 TEST_F(Teardown, RunsAtExitToo)
 {
     ExpectTheTeardown(Run("exit", "use"), {"events 1", "policy -1", "loaded 1", "end"},
-                      {"- already destroyed", "the other one is refused too"});
+                      {"the other one is refused too"});
 }
 
 } // namespace

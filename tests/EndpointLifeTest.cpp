@@ -280,7 +280,7 @@ TEST_F(EndpointLife, EventsEndWithAnImpossibleTimeoutOrWhenTheyAreCancelled)
     ASSERT_EQ(clients.size(), 1U);
     EXPECT_EQ(clients[0].m_name, client.UniqueName());
     EXPECT_EQ(clients[0].m_types, (std::set<int>{2, 4}));
-    EXPECT_FALSE(clients[0].m_isSuspended);
+    EXPECT_TRUE(clients[0].m_isSuspended);
 }
 
 TEST_F(EndpointLife, EveryFunctionAnswersInAForkedChild)

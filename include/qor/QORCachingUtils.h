@@ -5,11 +5,10 @@
 #include <map>
 #include <string>
 
-#include <boost/thread/shared_mutex.hpp>
-
 #include <system_info.h>
 
 #include <qor/Export.h>
+#include <qor/Mutex.h>
 
 namespace qor
 {
@@ -45,10 +44,11 @@ public:
 private:
     friend struct TSForkHandler;
 
-    static boost::shared_mutex m_CacheMapMutex; // one for the three maps
-    static std::map<system_info_key_e, std::string> m_systemInfoStrCache;
-    static std::map<system_info_key_e, int> m_systemInfoKeysInt;
-    static std::map<std::string, std::string> m_vconfStringCache;
+    static TCSharedMutex m_CacheMapMutex; // one for the three maps
+    static std::map<system_info_key_e, std::string>
+        m_systemInfoStrCache QOR_GUARDED_BY(m_CacheMapMutex);
+    static std::map<system_info_key_e, int> m_systemInfoKeysInt QOR_GUARDED_BY(m_CacheMapMutex);
+    static std::map<std::string, std::string> m_vconfStringCache QOR_GUARDED_BY(m_CacheMapMutex);
 };
 
 } // namespace qor

@@ -2,8 +2,6 @@
 #ifndef QOR_QORCALLBACKSPROXY_H
 #define QOR_QORCALLBACKSPROXY_H
 
-#include <pthread.h>
-
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
@@ -11,6 +9,7 @@
 #include <qor/Export.h>
 #include <qor/ICallbacks.h>
 #include <qor/IDbusClient.h>
+#include <qor/Mutex.h>
 
 namespace qor
 {
@@ -47,23 +46,23 @@ private:
     friend struct TSForkHandler;
 
     template <class TFunction>
-    bool m_Set(ECallbackType type, TFunction& field, const TFunction& callback);
+    bool m_Set(ECallbackType type, TFunction TCCallbacksProxy::*field, const TFunction& callback);
     template <class TFunction>
-    bool m_Reset(ECallbackType type, TFunction& field);
+    bool m_Reset(ECallbackType type, TFunction TCCallbacksProxy::*field);
 
     bool m_Callback(int type, const std::vector<unsigned char>& in,
                     std::vector<unsigned char>& out);
     bool m_OnCallback(int type, const std::vector<unsigned char>& in,
-                      std::vector<unsigned char>& out);
+                      std::vector<unsigned char>& out) QOR_REQUIRES_SHARED(m_rwlock);
 
-    boost::function<void()> m_policyUpdateCb;
-    boost::function<bool()> m_requestProcessInfoCb;
+    boost::function<void()> m_policyUpdateCb QOR_GUARDED_BY(m_rwlock);
+    boost::function<bool()> m_requestProcessInfoCb QOR_GUARDED_BY(m_rwlock);
     boost::shared_ptr<IDbusClient> m_dbusClient;
-    pthread_mutex_t m_registrationMutex; ///< POSIX: needs no destructor in a forked child.
+    TSPosixMutex m_registrationMutex; ///< POSIX: needs no destructor in a forked child.
 
-    static boost::shared_ptr<ICallbacks>* const m_pInstance;
-    static pthread_rwlock_t m_rwlock;
-    static bool m_destroyed;
+    static boost::shared_ptr<ICallbacks>* const m_pInstance QOR_POINTEE_GUARDED_BY(m_rwlock);
+    static TSPosixRwLock m_rwlock;
+    static bool m_destroyed QOR_GUARDED_BY(m_rwlock);
 };
 
 } // namespace qor

@@ -2,23 +2,27 @@
 #ifndef QOR_QORDBUS_H
 #define QOR_QORDBUS_H
 
+#include <atomic>
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <map>
+#include <memory>
 #include <string>
 
 #include <boost/shared_ptr.hpp>
-#include <boost/thread/shared_mutex.hpp>
 
 #include <qor/Export.h>
 #include <qor/GlibTypes.h>
 #include <qor/IDbus.h>
+#include <qor/Mutex.h>
 
 namespace qor
 {
 
-class TCDbusFilter;
-class TCDbusLinkUse;
+class TCDbusEntry;
+class TCDbusSession;
+class TCDbusTimer;
 struct TSDbusLink;
 
 /// An endpoint on the D-Bus system bus. It exports one object with the interface
@@ -28,7 +32,7 @@ struct TSDbusLink;
 /// context of the thread that constructs the endpoint (normally the process's default context). Who
 /// owns the endpoint must iterate that context; nothing arrives otherwise. An endpoint handles one
 /// message at a time: what arrives while a callback iterates the context itself is handled when
-/// that callback has returned.
+/// that callback has returned, one in each turn of the context.
 ///
 /// Lifetime: the last reference may be dropped on any thread but never from inside one of the
 /// endpoint's own handlers or callbacks. The destructor waits for a handler that is running at that
@@ -47,9 +51,10 @@ struct TSDbusLink;
 /// its parent; it may not use it, and letting go of it there (at exit at the latest) disturbs
 /// nobody. A process that wants to use the library in a child forks before its first use.
 ///
-/// Locks: t_stateMutex is taken before t_callbacksMutex and before t_watchMutex. A message callback
-/// runs with t_callbacksMutex held shared. Nobody waits for t_stateMutex exclusively but the start,
-/// the stop, and the thread that iterates the main context, outside of callbacks.
+/// Locks: nobody holds one of an endpoint's locks while waiting for an answer, of the bus or of
+/// anybody else, with one exception: a message callback runs with t_callbacksMutex held shared, so
+/// registering and removing callbacks wait for it. t_stateMutex and t_watchMutex are innermost and
+/// held briefly.
 class QOR_API TCDbus : public virtual IDbus
 {
 public:
@@ -83,37 +88,40 @@ protected:
     /// which the handler answers.
     using TMethodHandler = boost::function<void(const char*, GVariant*, GDBusMethodInvocation*)>;
 
-    /// Connects, registers the Send handler and exports the object. The caller holds t_stateMutex
-    /// exclusively until the endpoint is complete: calls that arrive meanwhile wait for it.
+    /// What an endpoint works with at a time: a connection, its name, and the calls on it. Whoever
+    /// holds it may use it without a lock; it may have closed.
+    using TSessionPtr = boost::shared_ptr<TCDbusSession>;
+
+    /// Connects and exports the object.
     bool t_Start();
+
+    /// Connects to the bus and registers the Send handler; waits for the bus, for a limited time.
+    bool t_Connect();
 
     /// Releases what t_Start acquired; runs once, after t_StopHandlers.
     void t_Stop();
 
-    /// Works with this connection from here on. The caller holds t_stateMutex exclusively.
-    void t_Adopt(const boost::shared_ptr<TCDbusFilter>& filter);
+    /// The session of the moment; null before the endpoint has connected.
+    TSessionPtr t_Session() QOR_EXCLUDES(t_stateMutex);
 
-    /// Exports the object on the connection. The caller holds t_stateMutex, and iterates the
-    /// endpoint's main context or has made it the thread's default.
-    bool t_Export();
+    /// Works with this session from here on.
+    void t_SetSession(TSessionPtr session) QOR_EXCLUDES(t_stateMutex);
 
-    /// Withdraws the object, wherever it is exported. Any thread; repeated calls do nothing.
-    void t_Withdraw();
+    /// Exports the object on the session's connection. The caller iterates the endpoint's main
+    /// context or has made it the thread's default.
+    bool t_Export(const TSessionPtr& session) QOR_EXCLUDES(t_watchMutex);
 
-    /// Whether the object is exported on the present connection. The caller holds t_stateMutex.
-    bool t_IsExported();
+    /// Takes the object back, wherever it is exported. Any thread; repeated calls do nothing.
+    void t_Unexport() QOR_EXCLUDES(t_watchMutex);
 
-    /// Whether there was a connection and it has closed. The caller holds t_stateMutex.
-    bool t_IsLost() const;
-
-    /// Runs the work of a name event: at once, or, inside a callback that iterates the main
-    /// context, when that has returned.
-    void t_Handle(const TCDbusLinkUse& use, const boost::function<void()>& work);
+    /// Whether the object is exported on this session's connection.
+    bool t_IsExportedOn(const TSessionPtr& session) QOR_EXCLUDES(t_watchMutex);
 
     /// Whether the calling thread is inside a callback or name event of this endpoint.
     bool t_IsInHandler() const;
 
-    /// Sets the handler of a D-Bus method, replacing an earlier one. Only while starting.
+    /// Sets the handler of a D-Bus method, replacing an earlier one. Only before the object is
+    /// exported.
     void t_SetDbusCallback(const char* method, const TMethodHandler& handler);
 
     /// From here on no handler starts, and no call is refused. Does not wait.
@@ -158,42 +166,48 @@ protected:
     static const char* const t_dbusSendMethod;
     static const char* const t_interfaceName;
 
-    TGlibPtr<GDBusConnection> t_pConnection;
     const char* t_busName;
     const char* t_objectPath;
-    std::string t_uniqueName;
-    bool t_isReady;
-    boost::shared_mutex t_callbacksMutex; ///< Guards t_callbacks.
-    std::map<int, TMessageCallback> t_callbacks;
-    /// Guards the connection, its name and doorman, readiness, the current sender, and those
-    /// members of derived classes that say so.
-    boost::shared_mutex t_stateMutex;
-    boost::shared_mutex t_watchMutex; ///< Guards what is registered: the object, and watches.
-    std::string t_currentSender;      ///< Changes on the thread that handles messages only.
-    bool t_isCurrentMessageAsync;
-    boost::shared_ptr<TCDbusFilter> t_pFilter; ///< The doorman of t_pConnection.
-    TGlibPtr<GMainContext> t_pMainContext;     ///< Where handlers run; set by t_Start.
+    std::atomic<bool> t_isReady;
+    TCSharedMutex t_callbacksMutex;
+    std::map<int, TMessageCallback> t_callbacks QOR_GUARDED_BY(t_callbacksMutex);
+    /// Guards what changes with each message, and with the bus.
+    TCSharedMutex t_stateMutex;
+    /// Guards what is registered with GLib: the object, and watches.
+    TCSharedMutex t_watchMutex;
+    TSessionPtr t_pSession QOR_GUARDED_BY(t_stateMutex);
+    /// Those of the session.
+    TGlibPtr<GDBusConnection> t_pConnection QOR_GUARDED_BY(t_stateMutex);
+    std::string t_uniqueName QOR_GUARDED_BY(t_stateMutex);
+    std::string t_currentSender QOR_GUARDED_BY(t_stateMutex);
+    bool t_isCurrentMessageAsync QOR_GUARDED_BY(t_stateMutex);
+    TGlibPtr<GMainContext> t_pMainContext; ///< Where handlers run; set by t_Connect, once.
 
 private:
+    friend class TCDbusEntry;
+
     static void m_HandleMethodCall(GDBusConnection* pConnection, const char* sender,
                                    const char* objectPath, const char* interfaceName,
                                    const char* methodName, GVariant* pParameters,
                                    GDBusMethodInvocation* pInvocation, void* pUserData);
-    void m_HandleMethodCall(TGlibPtr<GDBusMethodInvocation> pInvocation);
-    void m_HandlePostponed();
-    TMethodHandler m_FindHandler(const char* methodName);
+    void m_HandleMethodCall(GDBusMethodInvocation* pInvocation);
     void m_HandleMessage(const char* sender, GVariant* pParameters,
                          GDBusMethodInvocation* pInvocation);
+
+    void m_Handle(std::function<void()> work, bool isNested);
+    void m_HandleNext();
+    static int m_NextTurn(void* pUserData);
 
     static const char* const m_interfaceXml;
     static const GDBusInterfaceVTable m_interfaceVtable;
 
     TGlibPtr<GDBusNodeInfo> m_pNodeInfo;
-    unsigned int m_registrationId;
-    boost::shared_ptr<TCDbusFilter>
-        m_pExportedOn; ///< Of the connection that m_registrationId is on.
-    std::map<std::string, TMethodHandler> m_methodHandlers;
-    std::deque<boost::function<void()>> m_postponed; ///< Only on the thread that handles messages.
+    unsigned int m_registrationId QOR_GUARDED_BY(t_watchMutex);
+    TSessionPtr m_pExportedOn QOR_GUARDED_BY(t_watchMutex);
+    std::map<std::string, TMethodHandler> m_methodHandlers; ///< Complete before the export.
+    /// What is to be handled, in order. Only on the thread that handles messages.
+    std::deque<std::function<void()>> m_postponed;
+    std::unique_ptr<TCDbusTimer> m_pNextTurn; ///< For the rest of what was postponed.
     TSDbusLink* m_pLink;
 };
 

@@ -2,10 +2,11 @@
 #ifndef QOR_QORDBUSCLIENT_H
 #define QOR_QORDBUSCLIENT_H
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 
 #include <boost/shared_ptr.hpp>
-#include <boost/thread/mutex.hpp>
 #include <boost/weak_ptr.hpp>
 
 #include <qor/IDbusClient.h>
@@ -14,10 +15,16 @@
 namespace qor
 {
 
+class TCDbusRegistration;
+
 /// The client endpoint: watches the service's name, announces the types that it has callbacks for
 /// with Hello whenever the service appears or the set changes, and sends messages to the service.
 ///
 /// Normally obtained from TCDbusClientProvider. See TCDbus for the main context and the lifetime.
+///
+/// The service confirms each Hello. One that it refuses, or leaves without an answer, is repeated
+/// with the types of the moment, at growing intervals, until it is confirmed or the service has
+/// left; an error line says so once.
 ///
 /// A client that was up once finds the bus again after a restart of the daemon: it tries once a
 /// second while its main context is iterated, and at a send, whichever thread makes it; every 20 s
@@ -27,9 +34,10 @@ namespace qor
 class QOR_API TCDbusClient : public TCDbus, public IDbusClient
 {
 public:
-    /// Connects to the bus and starts watching for the service; blocks meanwhile. Always succeeds:
-    /// where the start fails (the log says why) the client stays unready, its synchronous sends
-    /// return false, and callbacks can still be set.
+    /// Connects to the bus and starts watching for the service; blocks meanwhile, 2 s for a bus
+    /// that accepts the connection and does not answer. Always succeeds: where the start fails (the
+    /// log says why) the client stays unready, its synchronous sends return false, and callbacks
+    /// can still be set.
     explicit TCDbusClient(bool testMode);
     ~TCDbusClient() override;
 
@@ -46,21 +54,23 @@ protected:
 
 private:
     friend class TCDbusClientProvider;
-    struct TSSourceHandlers;
 
-    void m_Retire();
+    bool m_IsStarted() const;
+    void m_LeaveBus();
+    void m_TypesChanged() QOR_REQUIRES(t_callbacksMutex);
     bool m_SendHello();
-    void m_CallWithoutReply(const char* method, GVariant* pParameters);
-    bool m_CallAndWait(int type, const TByteArray& data, TByteArray& response, int timeoutMs);
+    void m_RepeatHello();
+    void m_CallWithoutReply(const TSessionPtr& session, const char* method, GVariant* pParameters);
+    bool m_CallAndWait(const TSessionPtr& session, int type, const TByteArray& data,
+                       TByteArray& response);
 
     bool m_CreateProxy();
-    void m_Watch();
-    void m_Unwatch();
-    void m_FindBusAgain();
-    bool m_AdoptAgain(const boost::shared_ptr<TCDbusFilter>& filter);
+    void m_Watch(const TSessionPtr& session) QOR_EXCLUDES(t_watchMutex);
+    void m_Unwatch() QOR_EXCLUDES(t_watchMutex);
+    TSessionPtr m_FindBus();
+    static int m_HungUp(int descriptor, unsigned int condition, void* pUserData);
     void m_Lost();
-    void m_RetryIn(unsigned int milliseconds);
-    bool m_Retry();
+    void m_Recover();
 
     static void m_NameAppeared(GDBusConnection* pConnection, const char* name, const char* owner,
                                void* pUserData);
@@ -68,15 +78,13 @@ private:
     static void m_NameVanished(GDBusConnection* pConnection, const char* name, void* pUserData);
     void m_NameVanished(GDBusConnection* pConnection, const char* name);
 
-    unsigned int m_watcherId;
-    TGlibPtr<GDBusProxy> m_pProxy;
-    bool m_isStarted; ///< It was up once: there is a connection. Guarded by t_stateMutex.
-    // Guarded by t_watchMutex:
-    boost::shared_ptr<TCDbusFilter> m_pWatchedOn; ///< Of the connection that m_watcherId is on.
-    TGlibPtr<GSource> m_pHangUp;                  ///< Sees that connection close.
-    TGlibPtr<GSource> m_pRetry;                   ///< Once a second while the bus is lost.
-    boost::mutex m_attemptMutex;                  ///< One attempt at a time; guards the time.
-    std::int64_t m_nextAttempt;                   ///< Monotonic time in microseconds.
+    unsigned int m_watcherId QOR_GUARDED_BY(t_watchMutex);
+    TGlibPtr<GDBusProxy> m_pProxy QOR_GUARDED_BY(t_stateMutex);
+    TGlibPtr<GSource> m_pHangUp QOR_GUARDED_BY(t_watchMutex); ///< Sees the connection close.
+    std::atomic<std::int64_t> m_nextAttempt; ///< To connect: monotonic time in microseconds.
+    // Set when the start has succeeded, once:
+    std::unique_ptr<TCDbusTimer> m_pRecovery; ///< Due when the bus is to be looked for.
+    std::shared_ptr<TCDbusRegistration> m_pRegistration;
 };
 
 /// Shares one client endpoint among all that need it in the process.
@@ -99,9 +107,10 @@ private:
 
     static void m_Release(TCDbusClient* pClient);
 
-    static boost::mutex* const m_pMutex;
-    static boost::weak_ptr<IDbusClient>* const m_pDbusClient;
-    static TCDbusClient* m_pLatest; ///< What m_pDbusClient leads to, until it has left the bus.
+    static TCMutex* const m_pMutex;
+    static boost::weak_ptr<IDbusClient>* const m_pDbusClient QOR_POINTEE_GUARDED_BY(*m_pMutex);
+    /// What m_pDbusClient leads to, until it has left the bus.
+    static TCDbusClient* m_pLatest QOR_GUARDED_BY(*m_pMutex);
 };
 
 } // namespace qor

@@ -48,8 +48,9 @@ public:
     std::pair<std::size_t, std::size_t>
     SendMessage(int type, const std::vector<unsigned char>& data, int timeout) override;
 
-    /// Ends every SendMessage that is waiting: what has no answer yet counts as a failure. Later
-    /// ones are not affected. Any thread; does not wait for the callers to return.
+    /// Ends every SendMessage that is waiting: what has no answer yet counts as a failure, and a
+    /// client that has not answered is suspended as after a timeout. Later ones are not affected.
+    /// Any thread; does not wait for the callers to return.
     void CancelMessages();
 
     /// A client as the registry has it.
@@ -57,7 +58,7 @@ public:
     {
         std::string m_name;    ///< Unique name on the bus, which tells user and process of it.
         std::set<int> m_types; ///< What it asked for.
-        bool m_isSuspended;    ///< It has let a call time out and is not called at the moment.
+        bool m_isSuspended;    ///< It has let a call time out and is not called for that type.
     };
 
     /// The clients of this moment, ordered by name; none in a forked child. Any thread.
@@ -78,6 +79,7 @@ private:
         boost::shared_ptr<TSEventAccount> m_pAccount;
     };
     struct TSAsyncMessage;
+    using TClients = std::map<std::string, TSClient>;
 
     void m_StartMainLoop();
     static int m_QuitMainLoop(void* pLoop);
@@ -88,26 +90,25 @@ private:
 
     void m_HandleHelloMessage(const char* sender, GVariant* pParameters,
                               GDBusMethodInvocation* pInvocation);
-    bool m_AddClient(const std::string& name);
+    bool m_AddClient(const std::string& name) QOR_REQUIRES(t_stateMutex);
     static void m_ClientNameVanished(GDBusConnection* pConnection, const char* name,
                                      void* pUserData);
     void m_ClientNameVanished(GDBusConnection* pConnection, const char* name);
-    void m_ForgetClient(std::map<std::string, TSClient>::iterator client);
+    void m_ForgetClient(TClients::iterator client) QOR_REQUIRES(t_stateMutex);
     static void m_DestroyClient(TSClient& client);
-    void m_ClientsAreGone();
-    static int m_ForgetGoneClients(void* pUserData);
     void m_ForgetGoneClients();
 
     bool m_IsToBeCalled(const TSClient& client, int type, const TByteArray& data, int timeout,
-                        std::size_t& failed) const;
+                        std::size_t& failed) const QOR_REQUIRES_SHARED(t_stateMutex);
 
-    unsigned int m_ownNameId;
-    std::map<std::string, TSClient> m_clients;
+    unsigned int m_ownNameId QOR_GUARDED_BY(t_stateMutex);
+    TClients m_clients QOR_GUARDED_BY(t_stateMutex);
     boost::thread m_thread;
+    // Set by the start, before the object is exported:
     TGlibPtr<GMainContext> m_pContext;
     TGlibPtr<GMainLoop> m_pMainLoop;
+    std::unique_ptr<TCDbusTimer> m_pGoneCheck; ///< Due when calls have shown that clients are gone.
     std::unique_ptr<TCEventDelivery> m_pDelivery;
-    TGlibPtr<GSource> m_pGoneCheck; // the last one; on the loop thread, and after it
 };
 
 } // namespace qor

@@ -7,6 +7,7 @@
 #include <set>
 
 #include <qor/Export.h>
+#include <qor/Mutex.h>
 #include <qor/TIDestroyCallback.h>
 
 namespace qor
@@ -16,8 +17,8 @@ namespace qor
 /// registered user object and then the registered functions in ascending order of their addresses,
 /// each once; from then on it refuses registrations.
 ///
-/// All operations may be called from any thread; while the teardown runs, callers on other threads
-/// wait for it, and calls from inside the teardown are refused without blocking.
+/// All operations may be called from any thread. While the teardown runs, registrations are refused
+/// without waiting for it, wherever they come from: what it calls may wait for them.
 class QOR_API TCDeactivator
 {
 public:
@@ -38,20 +39,27 @@ public:
     /// @return false, with an error in the log, when the slot is taken or the teardown has begun
     static bool RegisterUser(TIDestroyCallback& user);
 
-    /// Empties the user slot, whichever object it holds. No effect after the teardown has begun.
+    /// Empties the user slot, whichever object it holds. No effect after the teardown has begun;
+    /// but while the teardown calls the object, on another thread, it waits for the end of that
+    /// call, so that the object may go.
     static void UnregisterUser(TIDestroyCallback& user);
 
 private:
     friend struct TSForkHandler;
 
-    void m_Deactivate();
+    void m_Deactivate() QOR_EXCLUDES(m_mutex);
+    static void m_DestroyUser(TIDestroyCallback& user) QOR_EXCLUDES(m_mutex);
 
-    TIDestroyCallback* m_pUser;
-    std::set<void (*)()> m_dbusCallbacks;
+    TIDestroyCallback* m_pUser QOR_GUARDED_BY(m_mutex);
+    std::set<void (*)()> m_dbusCallbacks QOR_GUARDED_BY(m_mutex);
 
     static TCDeactivator m_instance;
-    static pthread_mutex_t m_mutex;
-    static bool m_destroyed;
+    static TSPosixMutex m_mutex;
+    static bool m_destroyed QOR_GUARDED_BY(m_mutex);
+    // The call of OnDestroy, while it runs.
+    static bool m_isDestroyingUser QOR_GUARDED_BY(m_mutex);
+    static pthread_t m_destroyer QOR_GUARDED_BY(m_mutex);
+    static pthread_cond_t m_userDestroyed;
 };
 
 } // namespace qor

@@ -4,9 +4,8 @@
 
 #include <string>
 
-#include <boost/thread/shared_mutex.hpp>
-
 #include <qor/Export.h>
+#include <qor/Mutex.h>
 
 namespace qor
 {
@@ -41,9 +40,9 @@ public:
 private:
     friend struct TSForkHandler;
 
-    static boost::shared_mutex m_mutex; // guards the two paths
-    static std::string m_policyXmlPath;
-    static std::string m_policyPath;
+    static TCSharedMutex m_mutex;
+    static std::string m_policyXmlPath QOR_GUARDED_BY(m_mutex);
+    static std::string m_policyPath QOR_GUARDED_BY(m_mutex);
 };
 
 } // namespace qor

@@ -185,7 +185,6 @@ TEST_F(Fault, ServiceStopsInTimeAndAnnouncesWhatIsDue)
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
     EXPECT_EQ(qord->Wait(), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
-    EXPECT_NE(qord->Err().find("does not answer"), std::string::npos) << qord->Err();
     EXPECT_EQ(CountOf(good->Out(), "policy-update"), 2U) << good->Out();
 
     // To the one that hangs it comes from the next service.

@@ -4,6 +4,10 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
+#include <future>
+
 #include "QORDbusContext.h"
 
 namespace qor
@@ -30,6 +34,68 @@ struct TSAttempt
         attempt.m_isOver = true;
     }
 };
+
+// Cancels a blocking call that takes too long, from a thread that lives as long as the call.
+class TCTimeLimit
+{
+public:
+    explicit TCTimeLimit(int milliseconds) : m_pCancellable(g_cancellable_new())
+    {
+        m_watch = std::async(std::launch::async,
+                             [this, milliseconds, isOver = m_isOver.get_future()]
+                             {
+                                 if (isOver.wait_for(std::chrono::milliseconds(milliseconds)) ==
+                                     std::future_status::timeout)
+                                 {
+                                     g_cancellable_cancel(m_pCancellable);
+                                 }
+                             });
+    }
+    ~TCTimeLimit()
+    {
+        m_isOver.set_value();
+        m_watch.wait();
+        g_object_unref(m_pCancellable);
+    }
+
+    TCTimeLimit(const TCTimeLimit&) = delete;
+    TCTimeLimit& operator=(const TCTimeLimit&) = delete;
+
+    GCancellable* Cancellable() const
+    {
+        return m_pCancellable;
+    }
+
+private:
+    GCancellable* const m_pCancellable;
+    std::promise<void> m_isOver;
+    std::future<void> m_watch;
+};
+
+// Who has waited in vain learns that it was the time.
+void NameTimeout(GError** ppError)
+{
+    if (g_error_matches(*ppError, G_IO_ERROR, G_IO_ERROR_CANCELLED))
+    {
+        g_clear_error(ppError);
+        g_set_error_literal(ppError, G_IO_ERROR, G_IO_ERROR_TIMED_OUT, "Timeout was reached");
+    }
+}
+
+// The process that was first to ask for a connection, or 0.
+std::atomic<pid_t> g_process{0};
+
+bool IsForkedChild(GError** ppError)
+{
+    pid_t first = 0;
+    const bool isChild = !g_process.compare_exchange_strong(first, getpid()) && first != getpid();
+    if (isChild)
+    {
+        g_set_error_literal(ppError, G_IO_ERROR, G_IO_ERROR_NOT_SUPPORTED,
+                            "The process was forked from one that uses the bus");
+    }
+    return isChild;
+}
 
 int CancelAttempt(void* pCancellable)
 {
@@ -59,13 +125,22 @@ bool HasFreeDescriptors(GError** ppError)
     return count == DESCRIPTORS_TO_CONNECT;
 }
 
-TGlibPtr<GDBusConnection> SharedBusConnection(GError** ppError)
+TGlibPtr<GDBusConnection> BusConnection(GMainContext* pContext, GError** ppError)
 {
-    if (!HasFreeDescriptors(ppError))
+    if (IsForkedChild(ppError) || !HasFreeDescriptors(ppError))
     {
         return nullptr;
     }
-    TGlibPtr<GDBusConnection> pConnection(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, ppError));
+    TGlibPtr<GDBusConnection> pConnection;
+    {
+        const TCTimeLimit limit(CONNECT_TIMEOUT_MS);
+        pConnection.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, limit.Cancellable(), ppError));
+    }
+    NameTimeout(ppError);
+    if (pConnection != nullptr && g_dbus_connection_is_closed(pConnection.get()))
+    {
+        return OwnBusConnection(pContext, ppError);
+    }
     if (pConnection != nullptr)
     {
         // It would otherwise end the process when the bus goes away.
@@ -74,7 +149,7 @@ TGlibPtr<GDBusConnection> SharedBusConnection(GError** ppError)
     return pConnection;
 }
 
-TGlibPtr<GDBusConnection> OwnBusConnection(GMainContext* pContext, int timeoutMs, GError** ppError)
+TGlibPtr<GDBusConnection> OwnBusConnection(GMainContext* pContext, GError** ppError)
 {
     char* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, ppError);
     if (address == nullptr)
@@ -91,7 +166,7 @@ TGlibPtr<GDBusConnection> OwnBusConnection(GMainContext* pContext, int timeoutMs
                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
         nullptr, pCancellable, &TSAttempt::Finish, &attempt);
     // A bus that accepts and never answers would be waited for without end.
-    const TGlibPtr<GSource> pTimeout(g_timeout_source_new(static_cast<guint>(timeoutMs)));
+    const TGlibPtr<GSource> pTimeout(g_timeout_source_new(CONNECT_TIMEOUT_MS));
     g_source_set_callback(pTimeout.get(), &CancelAttempt, g_object_ref(pCancellable),
                           &g_object_unref);
     g_source_attach(pTimeout.get(), pContext);
@@ -99,6 +174,7 @@ TGlibPtr<GDBusConnection> OwnBusConnection(GMainContext* pContext, int timeoutMs
     {
         g_main_context_iteration(pContext, TRUE);
     }
+    NameTimeout(ppError);
     g_source_destroy(pTimeout.get());
     g_object_unref(pCancellable);
     g_free(address);

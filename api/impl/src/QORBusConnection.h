@@ -12,12 +12,18 @@ namespace qor
 // The bus itself, as a peer.
 constexpr const char* BUS_NAME = "org.freedesktop.DBus";
 
-// The connection that GIO shares among all in the process; null with an error. Blocks.
-TGlibPtr<GDBusConnection> SharedBusConnection(GError** ppError);
+// How long a bus may take to let us in. The start and the search for a lost bus have this limit.
+constexpr int CONNECT_TIMEOUT_MS = 2000;
 
-// A connection of the caller's own, made in its context and within the time; null with an error.
-// GIO hands out its shared connection, also when it has closed, for as long as anybody holds it.
-TGlibPtr<GDBusConnection> OwnBusConnection(GMainContext* pContext, int timeoutMs, GError** ppError);
+// The connection that GIO shares among all in the process, or, where that has closed, one of the
+// caller's own, made in its context; null with an error. Blocks for the time above at most. In a
+// forked child of a process that has called it before, there is none: the threads that a connection
+// needs are the parent's.
+TGlibPtr<GDBusConnection> BusConnection(GMainContext* pContext, GError** ppError);
+
+// A connection of the caller's own, likewise. GIO hands out its shared connection, also when it has
+// closed, for as long as anybody holds it.
+TGlibPtr<GDBusConnection> OwnBusConnection(GMainContext* pContext, GError** ppError);
 
 // Where no descriptor is to be had, GLib ends the process instead of reporting an error: so this
 // is asked before anything that makes a main context. False with an error.

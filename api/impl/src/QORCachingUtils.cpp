@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <optional>
 
 #include <boost/thread/lock_types.hpp>
 
@@ -19,8 +20,26 @@ namespace
 {
 
 // Admits one lookup at a time, so that concurrent first calls for a key ask the platform once.
-using TLookupLock = boost::upgrade_lock<boost::shared_mutex>;
-using TExclusiveLock = boost::upgrade_to_unique_lock<boost::shared_mutex>;
+// The analysis has no word for such a lock; to it, this one is exclusive from the start.
+class QOR_SCOPED_CAPABILITY TCLookupLock
+{
+public:
+    explicit TCLookupLock(TCSharedMutex& mutex) QOR_ACQUIRE(mutex) : m_lock(mutex) {}
+    ~TCLookupLock() QOR_RELEASE() {}
+
+    TCLookupLock(const TCLookupLock&) = delete;
+    TCLookupLock& operator=(const TCLookupLock&) = delete;
+
+    // Waits for the readers of the cache.
+    void MakeExclusive()
+    {
+        m_exclusive.emplace(m_lock);
+    }
+
+private:
+    boost::upgrade_lock<boost::shared_mutex> m_lock;
+    std::optional<boost::upgrade_to_unique_lock<boost::shared_mutex>> m_exclusive;
+};
 
 struct TSFree
 {
@@ -50,12 +69,12 @@ bool Find(const TMap& cache, const typename TMap::key_type& key, typename TMap::
 
 bool TCVelkinCachingUtils::GetVconfCachedString(const std::string& key, std::string& value)
 {
-    TLookupLock lock(m_CacheMapMutex);
+    TCLookupLock lock(m_CacheMapMutex);
     if (Find(m_vconfStringCache, key, value))
     {
         return true;
     }
-    TExclusiveLock exclusive(lock);
+    lock.MakeExclusive();
     const TPlatformString answer(vconf_get_str(key.c_str()));
     if (!answer)
     {
@@ -67,12 +86,12 @@ bool TCVelkinCachingUtils::GetVconfCachedString(const std::string& key, std::str
 
 bool TCVelkinCachingUtils::GetSystemInfoKeyCached(system_info_key_e key, int& value)
 {
-    TLookupLock lock(m_CacheMapMutex);
+    TCLookupLock lock(m_CacheMapMutex);
     if (Find(m_systemInfoKeysInt, key, value))
     {
         return true;
     }
-    TExclusiveLock exclusive(lock);
+    lock.MakeExclusive();
     if (system_info_get_value_int(key, &value) != 0)
     {
         QOR_LOG_ERROR("Fail getting systeminfo value");
@@ -84,12 +103,12 @@ bool TCVelkinCachingUtils::GetSystemInfoKeyCached(system_info_key_e key, int& va
 
 bool TCVelkinCachingUtils::GetSystemInfoKeyCached(system_info_key_e key, std::string& value)
 {
-    TLookupLock lock(m_CacheMapMutex);
+    TCLookupLock lock(m_CacheMapMutex);
     if (Find(m_systemInfoStrCache, key, value))
     {
         return true;
     }
-    TExclusiveLock exclusive(lock);
+    lock.MakeExclusive();
     char* pText = nullptr;
     if (system_info_get_value_string(key, &pText) != 0 || pText == nullptr)
     {

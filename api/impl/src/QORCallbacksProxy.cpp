@@ -15,18 +15,18 @@ namespace qor
 
 ICallbacks::~ICallbacks() = default;
 
-boost::shared_ptr<ICallbacks> TCCallbacksProxy::Instance()
+// Not analysed: the two templates take the lock that they are given.
+boost::shared_ptr<ICallbacks> TCCallbacksProxy::Instance() QOR_NOT_ANALYSED
 {
     return ProxyInstance<TCCallbacksProxy>(*m_pInstance, m_rwlock, m_destroyed);
 }
 
-void TCCallbacksProxy::Destroy()
+void TCCallbacksProxy::Destroy() QOR_NOT_ANALYSED
 {
     ProxyDestroy(*m_pInstance, m_rwlock, m_destroyed);
 }
 
-TCCallbacksProxy::TCCallbacksProxy()
-    : m_dbusClient(TCDbusClientProvider::Get(false)), m_registrationMutex(PTHREAD_MUTEX_INITIALIZER)
+TCCallbacksProxy::TCCallbacksProxy() : m_dbusClient(TCDbusClientProvider::Get(false))
 {
     if (!m_dbusClient)
     {
@@ -47,22 +47,22 @@ TCCallbacksProxy::~TCCallbacksProxy()
 
 bool TCCallbacksProxy::SetPolicyUpdateCb(const boost::function<void()>& callback)
 {
-    return m_Set(POLICY_UPDATE, m_policyUpdateCb, callback);
+    return m_Set(POLICY_UPDATE, &TCCallbacksProxy::m_policyUpdateCb, callback);
 }
 
 bool TCCallbacksProxy::ResetPolicyUpdateCb()
 {
-    return m_Reset(POLICY_UPDATE, m_policyUpdateCb);
+    return m_Reset(POLICY_UPDATE, &TCCallbacksProxy::m_policyUpdateCb);
 }
 
 bool TCCallbacksProxy::SetRequestProcessInfoCb(const boost::function<bool()>& callback)
 {
-    return m_Set(REQUEST_PROCESS_INFO, m_requestProcessInfoCb, callback);
+    return m_Set(REQUEST_PROCESS_INFO, &TCCallbacksProxy::m_requestProcessInfoCb, callback);
 }
 
 bool TCCallbacksProxy::ResetRequestProcessInfoCb()
 {
-    return m_Reset(REQUEST_PROCESS_INFO, m_requestProcessInfoCb);
+    return m_Reset(REQUEST_PROCESS_INFO, &TCCallbacksProxy::m_requestProcessInfoCb);
 }
 
 // A message that is being dispatched holds the endpoint's callback table shared while it waits for
@@ -70,13 +70,14 @@ bool TCCallbacksProxy::ResetRequestProcessInfoCb()
 // are called without m_rwlock; m_registrationMutex, which no message takes, keeps the steps of one
 // Set or Reset together.
 template <class TFunction>
-bool TCCallbacksProxy::m_Set(ECallbackType type, TFunction& field, const TFunction& callback)
+bool TCCallbacksProxy::m_Set(ECallbackType type, TFunction TCCallbacksProxy::*field,
+                             const TFunction& callback)
 {
     TFunction copy(callback);
-    const TCMutexLock registrationLock(m_registrationMutex);
+    const TCPosixLock registrationLock(m_registrationMutex);
     {
         const TCWriteLock lock(m_rwlock);
-        if (!field.empty())
+        if (!(this->*field).empty())
         {
             return false;
         }
@@ -89,18 +90,18 @@ bool TCCallbacksProxy::m_Set(ECallbackType type, TFunction& field, const TFuncti
         return false;
     }
     const TCWriteLock lock(m_rwlock);
-    field.swap(copy);
+    (this->*field).swap(copy);
     return true;
 }
 
 template <class TFunction>
-bool TCCallbacksProxy::m_Reset(ECallbackType type, TFunction& field)
+bool TCCallbacksProxy::m_Reset(ECallbackType type, TFunction TCCallbacksProxy::*field)
 {
     TFunction last; // destroyed without a lock: it is the application's
-    const TCMutexLock registrationLock(m_registrationMutex);
+    const TCPosixLock registrationLock(m_registrationMutex);
     const bool withdrawn = m_dbusClient && m_dbusClient->UnSetCallback(type);
     const TCWriteLock lock(m_rwlock);
-    field.swap(last);
+    (this->*field).swap(last);
     return withdrawn;
 }
 

@@ -21,12 +21,13 @@ constexpr int NOT_DELIVERED = -1;
 
 IControl::~IControl() = default;
 
-boost::shared_ptr<IControl> TCControlProxy::Instance()
+// Not analysed: the two templates take the lock that they are given.
+boost::shared_ptr<IControl> TCControlProxy::Instance() QOR_NOT_ANALYSED
 {
     return ProxyInstance<TCControlProxy>(*m_pInstance, m_rwlock, m_destroyed);
 }
 
-void TCControlProxy::Destroy()
+void TCControlProxy::Destroy() QOR_NOT_ANALYSED
 {
     ProxyDestroy(*m_pInstance, m_rwlock, m_destroyed);
 }

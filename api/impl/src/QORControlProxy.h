@@ -2,14 +2,13 @@
 #ifndef QOR_QORCONTROLPROXY_H
 #define QOR_QORCONTROLPROXY_H
 
-#include <pthread.h>
-
 #include <string>
 
 #include <boost/shared_ptr.hpp>
 
 #include <qor/IControl.h>
 #include <qor/IDbusClient.h>
+#include <qor/Mutex.h>
 
 namespace qor
 {
@@ -34,9 +33,9 @@ private:
 
     boost::shared_ptr<IDbusClient> m_dbusClient;
 
-    static boost::shared_ptr<IControl>* const m_pInstance;
-    static pthread_rwlock_t m_rwlock;
-    static bool m_destroyed;
+    static boost::shared_ptr<IControl>* const m_pInstance QOR_POINTEE_GUARDED_BY(m_rwlock);
+    static TSPosixRwLock m_rwlock;
+    static bool m_destroyed QOR_GUARDED_BY(m_rwlock);
 };
 
 } // namespace qor

@@ -12,8 +12,9 @@
 #include <gio/gio.h>
 
 #include "QORBusConnection.h"
-#include "QORDbusFilter.h"
+#include "QORDbusContext.h"
 #include "QORDbusLink.h"
+#include "QORDbusSession.h"
 #include "QOREnvelope.h"
 #include "QORFork.h"
 #include "QORGlibCompat.h"
@@ -69,12 +70,7 @@ TCDbus::~TCDbus()
 
 bool TCDbus::IsReady()
 {
-    if (!t_IsInOwnProcess())
-    {
-        return false;
-    }
-    const TSharedLock lock(t_stateMutex);
-    return t_isReady;
+    return t_IsInOwnProcess() && t_isReady;
 }
 
 std::string TCDbus::GetUniqueName()
@@ -87,10 +83,14 @@ std::string TCDbus::GetUniqueName()
     return t_uniqueName;
 }
 
-// Without a lock: only this thread changes the sender while it is inside a handler.
 std::string TCDbus::GetCurrentSender()
 {
-    return t_IsInOwnProcess() && t_IsInHandler() ? t_currentSender : std::string();
+    if (!t_IsInOwnProcess() || !t_IsInHandler())
+    {
+        return {};
+    }
+    const TSharedLock lock(t_stateMutex);
+    return t_currentSender;
 }
 
 std::size_t TCDbus::MaxPayload()
@@ -107,33 +107,57 @@ bool TCDbus::t_Fits(std::size_t payloadSize)
 
 bool TCDbus::t_Start()
 {
+    return t_Connect() && t_Export(t_Session());
+}
+
+bool TCDbus::t_Connect()
+{
     t_SetDbusCallback(t_dbusSendMethod,
                       boost::bind(&TCDbus::m_HandleMessage, this, boost::placeholders::_1,
                                   boost::placeholders::_2, boost::placeholders::_3));
     m_pNodeInfo.reset(g_dbus_node_info_new_for_xml(m_interfaceXml, nullptr));
 
     TCGlibError error;
-    TGlibPtr<GDBusConnection> pConnection = SharedBusConnection(error.Out());
+    TGlibPtr<GMainContext> pContext;
+    TGlibPtr<GDBusConnection> pConnection;
+    if (HasFreeDescriptors(error.Out()))
+    {
+        pContext.reset(g_main_context_new());
+        pConnection = BusConnection(pContext.get(), error.Out());
+    }
     if (pConnection == nullptr)
     {
         QOR_LOG_ERROR("Connecting to system bus error, errno %d", error.Code());
         return false;
     }
     t_pMainContext.reset(g_main_context_ref_thread_default());
-    t_Adopt(boost::make_shared<TCDbusFilter>(
-        std::move(pConnection), TGlibPtr<GMainContext>(g_main_context_new()), t_objectPath));
-    QOR_LOG_DEBUG("Working with unique name %s", t_uniqueName.c_str());
-    return t_Export();
+    m_pNextTurn = std::make_unique<TCDbusTimer>(t_pMainContext.get(), &TCDbus::m_NextTurn,
+                                                t_NewUserData(), RELEASE_DBUS_LINK);
+    const auto session = boost::make_shared<TCDbusSession>(std::move(pConnection),
+                                                           std::move(pContext), t_objectPath);
+    t_SetSession(session);
+    QOR_LOG_DEBUG("Working with unique name %s", session->UniqueName().c_str());
+    return true;
 }
 
-void TCDbus::t_Adopt(const boost::shared_ptr<TCDbusFilter>& filter)
+TCDbus::TSessionPtr TCDbus::t_Session()
 {
-    t_pFilter = filter;
-    t_pConnection.reset(static_cast<GDBusConnection*>(g_object_ref(filter->Connection())));
-    t_uniqueName = g_dbus_connection_get_unique_name(t_pConnection.get());
+    const TSharedLock lock(t_stateMutex);
+    return t_pSession;
 }
 
-bool TCDbus::t_Export()
+void TCDbus::t_SetSession(TSessionPtr session) // the old one goes after the lock
+{
+    TGlibPtr<GDBusConnection> pConnection(
+        session == nullptr ? nullptr
+                           : static_cast<GDBusConnection*>(g_object_ref(session->Connection())));
+    const TExclusiveLock lock(t_stateMutex);
+    t_uniqueName = session == nullptr ? "" : session->UniqueName();
+    t_pConnection.swap(pConnection);
+    t_pSession.swap(session);
+}
+
+bool TCDbus::t_Export(const TSessionPtr& session)
 {
     const TExclusiveLock lock(t_watchMutex);
     if (t_IsSevered())
@@ -143,7 +167,7 @@ bool TCDbus::t_Export()
     TCGlibError error;
     void* pUserData = t_NewUserData();
     m_registrationId = g_dbus_connection_register_object(
-        t_pConnection.get(), t_objectPath, m_pNodeInfo->interfaces[0], &m_interfaceVtable,
+        session->Connection(), t_objectPath, m_pNodeInfo->interfaces[0], &m_interfaceVtable,
         pUserData, RELEASE_DBUS_LINK, error.Out());
     if (m_registrationId == 0)
     {
@@ -152,43 +176,38 @@ bool TCDbus::t_Export()
             RELEASE_DBUS_LINK(pUserData);
         }
         QOR_LOG_ERROR("Registering object error, errno %d", error.Code());
-        t_pFilter->StopAdmission(); // the path is another endpoint's
+        session->Admission().Stop(); // the path is another endpoint's
         return false;
     }
-    m_pExportedOn = t_pFilter;
+    m_pExportedOn = session;
     return true;
 }
 
-void TCDbus::t_Withdraw()
+void TCDbus::t_Unexport()
 {
-    boost::shared_ptr<TCDbusFilter> filter; // goes after the lock
+    TSessionPtr session; // goes after the lock
     const TExclusiveLock lock(t_watchMutex);
     if (m_registrationId != 0)
     {
         g_dbus_connection_unregister_object(m_pExportedOn->Connection(), m_registrationId);
         m_registrationId = 0;
-        m_pExportedOn->StopAdmission();
-        m_pExportedOn.swap(filter);
+        m_pExportedOn->Admission().Stop();
+        m_pExportedOn.swap(session);
     }
+}
+
+bool TCDbus::t_IsExportedOn(const TSessionPtr& session)
+{
+    const TSharedLock lock(t_watchMutex);
+    return m_pExportedOn != nullptr && m_pExportedOn == session;
 }
 
 void TCDbus::t_Stop()
 {
-    t_Withdraw();
+    t_Unexport();
+    m_pNextTurn.reset();
     m_pNodeInfo.reset();
-    t_pFilter.reset();
-    t_pConnection.reset();
-}
-
-bool TCDbus::t_IsExported()
-{
-    const TSharedLock lock(t_watchMutex);
-    return m_pExportedOn != nullptr && m_pExportedOn == t_pFilter;
-}
-
-bool TCDbus::t_IsLost() const
-{
-    return t_pFilter != nullptr && t_pFilter->IsClosed();
+    t_SetSession(nullptr);
 }
 
 void TCDbus::t_SetDbusCallback(const char* method, const TMethodHandler& handler)
@@ -222,20 +241,23 @@ bool TCDbus::t_IsInOwnProcess() const
     return m_pLink->m_process == getpid();
 }
 
-void TCDbus::t_Abandon()
+// Not analysed: the child has no other thread, and the locks are made anew.
+void TCDbus::t_Abandon() QOR_NOT_ANALYSED
 {
-    static_cast<void>(t_pConnection.release());
-    static_cast<void>(t_pMainContext.release());
-    static_cast<void>(m_pNodeInfo.release());
     m_pLink = nullptr;
-    MakeAnew(t_pFilter);
-    MakeAnew(m_pExportedOn);
-    MakeAnew(m_postponed);
     MakeAnew(t_callbacksMutex);
     MakeAnew(t_callbacks);
     MakeAnew(t_stateMutex);
     MakeAnew(t_watchMutex);
+    MakeAnew(t_pSession);
+    MakeAnew(t_pConnection);
+    MakeAnew(t_uniqueName);
     MakeAnew(t_currentSender);
+    MakeAnew(t_pMainContext);
+    MakeAnew(m_pNodeInfo);
+    MakeAnew(m_pExportedOn);
+    MakeAnew(m_postponed);
+    MakeAnew(m_pNextTurn);
 }
 
 void* TCDbus::t_NewUserData()
@@ -250,80 +272,76 @@ void TCDbus::m_HandleMethodCall(GDBusConnection* pConnection, const char* /*send
                                 const char* /*methodName*/, GVariant* /*pParameters*/,
                                 GDBusMethodInvocation* pInvocation, void* pUserData)
 {
-    TGlibPtr<GDBusMethodInvocation> pOwnedInvocation(pInvocation);
-    const TCDbusLinkUse use(pUserData);
-    auto* pDbus = use.Endpoint<TCDbus>();
-    if (pDbus == nullptr || pConnection == nullptr)
+    const boost::shared_ptr<GDBusMethodInvocation> pOwned(pInvocation, TSGlibRelease());
+    const TCDbusEntry entry(pUserData);
+    if (entry.Endpoint() == nullptr || pConnection == nullptr)
     {
         QOR_LOG_ERROR("Connection %p, user_data %p", static_cast<void*>(pConnection),
-                      static_cast<void*>(pDbus));
+                      static_cast<void*>(entry.Endpoint()));
         return;
     }
-    if (use.IsNested())
-    {
-        const boost::shared_ptr<GDBusMethodInvocation> pPostponed(pOwnedInvocation.release(),
-                                                                  TSGlibRelease());
-        pDbus->m_postponed.emplace_back(
-            [pDbus, pPostponed]
-            {
-                pDbus->m_HandleMethodCall(TGlibPtr<GDBusMethodInvocation>(
-                    static_cast<GDBusMethodInvocation*>(g_object_ref(pPostponed.get()))));
-            });
-        return;
-    }
-    pDbus->m_HandleMethodCall(std::move(pOwnedInvocation));
-    pDbus->m_HandlePostponed();
+    entry.Run<TCDbus>([pOwned](TCDbus& dbus) { dbus.m_HandleMethodCall(pOwned.get()); });
 }
 
-void TCDbus::t_Handle(const TCDbusLinkUse& use, const boost::function<void()>& work)
+void TCDbus::m_HandleMethodCall(GDBusMethodInvocation* pInvocation)
 {
-    if (use.IsNested())
-    {
-        m_postponed.push_back(work);
-        return;
-    }
-    work();
-    m_HandlePostponed();
-}
-
-// What came while a callback iterated the main context.
-void TCDbus::m_HandlePostponed()
-{
-    while (!m_postponed.empty() && !t_IsSevered())
-    {
-        const boost::function<void()> work = std::move(m_postponed.front());
-        m_postponed.pop_front();
-        work();
-    }
-    m_postponed.clear();
-}
-
-void TCDbus::m_HandleMethodCall(TGlibPtr<GDBusMethodInvocation> pInvocation)
-{
-    GDBusMethodInvocation* p = pInvocation.get();
-    if (std::strcmp(g_dbus_method_invocation_get_object_path(p), t_objectPath) != 0)
+    if (std::strcmp(g_dbus_method_invocation_get_object_path(pInvocation), t_objectPath) != 0)
     {
         return;
     }
-    const char* methodName = g_dbus_method_invocation_get_method_name(p);
-    const TMethodHandler handler = m_FindHandler(methodName);
-    if (!handler)
+    g_object_ref(pInvocation); // which the answer takes over
+    const char* methodName = g_dbus_method_invocation_get_method_name(pInvocation);
+    const auto handler = m_methodHandlers.find(methodName);
+    if (handler == m_methodHandlers.end())
     {
         QOR_LOG_DEBUG("No message handler for %s", methodName);
-        g_dbus_method_invocation_return_value(pInvocation.release(), nullptr);
+        g_dbus_method_invocation_return_value(pInvocation, nullptr);
         return;
     }
     QOR_LOG_DEBUG("->Invoke message handler %s", methodName);
-    handler(g_dbus_method_invocation_get_sender(p), g_dbus_method_invocation_get_parameters(p),
-            pInvocation.release());
+    handler->second(g_dbus_method_invocation_get_sender(pInvocation),
+                    g_dbus_method_invocation_get_parameters(pInvocation), pInvocation);
 }
 
-// A start on another thread holds the lock until the endpoint is complete.
-TCDbus::TMethodHandler TCDbus::m_FindHandler(const char* methodName)
+// What comes while a callback iterates the main context waits until that has returned.
+void TCDbus::m_Handle(std::function<void()> work, bool isNested)
 {
-    const TSharedLock lock(t_stateMutex);
-    const auto found = m_methodHandlers.find(methodName);
-    return found == m_methodHandlers.end() ? TMethodHandler() : found->second;
+    m_postponed.push_back(std::move(work));
+    if (!isNested)
+    {
+        m_HandleNext();
+    }
+}
+
+// One in a turn of the main context: under steady traffic the context's other work, such as the end
+// of its loop, has its turn as well.
+void TCDbus::m_HandleNext()
+{
+    if (t_IsSevered())
+    {
+        m_postponed.clear();
+        return;
+    }
+    if (!m_postponed.empty())
+    {
+        const std::function<void()> work = std::move(m_postponed.front());
+        m_postponed.pop_front();
+        work();
+    }
+    if (!m_postponed.empty())
+    {
+        m_pNextTurn->SetIn(0);
+    }
+}
+
+int TCDbus::m_NextTurn(void* pUserData)
+{
+    const TCDbusEntry entry(pUserData);
+    if (entry.Endpoint() != nullptr && !entry.IsNested()) // else the outer one sees to it
+    {
+        entry.Endpoint()->m_HandleNext();
+    }
+    return G_SOURCE_CONTINUE;
 }
 
 void TCDbus::m_HandleMessage(const char* sender, GVariant* pParameters,

@@ -1,11 +1,15 @@
-// The doorman's other half: our own calls, and the way of their answers.
-#include "QORDbusFilter.h"
+// Our own calls on a connection, and their answers.
+#include "QORDbusCalls.h"
 
 #include <algorithm>
+#include <cstring>
 #include <ctime>
+#include <string>
 #include <utility>
 
-#include "QORPosixLock.h"
+#include "QORBusConnection.h"
+#include "QORDbusMessage.h"
+#include "QORLocks.h"
 
 namespace qor
 {
@@ -16,12 +20,37 @@ namespace
 // A connection that closes tells nobody on this thread, so a waiting one looks.
 constexpr gint64 CLOSED_CHECK_US = 100 * G_TIME_SPAN_MILLISECOND;
 
+bool IsBus(const char* name)
+{
+    return std::strcmp(name, BUS_NAME) == 0;
+}
+
+timespec ToTimespec(gint64 time)
+{
+    timespec result{};
+    result.tv_sec = static_cast<time_t>(time / G_USEC_PER_SEC);
+    result.tv_nsec = static_cast<long>(time % G_USEC_PER_SEC) * 1000;
+    return result;
+}
+
+// Who may answer; empty where the bus alone knows who has the name.
+std::string ExpectedSender(GDBusMessage* pCall)
+{
+    const char* name = g_dbus_message_get_destination(pCall);
+    const bool isKnown = name != nullptr && (g_dbus_is_unique_name(name) || IsBus(name));
+    return isKnown ? name : "";
+}
+
 } // namespace
 
-// Who waits for an answer on a thread of its own.
-struct TCDbusFilter::TSWaiter
+struct TCDbusCalls::TSCall
 {
-    TSWaiter() : m_changed()
+    TSCall(GDBusMessage* pMessage, TAnswerHandler handler)
+        : m_pMessage(pMessage),
+          m_expectedSender(ExpectedSender(pMessage)),
+          m_size(BodySize(pMessage)),
+          m_handler(std::move(handler)),
+          m_changed()
     {
         pthread_condattr_t attributes;
         pthread_condattr_init(&attributes);
@@ -29,160 +58,164 @@ struct TCDbusFilter::TSWaiter
         pthread_cond_init(&m_changed, &attributes);
         pthread_condattr_destroy(&attributes);
     }
-    ~TSWaiter()
+    ~TSCall()
     {
         pthread_cond_destroy(&m_changed);
     }
-    TSWaiter(const TSWaiter&) = delete;
-    TSWaiter& operator=(const TSWaiter&) = delete;
+    TSCall(const TSCall&) = delete;
+    TSCall& operator=(const TSCall&) = delete;
 
-    void WaitUntil(pthread_mutex_t& mutex, gint64 time)
+    bool IsAnsweredBy(const char* sender) const
     {
-        timespec deadline{};
-        deadline.tv_sec = static_cast<time_t>(time / G_USEC_PER_SEC);
-        deadline.tv_nsec = static_cast<long>(time % G_USEC_PER_SEC) * 1000;
-        pthread_cond_timedwait(&m_changed, &mutex, &deadline);
+        return m_expectedSender.empty() || sender == nullptr || m_expectedSender == sender ||
+               IsBus(sender);
     }
 
+    const GDBusMessage* const m_pMessage; // only its address; valid until it is seen going out
+    const std::string m_expectedSender;
+    const std::size_t m_size;
+    const TAnswerHandler m_handler; // none: a thread waits
+    std::uint32_t m_serial = 0;
     pthread_cond_t m_changed;
-    TGlibPtr<GDBusMessage> m_pAnswer; // guarded by the filter's mutex
+    TGlibPtr<GDBusMessage> m_pAnswer;
 };
 
-std::uint32_t TCDbusFilter::Call(GDBusMessage* pCall, const TAnswerHandler& handler,
-                                 GError** ppError)
+TCDbusCalls::TCDbusCalls(GDBusConnection* pConnection)
+    : m_pConnection(pConnection), m_unsentBytes(0)
 {
-    const std::size_t size = m_SizeOf(pCall);
-    m_unsentBytes += size;
-    const std::uint32_t serial = m_Send(pCall, {handler, nullptr}, ppError);
-    const TCMutexLock lock(m_sentMutex);
-    if (serial == 0 || m_IsSent(serial))
-    {
-        m_unsentBytes -= size;
-    }
-    else
-    {
-        m_unsent.emplace_back(serial, size);
-    }
-    return serial;
 }
 
-std::uint32_t TCDbusFilter::m_Send(GDBusMessage* pCall, TSAwaited awaited, GError** ppError)
+TCDbusCalls::~TCDbusCalls() = default;
+
+std::uint32_t TCDbusCalls::Call(GDBusMessage* pCall, const TAnswerHandler& handler,
+                                GError** ppError)
 {
-    const TCMutexLock sendLock(m_sendMutex);
-    std::uint32_t serial = 0;
-    if (!g_dbus_connection_send_message(m_pConnection.get(), pCall, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
-                                        &serial, ppError))
+    return m_Send(std::make_shared<TSCall>(pCall, handler), pCall, ppError);
+}
+
+// The caller holds the message, so nothing else has its address before this returns.
+std::uint32_t TCDbusCalls::m_Send(const TCallPtr& call, GDBusMessage* pMessage, GError** ppError)
+{
     {
+        const TCPosixLock lock(m_mutex);
+        m_unsent.push_back(call);
+        m_unsentBytes += call->m_size;
+    }
+    std::uint32_t serial = 0;
+    const bool isQueued =
+        g_dbus_connection_send_message(m_pConnection, pMessage, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                       &serial, ppError) != FALSE;
+    const TCPosixLock lock(m_mutex);
+    call->m_serial = serial;
+    if (!isQueued)
+    {
+        m_Drop(call);
         return 0;
     }
-    const TCMutexLock lock(m_mutex);
-    m_awaited.emplace(serial, std::move(awaited));
     return serial;
 }
 
-void TCDbusFilter::Forget(std::uint32_t serial)
+void TCDbusCalls::NoteSent(GDBusMessage* pMessage)
 {
-    const TCMutexLock lock(m_mutex);
-    m_EndAwaiting(serial);
-}
-
-std::size_t TCDbusFilter::UnsentBytes() const
-{
-    return m_unsentBytes;
-}
-
-// Messages are written in the order of their serials, which start again after the last one.
-bool TCDbusFilter::m_IsSent(std::uint32_t serial) const
-{
-    return static_cast<std::int32_t>(m_lastSent - serial) >= 0;
-}
-
-void TCDbusFilter::m_NoteSent(GDBusMessage* pMessage)
-{
-    const TCMutexLock lock(m_sentMutex);
-    m_lastSent = g_dbus_message_get_serial(pMessage);
-    while (!m_unsent.empty() && m_IsSent(m_unsent.front().first))
+    const TCPosixLock lock(m_mutex);
+    const TCallPtr call =
+        m_DropUnsent([pMessage](const TSCall& unsent) { return unsent.m_pMessage == pMessage; });
+    if (call != nullptr)
     {
-        m_unsentBytes -= m_unsent.front().second;
-        m_unsent.pop_front();
+        m_awaited.emplace(g_dbus_message_get_serial(pMessage), call);
     }
 }
 
-bool TCDbusFilter::m_TakeAnswer(GDBusMessage* pMessage)
+bool TCDbusCalls::TakeAnswer(GDBusMessage* pMessage)
 {
-    const std::uint32_t serial = g_dbus_message_get_reply_serial(pMessage);
-    if (m_HandOver(serial, pMessage))
+    TCallPtr call;
     {
-        return true;
-    }
-    // An answer may overtake the end of its call's sending: once nobody sends, it is known.
-    {
-        const TCMutexLock sendLock(m_sendMutex);
-    }
-    return m_HandOver(serial, pMessage);
-}
-
-bool TCDbusFilter::m_HandOver(std::uint32_t serial, GDBusMessage* pMessage)
-{
-    std::shared_ptr<TSWaiter> pWaiter;
-    {
-        const TCMutexLock lock(m_mutex);
-        TSAwaited awaited = m_EndAwaiting(serial);
-        pWaiter = std::move(awaited.m_pWaiter);
-        if (pWaiter == nullptr && !awaited.m_handler)
+        const TCPosixLock lock(m_mutex);
+        const auto found = m_awaited.find(g_dbus_message_get_reply_serial(pMessage));
+        if (found == m_awaited.end() ||
+            !found->second->IsAnsweredBy(g_dbus_message_get_sender(pMessage)))
         {
             return false;
         }
-        if (pWaiter == nullptr)
+        call = std::move(found->second);
+        m_awaited.erase(found);
+        if (!call->m_handler)
         {
-            awaited.m_handler(pMessage);
-            return true;
+            call->m_pAnswer.reset(static_cast<GDBusMessage*>(g_object_ref(pMessage)));
         }
-        pWaiter->m_pAnswer.reset(static_cast<GDBusMessage*>(g_object_ref(pMessage)));
     }
-    pthread_cond_signal(&pWaiter->m_changed); // without the mutex: who wakes up needs it at once
+    if (call->m_handler)
+    {
+        call->m_handler(pMessage);
+    }
+    else
+    {
+        pthread_cond_signal(&call->m_changed); // without the mutex: who wakes up needs it at once
+    }
     return true;
 }
 
-// Called with the mutex held. Neither handler nor waiter when the call is not awaited.
-TCDbusFilter::TSAwaited TCDbusFilter::m_EndAwaiting(std::uint32_t serial)
+void TCDbusCalls::Forget(std::uint32_t serial)
 {
-    const auto found = m_awaited.find(serial);
-    if (found == m_awaited.end())
+    const TCPosixLock lock(m_mutex);
+    if (m_awaited.erase(serial) == 0)
     {
-        return TSAwaited();
+        m_DropUnsent([serial](const TSCall& call) { return call.m_serial == serial; });
     }
-    TSAwaited awaited = std::move(found->second);
-    m_awaited.erase(found);
-    return awaited;
 }
 
-TGlibPtr<GDBusMessage> TCDbusFilter::CallAndWait(GDBusMessage* pCall, int timeoutMs,
-                                                 GError** ppError)
+void TCDbusCalls::m_Drop(const TCallPtr& dropped)
 {
-    const gint64 deadline = g_get_monotonic_time() + timeoutMs * G_TIME_SPAN_MILLISECOND;
-    const auto pWaiter = std::make_shared<TSWaiter>();
-    const std::uint32_t serial = m_Send(pCall, {nullptr, pWaiter}, ppError);
-    if (serial == 0)
+    m_awaited.erase(dropped->m_serial);
+    m_DropUnsent([&dropped](const TSCall& call) { return &call == dropped.get(); });
+}
+
+template <class TPredicate>
+TCDbusCalls::TCallPtr TCDbusCalls::m_DropUnsent(const TPredicate& isMeant)
+{
+    const auto found = std::find_if(m_unsent.begin(), m_unsent.end(),
+                                    [&isMeant](const TCallPtr& call) { return isMeant(*call); });
+    if (found == m_unsent.end())
     {
         return nullptr;
     }
-    const TCMutexLock lock(m_mutex);
-    while (pWaiter->m_pAnswer == nullptr)
+    TCallPtr call = std::move(*found);
+    m_unsent.erase(found);
+    m_unsentBytes -= call->m_size;
+    return call;
+}
+
+std::size_t TCDbusCalls::UnsentBytes()
+{
+    const TCPosixLock lock(m_mutex);
+    return m_unsentBytes;
+}
+
+TGlibPtr<GDBusMessage> TCDbusCalls::CallAndWait(GDBusMessage* pCall, int timeoutMs,
+                                                GError** ppError)
+{
+    const gint64 deadline = g_get_monotonic_time() + timeoutMs * G_TIME_SPAN_MILLISECOND;
+    const auto call = std::make_shared<TSCall>(pCall, nullptr);
+    if (m_Send(call, pCall, ppError) == 0)
+    {
+        return nullptr;
+    }
+    TCPosixLock lock(m_mutex);
+    while (call->m_pAnswer == nullptr)
     {
         const gint64 now = g_get_monotonic_time();
-        const bool isClosed = g_dbus_connection_is_closed(m_pConnection.get());
+        const bool isClosed = g_dbus_connection_is_closed(m_pConnection);
         if (isClosed || now >= deadline)
         {
-            m_EndAwaiting(serial);
+            m_Drop(call);
             g_set_error_literal(ppError, G_IO_ERROR,
                                 isClosed ? G_IO_ERROR_CLOSED : G_IO_ERROR_TIMED_OUT,
                                 isClosed ? "The connection is closed" : "Timeout was reached");
             return nullptr;
         }
-        pWaiter->WaitUntil(m_mutex, std::min(deadline, now + CLOSED_CHECK_US));
+        lock.WaitUntil(call->m_changed, ToTimespec(std::min(deadline, now + CLOSED_CHECK_US)));
     }
-    return std::move(pWaiter->m_pAnswer);
+    return std::move(call->m_pAnswer);
 }
 
 } // namespace qor

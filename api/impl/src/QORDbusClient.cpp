@@ -6,8 +6,11 @@
 
 #include <gio/gio.h>
 
-#include "QORDbusFilter.h"
+#include "QORDbusContext.h"
 #include "QORDbusLink.h"
+#include "QORDbusMessage.h"
+#include "QORDbusRegistration.h"
+#include "QORDbusSession.h"
 #include "QOREnvelope.h"
 #include "QORFork.h"
 #include "QORGlibError.h"
@@ -29,8 +32,7 @@ constexpr int DEFAULT_TIMEOUT = -1;
 
 IDbusClient::~IDbusClient() = default;
 
-TCDbusClient::TCDbusClient(bool testMode)
-    : TCDbus(testMode), m_watcherId(0), m_isStarted(false), m_nextAttempt(0)
+TCDbusClient::TCDbusClient(bool testMode) : TCDbus(testMode), m_watcherId(0), m_nextAttempt(0)
 {
     t_Start();
 }
@@ -42,11 +44,10 @@ TCDbusClient::~TCDbusClient()
         t_Stop();
         return;
     }
-    static_cast<void>(m_pProxy.release());
-    static_cast<void>(m_pHangUp.release());
-    static_cast<void>(m_pRetry.release());
-    MakeAnew(m_pWatchedOn);
-    MakeAnew(m_attemptMutex);
+    MakeAnew(m_pProxy);
+    MakeAnew(m_pHangUp);
+    MakeAnew(m_pRecovery);
+    MakeAnew(m_pRegistration);
     t_Abandon();
 }
 
@@ -54,57 +55,66 @@ TCDbusClient::~TCDbusClient()
 
 bool TCDbusClient::t_Start()
 {
+    if (!TCDbus::t_Start() || !m_CreateProxy())
     {
-        const TExclusiveLock stateLock(t_stateMutex);
-        if (!TCDbus::t_Start() || !m_CreateProxy())
-        {
-            return false;
-        }
-        m_isStarted = true;
+        return false;
     }
-    m_Watch();
+    m_pRecovery = std::make_unique<TCDbusTimer>(
+        t_pMainContext.get(), &TCDbusEntry::RunMember<TCDbusClient, &TCDbusClient::m_Recover>,
+        t_NewUserData(), RELEASE_DBUS_LINK);
+    m_pRegistration = std::make_shared<TCDbusRegistration>(std::make_unique<TCDbusTimer>(
+        t_pMainContext.get(), &TCDbusEntry::RunMember<TCDbusClient, &TCDbusClient::m_RepeatHello>,
+        t_NewUserData(), RELEASE_DBUS_LINK));
+    m_Watch(t_Session());
     return true;
 }
 
+bool TCDbusClient::m_IsStarted() const
+{
+    return m_pRegistration != nullptr;
+}
+
+// The bus answers here, so no lock is held.
 bool TCDbusClient::m_CreateProxy()
 {
     TCGlibError error;
-    m_pProxy.reset(g_dbus_proxy_new_sync(
-        t_pConnection.get(),
+    TGlibPtr<GDBusProxy> pProxy(g_dbus_proxy_new_sync(
+        t_Session()->Connection(),
         static_cast<GDBusProxyFlags>(G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES |
                                      G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START_AT_CONSTRUCTION),
         nullptr, t_busName, t_objectPath, t_interfaceName, nullptr, error.Out()));
-    if (m_pProxy == nullptr)
+    if (pProxy == nullptr)
     {
         QOR_LOG_ERROR("Registering proxy error, errno %d", error.Code());
         return false;
     }
+    const TExclusiveLock lock(t_stateMutex);
+    m_pProxy = std::move(pProxy);
     return true;
 }
 
-// Leaves the bus to a successor, without waiting for a callback: the provider calls it with its
-// mutex held. What is left is the destructor's.
-void TCDbusClient::m_Retire()
+// Makes room for a successor, without waiting for a callback: the provider calls it with its mutex
+// held. What is left is the destructor's.
+void TCDbusClient::m_LeaveBus()
 {
     t_SeverHandlers();
+    if (m_IsStarted())
     {
-        const TExclusiveLock watchLock(t_watchMutex);
-        if (m_pRetry != nullptr)
-        {
-            g_source_destroy(m_pRetry.get());
-            m_pRetry.reset();
-        }
+        m_pRecovery->Stop();
+        m_pRegistration->Stop();
     }
     m_Unwatch();
-    t_Withdraw();
+    t_Unexport();
 }
 
 void TCDbusClient::t_Stop()
 {
-    m_Retire();
+    m_LeaveBus();
     t_StopHandlers();
-    const TExclusiveLock stateLock(t_stateMutex);
-    m_pProxy.reset();
+    {
+        const TExclusiveLock lock(t_stateMutex);
+        m_pProxy.reset();
+    }
     TCDbus::t_Stop();
 }
 
@@ -113,46 +123,63 @@ void TCDbusClient::t_Stop()
 void TCDbusClient::m_NameAppeared(GDBusConnection* pConnection, const char* name, const char* owner,
                                   void* pUserData)
 {
-    const TCDbusLinkUse use(pUserData);
+    const TCDbusEntry entry(pUserData);
     QOR_LOG_DEBUG("Name appeared - name %s", name);
-    if (auto* pClient = use.Endpoint<TCDbusClient>())
-    {
-        pClient->t_Handle(use, [=, name = std::string(name), owner = std::string(owner)]
-                          { pClient->m_NameAppeared(pConnection, name.c_str(), owner.c_str()); });
-    }
+    entry.Run<TCDbusClient>(
+        [pConnection, name = std::string(name), owner = std::string(owner)](TCDbusClient& client)
+        { client.m_NameAppeared(pConnection, name.c_str(), owner.c_str()); });
 }
 
 void TCDbusClient::m_NameAppeared(GDBusConnection* /*pConnection*/, const char* /*name*/,
                                   const char* /*owner*/)
 {
-    const TExclusiveLock stateLock(t_stateMutex);
-    const TSharedLock callbacksLock(t_callbacksMutex);
+    m_pRegistration->Restart();
     m_SendHello();
     t_isReady = true;
+    if (m_pRegistration->HasNews()) // whoever has changed the types may not have seen that
+    {
+        m_SendHello();
+    }
 }
 
 void TCDbusClient::m_NameVanished(GDBusConnection* pConnection, const char* name, void* pUserData)
 {
-    const TCDbusLinkUse use(pUserData);
+    const TCDbusEntry entry(pUserData);
     QOR_LOG_DEBUG("Name vanished - name %s", name);
-    if (auto* pClient = use.Endpoint<TCDbusClient>())
-    {
-        pClient->t_Handle(use, [=, name = std::string(name)]
-                          { pClient->m_NameVanished(pConnection, name.c_str()); });
-    }
+    entry.Run<TCDbusClient>([pConnection, name = std::string(name)](TCDbusClient& client)
+                            { client.m_NameVanished(pConnection, name.c_str()); });
 }
 
 void TCDbusClient::m_NameVanished(GDBusConnection* /*pConnection*/, const char* /*name*/)
 {
-    const TExclusiveLock stateLock(t_stateMutex);
     t_isReady = false;
 }
 
 bool TCDbusClient::m_SendHello()
 {
-    QOR_LOG_DEBUG("Send hello %s", t_uniqueName.c_str());
-    m_CallWithoutReply(t_dbusHelloMethod, WriteEventList(t_callbacks));
+    const TSessionPtr session = t_Session();
+    QOR_LOG_DEBUG("Send hello %s", session == nullptr ? "" : session->UniqueName().c_str());
+    if (m_IsStarted())
+    {
+        const TGlibPtr<GDBusMessage> pHello(g_dbus_message_new_method_call(
+            t_busName, t_objectPath, t_interfaceName, t_dbusHelloMethod));
+        m_pRegistration->Announce(session->Calls(), pHello.get());
+    }
     return true;
+}
+
+void TCDbusClient::m_RepeatHello()
+{
+    int newReason = 0;
+    if (!t_isReady || !m_pRegistration->IsUnconfirmed(newReason))
+    {
+        return;
+    }
+    if (newReason != 0)
+    {
+        QOR_LOG_ERROR("Sending hello error, errno %d", newReason);
+    }
+    m_SendHello();
 }
 
 // --- Callbacks and sends -------------------------------------------------------------------------
@@ -163,13 +190,12 @@ bool TCDbusClient::SetCallback(int type, const TMessageCallback& callback)
     {
         return false;
     }
-    const TSharedLock stateLock(t_stateMutex);
-    const TExclusiveLock callbacksLock(t_callbacksMutex);
+    const TExclusiveLock lock(t_callbacksMutex);
     const bool inserted = t_callbacks.try_emplace(type, callback).second;
     QOR_LOG_DEBUG("Type %d, result %d", type, inserted);
-    if (inserted && t_isReady)
+    if (inserted)
     {
-        m_SendHello();
+        m_TypesChanged();
     }
     return inserted;
 }
@@ -180,15 +206,27 @@ bool TCDbusClient::UnSetCallback(int type)
     {
         return false;
     }
-    std::map<int, TMessageCallback>::node_type removed; // goes after the locks: it is the caller's
-    const TSharedLock stateLock(t_stateMutex);
-    const TExclusiveLock callbacksLock(t_callbacksMutex);
+    std::map<int, TMessageCallback>::node_type removed; // goes after the lock: it is the caller's
+    const TExclusiveLock lock(t_callbacksMutex);
     removed = t_callbacks.extract(type);
-    if (!removed.empty() && t_isReady)
+    if (!removed.empty())
+    {
+        m_TypesChanged();
+    }
+    return !removed.empty();
+}
+
+void TCDbusClient::m_TypesChanged()
+{
+    if (!m_IsStarted())
+    {
+        return;
+    }
+    m_pRegistration->SetTypes(t_callbacks);
+    if (t_isReady)
     {
         m_SendHello();
     }
-    return !removed.empty();
 }
 
 bool TCDbusClient::SendMessage(int type, const TByteArray& data, TByteArray& response, bool isAsync)
@@ -197,19 +235,14 @@ bool TCDbusClient::SendMessage(int type, const TByteArray& data, TByteArray& res
     {
         return false;
     }
-    const gint64 deadline = g_get_monotonic_time() + SEND_TIMEOUT_MS * G_TIME_SPAN_MILLISECOND;
-    m_FindBusAgain();
-    const TSharedLock stateLock(t_stateMutex);
+    const TSessionPtr session = m_FindBus();
     if (!t_isReady)
     {
         QOR_LOG_DEBUG("Connection is not ready");
-        if (!isAsync && (!m_isStarted || t_IsExported()))
+        // The bus starts a service that is not running, which then learns our types at once; not
+        // before it can call us, while the bus has just been found again.
+        if (!isAsync && (!m_IsStarted() || t_IsExportedOn(session)))
         {
-            // The bus starts a service that is not running, which then learns our types at once;
-            // not before it can call us, while the bus has just been found again. Inside a callback
-            // this thread holds the table already.
-            const TSharedLock callbacksLock =
-                t_IsInHandler() ? TSharedLock() : TSharedLock(t_callbacksMutex);
             m_SendHello();
         }
     }
@@ -221,24 +254,24 @@ bool TCDbusClient::SendMessage(int type, const TByteArray& data, TByteArray& res
     }
     if (!isAsync)
     {
-        const gint64 left = (deadline - g_get_monotonic_time()) / G_TIME_SPAN_MILLISECOND;
-        return m_CallAndWait(type, data, response, static_cast<int>(left));
+        return m_CallAndWait(session, type, data, response);
     }
     GVariant* pRequest = nullptr;
     t_ConvertBytes(type, isAsync, data, pRequest);
-    m_CallWithoutReply(t_dbusSendMethod, pRequest);
+    m_CallWithoutReply(session, t_dbusSendMethod, pRequest);
     return true;
 }
 
 // Calls go to the service's well-known name, not to the owner that the proxy has last heard of: the
 // proxy learns of a restarted service only while the main context is iterated, and sends must work
 // without. Takes over the floating parameters, also where the start failed and nothing is called.
-void TCDbusClient::m_CallWithoutReply(const char* method, GVariant* pParameters)
+void TCDbusClient::m_CallWithoutReply(const TSessionPtr& session, const char* method,
+                                      GVariant* pParameters)
 {
     const TGlibPtr<GVariant> pOwned(g_variant_ref_sink(pParameters));
-    if (m_isStarted)
+    if (m_IsStarted())
     {
-        g_dbus_connection_call(t_pConnection.get(), t_busName, t_objectPath, t_interfaceName,
+        g_dbus_connection_call(session->Connection(), t_busName, t_objectPath, t_interfaceName,
                                method, pOwned.get(), nullptr, G_DBUS_CALL_FLAGS_NONE,
                                DEFAULT_TIMEOUT, nullptr, nullptr, nullptr);
     }
@@ -246,10 +279,10 @@ void TCDbusClient::m_CallWithoutReply(const char* method, GVariant* pParameters)
 
 // The answer is picked up on the way in. g_dbus_connection_call_sync would make a main context, and
 // with it a file descriptor, for each call.
-bool TCDbusClient::m_CallAndWait(int type, const TByteArray& data, TByteArray& response,
-                                 int timeoutMs)
+bool TCDbusClient::m_CallAndWait(const TSessionPtr& session, int type, const TByteArray& data,
+                                 TByteArray& response)
 {
-    if (!m_isStarted)
+    if (!m_IsStarted())
     {
         QOR_LOG_ERROR("pResult is NULL");
         return false;
@@ -261,10 +294,11 @@ bool TCDbusClient::m_CallAndWait(int type, const TByteArray& data, TByteArray& r
     g_dbus_message_set_body(pCall.get(), pRequest);
     TCGlibError error;
     const TGlibPtr<GDBusMessage> pAnswer =
-        t_pFilter->CallAndWait(pCall.get(), timeoutMs, error.Out());
-    if (pAnswer == nullptr || g_dbus_message_to_gerror(pAnswer.get(), error.Out()))
+        session->Calls().CallAndWait(pCall.get(), SEND_TIMEOUT_MS, error.Out());
+    int code = error ? error.Code() : 0;
+    if (pAnswer == nullptr || IsErrorReply(pAnswer.get(), code))
     {
-        QOR_LOG_ERROR("Sending message error, errno %d", error.Code());
+        QOR_LOG_ERROR("Sending message error, errno %d", code);
         return false;
     }
     bool result = true;
@@ -276,15 +310,15 @@ bool TCDbusClient::m_CallAndWait(int type, const TByteArray& data, TByteArray& r
 
 boost::shared_ptr<IDbusClient> TCDbusClientProvider::Get(bool testMode)
 {
-    const boost::unique_lock<boost::mutex> lock(*m_pMutex);
+    const TLock lock(*m_pMutex);
     boost::shared_ptr<IDbusClient> client = m_pDbusClient->lock();
     if (client == nullptr)
     {
-        if (m_pLatest != nullptr)
+        if (m_pLatest != nullptr && m_pLatest->t_IsInOwnProcess())
         {
-            m_pLatest->m_Retire(); // its last holder has let go, and has not come here yet
-            m_pLatest = nullptr;
+            m_pLatest->m_LeaveBus(); // its last holder has let go, and has not come here yet
         }
+        m_pLatest = nullptr;
         auto* pClient = new TCDbusClient(testMode);
         client.reset(pClient, &TCDbusClientProvider::m_Release);
         *m_pDbusClient = client;
@@ -296,11 +330,13 @@ boost::shared_ptr<IDbusClient> TCDbusClientProvider::Get(bool testMode)
 // A successor may be asked for at once, so the bus is left before anything is waited for.
 void TCDbusClientProvider::m_Release(TCDbusClient* pClient)
 {
-    if (pClient->t_IsInOwnProcess())
     {
-        const boost::unique_lock<boost::mutex> lock(*m_pMutex);
-        pClient->m_Retire();
+        const TLock lock(*m_pMutex);
         m_pLatest = m_pLatest == pClient ? nullptr : m_pLatest;
+        if (pClient->t_IsInOwnProcess())
+        {
+            pClient->m_LeaveBus();
+        }
     }
     delete pClient;
 }

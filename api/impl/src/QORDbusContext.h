@@ -1,8 +1,10 @@
-// Makes a main context the thread's default for a while.
+// Main contexts: one as the thread's default for a while, and a timer in one.
 #ifndef QOR_QORDBUSCONTEXT_H
 #define QOR_QORDBUSCONTEXT_H
 
 #include <glib.h>
+
+#include <qor/GlibTypes.h>
 
 namespace qor
 {
@@ -26,6 +28,29 @@ public:
 
 private:
     GMainContext* m_pContext;
+};
+
+// Calls a function in a main context each time that it has been set and is due. Any thread may set
+// and stop it.
+class TCDbusTimer
+{
+public:
+    // The user data is released by the function, once nobody uses it any more.
+    TCDbusTimer(GMainContext* pContext, GSourceFunc function, void* pUserData,
+                GDestroyNotify release);
+    ~TCDbusTimer();
+
+    TCDbusTimer(const TCDbusTimer&) = delete;
+    TCDbusTimer& operator=(const TCDbusTimer&) = delete;
+
+    // In place of an earlier time.
+    void SetIn(unsigned int milliseconds);
+    void Clear();
+    // For good.
+    void Stop();
+
+private:
+    TGlibPtr<GSource> m_pSource;
 };
 
 } // namespace qor

@@ -6,7 +6,9 @@
 #include <new>
 #include <type_traits>
 
-#include "QORPosixLock.h"
+#include <qor/QORDbus.h>
+
+#include "QORLocks.h"
 
 namespace qor
 {
@@ -14,23 +16,19 @@ namespace qor
 TSDbusLink* NewDbusLink(TCDbus* pEndpoint)
 {
     static_assert(std::is_trivially_destructible<TSDbusLink>::value, "freed without a destructor");
-    return new (g_atomic_rc_box_alloc(sizeof(TSDbusLink))) TSDbusLink{PTHREAD_MUTEX_INITIALIZER,
-                                                                      PTHREAD_COND_INITIALIZER,
-                                                                      pEndpoint,
-                                                                      0,
-                                                                      pthread_self(),
-                                                                      getpid()};
+    return new (g_atomic_rc_box_alloc(sizeof(TSDbusLink)))
+        TSDbusLink{{}, PTHREAD_COND_INITIALIZER, pEndpoint, 0, pthread_self(), getpid()};
 }
 
 void SeverDbusLink(TSDbusLink* pLink)
 {
-    const TCMutexLock lock(pLink->m_mutex);
+    const TCPosixLock lock(pLink->m_mutex);
     pLink->m_pEndpoint = nullptr;
 }
 
 void WaitForDbusHandlers(TSDbusLink* pLink)
 {
-    TCMutexLock lock(pLink->m_mutex);
+    TCPosixLock lock(pLink->m_mutex);
     while (pLink->m_running != 0 && !pthread_equal(pLink->m_runner, pthread_self()))
     {
         lock.Wait(pLink->m_changed);
@@ -39,24 +37,24 @@ void WaitForDbusHandlers(TSDbusLink* pLink)
 
 bool IsDbusLinkSevered(TSDbusLink* pLink)
 {
-    const TCMutexLock lock(pLink->m_mutex);
+    const TCPosixLock lock(pLink->m_mutex);
     return pLink->m_pEndpoint == nullptr;
 }
 
 bool IsInDbusHandler(TSDbusLink* pLink)
 {
-    const TCMutexLock lock(pLink->m_mutex);
+    const TCPosixLock lock(pLink->m_mutex);
     return pLink->m_running != 0 && pthread_equal(pLink->m_runner, pthread_self());
 }
 
-TCDbusLinkUse::TCDbusLinkUse(void* pUserData)
+TCDbusEntry::TCDbusEntry(void* pUserData)
     : m_pLink(static_cast<TSDbusLink*>(pUserData)), m_pEndpoint(nullptr), m_isNested(false)
 {
     if (m_pLink == nullptr)
     {
         return;
     }
-    const TCMutexLock lock(m_pLink->m_mutex);
+    const TCPosixLock lock(m_pLink->m_mutex);
     m_pEndpoint = m_pLink->m_pEndpoint;
     if (m_pEndpoint != nullptr)
     {
@@ -65,15 +63,20 @@ TCDbusLinkUse::TCDbusLinkUse(void* pUserData)
     }
 }
 
-TCDbusLinkUse::~TCDbusLinkUse()
+TCDbusEntry::~TCDbusEntry()
 {
     if (m_pEndpoint == nullptr)
     {
         return;
     }
-    const TCMutexLock lock(m_pLink->m_mutex);
+    const TCPosixLock lock(m_pLink->m_mutex);
     --m_pLink->m_running;
     pthread_cond_broadcast(&m_pLink->m_changed);
+}
+
+void TCDbusEntry::m_Run(std::function<void()> work) const
+{
+    m_pEndpoint->m_Handle(std::move(work), m_isNested);
 }
 
 } // namespace qor

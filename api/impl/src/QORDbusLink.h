@@ -9,7 +9,12 @@
 #include <pthread.h>
 #include <sys/types.h>
 
+#include <functional>
+#include <utility>
+
 #include <glib.h>
+
+#include <qor/Mutex.h>
 
 namespace qor
 {
@@ -20,12 +25,14 @@ class TCDbus;
 // reference after this library has been unloaded, so nothing of ours can be called then.
 struct TSDbusLink
 {
-    pthread_mutex_t m_mutex;
+    TSPosixMutex m_mutex;
     pthread_cond_t m_changed;
-    TCDbus* m_pEndpoint;    // null once severed
-    unsigned int m_running; // more than one where a callback iterates the main context
-    pthread_t m_runner;     // the thread of the running handlers: one context, so one at a time
-    pid_t m_process;        // that created the endpoint
+    TCDbus* m_pEndpoint QOR_GUARDED_BY(m_mutex);    // null once severed
+    unsigned int m_running QOR_GUARDED_BY(m_mutex); // more than one where a callback iterates the
+                                                    // main context
+    pthread_t m_runner QOR_GUARDED_BY(m_mutex);     // the thread of the running handlers: one
+                                                    // context, so one at a time
+    pid_t m_process;                                // that created the endpoint
 };
 
 // How GLib gives back its reference: a function of GLib's own, for the same reason.
@@ -45,21 +52,21 @@ bool IsDbusLinkSevered(TSDbusLink* pLink);
 // Whether the calling thread is inside a handler.
 bool IsInDbusHandler(TSDbusLink* pLink);
 
-// Holds the endpoint behind a handler's user data for as long as the handler runs.
-class TCDbusLinkUse
+// The way in of every handler: finds the endpoint behind its user data, holds it while the handler
+// runs, and runs the work.
+class TCDbusEntry
 {
 public:
-    explicit TCDbusLinkUse(void* pUserData);
-    ~TCDbusLinkUse();
+    explicit TCDbusEntry(void* pUserData);
+    ~TCDbusEntry();
 
-    TCDbusLinkUse(const TCDbusLinkUse&) = delete;
-    TCDbusLinkUse& operator=(const TCDbusLinkUse&) = delete;
+    TCDbusEntry(const TCDbusEntry&) = delete;
+    TCDbusEntry& operator=(const TCDbusEntry&) = delete;
 
     // Null when there is no endpoint (any more).
-    template <class TEndpoint>
-    TEndpoint* Endpoint() const
+    TCDbus* Endpoint() const
     {
-        return static_cast<TEndpoint*>(m_pEndpoint);
+        return m_pEndpoint;
     }
     // Whether another handler of the endpoint is running: one that iterates the main context.
     bool IsNested() const
@@ -67,7 +74,30 @@ public:
         return m_isNested;
     }
 
+    // Runs the work with the endpoint, if there is one: at once, or, inside a callback that
+    // iterates the main context, after that has returned and in its turn.
+    template <class TEndpoint, class TWork>
+    void Run(TWork work) const
+    {
+        if (m_pEndpoint != nullptr)
+        {
+            m_Run([pEndpoint = static_cast<TEndpoint*>(m_pEndpoint), work = std::move(work)]
+                  { work(*pEndpoint); });
+        }
+    }
+
+    // The function of a timer: runs a member of the endpoint.
+    template <class TEndpoint, void (TEndpoint::*MEMBER)()>
+    static gboolean RunMember(void* pUserData)
+    {
+        const TCDbusEntry entry(pUserData);
+        entry.Run<TEndpoint>([](TEndpoint& endpoint) { (endpoint.*MEMBER)(); });
+        return G_SOURCE_REMOVE;
+    }
+
 private:
+    void m_Run(std::function<void()> work) const;
+
     TSDbusLink* m_pLink;
     TCDbus* m_pEndpoint;
     bool m_isNested;

@@ -9,6 +9,7 @@
 
 #include "QORDbusContext.h"
 #include "QORDbusLink.h"
+#include "QORDbusSession.h"
 #include "QOREnvelope.h"
 #include "QOREventDelivery.h"
 #include "QORFork.h"
@@ -53,10 +54,10 @@ TCDbusServer::~TCDbusServer()
     {
         MakeAnew(m_clients);
         MakeAnew(m_thread);
-        static_cast<void>(m_pContext.release());
-        static_cast<void>(m_pMainLoop.release());
-        static_cast<void>(m_pDelivery.release());
-        static_cast<void>(m_pGoneCheck.release());
+        MakeAnew(m_pContext);
+        MakeAnew(m_pMainLoop);
+        MakeAnew(m_pGoneCheck);
+        MakeAnew(m_pDelivery);
         t_Abandon();
         return;
     }
@@ -65,24 +66,38 @@ TCDbusServer::~TCDbusServer()
     t_Stop();
 }
 
+// A call may come as soon as the object is exported, so everything that it needs is made before.
 bool TCDbusServer::t_Start()
 {
-    const TExclusiveLock lock(t_stateMutex);
-    if (!TCDbus::t_Start())
-    {
-        return false;
-    }
-    m_ownNameId = g_bus_own_name_on_connection(
-        t_pConnection.get(), t_busName, G_BUS_NAME_OWNER_FLAGS_NONE, &TCDbusServer::m_NameAcquired,
-        &TCDbusServer::m_NameLost, t_NewUserData(), RELEASE_DBUS_LINK);
     t_SetDbusCallback(t_dbusHelloMethod,
                       boost::bind(&TCDbusServer::m_HandleHelloMessage, this,
                                   boost::placeholders::_1, boost::placeholders::_2,
                                   boost::placeholders::_3));
+    if (!t_Connect())
+    {
+        return false;
+    }
+    const TSessionPtr session = t_Session();
     m_pContext.reset(g_main_context_new());
     m_pMainLoop.reset(g_main_loop_new(m_pContext.get(), FALSE));
-    m_pDelivery = std::make_unique<TCEventDelivery>(m_pContext.get(), *t_pFilter,
-                                                    [this] { m_ClientsAreGone(); });
+    m_pGoneCheck = std::make_unique<TCDbusTimer>(
+        t_pMainContext.get(),
+        &TCDbusEntry::RunMember<TCDbusServer, &TCDbusServer::m_ForgetGoneClients>, t_NewUserData(),
+        RELEASE_DBUS_LINK);
+    m_pDelivery = std::make_unique<TCEventDelivery>(m_pContext.get(), *session,
+                                                    [this] { m_pGoneCheck->SetIn(0); });
+    if (!t_Export(session))
+    {
+        return false;
+    }
+    const unsigned int id =
+        g_bus_own_name_on_connection(session->Connection(), t_busName, G_BUS_NAME_OWNER_FLAGS_NONE,
+                                     &TCDbusServer::m_NameAcquired, &TCDbusServer::m_NameLost,
+                                     t_NewUserData(), RELEASE_DBUS_LINK);
+    {
+        const TExclusiveLock lock(t_stateMutex);
+        m_ownNameId = id;
+    }
     try
     {
         m_thread = boost::thread(boost::bind(&TCDbusServer::m_StartMainLoop, this));
@@ -91,32 +106,30 @@ bool TCDbusServer::t_Start()
     {
         QOR_LOG_ERROR("m_StartMainLoop interrupted");
     }
-    QOR_LOG_DEBUG("Server started. Own name id %d", static_cast<int>(m_ownNameId));
+    QOR_LOG_DEBUG("Server started. Own name id %d", static_cast<int>(id));
     return true;
 }
 
 void TCDbusServer::t_Stop()
 {
     t_StopHandlers();
-    const TExclusiveLock lock(t_stateMutex);
     if (m_pMainLoop != nullptr)
     {
         // Posted, not called: a loop does not remember that it was quit before it ran.
         g_main_context_invoke(m_pContext.get(), &TCDbusServer::m_QuitMainLoop, m_pMainLoop.get());
     }
     m_thread.join();
-    if (m_pGoneCheck != nullptr)
+    m_pGoneCheck.reset();
     {
-        g_source_destroy(m_pGoneCheck.get()); // it would call into this library, perhaps unloaded
-        m_pGoneCheck.reset();
-    }
-    while (!m_clients.empty())
-    {
-        m_ForgetClient(m_clients.begin());
-    }
-    if (m_ownNameId != 0)
-    {
-        g_bus_unown_name(m_ownNameId);
+        const TExclusiveLock lock(t_stateMutex);
+        while (!m_clients.empty())
+        {
+            m_ForgetClient(m_clients.begin());
+        }
+        if (m_ownNameId != 0)
+        {
+            g_bus_unown_name(m_ownNameId);
+        }
     }
     TCDbus::t_Stop();
     m_pDelivery.reset();
@@ -138,28 +151,24 @@ int TCDbusServer::m_QuitMainLoop(void* pLoop)
 
 void TCDbusServer::m_NameAcquired(GDBusConnection* pConnection, const char* name, void* pUserData)
 {
-    const TCDbusLinkUse use(pUserData);
-    auto* pServer = use.Endpoint<TCDbusServer>();
-    QOR_LOG_DEBUG("Name %s has been acquired, user_data %p", name, static_cast<void*>(pServer));
-    if (pServer != nullptr)
-    {
-        pServer->t_Handle(use, [=, name = std::string(name)]
-                          { pServer->m_NameAcquired(pConnection, name.c_str()); });
-    }
+    const TCDbusEntry entry(pUserData);
+    QOR_LOG_DEBUG("Name %s has been acquired, user_data %p", name,
+                  static_cast<void*>(entry.Endpoint()));
+    entry.Run<TCDbusServer>([pConnection, name = std::string(name)](TCDbusServer& server)
+                            { server.m_NameAcquired(pConnection, name.c_str()); });
 }
 
 void TCDbusServer::m_NameAcquired(GDBusConnection* /*pConnection*/, const char* /*name*/)
 {
-    const TExclusiveLock lock(t_stateMutex);
     t_isReady = true;
 }
 
 void TCDbusServer::m_NameLost(GDBusConnection* /*pConnection*/, const char* name, void* pUserData)
 {
-    const TCDbusLinkUse use(pUserData);
-    auto* pServer = use.Endpoint<TCDbusServer>();
-    QOR_LOG_DEBUG("Name %s has been lost, user_data %p", name, static_cast<void*>(pServer));
-    if (pServer != nullptr)
+    const TCDbusEntry entry(pUserData);
+    QOR_LOG_DEBUG("Name %s has been lost, user_data %p", name,
+                  static_cast<void*>(entry.Endpoint()));
+    if (entry.Endpoint() != nullptr)
     {
         QOR_ASSERT_FAILED();
     }
@@ -206,7 +215,7 @@ std::pair<std::size_t, std::size_t> TCDbusServer::SendMessage(int type, const TB
         const TSharedLock lock(t_stateMutex);
         if (!t_isReady || m_clients.empty())
         {
-            QOR_LOG_DEBUG("Connection is ready %d, number of clients %zu", t_isReady,
+            QOR_LOG_DEBUG("Connection is ready %d, number of clients %zu", t_isReady.load(),
                           m_clients.size());
             return {succeeded, failed};
         }
@@ -214,7 +223,7 @@ std::pair<std::size_t, std::size_t> TCDbusServer::SendMessage(int type, const TB
         {
             if (m_IsToBeCalled(entry.second, type, data, timeout, failed))
             {
-                messages.emplace_back(entry.second.m_pProxy.get(), entry.second.m_pAccount);
+                messages.emplace_back(entry.second.m_pProxy.get(), entry.second.m_pAccount, type);
             }
         }
         if (!messages.empty())
@@ -252,7 +261,7 @@ void TCDbusServer::CancelMessages()
 }
 
 // Whether an event goes out to a client. One that is registered for it but cannot be called counts
-// as a failure. Called with t_stateMutex held.
+// as a failure.
 bool TCDbusServer::m_IsToBeCalled(const TSClient& client, int type, const TByteArray& data,
                                   int timeout, std::size_t& failed) const
 {

@@ -8,6 +8,7 @@
 #include "QORBusConnection.h"
 #include "QORDbusContext.h"
 #include "QORDbusLink.h"
+#include "QORDbusSession.h"
 #include "QOREnvelope.h"
 #include "QOREventDelivery.h"
 #include "QORGlibError.h"
@@ -58,7 +59,7 @@ void TCDbusServer::m_HandleHelloMessage(const char* sender, GVariant* pParameter
     const auto found = m_clients.find(client);
     if (found != m_clients.end())
     {
-        m_pDelivery->WelcomeClient(found->second.m_pAccount);
+        m_pDelivery->RenewClient(found->second.m_pAccount);
     }
     else if (!m_AddClient(client))
     {
@@ -67,7 +68,6 @@ void TCDbusServer::m_HandleHelloMessage(const char* sender, GVariant* pParameter
     m_clients[client].m_events = std::move(events);
 }
 
-// Called with t_stateMutex held exclusively.
 bool TCDbusServer::m_AddClient(const std::string& name)
 {
     QOR_LOG_DEBUG("A new client %s", name.c_str());
@@ -102,14 +102,11 @@ bool TCDbusServer::m_AddClient(const std::string& name)
 void TCDbusServer::m_ClientNameVanished(GDBusConnection* pConnection, const char* name,
                                         void* pUserData)
 {
-    const TCDbusLinkUse use(pUserData);
-    auto* pServer = use.Endpoint<TCDbusServer>();
-    QOR_LOG_DEBUG("Client name %s has vanished, user_data %p", name, static_cast<void*>(pServer));
-    if (pServer != nullptr)
-    {
-        pServer->t_Handle(use, [=, name = std::string(name)]
-                          { pServer->m_ClientNameVanished(pConnection, name.c_str()); });
-    }
+    const TCDbusEntry entry(pUserData);
+    QOR_LOG_DEBUG("Client name %s has vanished, user_data %p", name,
+                  static_cast<void*>(entry.Endpoint()));
+    entry.Run<TCDbusServer>([pConnection, name = std::string(name)](TCDbusServer& server)
+                            { server.m_ClientNameVanished(pConnection, name.c_str()); });
 }
 
 void TCDbusServer::m_ClientNameVanished(GDBusConnection* /*pConnection*/, const char* name)
@@ -124,8 +121,7 @@ void TCDbusServer::m_ClientNameVanished(GDBusConnection* /*pConnection*/, const 
     m_ForgetClient(found);
 }
 
-// Called with t_stateMutex held exclusively.
-void TCDbusServer::m_ForgetClient(std::map<std::string, TSClient>::iterator client)
+void TCDbusServer::m_ForgetClient(TClients::iterator client)
 {
     m_pDelivery->RemoveClient(client->second.m_pAccount);
     m_DestroyClient(client->second);
@@ -139,25 +135,6 @@ void TCDbusServer::m_DestroyClient(TSClient& client)
         g_bus_unwatch_name(client.m_watcherId);
     }
     client.m_pProxy.reset();
-}
-
-// On the loop thread, which must not wait for the lock of the registry.
-void TCDbusServer::m_ClientsAreGone()
-{
-    m_pGoneCheck.reset(g_idle_source_new());
-    g_source_set_callback(m_pGoneCheck.get(), &TCDbusServer::m_ForgetGoneClients, t_NewUserData(),
-                          RELEASE_DBUS_LINK);
-    g_source_attach(m_pGoneCheck.get(), t_pMainContext.get());
-}
-
-int TCDbusServer::m_ForgetGoneClients(void* pUserData)
-{
-    const TCDbusLinkUse use(pUserData);
-    if (auto* pServer = use.Endpoint<TCDbusServer>())
-    {
-        pServer->t_Handle(use, [pServer] { pServer->m_ForgetGoneClients(); });
-    }
-    return G_SOURCE_REMOVE;
 }
 
 // Calls have shown that nobody has these names. A bus that is out of match rules does not say so.

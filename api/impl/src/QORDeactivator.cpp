@@ -1,8 +1,8 @@
 // Runs what must happen at library unload or process exit, once and in a fixed order.
 #include <qor/QORDeactivator.h>
 
+#include "QORLocks.h"
 #include "QORLog.h"
-#include "QORPosixLock.h"
 
 #define QOR_LOG_CLASS "qor::TCDeactivator"
 
@@ -20,7 +20,7 @@ TCDeactivator::~TCDeactivator()
 
 void TCDeactivator::RegisterDBUS(void (*callback)())
 {
-    const TCMutexLock lock(m_mutex);
+    const TCPosixLock lock(m_mutex);
     if (m_destroyed)
     {
         QOR_LOG_ERROR("Unable to register user callback - already destroyed");
@@ -40,7 +40,7 @@ bool TCDeactivator::RegisterUser(TIDestroyCallback& user)
 {
     bool destroyed = false;
     {
-        const TCMutexLock lock(m_mutex);
+        const TCPosixLock lock(m_mutex);
         if (!m_destroyed && m_instance.m_pUser == nullptr)
         {
             m_instance.m_pUser = &user;
@@ -54,30 +54,54 @@ bool TCDeactivator::RegisterUser(TIDestroyCallback& user)
 
 void TCDeactivator::UnregisterUser(TIDestroyCallback& /*user*/)
 {
-    const TCMutexLock lock(m_mutex);
+    TCPosixLock lock(m_mutex);
     if (!m_destroyed)
     {
         m_instance.m_pUser = nullptr;
     }
+    while (m_isDestroyingUser && !pthread_equal(m_destroyer, pthread_self()))
+    {
+        lock.Wait(m_userDestroyed);
+    }
 }
 
-// The calls run with the mutex held; it is recursive, so they may come back here and are refused.
+// The calls run without the mutex, since they wait: for a message callback on another thread, say,
+// that is just about to register. Nothing changes what is registered any more.
 void TCDeactivator::m_Deactivate()
 {
-    const TCMutexLock lock(m_mutex);
-    if (m_destroyed)
+    TIDestroyCallback* pUser = nullptr;
+    std::set<void (*)()> dbusCallbacks;
     {
-        return;
+        const TCPosixLock lock(m_mutex);
+        if (m_destroyed)
+        {
+            return;
+        }
+        m_destroyed = true;
+        pUser = m_pUser;
+        dbusCallbacks.swap(m_dbusCallbacks);
     }
-    m_destroyed = true;
-    if (m_pUser != nullptr)
+    if (pUser != nullptr)
     {
-        m_pUser->OnDestroy();
+        m_DestroyUser(*pUser);
     }
-    for (void (*callback)() : m_dbusCallbacks)
+    for (void (*callback)() : dbusCallbacks)
     {
         callback();
     }
+}
+
+void TCDeactivator::m_DestroyUser(TIDestroyCallback& user)
+{
+    {
+        const TCPosixLock lock(m_mutex);
+        m_isDestroyingUser = true;
+        m_destroyer = pthread_self();
+    }
+    user.OnDestroy();
+    const TCPosixLock lock(m_mutex);
+    m_isDestroyingUser = false;
+    pthread_cond_broadcast(&m_userDestroyed);
 }
 
 } // namespace qor

@@ -4,10 +4,10 @@
 #include <sys/stat.h>
 
 #include <boost/filesystem/operations.hpp>
-#include <boost/thread/lock_types.hpp>
 
 #include <usb_device.h>
 
+#include "QORLocks.h"
 #include "QORLog.h"
 #include "QORPolicyPaths.h"
 
@@ -124,20 +124,20 @@ void TCDirsManager::Initialize()
         }
     }
 
-    boost::unique_lock<boost::shared_mutex> lock(m_mutex);
+    const TExclusiveLock lock(m_mutex);
     m_policyXmlPath = policyXmlPath;
     QOR_LOG_DEBUG("QORMode: %d, policy xml path: %s", QORMode, m_policyXmlPath.c_str());
 }
 
 std::string TCDirsManager::GetPolicyPath()
 {
-    boost::shared_lock<boost::shared_mutex> lock(m_mutex);
+    const TSharedLock lock(m_mutex);
     return m_policyPath;
 }
 
 std::string TCDirsManager::GetPolicyXmlPath()
 {
-    boost::shared_lock<boost::shared_mutex> lock(m_mutex);
+    const TSharedLock lock(m_mutex);
     return m_policyXmlPath;
 }
 

@@ -9,6 +9,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -25,10 +26,11 @@ namespace qor
 // it has stored the outcome.
 struct TCDbusServer::TSAsyncMessage
 {
-    TSAsyncMessage(GDBusProxy* pProxy, boost::shared_ptr<TSEventAccount> pAccount)
+    TSAsyncMessage(GDBusProxy* pProxy, boost::shared_ptr<TSEventAccount> pAccount, int type)
         : m_future(m_promise.get_future()),
           m_pProxy(static_cast<GDBusProxy*>(g_object_ref(pProxy))),
           m_pAccount(std::move(pAccount)),
+          m_type(type),
           m_pParameters(nullptr),
           m_timeout(-1)
     {
@@ -38,6 +40,7 @@ struct TCDbusServer::TSAsyncMessage
     std::future<bool> m_future;
     TGlibPtr<GDBusProxy> m_pProxy;
     boost::shared_ptr<TSEventAccount> m_pAccount;
+    int m_type;
     GVariant* m_pParameters; // all calls of an event share one envelope, which SendMessage owns
     int m_timeout;
 };
@@ -51,6 +54,7 @@ struct TSEventCall
 
     TCDbusServer::TSAsyncMessage* m_pMessage; // null once its outcome is stored
     boost::shared_ptr<TSEventAccount> m_pAccount;
+    int m_type;
     std::uint32_t m_serial; // 0 while it waits for a slot
     bool m_isOverdue;       // started, and its timeout is over
     TDeadlines::iterator m_deadline;
@@ -73,11 +77,24 @@ struct TSEventAccount
 {
     explicit TSEventAccount(std::string name) : m_name(std::move(name)) {}
 
+    // A call of that type has timed out; or its answer lets it be called again.
+    void Suspend(int type)
+    {
+        m_suspended.insert(type);
+        m_isSuspended = true;
+    }
+    void Resume(int type)
+    {
+        m_suspended.erase(type);
+        m_isSuspended = !m_suspended.empty();
+    }
+
     const std::string m_name;
     std::shared_ptr<TSEventUser> m_pUser;
     std::size_t m_unanswered = 0; // calls that were started and have no answer
     std::size_t m_overdue = 0;    // those of them whose timeout is over
-    std::atomic<bool> m_isSuspended{false};
+    std::set<int> m_suspended; // the types that it is not called for: one call of each waits in it
+    std::atomic<bool> m_isSuspended{false}; // for any of them
 };
 
 } // namespace qor

@@ -6,13 +6,15 @@
 #include <utility>
 
 #include "QORBusConnection.h"
-#include "QORDbusFilter.h"
+#include "QORDbusMessage.h"
+#include "QORDbusSession.h"
 #include "QOREnvelope.h"
 #include "QORGlibError.h"
 #include "QORLimits.h"
+#include "QORLocks.h"
 #include "QORLog.h"
 
-#define QOR_LOG_CLASS "qor::TCEventDelivery"
+#define QOR_LOG_CLASS "qor::TCDbusServer" // whose events these are
 
 namespace qor
 {
@@ -54,7 +56,8 @@ void TCEventDelivery::m_Enqueue(const std::vector<TCDbusServer::TSAsyncMessage*>
     {
         TSEventCall::TList& waiting = pMessage->m_pAccount->m_pUser->m_waiting;
         const TCall call = waiting.insert(waiting.end(), TSEventCall{pMessage, pMessage->m_pAccount,
-                                                                     0, false, m_deadlines.end()});
+                                                                     pMessage->m_type, 0, false,
+                                                                     m_deadlines.end()});
         call->m_deadline = m_deadlines.emplace(DeadlineAfter(now, pMessage->m_timeout), call);
     }
 }
@@ -62,10 +65,6 @@ void TCEventDelivery::m_Enqueue(const std::vector<TCDbusServer::TSAsyncMessage*>
 // In turn, a call for each user, so that none waits behind another's.
 void TCEventDelivery::m_StartCalls()
 {
-    for (const auto& entry : m_users)
-    {
-        m_DropHopeless(*entry.second);
-    }
     m_isHeldUp = false;
     bool hasStarted = true;
     while (hasStarted)
@@ -81,25 +80,20 @@ void TCEventDelivery::m_StartCalls()
     }
 }
 
-// The last slots are for users who leave nothing unanswered: several that do cannot take all.
+// A user may have as many calls without an answer as there are free slots: one takes half of all at
+// the most, the next half of what that leaves, and so on, so that some are left for one more.
 bool TCEventDelivery::m_HasRoom(const TSEventUser& user) const
 {
-    const std::size_t free = EVENT_SLOTS - m_started.size();
-    if (free == 0 || user.m_unanswered >= EVENT_SLOTS_PER_USER)
-    {
-        return false;
-    }
-    return free > EVENT_SLOTS_IN_RESERVE ||
-           (user.m_overdue == 0 && user.m_unanswered < EVENT_SLOTS_IN_RESERVE / 2 + 1);
+    return user.m_unanswered < EVENT_SLOTS - m_started.size();
 }
 
 // GDBus queues what the bus does not read, without limit. What a lost bus has not read is not sent.
 bool TCEventDelivery::m_HasRoomToSend(const TSEventCall& call)
 {
-    const std::size_t unsent = m_filter.UnsentBytes();
+    const std::size_t unsent = m_session.Calls().UnsentBytes();
     m_isHeldUp = unsent != 0 &&
                  unsent + g_variant_get_size(call.m_pMessage->m_pParameters) > MAX_UNSENT_BYTES &&
-                 !m_filter.IsClosed();
+                 !m_session.IsClosed();
     return !m_isHeldUp;
 }
 
@@ -130,7 +124,7 @@ void TCEventDelivery::m_Start(TSEventUser& user, TCall call)
         g_dbus_proxy_get_interface_name(pProxy), TCDbusServer::t_dbusSendMethod));
     g_dbus_message_set_body(pCall.get(), message.m_pParameters);
     TCGlibError error;
-    call->m_serial = m_filter.Call(
+    call->m_serial = m_session.Calls().Call(
         pCall.get(),
         [this](GDBusMessage* pAnswer)
         {
@@ -152,12 +146,18 @@ void TCEventDelivery::m_Start(TSEventUser& user, TCall call)
         m_deadlines.emplace(DeadlineAfter(g_get_monotonic_time(), message.m_timeout), call);
 }
 
-// Calls that no answer in sight could make room for.
-void TCEventDelivery::m_DropHopeless(TSEventUser& user)
+void TCEventDelivery::m_FailUnstartable()
 {
-    const bool isUsedUp =
-        user.m_overdue >= EVENT_SLOTS_PER_USER || m_overdue >= EVENT_SLOTS ||
-        (user.m_overdue != 0 && EVENT_SLOTS - m_overdue <= EVENT_SLOTS_IN_RESERVE);
+    for (const auto& entry : m_users)
+    {
+        m_FailUnstartable(*entry.second);
+    }
+}
+
+// Calls that only an answer which is overdue could make room for.
+void TCEventDelivery::m_FailUnstartable(TSEventUser& user)
+{
+    const bool isUsedUp = user.m_overdue >= EVENT_SLOTS - m_overdue;
     if (isUsedUp && !user.m_isReported && !user.m_waiting.empty())
     {
         QOR_LOG_ERROR("User %u leaves %zu calls unanswered and is not called", user.m_id,
@@ -169,47 +169,62 @@ void TCEventDelivery::m_DropHopeless(TSEventUser& user)
     {
         const TCall current = call++;
         const TSEventAccount& account = *current->m_pAccount;
-        if (account.m_isSuspended)
+        const bool isSuspended = account.m_suspended.count(current->m_type) != 0 ||
+                                 account.m_overdue >= EVENT_SLOTS_PER_CLIENT;
+        if (isSuspended)
         {
             QOR_LOG_DEBUG("Client %s is suspended", account.m_name.c_str());
         }
-        if (account.m_isSuspended || isUsedUp)
+        if (isSuspended || isUsedUp)
         {
             m_Store(current, false);
         }
     }
 }
 
-void TCEventDelivery::m_Expire()
+// Whether there was any.
+bool TCEventDelivery::m_Expire()
 {
+    bool hasExpired = false;
     const gint64 now = g_get_monotonic_time();
     while (!m_deadlines.empty() && m_deadlines.begin()->first <= now)
     {
         const TCall call = m_deadlines.begin()->second;
-        if (call->m_serial != 0)
-        {
-            TSEventAccount& account = *call->m_pAccount;
-            call->m_isOverdue = true;
-            account.m_isSuspended = true;
-            ++account.m_overdue;
-            ++account.m_pUser->m_overdue;
-            ++m_overdue;
-        }
+        m_Suspend(*call);
         m_Fail(call, G_IO_ERROR_TIMED_OUT);
+        hasExpired = true;
+    }
+    return hasExpired;
+}
+
+// The outcome of a started call is decided, but the bus still waits for its answer.
+void TCEventDelivery::m_Suspend(TSEventCall& call)
+{
+    if (call.m_serial != 0)
+    {
+        TSEventAccount& account = *call.m_pAccount;
+        call.m_isOverdue = true;
+        account.Suspend(call.m_type);
+        ++account.m_overdue;
+        ++account.m_pUser->m_overdue;
+        ++m_overdue;
     }
 }
 
-// No answer comes any more.
+// No answer comes any more, not even that of the bus to the question whose client somebody is.
 void TCEventDelivery::m_CheckConnection()
 {
-    if (m_bySerial.empty() || !m_filter.IsClosed())
+    if ((m_deadlines.empty() && m_started.empty()) || !m_session.IsClosed())
     {
         return;
     }
+    while (!m_deadlines.empty())
+    {
+        m_Fail(m_deadlines.begin()->second, G_IO_ERROR_CLOSED);
+    }
     while (!m_started.empty())
     {
-        m_filter.Forget(m_started.front().m_serial);
-        m_Fail(m_started.begin(), G_IO_ERROR_CLOSED);
+        m_session.Calls().Forget(m_started.front().m_serial);
         m_End(m_started.begin());
     }
 }
@@ -220,11 +235,9 @@ void TCEventDelivery::m_CheckConnection()
 TCEventDelivery::TSAnswer TCEventDelivery::m_Read(GDBusMessage* pMessage)
 {
     TSAnswer answer;
-    TCGlibError error;
-    if (g_dbus_message_to_gerror(pMessage, error.Out()))
+    if (IsErrorReply(pMessage, answer.m_code))
     {
         answer.m_isError = true;
-        answer.m_code = error.Code();
         const char* sender = g_dbus_message_get_sender(pMessage);
         answer.m_isNobody = sender != nullptr && std::strcmp(sender, BUS_NAME) == 0 &&
                             (answer.m_code == G_DBUS_ERROR_SERVICE_UNKNOWN ||
@@ -250,7 +263,7 @@ void TCEventDelivery::m_Answered(std::uint32_t serial, const TSAnswer& answer)
     {
         bool isFirst = false;
         {
-            const std::lock_guard<std::mutex> lock(m_inboxMutex);
+            const TCPosixLock lock(m_inboxMutex);
             isFirst = m_gone.empty();
             m_gone.push_back(name);
         }
@@ -324,7 +337,7 @@ void TCEventDelivery::m_End(TCall call)
         --account.m_overdue;
         --account.m_pUser->m_overdue;
         --m_overdue;
-        account.m_isSuspended = false;
+        account.Resume(call->m_type);
     }
     m_bySerial.erase(call->m_serial);
     m_started.erase(call);

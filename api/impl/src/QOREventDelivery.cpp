@@ -7,8 +7,9 @@
 #include <boost/make_shared.hpp>
 
 #include "QORBusConnection.h"
-#include "QORDbusFilter.h"
+#include "QORDbusSession.h"
 #include "QORLimits.h"
+#include "QORLocks.h"
 
 namespace qor
 {
@@ -26,9 +27,9 @@ constexpr gint64 SENT_CHECK_US = 2 * G_TIME_SPAN_MILLISECOND;
 
 // --- Posting -------------------------------------------------------------------------------------
 
-TCEventDelivery::TCEventDelivery(GMainContext* pContext, TCDbusFilter& filter,
+TCEventDelivery::TCEventDelivery(GMainContext* pContext, TCDbusSession& session,
                                  std::function<void()> onGone)
-    : m_filter(filter),
+    : m_session(session),
       m_onGone(std::move(onGone)),
       m_pUnknown(std::make_shared<TSEventUser>(UNKNOWN_USER)),
       m_overdue(0),
@@ -54,7 +55,7 @@ int TCEventDelivery::m_Dispatch(GSource* /*pSource*/, GSourceFunc /*callback*/, 
 
 void TCEventDelivery::m_Post(std::function<void()> work)
 {
-    const std::lock_guard<std::mutex> lock(m_inboxMutex);
+    const TCPosixLock lock(m_inboxMutex);
     m_inbox.push_back(std::move(work));
     if (m_inbox.size() == 1)
     {
@@ -74,9 +75,17 @@ TCEventDelivery::TAccountPtr TCEventDelivery::AddClient(const std::string& name)
     return pAccount;
 }
 
-void TCEventDelivery::WelcomeClient(const TAccountPtr& pAccount)
+void TCEventDelivery::RenewClient(const TAccountPtr& pAccount)
 {
-    m_Post([pAccount] { pAccount->m_isSuspended = pAccount->m_overdue >= EVENT_SLOTS_PER_CLIENT; });
+    m_Post(
+        [pAccount]
+        {
+            if (pAccount->m_overdue < EVENT_SLOTS_PER_CLIENT)
+            {
+                pAccount->m_suspended.clear();
+                pAccount->m_isSuspended = false;
+            }
+        });
 }
 
 void TCEventDelivery::RemoveClient(const TAccountPtr& pAccount)
@@ -102,14 +111,16 @@ void TCEventDelivery::Cancel()
         {
             while (!m_deadlines.empty())
             {
-                m_Store(m_deadlines.begin()->second, false);
+                const TCall call = m_deadlines.begin()->second;
+                m_Suspend(*call);
+                m_Store(call, false);
             }
         });
 }
 
 std::vector<std::string> TCEventDelivery::TakeGone()
 {
-    const std::lock_guard<std::mutex> lock(m_inboxMutex);
+    const TCPosixLock lock(m_inboxMutex);
     return std::exchange(m_gone, {});
 }
 
@@ -119,28 +130,32 @@ void TCEventDelivery::m_Work()
 {
     std::vector<std::function<void()>> inbox;
     {
-        const std::lock_guard<std::mutex> lock(m_inboxMutex);
+        const TCPosixLock lock(m_inboxMutex);
         inbox.swap(m_inbox);
     }
     for (const auto& work : inbox)
     {
         work();
     }
-    m_Expire();
     m_CheckConnection();
-    m_StartCalls();
+    m_FailUnstartable();
+    m_StartCalls(); // before their timeouts are looked at: one of 0 is a call, too
+    if (m_Expire())
+    {
+        m_FailUnstartable();
+    }
     m_SleepUntilNext();
 }
 
 void TCEventDelivery::m_SleepUntilNext()
 {
-    gint64 next = m_deadlines.empty() ? -1 : m_deadlines.begin()->first;
-    if ((m_isHeldUp || !m_bySerial.empty()) && !m_deadlines.empty())
+    gint64 next = -1;
+    if (!m_deadlines.empty())
     {
-        next =
-            std::min(next, g_get_monotonic_time() + (m_isHeldUp ? SENT_CHECK_US : CLOSED_CHECK_US));
+        next = std::min(m_deadlines.begin()->first,
+                        g_get_monotonic_time() + (m_isHeldUp ? SENT_CHECK_US : CLOSED_CHECK_US));
     }
-    const std::lock_guard<std::mutex> lock(m_inboxMutex);
+    const TCPosixLock lock(m_inboxMutex);
     g_source_set_ready_time(m_pSource.get(), m_inbox.empty() ? next : 0);
 }
 
@@ -161,7 +176,7 @@ void TCEventDelivery::m_AskForUser(const TAccountPtr& pAccount)
         }
         m_Post([this, pAccount, userId] { m_SetUser(pAccount, userId); });
     };
-    if (m_filter.Call(pCall.get(), onAnswer, nullptr) == 0)
+    if (m_session.Calls().Call(pCall.get(), onAnswer, nullptr) == 0)
     {
         m_SetUser(pAccount, UNKNOWN_USER);
     }
@@ -195,7 +210,7 @@ void TCEventDelivery::m_Remove(const TAccountPtr& pAccount)
         const TCall current = call++;
         if (current->m_pAccount == pAccount)
         {
-            m_filter.Forget(current->m_serial);
+            m_session.Calls().Forget(current->m_serial);
             m_Fail(current, G_DBUS_ERROR_NO_REPLY);
             m_End(current);
         }

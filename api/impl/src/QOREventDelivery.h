@@ -2,8 +2,8 @@
 //
 // A stock bus has 128 slots for calls of one connection that wait for a reply, and frees a slot
 // when the reply has come or the callee has left; a timeout of the caller's does not free it. So
-// calls are counted as the bus counts them, and a client that does not answer costs one call, not
-// one for each event.
+// calls are counted as the bus counts them, and a client that does not answer costs one call for
+// each type, not one for each event.
 #ifndef QOR_QOREVENTDELIVERY_H
 #define QOR_QOREVENTDELIVERY_H
 
@@ -12,17 +12,18 @@
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
+
+#include <qor/Mutex.h>
 
 #include "QOREventAccount.h"
 
 namespace qor
 {
 
-class TCDbusFilter;
+class TCDbusSession;
 
 // The functions of the first group may be called on any thread and do not wait; everything else
 // happens on the loop thread and needs no lock.
@@ -33,8 +34,8 @@ public:
     using TAccountPtr = boost::shared_ptr<TSEventAccount>;
 
     // Calls onGone on the loop thread when TakeGone has something to tell; once until it is taken.
-    TCEventDelivery(GMainContext* pContext, TCDbusFilter& filter, std::function<void()> onGone);
-    // After the loop has ended and the filter is gone.
+    TCEventDelivery(GMainContext* pContext, TCDbusSession& session, std::function<void()> onGone);
+    // After the loop has ended and the session is gone, whose calls come back here.
     ~TCEventDelivery();
 
     TCEventDelivery(const TCEventDelivery&) = delete;
@@ -42,11 +43,11 @@ public:
 
     TAccountPtr AddClient(const std::string& name);
     // The client has said Hello anew: it may be called again.
-    void WelcomeClient(const TAccountPtr& pAccount);
+    void RenewClient(const TAccountPtr& pAccount);
     void RemoveClient(const TAccountPtr& pAccount);
     // Stores an outcome in each message, the last one within two timeouts.
     void Deliver(TMessages& messages);
-    // Stores a false outcome in all messages that have none.
+    // Stores a false outcome in all messages that have none, as after their timeout.
     void Cancel();
     // The clients of whom a call has shown that nobody has their name.
     std::vector<std::string> TakeGone();
@@ -70,8 +71,10 @@ private:
     bool m_HasRoomToSend(const TSEventCall& call);
     bool m_StartNext(TSEventUser& user);
     void m_Start(TSEventUser& user, TCall call);
-    void m_DropHopeless(TSEventUser& user);
-    void m_Expire();
+    void m_FailUnstartable();
+    void m_FailUnstartable(TSEventUser& user);
+    bool m_Expire();
+    void m_Suspend(TSEventCall& call);
     void m_CheckConnection();
 
     static TSAnswer m_Read(GDBusMessage* pMessage);
@@ -81,13 +84,13 @@ private:
     void m_Store(TCall call, bool outcome);
     void m_End(TCall call);
 
-    TCDbusFilter& m_filter;
+    TCDbusSession& m_session;
     std::function<void()> m_onGone;
     TGlibPtr<GSource> m_pSource;
 
-    std::mutex m_inboxMutex; // guards the next two, and when the source is due
-    std::vector<std::function<void()>> m_inbox;
-    std::vector<std::string> m_gone;
+    TSPosixMutex m_inboxMutex; // guards when the source is due as well
+    std::vector<std::function<void()>> m_inbox QOR_GUARDED_BY(m_inboxMutex);
+    std::vector<std::string> m_gone QOR_GUARDED_BY(m_inboxMutex);
 
     std::map<std::uint32_t, std::shared_ptr<TSEventUser>> m_users;
     std::shared_ptr<TSEventUser> m_pUnknown; // of clients whose user the bus has not told yet

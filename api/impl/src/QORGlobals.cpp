@@ -6,7 +6,6 @@
 #include <pthread.h>
 
 #include <boost/shared_ptr.hpp>
-#include <boost/thread/mutex.hpp>
 #include <boost/weak_ptr.hpp>
 
 #include <qor/QORCachingUtils.h>
@@ -24,7 +23,7 @@ namespace qor
 {
 
 // 1. The policy paths and their lock: used until everything else is gone.
-boost::shared_mutex TCDirsManager::m_mutex;
+TCSharedMutex TCDirsManager::m_mutex;
 std::string TCDirsManager::m_policyXmlPath = DEFAULT_POLICY_XML_PATH;
 std::string TCDirsManager::m_policyPath = DEFAULT_POLICY_PATH;
 
@@ -32,28 +31,31 @@ std::string TCDirsManager::m_policyPath = DEFAULT_POLICY_PATH;
 TCDebug TCDebug::m_instance;
 
 // 3. The teardown coordinator.
-pthread_mutex_t TCDeactivator::m_mutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+TSPosixMutex TCDeactivator::m_mutex = {PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP};
 bool TCDeactivator::m_destroyed = false;
+bool TCDeactivator::m_isDestroyingUser = false;
+pthread_t TCDeactivator::m_destroyer{};
+pthread_cond_t TCDeactivator::m_userDestroyed = PTHREAD_COND_INITIALIZER;
 TCDeactivator TCDeactivator::m_instance;
 
 // 4. The client provider.
-boost::mutex* const TCDbusClientProvider::m_pMutex = new boost::mutex;
+TCMutex* const TCDbusClientProvider::m_pMutex = new TCMutex;
 boost::weak_ptr<IDbusClient>* const TCDbusClientProvider::m_pDbusClient =
     new boost::weak_ptr<IDbusClient>;
 TCDbusClient* TCDbusClientProvider::m_pLatest = nullptr;
 
 // 5. The holders of the two proxies, empty.
 boost::shared_ptr<IControl>* const TCControlProxy::m_pInstance = new boost::shared_ptr<IControl>;
-pthread_rwlock_t TCControlProxy::m_rwlock = PTHREAD_RWLOCK_INITIALIZER;
+TSPosixRwLock TCControlProxy::m_rwlock;
 bool TCControlProxy::m_destroyed = false;
 
 boost::shared_ptr<ICallbacks>* const TCCallbacksProxy::m_pInstance =
     new boost::shared_ptr<ICallbacks>;
-pthread_rwlock_t TCCallbacksProxy::m_rwlock = PTHREAD_RWLOCK_INITIALIZER;
+TSPosixRwLock TCCallbacksProxy::m_rwlock;
 bool TCCallbacksProxy::m_destroyed = false;
 
 // 6. The caches of platform values and their lock: the first to go.
-boost::shared_mutex TCVelkinCachingUtils::m_CacheMapMutex;
+TCSharedMutex TCVelkinCachingUtils::m_CacheMapMutex;
 std::map<system_info_key_e, std::string> TCVelkinCachingUtils::m_systemInfoStrCache;
 std::map<system_info_key_e, int> TCVelkinCachingUtils::m_systemInfoKeysInt;
 std::map<std::string, std::string> TCVelkinCachingUtils::m_vconfStringCache;
@@ -66,15 +68,14 @@ TSForkHandler::TSForkHandler()
     pthread_atfork(nullptr, nullptr, &TSForkHandler::ResetLocks);
 }
 
-void TSForkHandler::ResetLocks()
+void TSForkHandler::ResetLocks() QOR_NOT_ANALYSED // the child has no other thread
 {
-    const pthread_mutex_t freshMutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
-    const pthread_rwlock_t freshLock = PTHREAD_RWLOCK_INITIALIZER;
     MakeAnew(TCDirsManager::m_mutex);
-    TCDeactivator::m_mutex = freshMutex;
+    TCDeactivator::m_mutex = {PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP};
+    TCDeactivator::m_isDestroyingUser = false;
     MakeAnew(*TCDbusClientProvider::m_pMutex);
-    TCControlProxy::m_rwlock = freshLock;
-    TCCallbacksProxy::m_rwlock = freshLock;
+    MakeAnew(TCControlProxy::m_rwlock);
+    MakeAnew(TCCallbacksProxy::m_rwlock);
     MakeAnew(TCVelkinCachingUtils::m_CacheMapMutex);
 }
 

@@ -20,17 +20,14 @@ constexpr std::size_t MAX_SMALL_CALLS = MAX_QUEUED_BYTES_IN_ALL / SMALL_CALL;
 
 constexpr std::size_t MAX_HELLO_TYPES = QOR_MAX_HELLO_TYPES;
 
-// Event calls without an answer: of all clients, of one user's clients, and of one client.
+// Event calls without an answer: of all clients, and of one client.
 constexpr std::size_t EVENT_SLOTS = QOR_EVENT_SLOTS;
-constexpr std::size_t EVENT_SLOTS_PER_USER = QOR_EVENT_SLOTS_PER_USER;
 constexpr std::size_t EVENT_SLOTS_PER_CLIENT = 4;
-constexpr std::size_t EVENT_SLOTS_IN_RESERVE = EVENT_SLOTS / 8;
 
 // Bytes of event calls that the bus has yet to read; one call may always wait.
 constexpr std::size_t MAX_UNSENT_BYTES = MAX_QUEUED_BYTES;
 
-static_assert(EVENT_SLOTS_PER_CLIENT <= EVENT_SLOTS_PER_USER && EVENT_SLOTS_PER_USER <= EVENT_SLOTS,
-              "a client's share must fit into its user's, and that into the whole");
+static_assert(2 * EVENT_SLOTS_PER_CLIENT <= EVENT_SLOTS, "a user has half of the slots at most");
 
 } // namespace qor
 

@@ -1,15 +1,124 @@
-// Short names for the two ways of holding a reader-writer lock.
+// Scoped holders of the library's mutexes.
 #ifndef QOR_QORLOCKS_H
 #define QOR_QORLOCKS_H
 
-#include <boost/thread/lock_types.hpp>
-#include <boost/thread/shared_mutex.hpp>
+#include <pthread.h>
+
+#include <qor/Mutex.h>
 
 namespace qor
 {
 
-using TSharedLock = boost::shared_lock<boost::shared_mutex>;
-using TExclusiveLock = boost::unique_lock<boost::shared_mutex>;
+class QOR_SCOPED_CAPABILITY TCSharedLock
+{
+public:
+    explicit TCSharedLock(TCSharedMutex& mutex) QOR_ACQUIRE_SHARED(mutex) : m_mutex(mutex)
+    {
+        m_mutex.lock_shared();
+    }
+    ~TCSharedLock() QOR_RELEASE()
+    {
+        m_mutex.unlock_shared();
+    }
+
+    TCSharedLock(const TCSharedLock&) = delete;
+    TCSharedLock& operator=(const TCSharedLock&) = delete;
+
+private:
+    TCSharedMutex& m_mutex;
+};
+
+// Of any mutex that has lock and unlock.
+template <class TMutex>
+class QOR_SCOPED_CAPABILITY TCExclusiveLock
+{
+public:
+    explicit TCExclusiveLock(TMutex& mutex) QOR_ACQUIRE(mutex) : m_mutex(mutex)
+    {
+        m_mutex.lock();
+    }
+    ~TCExclusiveLock() QOR_RELEASE()
+    {
+        m_mutex.unlock();
+    }
+
+    TCExclusiveLock(const TCExclusiveLock&) = delete;
+    TCExclusiveLock& operator=(const TCExclusiveLock&) = delete;
+
+private:
+    TMutex& m_mutex;
+};
+
+using TSharedLock = TCSharedLock;
+using TExclusiveLock = TCExclusiveLock<TCSharedMutex>;
+using TLock = TCExclusiveLock<TCMutex>;
+
+class QOR_SCOPED_CAPABILITY TCPosixLock
+{
+public:
+    explicit TCPosixLock(TSPosixMutex& mutex) QOR_ACQUIRE(mutex) : m_mutex(mutex)
+    {
+        pthread_mutex_lock(&m_mutex.m_native);
+    }
+    ~TCPosixLock() QOR_RELEASE()
+    {
+        pthread_mutex_unlock(&m_mutex.m_native);
+    }
+
+    TCPosixLock(const TCPosixLock&) = delete;
+    TCPosixLock& operator=(const TCPosixLock&) = delete;
+
+    // Lets the mutex go meanwhile.
+    void Wait(pthread_cond_t& condition)
+    {
+        pthread_cond_wait(&condition, &m_mutex.m_native);
+    }
+    void WaitUntil(pthread_cond_t& condition, const timespec& time)
+    {
+        pthread_cond_timedwait(&condition, &m_mutex.m_native, &time);
+    }
+
+private:
+    TSPosixMutex& m_mutex;
+};
+
+class QOR_SCOPED_CAPABILITY TCReadLock
+{
+public:
+    explicit TCReadLock(TSPosixRwLock& lock) QOR_ACQUIRE_SHARED(lock) : m_lock(lock)
+    {
+        pthread_rwlock_rdlock(&m_lock.m_native);
+    }
+    ~TCReadLock() QOR_RELEASE()
+    {
+        pthread_rwlock_unlock(&m_lock.m_native);
+    }
+
+    TCReadLock(const TCReadLock&) = delete;
+    TCReadLock& operator=(const TCReadLock&) = delete;
+
+private:
+    TSPosixRwLock& m_lock;
+};
+
+class QOR_SCOPED_CAPABILITY TCWriteLock
+{
+public:
+    explicit TCWriteLock(TSPosixRwLock& lock) QOR_ACQUIRE(lock) : m_lock(lock)
+    {
+        pthread_rwlock_wrlock(&m_lock.m_native);
+    }
+    ~TCWriteLock() QOR_RELEASE()
+    {
+        pthread_rwlock_unlock(&m_lock.m_native);
+    }
+
+    TCWriteLock(const TCWriteLock&) = delete;
+    TCWriteLock& operator=(const TCWriteLock&) = delete;
+
+private:
+    TSPosixRwLock& m_lock;
+};
 
 } // namespace qor
 

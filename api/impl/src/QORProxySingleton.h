@@ -2,11 +2,9 @@
 #ifndef QOR_QORPROXYSINGLETON_H
 #define QOR_QORPROXYSINGLETON_H
 
-#include <pthread.h>
-
 #include <boost/shared_ptr.hpp>
 
-#include "QORPosixLock.h"
+#include "QORLocks.h"
 
 namespace qor
 {
@@ -14,7 +12,7 @@ namespace qor
 // The lock guards the holder's content and the flag. It is never held while a proxy is destroyed.
 template <class TProxy, class TInterface>
 boost::shared_ptr<TInterface> ProxyInstance(boost::shared_ptr<TInterface>& holder,
-                                            pthread_rwlock_t& rwlock, const bool& destroyed)
+                                            TSPosixRwLock& rwlock, const bool& destroyed)
 {
     {
         const TCReadLock lock(rwlock);
@@ -32,7 +30,7 @@ boost::shared_ptr<TInterface> ProxyInstance(boost::shared_ptr<TInterface>& holde
 }
 
 template <class TInterface>
-void ProxyDestroy(boost::shared_ptr<TInterface>& holder, pthread_rwlock_t& rwlock, bool& destroyed)
+void ProxyDestroy(boost::shared_ptr<TInterface>& holder, TSPosixRwLock& rwlock, bool& destroyed)
 {
     boost::shared_ptr<TInterface> last; // goes after the lock
     const TCWriteLock lock(rwlock);

@@ -1,0 +1,22 @@
+// What the endpoints ask of a D-Bus message.
+#ifndef QOR_QORDBUSMESSAGE_H
+#define QOR_QORDBUSMESSAGE_H
+
+#include <cstddef>
+
+#include <gio/gio.h>
+
+namespace qor
+{
+
+// The bytes of its arguments.
+std::size_t BodySize(GDBusMessage* pMessage);
+
+// Whether it is an error reply, and then its code in GIO's terms: that of a name which the bus
+// library knows, else G_IO_ERROR_DBUS_ERROR. GIO's own function for this keeps each new name for
+// good, and names are the sender's choice.
+bool IsErrorReply(GDBusMessage* pMessage, int& code);
+
+} // namespace qor
+
+#endif

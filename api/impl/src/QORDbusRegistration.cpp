@@ -1,0 +1,113 @@
+// What a client announces to the service, until the service has confirmed it.
+#include "QORDbusRegistration.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "QORDbusCalls.h"
+#include "QORDbusMessage.h"
+#include "QOREnvelope.h"
+#include "QORLocks.h"
+
+namespace qor
+{
+
+namespace
+{
+
+// A refused Hello is said again soon, since the service is there and busy; one without an answer
+// late, since each takes one of the calls that the bus lets wait for a reply.
+constexpr unsigned int FIRST_PAUSE_MS = 100;
+constexpr unsigned int LAST_PAUSE_MS = 10000;
+constexpr unsigned int FIRST_PATIENCE_MS = 10000;
+constexpr unsigned int LAST_PATIENCE_MS = 640000;
+
+} // namespace
+
+TCDbusRegistration::TCDbusRegistration(std::unique_ptr<TCDbusTimer> pTimer)
+    : m_pTimer(std::move(pTimer)),
+      m_pTypes(g_variant_ref_sink(WriteEventList({}))),
+      m_number(0),
+      m_hasNews(false),
+      m_isConfirmed(false),
+      m_isReasonTold(false),
+      m_reason(G_IO_ERROR_TIMED_OUT),
+      m_pauseMs(FIRST_PAUSE_MS),
+      m_patienceMs(FIRST_PATIENCE_MS)
+{
+}
+
+void TCDbusRegistration::SetTypes(const std::map<int, TMessageCallback>& callbacks)
+{
+    const TCPosixLock lock(m_mutex);
+    m_pTypes.reset(g_variant_ref_sink(WriteEventList(callbacks)));
+    m_hasNews = true;
+}
+
+bool TCDbusRegistration::HasNews()
+{
+    const TCPosixLock lock(m_mutex);
+    return m_hasNews;
+}
+
+// Sent under the lock: the last Hello that goes out has the last types.
+void TCDbusRegistration::Announce(TCDbusCalls& calls, GDBusMessage* pHello)
+{
+    const TCPosixLock lock(m_mutex);
+    g_dbus_message_set_body(pHello, m_pTypes.get());
+    m_hasNews = false;
+    m_isConfirmed = false;
+    m_reason = G_IO_ERROR_TIMED_OUT; // until there is a better one
+    ++m_number;
+    calls.Call(pHello, [self = shared_from_this(), number = m_number](GDBusMessage* pAnswer)
+               { self->m_Answered(number, pAnswer); }, nullptr);
+    m_pTimer->SetIn(m_patienceMs);
+    m_patienceMs = std::min(2 * m_patienceMs, LAST_PATIENCE_MS);
+}
+
+// On the worker thread.
+void TCDbusRegistration::m_Answered(std::uint32_t number, GDBusMessage* pAnswer)
+{
+    const TCPosixLock lock(m_mutex);
+    if (number != m_number)
+    {
+        return; // the answer to an earlier one
+    }
+    if (IsErrorReply(pAnswer, m_reason))
+    {
+        m_pTimer->SetIn(m_pauseMs);
+        m_pauseMs = std::min(2 * m_pauseMs, LAST_PAUSE_MS);
+        return;
+    }
+    m_isConfirmed = true;
+    m_pTimer->Clear();
+    m_ResetIntervals();
+}
+
+void TCDbusRegistration::Restart()
+{
+    const TCPosixLock lock(m_mutex);
+    m_ResetIntervals();
+}
+
+void TCDbusRegistration::m_ResetIntervals()
+{
+    m_isReasonTold = false;
+    m_pauseMs = FIRST_PAUSE_MS;
+    m_patienceMs = FIRST_PATIENCE_MS;
+}
+
+bool TCDbusRegistration::IsUnconfirmed(int& newReason)
+{
+    const TCPosixLock lock(m_mutex);
+    newReason = m_isConfirmed || m_isReasonTold ? 0 : m_reason;
+    m_isReasonTold = m_isReasonTold || !m_isConfirmed;
+    return !m_isConfirmed;
+}
+
+void TCDbusRegistration::Stop()
+{
+    m_pTimer->Stop();
+}
+
+} // namespace qor

@@ -1,0 +1,69 @@
+// What a client announces to the service, until the service has confirmed it.
+//
+// A busy service refuses a Hello as it refuses any other call, and who does not notice is deaf for
+// good. So Hello is sent with an answer expected, and a timer tells when to say it again.
+#ifndef QOR_QORDBUSREGISTRATION_H
+#define QOR_QORDBUSREGISTRATION_H
+
+#include <cstdint>
+#include <map>
+#include <memory>
+
+#include <gio/gio.h>
+
+#include <qor/GlibTypes.h>
+#include <qor/Mutex.h>
+#include <qor/Types.h>
+
+#include "QORDbusContext.h"
+
+namespace qor
+{
+
+class TCDbusCalls;
+
+// Any thread may call it, and nothing waits. Calls on their way hold it: an answer may come when the
+// endpoint has gone.
+class TCDbusRegistration : public std::enable_shared_from_this<TCDbusRegistration>
+{
+public:
+    // The timer is due when Hello is to be repeated.
+    explicit TCDbusRegistration(std::unique_ptr<TCDbusTimer> pTimer);
+
+    // What is announced from here on.
+    void SetTypes(const std::map<int, TMessageCallback>& callbacks) QOR_EXCLUDES(m_mutex);
+    // Whether the types have changed since they were announced.
+    bool HasNews() QOR_EXCLUDES(m_mutex);
+
+    // Sends a Hello, still without arguments, with the types of the moment.
+    void Announce(TCDbusCalls& calls, GDBusMessage* pHello) QOR_EXCLUDES(m_mutex);
+
+    // The service is a new one: what was said to the last, and how often in vain, does not count.
+    void Restart() QOR_EXCLUDES(m_mutex);
+
+    // Whether the last announcement still waits to be confirmed; then the code of why, if that has
+    // not been told before, else 0.
+    bool IsUnconfirmed(int& newReason) QOR_EXCLUDES(m_mutex);
+
+    // The timer is not due any more.
+    void Stop();
+
+private:
+    void m_Answered(std::uint32_t number, GDBusMessage* pAnswer) QOR_EXCLUDES(m_mutex);
+    void m_ResetIntervals() QOR_REQUIRES(m_mutex);
+
+    const std::unique_ptr<TCDbusTimer> m_pTimer;
+    TSPosixMutex m_mutex;
+    TGlibPtr<GVariant> m_pTypes QOR_GUARDED_BY(m_mutex);
+    std::uint32_t m_number QOR_GUARDED_BY(m_mutex); // of the last announcement
+    bool m_hasNews QOR_GUARDED_BY(m_mutex);
+    bool m_isConfirmed QOR_GUARDED_BY(m_mutex);
+    bool m_isReasonTold QOR_GUARDED_BY(m_mutex);
+    int m_reason QOR_GUARDED_BY(m_mutex); // of the last refusal
+    unsigned int m_pauseMs QOR_GUARDED_BY(m_mutex);    // after a refusal
+    unsigned int m_patienceMs QOR_GUARDED_BY(m_mutex); // with no answer at all
+};
+
+} // namespace qor
+
+#endif
