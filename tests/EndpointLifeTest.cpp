@@ -17,7 +17,7 @@
 #include <qor/QORDbusServer.h>
 #include <qor/api.h>
 
-#include "BusTest.h"
+#include "EndpointFixture.h"
 
 namespace
 {
@@ -43,53 +43,6 @@ std::size_t OpenFiles()
     }
     return count;
 }
-
-class EndpointLife : public BusTest
-{
-protected:
-    EndpointLife()
-    {
-        alarm(200); // a deadlock ends the program
-        Serve();
-    }
-    ~EndpointLife() override
-    {
-        alarm(0);
-    }
-
-    // In a context of its own, which gives back the last connection, also where no other runs.
-    void Serve()
-    {
-        g_main_context_push_thread_default(m_context.get());
-        m_service = std::make_unique<RawPeer>();
-        ASSERT_TRUE(m_service->OwnName(SERVICE_NAME));
-        while (g_main_context_iteration(m_context.get(), FALSE))
-        {
-        }
-        g_main_context_pop_thread_default(m_context.get());
-    }
-
-    void RestartBus()
-    {
-        m_bus.Kill();
-        m_bus.Restart();
-        Serve();
-    }
-
-    static bool Sends(qor::IDbusClient& client)
-    {
-        Bytes response;
-        return client.SendMessage(1, {1}, response, false);
-    }
-
-    std::future<CallResult> Event(const std::string& client, int type)
-    {
-        return m_service->StartCall(client, SERVICE_PATH, "Send", Request(type, false));
-    }
-
-    const qor::TGlibPtr<GMainContext> m_context{g_main_context_new()};
-    std::unique_ptr<RawPeer> m_service;
-};
 
 // --- Successors ----------------------------------------------------------------------------------
 
@@ -280,7 +233,7 @@ TEST_F(EndpointLife, EventsEndWithAnImpossibleTimeoutOrWhenTheyAreCancelled)
     ASSERT_EQ(clients.size(), 1U);
     EXPECT_EQ(clients[0].m_name, client.UniqueName());
     EXPECT_EQ(clients[0].m_types, (std::set<int>{2, 4}));
-    EXPECT_TRUE(clients[0].m_isSuspended);
+    EXPECT_TRUE(clients[0].m_isSuspended); // it has not answered yet
 }
 
 TEST_F(EndpointLife, EveryFunctionAnswersInAForkedChild)
@@ -360,6 +313,7 @@ TEST_F(EndpointLife, ClientFindsTheBusAgainByItsSendsAlone)
     {
         RestartBus();
         EXPECT_TRUE(WaitUntil([&] { return Sends(client); }));
+        EXPECT_EQ(m_service->Count("Hello"), 0U); // before it can be called
         files = i == 1 ? OpenFiles() : files;
     }
     EXPECT_LE(OpenFiles(), files);

@@ -98,7 +98,7 @@ struct CallResult
 
 /// A separate private connection to the bus at DBUS_SYSTEM_BUS_ADDRESS. It needs no main context:
 /// calls are recorded and answered as they arrive, on GDBus's own thread. Send and Hello at any
-/// path are answered; the answer to Hello is always an empty reply.
+/// path are answered; Hello with an empty reply, unless somebody else decides on it.
 class RawPeer
 {
 public:
@@ -160,6 +160,12 @@ public:
     {
         const std::lock_guard<std::mutex> lock(m->mutex);
         m->answerer = answerer;
+    }
+
+    void AnswerHelloUsing(const TAnswerer& answerer)
+    {
+        const std::lock_guard<std::mutex> lock(m->mutex);
+        m->greeter = answerer;
     }
 
     /// Answers the calls that are on hold.
@@ -311,6 +317,7 @@ private:
         mutable std::mutex mutex;
         std::vector<IncomingCall> calls;
         TAnswerer answerer;
+        TAnswerer greeter = [](const IncomingCall&) { return Answer{Answer::NO_VALUE, {}, ""}; };
         std::vector<MessagePtr> held;
 
         void Break() const
@@ -363,9 +370,8 @@ private:
             {
                 return pMessage; // such as a query of properties, which nobody should make
             }
-            state.Handle(MessagePtr(pMessage), call.method == "Send"
-                                                   ? state.answerer(call)
-                                                   : Answer{Answer::NO_VALUE, {}, ""});
+            state.Handle(MessagePtr(pMessage),
+                         (call.method == "Send" ? state.answerer : state.greeter)(call));
             return nullptr;
         }
     };
