@@ -45,12 +45,10 @@ protected:
         // In this order, among others: the user once, then each function once, by address.
         Lines expected(before);
         expected.insert(expected.end(), {"user", "destroyed 1", "again 0"});
-        // A thread that registers meanwhile is refused at once: the teardown may be waiting for it.
-        EXPECT_EQ(std::count(all.begin(), all.end(), "the other one waits 1"), 0);
         Lines functions;
         std::copy_if(all.begin(), all.end(), std::back_inserter(functions),
                      [](const std::string& line) { return line.rfind("function ", 0) == 0; });
-        EXPECT_EQ(functions.size(), 4U);
+        ASSERT_EQ(functions.size(), 4U);
         EXPECT_NE(functions.back().find(" /opt/usr/share/vantorix/velkin_qor_policy.xml"),
                   std::string::npos); // the policy paths go last
         EXPECT_TRUE(std::is_sorted(functions.begin(), functions.end()));
@@ -87,8 +85,7 @@ TEST_F(Teardown, RunsBeforeAUsedLibraryIsUnmapped)
 
 TEST_F(Teardown, RunsAtExitToo)
 {
-    ExpectTheTeardown(Run("exit", "use"), {"events 1", "policy -1", "loaded 1", "end"},
-                      {"the other one is refused too"});
+    ExpectTheTeardown(Run("exit", "use"), {"events 1", "policy -1", "loaded 1", "end"}, {});
 }
 
 } // namespace

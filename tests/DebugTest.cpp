@@ -167,6 +167,26 @@ TEST_F(Debug, HostGetsNoSignalForALineAndKeepsItsOwn)
     }
 }
 
+TEST_F(Debug, HostKeepsTheSignalForWhatItHasPrintedItself)
+{
+    const auto host = [&](bool isFirst)
+    {
+        int ends[2];
+        const bool isReady = pipe(ends) == 0 && close(ends[0]) == 0 && dup2(ends[1], 1) == 1 &&
+                             setvbuf(stdout, nullptr, _IOFBF, BUFSIZ) == 0;
+        const auto print = [] { printf("of the host"); };
+        isFirst ? print() : void();
+        m_debug.External("C", "F", 1, "of the library");
+        isFirst ? void() : print();
+        std::exit(isReady ? 0 : 99);
+    };
+    for (const bool isFirst : {true, false})
+    {
+        fflush(stdout);
+        EXPECT_EXIT(host(isFirst), testing::KilledBySignal(SIGPIPE), "") << isFirst;
+    }
+}
+
 TEST_F(Debug, LinesAndMarkersAreCutOffAt255Characters)
 {
     for (const std::size_t length : {242U, 243U, 244U, 300U})

@@ -4,9 +4,7 @@
 //
 // It is not linked with the library. Everything that the teardown calls prints a line.
 #include <dlfcn.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -33,19 +31,8 @@ void (*pRegister)(void (*)());
 bool (*pRegisterUser)(qor::TIDestroyCallback&);
 std::string (*pPolicyPath)();
 
-// Registers during the teardown, which it waits for. Only where the code stays: at exit.
+// Where the code stays, at exit, the functions wait for another thread.
 bool hasOther = false;
-std::atomic<bool> isOtherRefused(false);
-std::thread other;
-
-void JoinOther()
-{
-    if (other.joinable())
-    {
-        other.join();
-        printf("the other one is refused too\n");
-    }
-}
 
 template <class TFunction>
 void Find(TFunction*& pFunction, const char* name)
@@ -69,7 +56,8 @@ template <int N>
 void Teardown()
 {
     printf("function %p %s\n", reinterpret_cast<void*>(&Teardown<N>), pPolicyPath().c_str());
-    pRegister(&Teardown<100>); // refused, without blocking
+    const auto refused = [] { pRegister(&Teardown<100>); }; // without blocking
+    hasOther ? std::thread(refused).join() : refused();
 }
 
 struct User : qor::TIDestroyCallback
@@ -77,12 +65,6 @@ struct User : qor::TIDestroyCallback
     void OnDestroy() override
     {
         printf("user\n");
-        if (hasOther)
-        {
-            other = std::thread([] { isOtherRefused = (pRegister(&Teardown<200>), true); });
-            usleep(50000);
-            printf("the other one waits %d\n", !isOtherRefused);
-        }
         printf("again %d\n", pRegisterUser(*this));
     }
 };
@@ -119,7 +101,6 @@ void Use()
 
 int main(int argc, char** argv)
 {
-    std::atexit(&JoinOther); // after the library's teardown
     if (argc < 4 || (pLibrary = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL)) == nullptr)
     {
         fprintf(stderr, "cannot load: %s\n", dlerror());

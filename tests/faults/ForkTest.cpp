@@ -5,6 +5,7 @@
 #include <qor/QORCallbacksProxy.h>
 #include <qor/QORDbusClient.h>
 #include <qor/QORDbusServer.h>
+#include <qor/QORDeactivator.h>
 #include <qor/api.h>
 
 #include "BusTest.h"
@@ -139,6 +140,25 @@ TEST_F(Fork, ChildOfABusyServiceCanExitAndTheServiceGoesOn)
     EXPECT_TRUE(send());
 }
 
+TEST_F(Fork, ChildMayLetGoAndAskForAnEndpointOfItsOwn)
+{
+    ASSERT_TRUE(m_peer.OwnName(SERVICE_NAME));
+    auto client = qor::TCDbusClientProvider::Get(false);
+    Bytes response;
+    const auto work = [&]
+    {
+        for (int i = 0; i < 2; ++i)
+        {
+            client.reset();
+            client = qor::TCDbusClientProvider::Get(false);
+            client->SetCallback(2, [](const Bytes&, Bytes&) { return true; });
+            client->SendMessage(1, {}, response, false); // whatever becomes of it
+        }
+    };
+    EXPECT_EQ(ExitStatusOfChild(work), 0);
+    EXPECT_TRUE(client->SendMessage(1, {}, response, false));
+}
+
 // In a process of its own, which has not used the library before.
 TEST(Host, DISABLED_ForksFirst)
 {
@@ -177,4 +197,42 @@ TEST_F(BusTest, HostForksFirstOrExitsInsideACallbackWhileACallIsPending)
     ASSERT_TRUE(peer.WaitForCalls("Send", 1)) << "the host's call is not pending";
     exiting.WriteInput("exit\n");
     EXPECT_EQ(exiting.Wait(5000), 7) << exiting.Err();
+}
+
+struct EndSeen : qor::TIDestroyCallback
+{
+    void OnDestroy() override
+    {
+        m_isSeen = true;
+    }
+    std::atomic<bool> m_isSeen{false};
+};
+
+TEST(Host, DISABLED_ExitsWhileACallbackAsksForTheControl)
+{
+    static auto& end = *new EndSeen; // this and the next outlive the teardown
+    static std::atomic<bool> isInside{false};
+    static auto& pump = *new std::unique_ptr<BackgroundPump>;
+    const auto ask = [](const Bytes&, Bytes&)
+    {
+        isInside = true;
+        return WaitUntil([] { return end.m_isSeen.load(); }) && qor::api::GetControl() != nullptr;
+    };
+    qor::TCDeactivator::RegisterUser(end);
+    qor::api::GetControl();
+    qor::TCDbusClientProvider::Get(false)->SetCallback(2, ask);
+    pump = std::make_unique<BackgroundPump>();
+    WaitUntil([] { return isInside.load(); });
+    std::exit(7);
+}
+
+TEST_F(BusTest, HostMayExitWhileACallbackAsksForTheControl)
+{
+    RawPeer peer;
+    ASSERT_TRUE(peer.OwnName(SERVICE_NAME));
+    ChildProcess exiting(
+        {"/proc/self/exe", "--gtest_also_run_disabled_tests", "--gtest_filter=*AsksForTheControl"});
+    ASSERT_TRUE(peer.WaitForCalls("Hello", 1));
+    peer.Post(peer.Calls("Hello").back().sender, SERVICE_PATH, "Send", Request(2, false));
+    EXPECT_EQ(exiting.Wait(10000), 7) << exiting.Err();
 }

@@ -3,118 +3,28 @@
 // QOR_TEST_SCALE=10 repeats ten times what a short run does once.
 #include <fcntl.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 
 #include <atomic>
 #include <cstring>
 #include <future>
-#include <numeric>
 #include <thread>
 
-#include <qor/QORDbusServer.h>
 #include <qor/api.h>
 
-#include "BusTest.h"
 #include "FaultSupport.h"
+#include "NeighbourFixture.h"
 #include "ToolRunner.h"
 
 namespace
 {
 
 using namespace qortest;
-using Clock = std::chrono::steady_clock;
-using Counts = std::pair<std::size_t, std::size_t>;
-using Peers = std::vector<std::unique_ptr<RawPeer>>;
-
-const Answer YES{Answer::REPLY, {1}, ""};
-const Answer NEVER{Answer::NEVER, {}, ""};
-const std::string REFUSED = "org.freedesktop.DBus.Error.LimitsExceeded";
 
 std::size_t Scale()
 {
     const char* const pScale = getenv("QOR_TEST_SCALE");
     return pScale == nullptr ? 1 : std::stoul(pScale);
 }
-
-// A thread has a user of its own where the kernel is asked directly.
-void AsUser(unsigned int user, const std::function<void()>& work)
-{
-    std::thread(
-        [&]
-        {
-            syscall(SYS_setresuid, -1, user, -1);
-            work();
-        })
-        .join();
-}
-
-double Seconds(const std::function<void()>& work)
-{
-    const auto start = Clock::now();
-    work();
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-std::size_t CallsTo(const Peers& peers)
-{
-    return std::accumulate(peers.begin(), peers.end(), std::size_t(0),
-                           [](std::size_t sum, auto& peer) { return sum + peer->Count("Send"); });
-}
-
-class Neighbour : public BusTest
-{
-protected:
-    void Serve(const qor::TMessageCallback& callback = [](const auto&, auto&) { return true; })
-    {
-        m_server = std::make_unique<qor::TCDbusServer>(false);
-        m_server->SetCallback(4, callback);
-        ASSERT_TRUE(PumpUntil([&] { return m_server->IsReady(); }));
-        m_pump = std::make_unique<BackgroundPump>();
-    }
-
-    Peers Clients(std::size_t count, const Answer& answer, unsigned int user = 0)
-    {
-        Peers clients;
-        const auto connect = [&] { clients.push_back(std::make_unique<RawPeer>()); };
-        const std::size_t before = m_server->NumberOfClients();
-        for (std::size_t i = 0; i < count; ++i)
-        {
-            user == 0 ? connect() : AsUser(user, connect);
-            clients.back()->AnswerWith(answer);
-            clients.back()->PostHello(SERVICE_NAME, {2});
-        }
-        EXPECT_TRUE(HasClients(before + count));
-        return clients;
-    }
-
-    bool HasClients(std::size_t count)
-    {
-        return WaitUntil([&] { return m_server->NumberOfClients() == count; });
-    }
-
-    Counts Deliver(int timeoutMs = WATCHDOG_MS, const Bytes& payload = {})
-    {
-        return m_server->SendMessage(2, payload, timeoutMs);
-    }
-
-    static CallResult Send(RawPeer& peer, const Bytes& payload = {}, GUnixFDList* pFiles = nullptr)
-    {
-        return peer.Call(SERVICE_NAME, SERVICE_PATH, "Send", Request(4, false, payload),
-                         WATCHDOG_MS, pFiles);
-    }
-
-    static void Post(RawPeer& peer, std::size_t count, std::size_t size = 0)
-    {
-        for (; count != 0; --count)
-        {
-            peer.Post(SERVICE_NAME, SERVICE_PATH, "Send", Request(4, true, Bytes(size)));
-        }
-        peer.Sync();
-    }
-
-    std::unique_ptr<qor::TCDbusServer> m_server;
-    std::unique_ptr<BackgroundPump> m_pump; // goes first
-};
 
 // --- Events --------------------------------------------------------------------------------------
 
@@ -137,7 +47,7 @@ TEST_F(Neighbour, SilentClientCostsOneCallAndTheOtherHearsEveryEvent)
         silent[0]->PostHello(SERVICE_NAME, {2});
         silent[0]->Sync();
         Send(other);
-        EXPECT_EQ(Deliver(50), Counts(1, 1));
+        EXPECT_EQ(Deliver(i < 3 ? 50 : WATCHDOG_MS), Counts(1, 1));
     }
     EXPECT_EQ(silent[0]->Count("Send"), 4U);
     silent[0]->AnswerWith(YES);
@@ -327,6 +237,13 @@ TEST_F(BusyNeighbour, DescriptorsAndHellosOfTooManyTypesAreRefused)
     EXPECT_LT(OpenFiles(getpid()), before + 40);
 
     m_isBusy = false;
+    for (int i = 0; i < 70; ++i) // more than are kept before the quiet ones are looked for
+    {
+        EXPECT_TRUE(Send(*std::make_unique<RawPeer>()).ok);
+    }
+    EXPECT_EQ(Send(m_other, {}, files.get()).errorName, REFUSED); // not quiet, and still one burst
+    EXPECT_EQ(LogCapture::Count(LOG_ERROR, "Refusing calls of " + m_other.UniqueName()), 1U);
+
     const Peers client = Clients(1, YES);
     const auto hello = [&](std::size_t types)
     { return client[0]->Call(SERVICE_NAME, SERVICE_PATH, "Hello", Bytes(4 * types)); };
@@ -334,6 +251,16 @@ TEST_F(BusyNeighbour, DescriptorsAndHellosOfTooManyTypesAreRefused)
     EXPECT_EQ(Deliver(), Counts(1, 0)); // it keeps what it had
     EXPECT_TRUE(hello(1024).ok);        // answered before it is registered
     EXPECT_TRUE(WaitUntil([&] { return Deliver() == Counts(0, 0); }));
+}
+
+TEST_F(Neighbour, WhatHasBeenHandledIsNoLongerCounted)
+{
+    Serve();
+    RawPeer peers[2];
+    for (int i = 0; i < 10; ++i) // more than may wait at once
+    {
+        ASSERT_TRUE(Send(peers[i % 2], Bytes(31 << 20)).ok) << i;
+    }
 }
 
 // --- A whole service -----------------------------------------------------------------------------

@@ -1,0 +1,115 @@
+// A service on a bus with stock limits, and neighbours who are raw peers.
+#ifndef QORTEST_NEIGHBOURFIXTURE_H
+#define QORTEST_NEIGHBOURFIXTURE_H
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <numeric>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <qor/QORDbusServer.h>
+
+#include "BusTest.h"
+
+namespace qortest
+{
+
+using Clock = std::chrono::steady_clock;
+using Counts = std::pair<std::size_t, std::size_t>;
+using Peers = std::vector<std::unique_ptr<RawPeer>>;
+
+inline const Answer YES{Answer::REPLY, {1}, ""};
+inline const Answer NEVER{Answer::NEVER, {}, ""};
+inline const std::string REFUSED = "org.freedesktop.DBus.Error.LimitsExceeded";
+
+// A thread has a user of its own where the kernel is asked directly.
+inline void AsUser(unsigned int user, const std::function<void()>& work)
+{
+    std::thread(
+        [&]
+        {
+            syscall(SYS_setresuid, -1, user, -1);
+            work();
+        })
+        .join();
+}
+
+inline double Seconds(const std::function<void()>& work)
+{
+    const auto start = Clock::now();
+    work();
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+inline std::size_t CallsTo(const Peers& peers)
+{
+    return std::accumulate(peers.begin(), peers.end(), std::size_t(0),
+                           [](std::size_t sum, auto& peer) { return sum + peer->Count("Send"); });
+}
+
+class Neighbour : public BusTest
+{
+protected:
+    void Serve(const qor::TMessageCallback& callback = [](const auto&, auto&) { return true; })
+    {
+        m_server = std::make_unique<qor::TCDbusServer>(false);
+        m_server->SetCallback(4, callback);
+        ASSERT_TRUE(PumpUntil([&] { return m_server->IsReady(); }));
+        m_pump = std::make_unique<BackgroundPump>();
+    }
+
+    Peers Clients(std::size_t count, const Answer& answer, unsigned int user = 0,
+                  const std::vector<std::int32_t>& types = {2})
+    {
+        Peers clients;
+        const auto connect = [&] { clients.push_back(std::make_unique<RawPeer>()); };
+        const std::size_t before = m_server->NumberOfClients();
+        for (std::size_t i = 0; i < count; ++i)
+        {
+            user == 0 ? connect() : AsUser(user, connect);
+            clients.back()->AnswerWith(answer);
+            clients.back()->PostHello(SERVICE_NAME, types);
+        }
+        EXPECT_TRUE(HasClients(before + count));
+        return clients;
+    }
+
+    bool HasClients(std::size_t count)
+    {
+        return WaitUntil([&] { return m_server->NumberOfClients() == count; });
+    }
+
+    Counts Deliver(int timeoutMs = WATCHDOG_MS, const Bytes& payload = {})
+    {
+        return m_server->SendMessage(2, payload, timeoutMs);
+    }
+
+    static CallResult Send(RawPeer& peer, const Bytes& payload = {}, GUnixFDList* pFiles = nullptr)
+    {
+        return peer.Call(SERVICE_NAME, SERVICE_PATH, "Send", Request(4, false, payload),
+                         WATCHDOG_MS, pFiles);
+    }
+
+    static void Post(RawPeer& peer, std::size_t count, std::size_t size = 0)
+    {
+        for (; count != 0; --count)
+        {
+            peer.Post(SERVICE_NAME, SERVICE_PATH, "Send", Request(4, true, Bytes(size)));
+        }
+        peer.Sync();
+    }
+
+    std::unique_ptr<qor::TCDbusServer> m_server;
+    std::unique_ptr<BackgroundPump> m_pump; // goes first
+};
+
+} // namespace qortest
+
+#endif
