@@ -1,5 +1,6 @@
-// The library's mutexes. They carry what Clang's thread-safety analysis needs to check that a member
-// is touched only under the lock that guards it; for other compilers they are the plain ones.
+// The library's mutexes. They carry what Clang's thread-safety analysis needs to check that a
+// member is touched only under the lock that guards it; for other compilers they are the plain
+// ones.
 #ifndef QOR_MUTEX_H
 #define QOR_MUTEX_H
 
@@ -50,16 +51,14 @@ class QOR_CAPABILITY TCMutex : public boost::mutex
 struct QOR_CAPABILITY TSPosixMutex
 {
     /// For the calls of POSIX.
-    pthread_mutex_t m_native =
-        PTHREAD_MUTEX_INITIALIZER;
+    pthread_mutex_t m_native = PTHREAD_MUTEX_INITIALIZER;
 };
 
 /// POSIX reader-writer lock, likewise.
 struct QOR_CAPABILITY TSPosixRwLock
 {
     /// For the calls of POSIX.
-    pthread_rwlock_t m_native =
-        PTHREAD_RWLOCK_INITIALIZER;
+    pthread_rwlock_t m_native = PTHREAD_RWLOCK_INITIALIZER;
 };
 
 } // namespace qor

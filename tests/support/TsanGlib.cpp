@@ -140,8 +140,7 @@ QORTEST_EXPORT void g_source_set_callback(GSource* pSource, GSourceFunc function
         next(pSource, function, data, notify);
         return;
     }
-    const bool isPlain =
-        pSource->source_funcs == &g_timeout_funcs || pSource->source_funcs == &g_idle_funcs;
+    const bool isPlain = pSource->source_funcs != &g_unix_fd_source_funcs;
     next(pSource,
          isPlain ? Runner(function)
                  : G_SOURCE_FUNC(Runner(reinterpret_cast<GUnixFDSourceFunc>(

@@ -112,7 +112,8 @@ bool TCDbusAdmission::Admit(GDBusMessage* pCall)
 }
 
 // Null when the call may pass.
-const char* TCDbusAdmission::m_Objection(GDBusMessage* pCall, const TSSender& sender, std::size_t size)
+const char* TCDbusAdmission::m_Objection(GDBusMessage* pCall, const TSSender& sender,
+                                         std::size_t size)
 {
     if (g_dbus_message_get_num_unix_fds(pCall) != 0 ||
         g_dbus_message_get_unix_fd_list(pCall) != nullptr)
@@ -154,8 +155,8 @@ void TCDbusAdmission::m_Refuse(GDBusMessage* pCall, const char* reason)
     }
     const TGlibPtr<GDBusMessage> pReply(g_dbus_message_new_method_error_literal(
         pCall, "org.freedesktop.DBus.Error.LimitsExceeded", reason));
-    g_dbus_connection_send_message(m_pConnection, pReply.get(),
-                                   G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+    g_dbus_connection_send_message(m_pConnection, pReply.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                   nullptr, nullptr);
 }
 
 TCDbusAdmission::TSSender& TCDbusAdmission::m_Sender(const char* name)

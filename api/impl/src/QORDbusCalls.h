@@ -18,9 +18,9 @@ namespace qor
 {
 
 // GDBus's worker shows each message to the filter before it writes it, so before there can be an
-// answer. A call waits in a list until it is seen going out, and is awaited from then on: what is in
-// the list has not been sent. An answer counts only from whom the call was sent to, where that is
-// known, or from the bus itself.
+// answer. A call waits in a list until it is seen going out, and is awaited from then on: what is
+// in the list has not been sent. An answer counts only from whom the call was sent to, where that
+// is known, or from the bus itself.
 class TCDbusCalls
 {
 public:

@@ -48,8 +48,8 @@ TCDbusTimer::~TCDbusTimer()
 
 void TCDbusTimer::SetIn(unsigned int milliseconds)
 {
-    g_source_set_ready_time(m_pSource.get(), g_get_monotonic_time() +
-                                                 milliseconds * G_TIME_SPAN_MILLISECOND);
+    g_source_set_ready_time(m_pSource.get(),
+                            g_get_monotonic_time() + milliseconds * G_TIME_SPAN_MILLISECOND);
 }
 
 void TCDbusTimer::Clear()

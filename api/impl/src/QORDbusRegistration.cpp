@@ -59,8 +59,11 @@ void TCDbusRegistration::Announce(TCDbusCalls& calls, GDBusMessage* pHello)
     m_isConfirmed = false;
     m_reason = G_IO_ERROR_TIMED_OUT; // until there is a better one
     ++m_number;
-    calls.Call(pHello, [self = shared_from_this(), number = m_number](GDBusMessage* pAnswer)
-               { self->m_Answered(number, pAnswer); }, nullptr);
+    calls.Call(
+        pHello,
+        [self = shared_from_this(), number = m_number](GDBusMessage* pAnswer)
+        { self->m_Answered(number, pAnswer); },
+        nullptr);
     m_pTimer->SetIn(m_patienceMs);
     m_patienceMs = std::min(2 * m_patienceMs, LAST_PATIENCE_MS);
 }

@@ -22,8 +22,8 @@ namespace qor
 
 class TCDbusCalls;
 
-// Any thread may call it, and nothing waits. Calls on their way hold it: an answer may come when the
-// endpoint has gone.
+// Any thread may call it, and nothing waits. Calls on their way hold it: an answer may come when
+// the endpoint has gone.
 class TCDbusRegistration : public std::enable_shared_from_this<TCDbusRegistration>
 {
 public:
@@ -59,7 +59,7 @@ private:
     bool m_hasNews QOR_GUARDED_BY(m_mutex);
     bool m_isConfirmed QOR_GUARDED_BY(m_mutex);
     bool m_isReasonTold QOR_GUARDED_BY(m_mutex);
-    int m_reason QOR_GUARDED_BY(m_mutex); // of the last refusal
+    int m_reason QOR_GUARDED_BY(m_mutex);              // of the last refusal
     unsigned int m_pauseMs QOR_GUARDED_BY(m_mutex);    // after a refusal
     unsigned int m_patienceMs QOR_GUARDED_BY(m_mutex); // with no answer at all
 };

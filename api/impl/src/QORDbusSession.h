@@ -1,7 +1,7 @@
 // A connection to the bus, and what belongs to it: its name there, admission, our calls.
 //
-// An endpoint that has lost its bus and found it again replaces its session as a whole. Whoever works
-// with one holds it meanwhile, and needs no lock.
+// An endpoint that has lost its bus and found it again replaces its session as a whole. Whoever
+// works with one holds it meanwhile, and needs no lock.
 #ifndef QOR_QORDBUSSESSION_H
 #define QOR_QORDBUSSESSION_H
 
