@@ -24,6 +24,8 @@ namespace
 
 constexpr int DEFAULT_TIMEOUT_MS = 25000; // the bus library's
 constexpr gint64 NEVER = G_MAXINT64;
+// The bus has yet to tell the client's user: that is no time of the client's.
+constexpr int BUS_PATIENCE_MS = 2000;
 
 gint64 DeadlineAfter(gint64 now, int timeoutMs)
 {
@@ -51,15 +53,29 @@ struct TCEventDelivery::TSAnswer
 
 void TCEventDelivery::m_Enqueue(const std::vector<TCDbusServer::TSAsyncMessage*>& messages)
 {
-    const gint64 now = g_get_monotonic_time();
     for (TCDbusServer::TSAsyncMessage* pMessage : messages)
     {
         TSEventCall::TList& waiting = pMessage->m_pAccount->m_pUser->m_waiting;
         const TCall call = waiting.insert(waiting.end(), TSEventCall{pMessage, pMessage->m_pAccount,
                                                                      pMessage->m_type, 0, false,
                                                                      m_deadlines.end()});
-        call->m_deadline = m_deadlines.emplace(DeadlineAfter(now, pMessage->m_timeout), call);
+        m_SetDeadline(call);
     }
+}
+
+// Of a call that waits for a slot, or that has been started now.
+void TCEventDelivery::m_SetDeadline(TCall call)
+{
+    const int timeoutMs = call->m_pMessage->m_timeout;
+    const bool isEarly = call->m_pAccount->m_pUser == m_pUnknown && timeoutMs >= 0;
+    if (call->m_deadline != m_deadlines.end())
+    {
+        m_deadlines.erase(call->m_deadline);
+    }
+    call->m_deadline = m_deadlines.emplace(
+        DeadlineAfter(g_get_monotonic_time(),
+                      isEarly ? std::max(timeoutMs, BUS_PATIENCE_MS) : timeoutMs),
+        call);
 }
 
 // In turn, a call for each user, so that none waits behind another's.
@@ -141,9 +157,7 @@ void TCEventDelivery::m_Start(TSEventUser& user, TCall call)
     ++user.m_unanswered;
     ++call->m_pAccount->m_unanswered;
     m_bySerial.emplace(call->m_serial, call);
-    m_deadlines.erase(call->m_deadline);
-    call->m_deadline =
-        m_deadlines.emplace(DeadlineAfter(g_get_monotonic_time(), message.m_timeout), call);
+    m_SetDeadline(call);
 }
 
 void TCEventDelivery::m_FailUnstartable()

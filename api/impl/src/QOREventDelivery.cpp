@@ -197,6 +197,7 @@ void TCEventDelivery::m_SetUser(const TAccountPtr& pAccount, std::uint32_t userI
         if (call->m_pAccount == pAccount)
         {
             pUser->m_waiting.splice(pUser->m_waiting.end(), waiting, call);
+            m_SetDeadline(call);
         }
         call = next;
     }

@@ -66,6 +66,7 @@ private:
     void m_Remove(const TAccountPtr& pAccount);
 
     void m_Enqueue(const std::vector<TCDbusServer::TSAsyncMessage*>& messages);
+    void m_SetDeadline(TCall call);
     void m_StartCalls();
     bool m_HasRoom(const TSEventUser& user) const;
     bool m_HasRoomToSend(const TSEventCall& call);
