@@ -9,7 +9,7 @@ import re
 import subprocess
 import sys
 
-BLOCK = re.compile(r"^(?:```console|\.Bd -literal.*)\n(\$ qorctl .*?)^(?:```|\.Ed)$", re.M | re.S)
+BLOCK = re.compile(r"^(?:```console|\.Bd -literal[^\n]*)\n(\$ qorctl .*?)^(?:```|\.Ed)$", re.M | re.S)
 CHANGING = [
     (r"\d{4}-\d\d-\d\dT[\d:.]+[+-]\d\d:\d\d", "TIME"),
     (r"\S+ \(qorctl, process \d+\)", "SOMEBODY"),
@@ -21,22 +21,24 @@ def steady(text):
     for pattern, word in CHANGING:
         text = re.sub(pattern, word, text)
     # Columns are as wide as the widest of what changes.
-    return re.sub(r" {2,}", "  ", text)
+    return re.sub(r"(?<=\S) {2,}", "  ", text)
 
 
 def main():
     with open(sys.argv[1], encoding="utf-8") as page:
-        # In a man page a backslash is written \e.
-        blocks = BLOCK.findall(page.read().replace("\\e", "\\"))
+        text = page.read().replace("\\e", "\\")  # as a man page writes a backslash
+    session = "".join(BLOCK.findall(text))
+    steps = re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", session, re.M)
     faults = 0
-    for command, wanted in re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", "".join(blocks), re.M):
+    for command, wanted in steps:
         printed = subprocess.run(["bash", "-c", command], stdout=subprocess.PIPE,
                                  stderr=subprocess.STDOUT, timeout=60, check=False).stdout.decode()
         if steady(printed) != steady(wanted):
             faults += 1
             print("$ %s\n%s--- and not\n%s" % (command, printed, wanted))
-    print("%d sessions" % len(blocks))
-    sys.exit(1 if faults or not blocks else 0)
+    shown = len(re.findall(r"^\$ .*\bqorctl\b", text, re.M))
+    print("%d commands of %d" % (len(steps), shown))
+    sys.exit(0 if steps and len(steps) == shown and not faults else 1)
 
 
 if __name__ == "__main__":
