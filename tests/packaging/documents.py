@@ -24,17 +24,21 @@ def anchors(page):
 
 
 def broken_links(top, pages):
+    count = 0
     for page in pages:
         text = re.sub(r"`[^`\n]*`", "", without_code(page.read_text(encoding="utf-8")))
         for target in re.findall(r"\]\(([^)]+)\)", text):
             if re.match(r"[a-z]+:", target):
                 continue
+            count += 1
             path, _, anchor = target.partition("#")
             file = (page.parent / path).resolve() if path else page
             if not file.exists():
                 yield "%s: no file for %s" % (page.relative_to(top), target)
             elif anchor and anchor not in anchors(file):
                 yield "%s: no heading for %s" % (page.relative_to(top), target)
+    if count < 40:
+        yield "only %d links found" % count
 
 
 def missing_examples(top):
@@ -68,11 +72,15 @@ def missing_messages(top):
 
 
 def broken_drawings(pages):
+    count = 0
     for page in pages:
         text = page.read_text(encoding="utf-8")
         for drawing in re.findall(r"^```mermaid\n(.*?)^```$", text, re.M | re.S):
+            count += 1
             if ";" in drawing:
                 yield "%s: a semicolon, which ends a statement in a drawing" % page.name
+    if count == 0:
+        yield "no drawings found"
 
 
 def wrong_error_numbers(top):

@@ -1,18 +1,25 @@
 # Shared by the checks of what an installation brings: a private bus that knows only the shipped
 # files, and steps that print what they saw. Sourced; the caller has set -euo pipefail.
+# shellcheck shell=bash
 
 work=$(mktemp -d)
 chmod 755 "$work"
+# shellcheck disable=SC2034 # for the callers
+user=$(id -un)
 pids=()
 failures=0
 passes=0
 
-clean_up() {
-    local status=$?
-    for pid in "${pids[@]}"; do
+end_processes() { # PID...
+    local pid
+    for pid in "$@"; do
         kill "$pid" 2>/dev/null || true
     done
     wait 2>/dev/null || true
+}
+clean_up() {
+    local status=$?
+    end_processes "${pids[@]}"
     rm -rf "$work"
     exit "$status"
 }
@@ -21,7 +28,9 @@ trap 'exit 130' INT TERM
 
 # start_bus: a bus that allows what the files in $work/system.d do.
 start_bus() {
-    . "$(dirname "${BASH_SOURCE[0]}")/../../scripts/closed-bus"
+    local here
+    here=$(dirname "${BASH_SOURCE[0]}")
+    . "$here/../../scripts/closed-bus"
     mkdir -p "$work/system.d" "$work/services"
     closed_bus "$work" >"$work/bus.conf"
     "${QOR_TEST_BUS:-dbus-daemon}" --config-file="$work/bus.conf" --nofork >"$work/bus.log" 2>&1 &
@@ -44,23 +53,45 @@ wait_for() {
     return 1
 }
 
-# check WHAT COMMAND...: counts one step.
+# check WHAT COMMAND...: counts one step. A function may have several commands, and fails with the
+# first one that does: it runs in a shell of its own and not as a condition, where set -e would not
+# hold. Only this shell can wait for its children.
 check() {
-    local what=$1
+    local what=$1 status
+    # shellcheck disable=SC2034 # the trap uses it, when there are no local variables any more
+    before=${#pids[@]}
     shift
-    if "$@" >"$work/check.log" 2>&1; then
+    set +e
+    if [[ $1 == wait ]]; then
+        wait "${@:2}" >"$work/check.log" 2>&1
+    else
+        (
+            trap 'end_processes "${pids[@]:before}"' EXIT
+            set -e
+            "$@"
+        ) >"$work/check.log" 2>&1
+    fi
+    status=$?
+    set -e
+    if ((status == 0)); then
         passes=$((passes + 1))
         echo "ok: $what"
     else
         failures=$((failures + 1))
-        echo "FAILED: $what"
+        echo "FAILED: $what (status $status)"
         sed 's/^/    /' "$work/check.log"
     fi
 }
 
-not() { ! "$@"; }
+# ends_with STATUS COMMAND...
+ends_with() {
+    local wanted=$1 status=0
+    shift
+    "$@" || status=$?
+    [[ $status -eq $wanted ]]
+}
 
 finish() {
     echo "$passes passed, $failures failed"
-    test "$failures" -eq 0
+    ((passes > 0 && failures == 0))
 }
