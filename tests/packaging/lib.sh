@@ -67,7 +67,7 @@ check() {
     else
         (
             trap 'end_processes "${pids[@]:before}"' EXIT
-            set -e
+            set -eE
             "$@"
         ) >"$work/check.log" 2>&1
     fi
