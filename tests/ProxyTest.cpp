@@ -258,10 +258,9 @@ TEST_F(Proxy, InstanceMayRaceWithDestroy)
 TEST_F(Proxy, ProcessMayExitFromInsideACallbackOfTheEndpointThatGoesDown)
 {
     QORTEST_IN_CHILD({
-        static int exitCode = 0;
         m_service.AnswerWith({Answer::REPLY, PolicyReply(0), ""});
         EXPECT_EQ(qor::api::GetControl()->SetPolicy("p"), 0);
-        const auto leave = [](const Bytes&, Bytes&) { return (std::exit(exitCode), true); };
+        const auto leave = [](const Bytes&, Bytes&) -> bool { std::exit(HasFailure() ? 1 : 0); };
         qor::TCDbusClientProvider::Get(false)->SetCallback(POLICY_UPDATE, leave);
         m_service.Post(Endpoint(), SERVICE_PATH, "Send", Request(POLICY_UPDATE, false));
         PumpUntil([] { return false; });

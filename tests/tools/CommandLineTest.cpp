@@ -41,7 +41,8 @@ TEST_F(CommandLine, MisuseIsNamed)
     Expect(1, "line 2, column 7: mismatched tag", "set-policy bad");
     Expect(0, "well-formed (5188 bytes)", "validate '" SAMPLE_POLICY "'");
     const TJson verdict = TJson::parse(Qorctl({"validate", "--json", m_directory.Path("bad")}).out);
-    EXPECT_EQ(verdict["line"] == 2 && verdict["column"] == 7, !verdict["valid"]) << verdict;
+    EXPECT_TRUE(verdict["valid"] == false && verdict["line"] == 2 && verdict["column"] == 7)
+        << verdict;
     WriteFile(m_directory.Path("long"), "<a>" + std::string(1000000, 'x') + "</b>");
     EXPECT_LT(Qorctl({"validate", m_directory.Path("long")}).err.size(), 400U);
 }
