@@ -261,14 +261,18 @@ TEST_F(FileSystem, OnlyTheLatestErrorOfAWalkCounts)
     successes = 3;
     EXPECT_EQ(TSFileSystem::GetDirSize(Path("closed")), 20971520U);
     refused.clear();
-    if (geteuid() != 0) // permissions do not bind root
+    const uid_t user = geteuid();
+    for (const std::string& path : {Path(), Path("closed")}) // permissions do not bind root
     {
-        fs::permissions(Path("closed"), fs::owner_read); // entries with types, but without a status
-        EXPECT_THROW(Files(".x"), fs::filesystem_error);
-        fs::permissions(Path("closed"), fs::no_perms);
-        EXPECT_EQ(Files(".x"), Names{"failed"});
-        fs::permissions(Path("closed"), fs::owner_all);
+        ASSERT_EQ(user == 0 ? chown(path.c_str(), 12345, gid_t(-1)) : 0, 0);
     }
+    ASSERT_EQ(user == 0 ? seteuid(12345) : 0, 0);
+    fs::permissions(Path("closed"), fs::owner_read); // entries with types, but without a status
+    EXPECT_THROW(Files(".x"), fs::filesystem_error);
+    fs::permissions(Path("closed"), fs::no_perms);
+    EXPECT_EQ(Files(".x"), Names{"failed"});
+    fs::permissions(Path("closed"), fs::owner_all);
+    ASSERT_EQ(seteuid(user), 0);
     fs::create_symlink("loop", Path("loop"));
     EXPECT_THROW(Files(""), fs::filesystem_error);
     EXPECT_THROW(TSFileSystem::GetDirList(Path()), fs::filesystem_error);
