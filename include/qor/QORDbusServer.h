@@ -2,6 +2,8 @@
 #ifndef QOR_QORDBUSSERVER_H
 #define QOR_QORDBUSSERVER_H
 
+#include <atomic>
+#include <list>
 #include <map>
 #include <memory>
 #include <set>
@@ -11,13 +13,15 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/thread.hpp>
 
-#include <qor/IDbusServer.h>
+#include <qor/IDbusService.h>
 #include <qor/QORDbus.h>
 
 namespace qor
 {
 
+class TCDbusPeers;
 class TCEventDelivery;
+struct TSEvent;
 struct TSEventAccount;
 
 /// The server endpoint. The service constructs one and keeps it for its lifetime.
@@ -28,8 +32,9 @@ struct TSEventAccount;
 /// A thread of the server's own carries the outgoing event calls.
 ///
 /// The server must not be destroyed while a SendMessage is waiting (CancelMessages ends the wait),
-/// nor on its own thread.
-class QOR_API TCDbusServer : public TCDbus, public IDbusServer
+/// nor on its own thread. Stop ends it in order; without that, the destructor drops what is under
+/// way.
+class QOR_API TCDbusServer : public TCDbus, public IDbusService
 {
 public:
     /// Connects to the bus, asks for the name and starts the thread; blocks meanwhile, but does not
@@ -47,6 +52,16 @@ public:
     std::size_t NumberOfClients() override;
     std::pair<std::size_t, std::size_t>
     SendMessage(int type, const std::vector<unsigned char>& data, int timeout) override;
+    void SendEvent(int type, const std::vector<unsigned char>& data, int timeout,
+                   const TEventDone& onDone) override;
+    void SendEventTo(const std::vector<std::string>& clients, int type,
+                     const std::vector<unsigned char>& data, int timeout,
+                     const TEventDone& onDone) override;
+    TSPeer CurrentPeer() override;
+    TSPeer Peer(const std::string& uniqueName) override;
+    EServiceState State() override;
+    void SetStateCallback(const boost::function<void(EServiceState)>& callback) override;
+    bool Stop(unsigned int limit, const boost::function<void()>& onStopped) override;
 
     /// Ends every SendMessage that is waiting: what has no answer yet counts as a failure, and a
     /// client that has not answered is suspended as after a timeout. Later ones are not affected.
@@ -70,7 +85,7 @@ protected:
 
 private:
     friend class TCEventDelivery;
-    friend struct TSEventCall;
+    friend struct TSEventUser;
     struct TSClient
     {
         std::set<int> m_events;
@@ -79,27 +94,46 @@ private:
         boost::shared_ptr<TSEventAccount> m_pAccount;
     };
     struct TSAsyncMessage;
+    struct TSStop;
+    using TEventPtr = std::shared_ptr<TSEvent>;
     using TClients = std::map<std::string, TSClient>;
 
+    template <void (TCDbusServer::*MEMBER)()>
+    std::unique_ptr<TCDbusTimer> m_NewTimer();
     void m_StartMainLoop();
     static int m_QuitMainLoop(void* pLoop);
 
     static void m_NameAcquired(GDBusConnection* pConnection, const char* name, void* pUserData);
     void m_NameAcquired(GDBusConnection* pConnection, const char* name);
     static void m_NameLost(GDBusConnection* pConnection, const char* name, void* pUserData);
+    void m_AskWhoHasTheName();
+    void m_LearnWhoHasTheName();
+    static int m_HungUp(int descriptor, unsigned int condition, void* pUserData);
+    void m_SetState(EServiceState state) QOR_EXCLUDES(t_stateMutex, t_callbacksMutex);
+    void m_TellState() QOR_EXCLUDES(t_stateMutex, t_callbacksMutex);
+    void m_GiveUpName() QOR_EXCLUDES(t_stateMutex);
+    void m_GoOnStopping();
+    void m_FlushAndGoOn();
 
     void m_HandleHelloMessage(const char* sender, GVariant* pParameters,
                               GDBusMethodInvocation* pInvocation);
+    bool m_Register(const std::string& client, std::set<int> events) QOR_EXCLUDES(t_stateMutex);
     bool m_AddClient(const std::string& name) QOR_REQUIRES(t_stateMutex);
     static void m_ClientNameVanished(GDBusConnection* pConnection, const char* name,
                                      void* pUserData);
     void m_ClientNameVanished(GDBusConnection* pConnection, const char* name);
     void m_ForgetClient(TClients::iterator client) QOR_REQUIRES(t_stateMutex);
     static void m_DestroyClient(TSClient& client);
-    void m_ForgetGoneClients();
+    void m_HandleNews();
+    void m_ForgetClients(const std::vector<std::string>& names) QOR_EXCLUDES(t_stateMutex);
 
-    bool m_IsToBeCalled(const TSClient& client, int type, const TByteArray& data, int timeout,
-                        std::size_t& failed) const QOR_REQUIRES_SHARED(t_stateMutex);
+    TEventPtr m_NewEvent(int type, const TByteArray& data, int timeout) const;
+    bool m_Send(const TEventPtr& pEvent, const std::vector<std::string>* pClients)
+        QOR_EXCLUDES(t_stateMutex);
+    void m_SendAndTell(int type, const TByteArray& data, int timeout,
+                       const std::vector<std::string>* pClients, const TEventDone& onDone);
+    void m_AddCall(const TEventPtr& pEvent, const TSClient& client,
+                   std::list<TSAsyncMessage>& calls) QOR_REQUIRES_SHARED(t_stateMutex);
 
     unsigned int m_ownNameId QOR_GUARDED_BY(t_stateMutex);
     TClients m_clients QOR_GUARDED_BY(t_stateMutex);
@@ -107,8 +141,17 @@ private:
     // Set by the start, before the object is exported:
     TGlibPtr<GMainContext> m_pContext;
     TGlibPtr<GMainLoop> m_pMainLoop;
-    std::unique_ptr<TCDbusTimer> m_pGoneCheck; ///< Due when calls have shown that clients are gone.
+    std::unique_ptr<TCDbusPeers> m_pPeers;
+    std::unique_ptr<TCDbusTimer> m_pNews; ///< Due when the delivery has something to tell.
     std::unique_ptr<TCEventDelivery> m_pDelivery;
+    std::unique_ptr<TSStop> m_pStop;
+    TGlibPtr<GSource> m_pHangUp; ///< Sees the connection close.
+
+    EServiceState m_state QOR_GUARDED_BY(t_stateMutex);
+    boost::function<void(EServiceState)> m_stateCallback QOR_GUARDED_BY(t_callbacksMutex);
+    std::unique_ptr<TCDbusTimer> m_pStateNews; ///< Due when the state is to be told.
+    std::atomic<int> m_nameAnswer;             ///< Of the bus, who has the name.
+    std::unique_ptr<TCDbusTimer> m_pNameNews;  ///< Due when that has come.
 };
 
 } // namespace qor

@@ -83,7 +83,9 @@ TEST_F(Neighbour, SilentClientsOfOneUserTakeThatUsersShareOnly)
             }
             EXPECT_EQ(Deliver(), Counts(5, 150)) << mode; // at once, or the watchdog barks
         }
-        EXPECT_EQ(CallsTo(silent), 60U) << mode;
+        // Who is not called gets one event that asks for no answer; a Hello is worth another one.
+        EXPECT_GE(CallsTo(silent), 150U) << mode;
+        EXPECT_LE(CallsTo(silent), mode[0] == 'w' ? 150U + 5U * 150U : 150U) << mode;
         EXPECT_EQ(LogCapture::Count(LOG_ERROR, "User 1 leaves 60 calls unanswered"), 1U) << mode;
         for (const auto& client : silent)
         {

@@ -7,6 +7,9 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <system_error>
+
+#include <glib-unix.h>
 
 #include "QORDbusContext.h"
 
@@ -41,20 +44,30 @@ class TCTimeLimit
 public:
     explicit TCTimeLimit(int milliseconds) : m_pCancellable(g_cancellable_new())
     {
-        m_watch = std::async(std::launch::async,
-                             [this, milliseconds, isOver = m_isOver.get_future()]
-                             {
-                                 if (isOver.wait_for(std::chrono::milliseconds(milliseconds)) ==
-                                     std::future_status::timeout)
-                                 {
-                                     g_cancellable_cancel(m_pCancellable);
-                                 }
-                             });
+        const auto watch = [this, milliseconds]
+        {
+            if (m_isOver.get_future().wait_for(std::chrono::milliseconds(milliseconds)) ==
+                std::future_status::timeout)
+            {
+                g_cancellable_cancel(m_pCancellable);
+            }
+        };
+        try
+        {
+            m_watch = std::async(std::launch::async, watch);
+        }
+        catch (const std::system_error&)
+        {
+            // No thread is to be had, so the call has no limit.
+        }
     }
     ~TCTimeLimit()
     {
         m_isOver.set_value();
-        m_watch.wait();
+        if (m_watch.valid())
+        {
+            m_watch.wait();
+        }
         g_object_unref(m_pCancellable);
     }
 
@@ -179,6 +192,14 @@ TGlibPtr<GDBusConnection> OwnBusConnection(GMainContext* pContext, GError** ppEr
     g_object_unref(pCancellable);
     g_free(address);
     return std::move(attempt.m_pConnection);
+}
+
+TGlibPtr<GSource> NewHangUpSource(GDBusConnection* pConnection)
+{
+    GSocket* pSocket = g_socket_connection_get_socket(
+        G_SOCKET_CONNECTION(g_dbus_connection_get_stream(pConnection)));
+    return TGlibPtr<GSource>(g_unix_fd_source_new(g_socket_get_fd(pSocket),
+                                                  static_cast<GIOCondition>(G_IO_HUP | G_IO_ERR)));
 }
 
 } // namespace qor

@@ -11,6 +11,7 @@ namespace qor
 
 // The bus itself, as a peer.
 constexpr const char* BUS_NAME = "org.freedesktop.DBus";
+constexpr const char* BUS_PATH = "/org/freedesktop/DBus";
 
 // How long a bus may take to let us in. The start and the search for a lost bus have this limit.
 constexpr int CONNECT_TIMEOUT_MS = 2000;
@@ -24,6 +25,11 @@ TGlibPtr<GDBusConnection> BusConnection(GMainContext* pContext, GError** ppError
 // A connection of the caller's own, likewise. GIO hands out its shared connection, also when it has
 // closed, for as long as anybody holds it.
 TGlibPtr<GDBusConnection> OwnBusConnection(GMainContext* pContext, GError** ppError);
+
+// A source that is ready once the connection has closed. It watches the socket, since a connection
+// reports its end only in the context that it was made in, which may be iterated by nobody. The
+// connection must be held as long as the source.
+TGlibPtr<GSource> NewHangUpSource(GDBusConnection* pConnection);
 
 // Where no descriptor is to be had, GLib ends the process instead of reporting an error: so this
 // is asked before anything that makes a main context. False with an error.

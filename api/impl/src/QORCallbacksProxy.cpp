@@ -99,10 +99,10 @@ bool TCCallbacksProxy::m_Reset(ECallbackType type, TFunction TCCallbacksProxy::*
 {
     TFunction last; // destroyed without a lock: it is the application's
     const TCPosixLock registrationLock(m_registrationMutex);
-    const bool withdrawn = m_dbusClient && m_dbusClient->UnSetCallback(type);
+    const bool removed = m_dbusClient && m_dbusClient->UnSetCallback(type);
     const TCWriteLock lock(m_rwlock);
     (this->*field).swap(last);
-    return withdrawn;
+    return removed;
 }
 
 bool TCCallbacksProxy::m_Callback(int type, const std::vector<unsigned char>& in,

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <utility>
 
 #include <qor/GlibTypes.h>
 
@@ -25,6 +26,9 @@ namespace
 constexpr gint64 BURST_GAP_US = 10 * G_TIME_SPAN_SECOND;
 // How many senders are kept before the first look for those that are quiet.
 constexpr std::size_t FIRST_SWEEP = 64;
+
+constexpr const char* LIMITS_EXCEEDED = "org.freedesktop.DBus.Error.LimitsExceeded";
+constexpr const char* NO_SERVICE = "org.freedesktop.DBus.Error.ServiceUnknown";
 
 bool IsText(const char* text, const char* expected)
 {
@@ -54,6 +58,7 @@ TCDbusAdmission::TCDbusAdmission(GDBusConnection* pConnection, const char* objec
     : m_pConnection(pConnection),
       m_objectPath(objectPath),
       m_admits(true),
+      m_isClosed(false),
       m_sendersAtNextSweep(FIRST_SWEEP),
       m_calls(0),
       m_bytes(0)
@@ -64,6 +69,18 @@ void TCDbusAdmission::Stop()
 {
     const TCPosixLock lock(m_mutex);
     m_admits = false;
+}
+
+void TCDbusAdmission::Close()
+{
+    const TCPosixLock lock(m_mutex);
+    m_isClosed = true;
+}
+
+void TCDbusAdmission::TellSenders(TOnSender onSender)
+{
+    const TCPosixLock lock(m_mutex);
+    m_onSender = std::move(onSender);
 }
 
 // Every call to our object counts, not only those of our interface: GDBus queues reads of
@@ -80,7 +97,9 @@ bool TCDbusAdmission::Admit(GDBusMessage* pCall)
         return true; // no bus in between: there is nobody to be protected from
     }
     const char* objection = nullptr;
+    bool isClosed = false;
     bool isNewBurst = false;
+    TOnSender onNewSender;
     {
         const TCPosixLock lock(m_mutex);
         if (!m_admits)
@@ -90,25 +109,42 @@ bool TCDbusAdmission::Admit(GDBusMessage* pCall)
         TSSender& sender = m_Sender(name);
         m_DropHandled(sender);
         const std::size_t size = BodySize(pCall);
-        objection = m_Objection(pCall, sender, size);
+        isClosed = m_isClosed;
+        objection = isClosed ? "The service is ending" : m_Objection(pCall, sender, size);
         if (objection == nullptr)
         {
-            sender.m_calls.emplace_back(pCall, size);
-            sender.m_bytes += size;
-            ++m_calls;
-            m_bytes += size;
-            return true;
+            m_Add(sender, pCall, size);
+            onNewSender = std::exchange(sender.m_isTold, true) ? nullptr : m_onSender;
         }
-        const gint64 now = g_get_monotonic_time();
-        isNewBurst = sender.m_lastRefusal == 0 || now - sender.m_lastRefusal > BURST_GAP_US;
-        sender.m_lastRefusal = now;
+        else
+        {
+            const gint64 now = g_get_monotonic_time();
+            isNewBurst = sender.m_lastRefusal == 0 || now - sender.m_lastRefusal > BURST_GAP_US;
+            sender.m_lastRefusal = now;
+        }
+    }
+    if (objection == nullptr)
+    {
+        if (onNewSender)
+        {
+            onNewSender(name);
+        }
+        return true;
     }
     if (isNewBurst)
     {
         QOR_LOG_ERROR("Refusing calls of %s: %s", name, objection);
     }
-    m_Refuse(pCall, objection);
+    m_Refuse(pCall, isClosed ? NO_SERVICE : LIMITS_EXCEEDED, objection);
     return false;
+}
+
+void TCDbusAdmission::m_Add(TSSender& sender, GDBusMessage* pCall, std::size_t size)
+{
+    sender.m_calls.emplace_back(pCall, size);
+    sender.m_bytes += size;
+    ++m_calls;
+    m_bytes += size;
 }
 
 // Null when the call may pass.
@@ -147,14 +183,14 @@ bool TCDbusAdmission::m_IsFull(std::size_t size) const
     return m_calls >= MAX_QUEUED_CALLS_IN_ALL || m_bytes + size > MAX_QUEUED_BYTES_IN_ALL;
 }
 
-void TCDbusAdmission::m_Refuse(GDBusMessage* pCall, const char* reason)
+void TCDbusAdmission::m_Refuse(GDBusMessage* pCall, const char* errorName, const char* reason)
 {
     if ((g_dbus_message_get_flags(pCall) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) != 0)
     {
         return;
     }
-    const TGlibPtr<GDBusMessage> pReply(g_dbus_message_new_method_error_literal(
-        pCall, "org.freedesktop.DBus.Error.LimitsExceeded", reason));
+    const TGlibPtr<GDBusMessage> pReply(
+        g_dbus_message_new_method_error_literal(pCall, errorName, reason));
     g_dbus_connection_send_message(m_pConnection, pReply.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE,
                                    nullptr, nullptr);
 }

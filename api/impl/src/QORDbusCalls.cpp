@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <ctime>
 #include <string>
 #include <utility>
 
@@ -25,14 +24,6 @@ bool IsBus(const char* name)
     return std::strcmp(name, BUS_NAME) == 0;
 }
 
-timespec ToTimespec(gint64 time)
-{
-    timespec result{};
-    result.tv_sec = static_cast<time_t>(time / G_USEC_PER_SEC);
-    result.tv_nsec = static_cast<long>(time % G_USEC_PER_SEC) * 1000;
-    return result;
-}
-
 // Who may answer; empty where the bus alone knows who has the name.
 std::string ExpectedSender(GDBusMessage* pCall)
 {
@@ -49,21 +40,9 @@ struct TCDbusCalls::TSCall
         : m_pMessage(pMessage),
           m_expectedSender(ExpectedSender(pMessage)),
           m_size(BodySize(pMessage)),
-          m_handler(std::move(handler)),
-          m_changed()
+          m_handler(std::move(handler))
     {
-        pthread_condattr_t attributes;
-        pthread_condattr_init(&attributes);
-        pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-        pthread_cond_init(&m_changed, &attributes);
-        pthread_condattr_destroy(&attributes);
     }
-    ~TSCall()
-    {
-        pthread_cond_destroy(&m_changed);
-    }
-    TSCall(const TSCall&) = delete;
-    TSCall& operator=(const TSCall&) = delete;
 
     bool IsAnsweredBy(const char* sender) const
     {
@@ -76,7 +55,7 @@ struct TCDbusCalls::TSCall
     const std::size_t m_size;
     const TAnswerHandler m_handler; // none: a thread waits
     std::uint32_t m_serial = 0;
-    pthread_cond_t m_changed;
+    TCCondition m_changed;
     TGlibPtr<GDBusMessage> m_pAnswer;
 };
 
@@ -150,7 +129,7 @@ bool TCDbusCalls::TakeAnswer(GDBusMessage* pMessage)
     }
     else
     {
-        pthread_cond_signal(&call->m_changed); // without the mutex: who wakes up needs it at once
+        call->m_changed.Signal(); // without the mutex: who wakes up needs it at once
     }
     return true;
 }
@@ -213,7 +192,7 @@ TGlibPtr<GDBusMessage> TCDbusCalls::CallAndWait(GDBusMessage* pCall, int timeout
                                 isClosed ? "The connection is closed" : "Timeout was reached");
             return nullptr;
         }
-        lock.WaitUntil(call->m_changed, ToTimespec(std::min(deadline, now + CLOSED_CHECK_US)));
+        lock.WaitUntil(call->m_changed, std::min(deadline, now + CLOSED_CHECK_US));
     }
     return std::move(call->m_pAnswer);
 }

@@ -74,13 +74,14 @@ bool TCDbusClient::m_IsStarted() const
     return m_pRegistration != nullptr;
 }
 
-// The bus answers here, so no lock is held.
+// It connects no signals, so that the bus is not asked, nor waited for.
 bool TCDbusClient::m_CreateProxy()
 {
     TCGlibError error;
     TGlibPtr<GDBusProxy> pProxy(g_dbus_proxy_new_sync(
         t_Session()->Connection(),
         static_cast<GDBusProxyFlags>(G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES |
+                                     G_DBUS_PROXY_FLAGS_DO_NOT_CONNECT_SIGNALS |
                                      G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START_AT_CONSTRUCTION),
         nullptr, t_busName, t_objectPath, t_interfaceName, nullptr, error.Out()));
     if (pProxy == nullptr)
@@ -130,9 +131,13 @@ void TCDbusClient::m_NameAppeared(GDBusConnection* pConnection, const char* name
         { client.m_NameAppeared(pConnection, name.c_str(), owner.c_str()); });
 }
 
-void TCDbusClient::m_NameAppeared(GDBusConnection* /*pConnection*/, const char* /*name*/,
+void TCDbusClient::m_NameAppeared(GDBusConnection* pConnection, const char* /*name*/,
                                   const char* /*owner*/)
 {
+    if (pConnection != t_Session()->Connection())
+    {
+        return; // of a bus that has been lost meanwhile
+    }
     m_pRegistration->Restart();
     m_SendHello();
     t_isReady = true;

@@ -7,7 +7,6 @@
 #include <boost/make_shared.hpp>
 
 #include <gio/gio.h>
-#include <glib-unix.h>
 
 #include "QORBusConnection.h"
 #include "QORDbusContext.h"
@@ -31,6 +30,21 @@ constexpr gint64 ATTEMPT_GAP_US = 900 * G_TIME_SPAN_MILLISECOND; // less than th
 constexpr gint64 HUNG_GAP_US = 20 * G_TIME_SPAN_SECOND;
 constexpr std::int64_t UNDER_WAY = std::numeric_limits<std::int64_t>::max();
 
+// Says when the next attempt to connect may be, however this one ends.
+struct TSAttempt
+{
+    ~TSAttempt()
+    {
+        // A bus that accepts and does not answer holds a thread up, and is asked less often.
+        const gint64 end = g_get_monotonic_time();
+        const bool isHung = end - m_start >= CONNECT_TIMEOUT_MS * G_TIME_SPAN_MILLISECOND;
+        m_next = end + (isHung ? HUNG_GAP_US : ATTEMPT_GAP_US);
+    }
+
+    std::atomic<std::int64_t>& m_next;
+    const gint64 m_start;
+};
+
 } // namespace
 
 // In the main context, or with it as the thread's default.
@@ -45,13 +59,7 @@ void TCDbusClient::m_Watch(const TSessionPtr& session)
         session->Connection(), t_busName, G_BUS_NAME_WATCHER_FLAGS_NONE,
         &TCDbusClient::m_NameAppeared, &TCDbusClient::m_NameVanished, t_NewUserData(),
         RELEASE_DBUS_LINK);
-    // The connection reports its end in the context that it was made in, which may be another one
-    // or iterated by nobody. So the socket itself is watched; it stays open as long as the object
-    // is exported on it.
-    GSocket* pSocket = g_socket_connection_get_socket(
-        G_SOCKET_CONNECTION(g_dbus_connection_get_stream(session->Connection())));
-    m_pHangUp.reset(g_unix_fd_source_new(g_socket_get_fd(pSocket),
-                                         static_cast<GIOCondition>(G_IO_HUP | G_IO_ERR)));
+    m_pHangUp = NewHangUpSource(session->Connection()); // held as long as the object is exported
     g_source_set_callback(m_pHangUp.get(), G_SOURCE_FUNC(&TCDbusClient::m_HungUp), t_NewUserData(),
                           RELEASE_DBUS_LINK);
     g_source_attach(m_pHangUp.get(), t_pMainContext.get());
@@ -102,6 +110,7 @@ TCDbusClient::TSessionPtr TCDbusClient::m_FindBus()
     {
         return session;
     }
+    const TSAttempt attempt{m_nextAttempt, start};
     TGlibPtr<GMainContext> pContext;
     TGlibPtr<GDBusConnection> pConnection;
     TCGlibError error;
@@ -110,25 +119,18 @@ TCDbusClient::TSessionPtr TCDbusClient::m_FindBus()
         pContext.reset(g_main_context_new());
         pConnection = OwnBusConnection(pContext.get(), error.Out());
     }
-    const gint64 end = g_get_monotonic_time();
-    // A bus that accepts and does not answer holds this thread up, and is asked less often.
-    const bool isHung = end - start >= CONNECT_TIMEOUT_MS * G_TIME_SPAN_MILLISECOND;
-    TSessionPtr found;
     if (pConnection == nullptr)
     {
         QOR_LOG_ERROR("Connecting to system bus error, errno %d", error.Code());
+        return session;
     }
-    else
-    {
-        found = boost::make_shared<TCDbusSession>(std::move(pConnection), std::move(pContext),
-                                                  t_objectPath);
-        t_isReady = false;
-        t_SetSession(found);
-        QOR_LOG_DEBUG("Working with unique name %s", found->UniqueName().c_str());
-        m_pRecovery->SetIn(0);
-    }
-    m_nextAttempt = end + (isHung ? HUNG_GAP_US : ATTEMPT_GAP_US);
-    return found == nullptr ? session : found;
+    const auto found = boost::make_shared<TCDbusSession>(std::move(pConnection),
+                                                         std::move(pContext), t_objectPath);
+    t_isReady = false;
+    t_SetSession(found);
+    QOR_LOG_DEBUG("Working with unique name %s", found->UniqueName().c_str());
+    m_pRecovery->SetIn(0);
+    return found;
 }
 
 // In the main context, whichever thread finds the bus.

@@ -65,7 +65,6 @@ void TCDbusRegistration::Announce(TCDbusCalls& calls, GDBusMessage* pHello)
         { self->m_Answered(number, pAnswer); },
         nullptr);
     m_pTimer->SetIn(m_patienceMs);
-    m_patienceMs = std::min(2 * m_patienceMs, LAST_PATIENCE_MS);
 }
 
 // On the worker thread.
@@ -103,9 +102,20 @@ void TCDbusRegistration::m_ResetIntervals()
 bool TCDbusRegistration::IsUnconfirmed(int& newReason)
 {
     const TCPosixLock lock(m_mutex);
-    newReason = m_isConfirmed || m_isReasonTold ? 0 : m_reason;
-    m_isReasonTold = m_isReasonTold || !m_isConfirmed;
-    return !m_isConfirmed;
+    newReason = 0;
+    if (m_isConfirmed)
+    {
+        return false;
+    }
+    if (!std::exchange(m_isReasonTold, true))
+    {
+        newReason = m_reason;
+    }
+    if (m_reason == G_IO_ERROR_TIMED_OUT)
+    {
+        m_patienceMs = std::min(2 * m_patienceMs, LAST_PATIENCE_MS);
+    }
+    return true;
 }
 
 void TCDbusRegistration::Stop()

@@ -1,18 +1,21 @@
 // The service's endpoint: the bus name, the registry of clients, event delivery.
 #include <qor/QORDbusServer.h>
 
-#include <list>
+#include <utility>
 
 #include <boost/bind/bind.hpp>
 
 #include <gio/gio.h>
 
+#include "QORBusConnection.h"
 #include "QORDbusContext.h"
 #include "QORDbusLink.h"
+#include "QORDbusPeers.h"
+#include "QORDbusServerStop.h"
 #include "QORDbusSession.h"
-#include "QOREnvelope.h"
 #include "QOREventDelivery.h"
 #include "QORFork.h"
+#include "QORGlibError.h"
 #include "QORLocks.h"
 #include "QORLog.h"
 
@@ -24,13 +27,15 @@ namespace qor
 namespace
 {
 
-constexpr int DEFAULT_TIMEOUT = -1;
+constexpr int RELEASE_LIMIT_MS = 2000;
 
 } // namespace
 
 IDbusServer::~IDbusServer() = default;
+IDbusService::~IDbusService() = default;
 
-TCDbusServer::TCDbusServer(bool testMode) : TCDbus(testMode), m_ownNameId(0)
+TCDbusServer::TCDbusServer(bool testMode)
+    : TCDbus(testMode), m_ownNameId(0), m_state(EServiceState::STARTING), m_nameAnswer(0)
 {
     try
     {
@@ -56,14 +61,29 @@ TCDbusServer::~TCDbusServer()
         MakeAnew(m_thread);
         MakeAnew(m_pContext);
         MakeAnew(m_pMainLoop);
-        MakeAnew(m_pGoneCheck);
+        MakeAnew(m_pPeers);
+        MakeAnew(m_pNews);
         MakeAnew(m_pDelivery);
+        MakeAnew(m_pStop);
+        MakeAnew(m_pHangUp);
+        MakeAnew(m_stateCallback);
+        MakeAnew(m_pStateNews);
+        MakeAnew(m_pNameNews);
         t_Abandon();
         return;
     }
     // A pending interruption of this thread must not break off the join.
     const boost::this_thread::disable_interruption notNow;
     t_Stop();
+}
+
+// Runs a member in the main context, whenever it is set.
+template <void (TCDbusServer::*MEMBER)()>
+std::unique_ptr<TCDbusTimer> TCDbusServer::m_NewTimer()
+{
+    return std::make_unique<TCDbusTimer>(t_pMainContext.get(),
+                                         &TCDbusEntry::RunMember<TCDbusServer, MEMBER>,
+                                         t_NewUserData(), RELEASE_DBUS_LINK);
 }
 
 // A call may come as soon as the object is exported, so everything that it needs is made before.
@@ -80,12 +100,14 @@ bool TCDbusServer::t_Start()
     const TSessionPtr session = t_Session();
     m_pContext.reset(g_main_context_new());
     m_pMainLoop.reset(g_main_loop_new(m_pContext.get(), FALSE));
-    m_pGoneCheck = std::make_unique<TCDbusTimer>(
-        t_pMainContext.get(),
-        &TCDbusEntry::RunMember<TCDbusServer, &TCDbusServer::m_ForgetGoneClients>, t_NewUserData(),
-        RELEASE_DBUS_LINK);
-    m_pDelivery = std::make_unique<TCEventDelivery>(m_pContext.get(), *session,
-                                                    [this] { m_pGoneCheck->SetIn(0); });
+    m_pPeers = std::make_unique<TCDbusPeers>(session->Calls());
+    m_pNews = m_NewTimer<&TCDbusServer::m_HandleNews>();
+    m_pStateNews = m_NewTimer<&TCDbusServer::m_TellState>();
+    m_pNameNews = m_NewTimer<&TCDbusServer::m_LearnWhoHasTheName>();
+    m_pDelivery = std::make_unique<TCEventDelivery>(m_pContext.get(), *session, *m_pPeers,
+                                                    [this] { m_pNews->SetIn(0); });
+    m_pStop = std::make_unique<TSStop>(m_NewTimer<&TCDbusServer::m_GoOnStopping>());
+    session->Admission().TellSenders([this](const char* name) { m_pPeers->Ask(name, nullptr); });
     if (!t_Export(session))
     {
         return false;
@@ -119,22 +141,51 @@ void TCDbusServer::t_Stop()
         g_main_context_invoke(m_pContext.get(), &TCDbusServer::m_QuitMainLoop, m_pMainLoop.get());
     }
     m_thread.join();
-    m_pGoneCheck.reset();
+    for (auto* pTimer : {&m_pNews, &m_pStateNews, &m_pNameNews})
+    {
+        pTimer->reset();
+    }
+    m_pStop.reset();
+    if (m_pHangUp != nullptr)
+    {
+        g_source_destroy(m_pHangUp.get());
+        m_pHangUp.reset();
+    }
     {
         const TExclusiveLock lock(t_stateMutex);
         while (!m_clients.empty())
         {
             m_ForgetClient(m_clients.begin());
         }
-        if (m_ownNameId != 0)
-        {
-            g_bus_unown_name(m_ownNameId);
-        }
     }
+    m_GiveUpName();
     TCDbus::t_Stop();
     m_pDelivery.reset();
+    m_pPeers.reset();
     m_pMainLoop.reset();
     m_pContext.reset();
+}
+
+// The bus is waited for here.
+void TCDbusServer::m_GiveUpName()
+{
+    unsigned int id = 0;
+    {
+        const TExclusiveLock lock(t_stateMutex);
+        std::swap(id, m_ownNameId);
+    }
+    TCGlibError error;
+    if (id != 0 && HasFreeDescriptors(error.Out())) // else GLib would end the process
+    {
+        g_bus_unown_name(id);
+    }
+    else if (id != 0)
+    {
+        const TGlibPtr<GDBusMessage> pCall(
+            g_dbus_message_new_method_call(BUS_NAME, BUS_PATH, BUS_NAME, "ReleaseName"));
+        g_dbus_message_set_body(pCall.get(), g_variant_new("(s)", t_busName));
+        t_Session()->Calls().CallAndWait(pCall.get(), RELEASE_LIMIT_MS, error.Out());
+    }
 }
 
 void TCDbusServer::m_StartMainLoop()
@@ -161,6 +212,7 @@ void TCDbusServer::m_NameAcquired(GDBusConnection* pConnection, const char* name
 void TCDbusServer::m_NameAcquired(GDBusConnection* /*pConnection*/, const char* /*name*/)
 {
     t_isReady = true;
+    m_SetState(EServiceState::ACQUIRED);
 }
 
 void TCDbusServer::m_NameLost(GDBusConnection* /*pConnection*/, const char* name, void* pUserData)
@@ -172,9 +224,10 @@ void TCDbusServer::m_NameLost(GDBusConnection* /*pConnection*/, const char* name
     {
         QOR_ASSERT_FAILED();
     }
+    entry.Run<TCDbusServer>([](TCDbusServer& server) { server.m_AskWhoHasTheName(); });
 }
 
-// --- Callbacks and events ------------------------------------------------------------------------
+// --- Callbacks ---------------------------------------------------------------------------------
 
 bool TCDbusServer::SetCallback(int type, const TMessageCallback& callback)
 {
@@ -198,95 +251,6 @@ bool TCDbusServer::UnSetCallback(int type)
     const TExclusiveLock lock(t_callbacksMutex);
     removed = t_callbacks.extract(type);
     return !removed.empty();
-}
-
-std::pair<std::size_t, std::size_t> TCDbusServer::SendMessage(int type, const TByteArray& data,
-                                                              int timeout)
-{
-    std::size_t succeeded = 0;
-    std::size_t failed = 0;
-    if (!t_IsInOwnProcess())
-    {
-        return {succeeded, failed};
-    }
-    TGlibPtr<GVariant> pEnvelope;
-    std::list<TSAsyncMessage> messages;
-    {
-        const TSharedLock lock(t_stateMutex);
-        if (!t_isReady || m_clients.empty())
-        {
-            QOR_LOG_DEBUG("Connection is ready %d, number of clients %zu", t_isReady.load(),
-                          m_clients.size());
-            return {succeeded, failed};
-        }
-        for (const auto& entry : m_clients)
-        {
-            if (m_IsToBeCalled(entry.second, type, data, timeout, failed))
-            {
-                messages.emplace_back(entry.second.m_pProxy.get(), entry.second.m_pAccount, type);
-            }
-        }
-        if (!messages.empty())
-        {
-            GVariant* pParameters = nullptr;
-            t_ConvertBytes(type, false, data, pParameters);
-            pEnvelope.reset(g_variant_ref_sink(pParameters));
-            for (TSAsyncMessage& message : messages)
-            {
-                message.m_pParameters = pEnvelope.get();
-                message.m_timeout = timeout;
-            }
-            m_pDelivery->Deliver(messages);
-        }
-    }
-    if (!messages.empty())
-    {
-        // Calls usually finish in order: waiting for the last first sleeps once.
-        messages.back().m_future.wait();
-    }
-    for (; !messages.empty(); messages.pop_front())
-    {
-        ++(messages.front().m_future.get() ? succeeded : failed);
-    }
-    QOR_LOG_DEBUG("Callback result: success %zu, fails %zu", succeeded, failed);
-    return {succeeded, failed};
-}
-
-void TCDbusServer::CancelMessages()
-{
-    if (t_IsInOwnProcess() && m_pDelivery != nullptr)
-    {
-        m_pDelivery->Cancel();
-    }
-}
-
-// Whether an event goes out to a client. One that is registered for it but cannot be called counts
-// as a failure.
-bool TCDbusServer::m_IsToBeCalled(const TSClient& client, int type, const TByteArray& data,
-                                  int timeout, std::size_t& failed) const
-{
-    const char* name = g_dbus_proxy_get_name(client.m_pProxy.get());
-    if (client.m_events.count(type) == 0)
-    {
-        QOR_LOG_DEBUG("Client %s is not registered for event %d", name, type);
-        return false;
-    }
-    if (t_currentSender == name && !t_isCurrentMessageAsync)
-    {
-        QOR_LOG_ERROR("Unable to send message to %s, type %d, waiting for sync replay", name, type);
-        ++failed;
-        return false;
-    }
-    if (!t_Fits(data.size()) || timeout < DEFAULT_TIMEOUT)
-    {
-        // The bus would close the connection on the one; nothing would end the other.
-        QOR_LOG_ERROR("Sending message from %s error, errno %d", name,
-                      timeout < DEFAULT_TIMEOUT ? G_IO_ERROR_INVALID_ARGUMENT
-                                                : G_IO_ERROR_MESSAGE_TOO_LARGE);
-        ++failed;
-        return false;
-    }
-    return true;
 }
 
 } // namespace qor

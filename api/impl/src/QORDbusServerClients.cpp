@@ -8,6 +8,7 @@
 #include "QORBusConnection.h"
 #include "QORDbusContext.h"
 #include "QORDbusLink.h"
+#include "QORDbusPeers.h"
 #include "QORDbusSession.h"
 #include "QOREnvelope.h"
 #include "QOREventDelivery.h"
@@ -48,13 +49,41 @@ std::vector<TCDbusServer::TSClientInfo> TCDbusServer::Clients()
     return clients;
 }
 
+TSPeer TCDbusServer::CurrentPeer()
+{
+    const std::string name = GetCurrentSender();
+    return name.empty() ? TSPeer() : m_pPeers->Find(name);
+}
+
+TSPeer TCDbusServer::Peer(const std::string& uniqueName)
+{
+    if (t_IsInOwnProcess() && m_pPeers != nullptr)
+    {
+        return m_pPeers->Find(uniqueName);
+    }
+    TSPeer unknown;
+    unknown.m_name = uniqueName;
+    return unknown;
+}
+
 void TCDbusServer::m_HandleHelloMessage(const char* sender, GVariant* pParameters,
                                         GDBusMethodInvocation* pInvocation)
 {
-    std::set<int> events = ReadEventList(pParameters);
-    const std::string client(sender); // answering the call may free what it came with
-    g_dbus_method_invocation_return_value(pInvocation, nullptr);
+    if (m_Register(sender, ReadEventList(pParameters)))
+    {
+        g_dbus_method_invocation_return_value(pInvocation, nullptr);
+    }
+    else
+    {
+        g_dbus_method_invocation_return_error_literal(pInvocation, G_DBUS_ERROR,
+                                                      G_DBUS_ERROR_LIMITS_EXCEEDED,
+                                                      "The client cannot be registered now");
+    }
+}
 
+// The answer comes after, since it confirms the registration: who gets none says Hello again.
+bool TCDbusServer::m_Register(const std::string& client, std::set<int> events)
+{
     const TExclusiveLock lock(t_stateMutex);
     const auto found = m_clients.find(client);
     if (found != m_clients.end())
@@ -63,9 +92,10 @@ void TCDbusServer::m_HandleHelloMessage(const char* sender, GVariant* pParameter
     }
     else if (!m_AddClient(client))
     {
-        return;
+        return false;
     }
     m_clients[client].m_events = std::move(events);
+    return true;
 }
 
 bool TCDbusServer::m_AddClient(const std::string& name)
@@ -138,10 +168,10 @@ void TCDbusServer::m_DestroyClient(TSClient& client)
 }
 
 // Calls have shown that nobody has these names. A bus that is out of match rules does not say so.
-void TCDbusServer::m_ForgetGoneClients()
+void TCDbusServer::m_ForgetClients(const std::vector<std::string>& names)
 {
     const TExclusiveLock lock(t_stateMutex);
-    for (const std::string& name : m_pDelivery->TakeGone())
+    for (const std::string& name : names)
     {
         const auto found = m_clients.find(name);
         if (found != m_clients.end())

@@ -1,17 +1,18 @@
-// What the delivery of events keeps of calls, of the clients that are called, and of their users.
+// What the delivery of events keeps of events, of calls, of clients, and of their users.
 #ifndef QOR_QOREVENTACCOUNT_H
 #define QOR_QOREVENTACCOUNT_H
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <future>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <boost/shared_ptr.hpp>
 
@@ -22,42 +23,50 @@
 namespace qor
 {
 
-// One outgoing call. It belongs to the SendMessage that made it; the loop thread borrows it until
-// it has stored the outcome.
+// An event on its way. Its calls share one envelope.
+struct TSEvent
+{
+    int m_type = 0;
+    int m_timeout = -1;
+    TGlibPtr<GVariant> m_pEnvelope;
+    std::vector<TSDelivery> m_deliveries;
+    TCDbusServer::TEventDone m_onTold; // the service's function; for the main context
+    // From here on the loop thread's:
+    std::size_t m_open = 0; // calls that have no outcome
+    std::function<void(const std::shared_ptr<TSEvent>&)> m_onDone;
+};
+using TSEventPtr = std::shared_ptr<TSEvent>;
+
+// An outgoing call: from when it is posted until it is answered, which may be long after its
+// timeout. Like everything below, it is touched by the loop thread only.
 struct TCDbusServer::TSAsyncMessage
 {
-    TSAsyncMessage(GDBusProxy* pProxy, boost::shared_ptr<TSEventAccount> pAccount, int type)
-        : m_future(m_promise.get_future()),
+    using TList = std::list<TSAsyncMessage>;
+    using TDeadlines = std::multimap<gint64, TList::iterator>;
+
+    TSAsyncMessage(TSEventPtr pEvent, std::size_t index, GDBusProxy* pProxy,
+                   boost::shared_ptr<TSEventAccount> pAccount)
+        : m_pEvent(std::move(pEvent)),
+          m_index(index),
+          m_type(m_pEvent->m_type),
           m_pProxy(static_cast<GDBusProxy*>(g_object_ref(pProxy))),
-          m_pAccount(std::move(pAccount)),
-          m_type(type),
-          m_pParameters(nullptr),
-          m_timeout(-1)
+          m_pAccount(std::move(pAccount))
     {
     }
 
-    std::promise<bool> m_promise;
-    std::future<bool> m_future;
+    TSDelivery& Delivery() const
+    {
+        return m_pEvent->m_deliveries[m_index];
+    }
+
+    TSEventPtr m_pEvent; // null once its outcome is stored
+    std::size_t m_index; // of its outcome there
+    int m_type;
     TGlibPtr<GDBusProxy> m_pProxy;
     boost::shared_ptr<TSEventAccount> m_pAccount;
-    int m_type;
-    GVariant* m_pParameters; // all calls of an event share one envelope, which SendMessage owns
-    int m_timeout;
-};
-
-// A call on its way: from when it is posted until it is answered, which may be long after its
-// timeout. Like everything below, it is touched by the loop thread only.
-struct TSEventCall
-{
-    using TList = std::list<TSEventCall>;
-    using TDeadlines = std::multimap<gint64, TList::iterator>;
-
-    TCDbusServer::TSAsyncMessage* m_pMessage; // null once its outcome is stored
-    boost::shared_ptr<TSEventAccount> m_pAccount;
-    int m_type;
-    std::uint32_t m_serial; // 0 while it waits for a slot
-    bool m_isOverdue;       // started, and its timeout is over
-    TDeadlines::iterator m_deadline;
+    std::uint32_t m_serial = 0; // 0 while it waits for a slot
+    bool m_isOverdue = false;   // started, and its timeout is over
+    TDeadlines::iterator m_deadline{};
 };
 
 // One user's clients together.
@@ -66,7 +75,7 @@ struct TSEventUser
     explicit TSEventUser(std::uint32_t id) : m_id(id) {}
 
     const std::uint32_t m_id;
-    TSEventCall::TList m_waiting;
+    TCDbusServer::TSAsyncMessage::TList m_waiting;
     std::size_t m_unanswered = 0;
     std::size_t m_overdue = 0;
     bool m_isReported = false; // that its share is used up
@@ -88,13 +97,21 @@ struct TSEventAccount
         m_suspended.erase(type);
         m_isSuspended = !m_suspended.empty();
     }
+    // It has said Hello anew.
+    void ResumeAll()
+    {
+        m_suspended.clear();
+        m_unconfirmed.clear();
+        m_isSuspended = false;
+    }
 
     const std::string m_name;
     std::shared_ptr<TSEventUser> m_pUser;
     std::size_t m_unanswered = 0; // calls that were started and have no answer
     std::size_t m_overdue = 0;    // those of them whose timeout is over
     std::set<int> m_suspended; // the types that it is not called for: one call of each waits in it
-    std::atomic<bool> m_isSuspended{false}; // for any of them
+    std::set<int> m_unconfirmed;            // likewise: one was sent that asks for no answer
+    std::atomic<bool> m_isSuspended{false}; // for any type
 };
 
 } // namespace qor

@@ -44,6 +44,7 @@ struct TCEventDelivery::TSAnswer
     bool m_isError = false;
     int m_code = 0;           // of an error
     bool m_isNobody = false;  // an error: the bus knows nobody by the name
+    bool m_isLeaving = false; // an error: the bus has seen the client leave
     bool m_isEmpty = false;   // no value at all
     bool m_isReadable = true; // a value that is a reply envelope
     bool m_result = false;
@@ -51,22 +52,31 @@ struct TCEventDelivery::TSAnswer
 
 // --- Calls ---------------------------------------------------------------------------------------
 
-void TCEventDelivery::m_Enqueue(const std::vector<TCDbusServer::TSAsyncMessage*>& messages)
+void TCEventDelivery::m_Enqueue(const TSEventPtr& pEvent, TCalls& calls)
 {
-    for (TCDbusServer::TSAsyncMessage* pMessage : messages)
+    if (m_isFinishing)
     {
-        TSEventCall::TList& waiting = pMessage->m_pAccount->m_pUser->m_waiting;
-        const TCall call = waiting.insert(waiting.end(), TSEventCall{pMessage, pMessage->m_pAccount,
-                                                                     pMessage->m_type, 0, false,
-                                                                     m_deadlines.end()});
+        calls.clear(); // without an outcome of their own they are cancelled
+    }
+    pEvent->m_open = calls.size();
+    while (!calls.empty())
+    {
+        const TCall call = calls.begin();
+        TCalls& waiting = call->m_pAccount->m_pUser->m_waiting;
+        waiting.splice(waiting.end(), calls, call);
+        call->m_deadline = m_deadlines.end();
         m_SetDeadline(call);
+    }
+    if (pEvent->m_open == 0)
+    {
+        pEvent->m_onDone(pEvent);
     }
 }
 
 // Of a call that waits for a slot, or that has been started now.
 void TCEventDelivery::m_SetDeadline(TCall call)
 {
-    const int timeoutMs = call->m_pMessage->m_timeout;
+    const int timeoutMs = call->m_pEvent->m_timeout;
     const bool isEarly = call->m_pAccount->m_pUser == m_pUnknown && timeoutMs >= 0;
     if (call->m_deadline != m_deadlines.end())
     {
@@ -104,11 +114,11 @@ bool TCEventDelivery::m_HasRoom(const TSEventUser& user) const
 }
 
 // GDBus queues what the bus does not read, without limit. What a lost bus has not read is not sent.
-bool TCEventDelivery::m_HasRoomToSend(const TSEventCall& call)
+bool TCEventDelivery::m_HasRoomToSend(const TSEvent& event)
 {
     const std::size_t unsent = m_session.Calls().UnsentBytes();
     m_isHeldUp = unsent != 0 &&
-                 unsent + g_variant_get_size(call.m_pMessage->m_pParameters) > MAX_UNSENT_BYTES &&
+                 unsent + g_variant_get_size(event.m_pEnvelope.get()) > MAX_UNSENT_BYTES &&
                  !m_session.IsClosed();
     return !m_isHeldUp;
 }
@@ -121,9 +131,9 @@ bool TCEventDelivery::m_StartNext(TSEventUser& user)
     }
     const TCall call =
         std::find_if(user.m_waiting.begin(), user.m_waiting.end(),
-                     [](const TSEventCall& waiting)
+                     [](const TCDbusServer::TSAsyncMessage& waiting)
                      { return waiting.m_pAccount->m_unanswered < EVENT_SLOTS_PER_CLIENT; });
-    if (call == user.m_waiting.end() || !m_HasRoomToSend(*call))
+    if (call == user.m_waiting.end() || !m_HasRoomToSend(*call->m_pEvent))
     {
         return false;
     }
@@ -131,17 +141,21 @@ bool TCEventDelivery::m_StartNext(TSEventUser& user)
     return true;
 }
 
-void TCEventDelivery::m_Start(TSEventUser& user, TCall call)
+TGlibPtr<GDBusMessage> TCEventDelivery::m_NewMessage(const TCDbusServer::TSAsyncMessage& call) const
 {
-    TCDbusServer::TSAsyncMessage& message = *call->m_pMessage;
-    GDBusProxy* pProxy = message.m_pProxy.get();
-    const TGlibPtr<GDBusMessage> pCall(g_dbus_message_new_method_call(
+    GDBusProxy* pProxy = call.m_pProxy.get();
+    TGlibPtr<GDBusMessage> pMessage(g_dbus_message_new_method_call(
         g_dbus_proxy_get_name(pProxy), g_dbus_proxy_get_object_path(pProxy),
         g_dbus_proxy_get_interface_name(pProxy), TCDbusServer::t_dbusSendMethod));
-    g_dbus_message_set_body(pCall.get(), message.m_pParameters);
+    g_dbus_message_set_body(pMessage.get(), call.m_pEvent->m_pEnvelope.get());
+    return pMessage;
+}
+
+void TCEventDelivery::m_Start(TSEventUser& user, TCall call)
+{
     TCGlibError error;
     call->m_serial = m_session.Calls().Call(
-        pCall.get(),
+        m_NewMessage(*call).get(),
         [this](GDBusMessage* pAnswer)
         {
             m_Post([this, serial = g_dbus_message_get_reply_serial(pAnswer),
@@ -150,7 +164,7 @@ void TCEventDelivery::m_Start(TSEventUser& user, TCall call)
         error.Out());
     if (call->m_serial == 0)
     {
-        m_Fail(call, error.Code());
+        m_Fail(call, EDelivery::FAILED, error.Code());
         return;
     }
     m_started.splice(m_started.end(), user.m_waiting, call);
@@ -160,16 +174,16 @@ void TCEventDelivery::m_Start(TSEventUser& user, TCall call)
     m_SetDeadline(call);
 }
 
-void TCEventDelivery::m_FailUnstartable()
+void TCEventDelivery::m_EndUnstartable()
 {
     for (const auto& entry : m_users)
     {
-        m_FailUnstartable(*entry.second);
+        m_EndUnstartable(*entry.second);
     }
 }
 
 // Calls that only an answer which is overdue could make room for.
-void TCEventDelivery::m_FailUnstartable(TSEventUser& user)
+void TCEventDelivery::m_EndUnstartable(TSEventUser& user)
 {
     const bool isUsedUp = user.m_overdue >= EVENT_SLOTS - m_overdue;
     if (isUsedUp && !user.m_isReported && !user.m_waiting.empty())
@@ -183,17 +197,38 @@ void TCEventDelivery::m_FailUnstartable(TSEventUser& user)
     {
         const TCall current = call++;
         const TSEventAccount& account = *current->m_pAccount;
-        const bool isSuspended = account.m_suspended.count(current->m_type) != 0 ||
-                                 account.m_overdue >= EVENT_SLOTS_PER_CLIENT;
-        if (isSuspended)
+        if (account.m_suspended.count(current->m_type) != 0)
         {
             QOR_LOG_DEBUG("Client %s is suspended", account.m_name.c_str());
+            m_Store(current, EDelivery::SUSPENDED);
         }
-        if (isSuspended || isUsedUp)
+        else if (isUsedUp || account.m_overdue >= EVENT_SLOTS_PER_CLIENT)
         {
-            m_Store(current, false);
+            m_Store(current,
+                    m_SendUnconfirmed(*current) ? EDelivery::UNCONFIRMED : EDelivery::SUSPENDED);
         }
     }
+}
+
+// Without a slot an event goes out all the same, and nobody learns what became of it: once, until
+// the client gives a sign of life. So others who do not answer cannot keep news from anybody.
+bool TCEventDelivery::m_SendUnconfirmed(const TCDbusServer::TSAsyncMessage& call)
+{
+    TSEventAccount& account = *call.m_pAccount;
+    if (account.m_unconfirmed.count(call.m_type) != 0 || !m_HasRoomToSend(*call.m_pEvent))
+    {
+        return false;
+    }
+    const TGlibPtr<GDBusMessage> pMessage = m_NewMessage(call);
+    g_dbus_message_set_flags(pMessage.get(), G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+    if (!g_dbus_connection_send_message(m_session.Connection(), pMessage.get(),
+                                        G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr))
+    {
+        return false;
+    }
+    QOR_LOG_DEBUG("Client %s is not asked for an answer", account.m_name.c_str());
+    account.m_unconfirmed.insert(call.m_type);
+    return true;
 }
 
 // Whether there was any.
@@ -205,14 +240,14 @@ bool TCEventDelivery::m_Expire()
     {
         const TCall call = m_deadlines.begin()->second;
         m_Suspend(*call);
-        m_Fail(call, G_IO_ERROR_TIMED_OUT);
+        m_Fail(call, EDelivery::TIMED_OUT, G_IO_ERROR_TIMED_OUT);
         hasExpired = true;
     }
     return hasExpired;
 }
 
 // The outcome of a started call is decided, but the bus still waits for its answer.
-void TCEventDelivery::m_Suspend(TSEventCall& call)
+void TCEventDelivery::m_Suspend(TCDbusServer::TSAsyncMessage& call)
 {
     if (call.m_serial != 0)
     {
@@ -225,6 +260,25 @@ void TCEventDelivery::m_Suspend(TSEventCall& call)
     }
 }
 
+void TCEventDelivery::m_CancelAll()
+{
+    while (!m_deadlines.empty())
+    {
+        const TCall call = m_deadlines.begin()->second;
+        m_Suspend(*call);
+        m_Store(call, EDelivery::CANCELLED);
+    }
+}
+
+void TCEventDelivery::m_CheckIdle()
+{
+    if (m_isFinishing && !m_isIdleTold && m_deadlines.empty())
+    {
+        m_isIdleTold = true;
+        m_Tell([](TSNews& news) { news.m_isIdle = true; });
+    }
+}
+
 // No answer comes any more, not even that of the bus to the question whose client somebody is.
 void TCEventDelivery::m_CheckConnection()
 {
@@ -234,7 +288,7 @@ void TCEventDelivery::m_CheckConnection()
     }
     while (!m_deadlines.empty())
     {
-        m_Fail(m_deadlines.begin()->second, G_IO_ERROR_CLOSED);
+        m_Fail(m_deadlines.begin()->second, EDelivery::FAILED, G_IO_ERROR_CLOSED);
     }
     while (!m_started.empty())
     {
@@ -253,9 +307,10 @@ TCEventDelivery::TSAnswer TCEventDelivery::m_Read(GDBusMessage* pMessage)
     {
         answer.m_isError = true;
         const char* sender = g_dbus_message_get_sender(pMessage);
-        answer.m_isNobody = sender != nullptr && std::strcmp(sender, BUS_NAME) == 0 &&
-                            (answer.m_code == G_DBUS_ERROR_SERVICE_UNKNOWN ||
-                             answer.m_code == G_DBUS_ERROR_NAME_HAS_NO_OWNER);
+        const bool isFromBus = sender != nullptr && std::strcmp(sender, BUS_NAME) == 0;
+        answer.m_isLeaving = isFromBus && answer.m_code == G_DBUS_ERROR_NO_REPLY;
+        answer.m_isNobody = isFromBus && (answer.m_code == G_DBUS_ERROR_SERVICE_UNKNOWN ||
+                                          answer.m_code == G_DBUS_ERROR_NAME_HAS_NO_OWNER);
         return answer;
     }
     GVariant* pBody = g_dbus_message_get_body(pMessage);
@@ -275,28 +330,23 @@ void TCEventDelivery::m_Answered(std::uint32_t serial, const TSAnswer& answer)
     const std::string& name = call->m_pAccount->m_name;
     if (answer.m_isNobody)
     {
-        bool isFirst = false;
-        {
-            const TCPosixLock lock(m_inboxMutex);
-            isFirst = m_gone.empty();
-            m_gone.push_back(name);
-        }
-        if (isFirst)
-        {
-            m_onGone();
-        }
+        m_Tell([&name](TSNews& news) { news.m_gone.push_back(name); });
     }
-    if (call->m_pMessage != nullptr)
+    if (call->m_pEvent != nullptr)
     {
         if (answer.m_isError)
         {
-            m_Fail(call, answer.m_code);
+            m_Fail(call,
+                   answer.m_isNobody || answer.m_isLeaving ? EDelivery::LEFT : EDelivery::FAILED,
+                   answer.m_code);
         }
         else
         {
-            m_Store(call, m_Judge(answer, name.c_str()));
+            m_Store(call, m_Judge(answer, name.c_str()) ? EDelivery::DELIVERED
+                                                        : EDelivery::ANSWERED_FALSE);
         }
     }
+    call->m_pAccount->m_unconfirmed.clear();
     m_End(call);
 }
 
@@ -317,27 +367,33 @@ bool TCEventDelivery::m_Judge(const TSAnswer& answer, const char* name)
     return answer.m_result;
 }
 
-void TCEventDelivery::m_Fail(TCall call, int code)
+void TCEventDelivery::m_Fail(TCall call, EDelivery outcome, int code)
 {
-    if (call->m_pMessage != nullptr)
+    if (call->m_pEvent != nullptr)
     {
         QOR_LOG_ERROR("Sending message from %s error, errno %d", call->m_pAccount->m_name.c_str(),
                       code);
-        m_Store(call, false);
+        m_Store(call, outcome, code);
     }
 }
 
 // A call that has not been started ends with that.
-void TCEventDelivery::m_Store(TCall call, bool outcome)
+void TCEventDelivery::m_Store(TCall call, EDelivery outcome, int code)
 {
     m_deadlines.erase(call->m_deadline);
     call->m_deadline = m_deadlines.end();
-    TCDbusServer::TSAsyncMessage* pMessage = std::exchange(call->m_pMessage, nullptr);
+    TSDelivery& delivery = call->Delivery();
+    delivery.m_outcome = outcome;
+    delivery.m_code = code;
+    const TSEventPtr pEvent = std::move(call->m_pEvent);
     if (call->m_serial == 0)
     {
         call->m_pAccount->m_pUser->m_waiting.erase(call);
     }
-    pMessage->m_promise.set_value(outcome); // the message may be gone from here on
+    if (--pEvent->m_open == 0)
+    {
+        pEvent->m_onDone(pEvent);
+    }
 }
 
 // An answer, or the end of who would have given it: the slot is free.

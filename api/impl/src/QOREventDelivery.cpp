@@ -6,7 +6,7 @@
 
 #include <boost/make_shared.hpp>
 
-#include "QORBusConnection.h"
+#include "QORDbusPeers.h"
 #include "QORDbusSession.h"
 #include "QORLimits.h"
 #include "QORLocks.h"
@@ -27,13 +27,17 @@ constexpr gint64 SENT_CHECK_US = 2 * G_TIME_SPAN_MILLISECOND;
 
 // --- Posting -------------------------------------------------------------------------------------
 
-TCEventDelivery::TCEventDelivery(GMainContext* pContext, TCDbusSession& session,
-                                 std::function<void()> onGone)
+TCEventDelivery::TCEventDelivery(GMainContext* pContext, TCDbusSession& session, TCDbusPeers& peers,
+                                 std::function<void()> onNews)
     : m_session(session),
-      m_onGone(std::move(onGone)),
+      m_peers(peers),
+      m_onNews(std::move(onNews)),
+      m_hasNews(false),
       m_pUnknown(std::make_shared<TSEventUser>(UNKNOWN_USER)),
       m_overdue(0),
-      m_isHeldUp(false)
+      m_isHeldUp(false),
+      m_isFinishing(false),
+      m_isIdleTold(false)
 {
     static GSourceFuncs functions{nullptr, nullptr, &TCEventDelivery::m_Dispatch,
                                   nullptr, nullptr, nullptr};
@@ -66,12 +70,15 @@ void TCEventDelivery::m_Post(std::function<void()> work)
 TCEventDelivery::TAccountPtr TCEventDelivery::AddClient(const std::string& name)
 {
     TAccountPtr pAccount = boost::make_shared<TSEventAccount>(name);
-    m_Post(
-        [this, pAccount]
-        {
-            pAccount->m_pUser = m_pUnknown;
-            m_AskForUser(pAccount);
-        });
+    m_Post([this, pAccount] { pAccount->m_pUser = m_pUnknown; });
+    m_peers.Ask(name,
+                [this, pAccount](const TSPeer& peer)
+                {
+                    // What the bus does not tell has one share together.
+                    const std::uint32_t user = peer.m_isKnown ? peer.m_userId : UNKNOWN_USER;
+                    m_Post([this, pAccount, user] { m_SetUser(pAccount, user); });
+                });
+    m_peers.Keep(name);
     return pAccount;
 }
 
@@ -82,46 +89,59 @@ void TCEventDelivery::RenewClient(const TAccountPtr& pAccount)
         {
             if (pAccount->m_overdue < EVENT_SLOTS_PER_CLIENT)
             {
-                pAccount->m_suspended.clear();
-                pAccount->m_isSuspended = false;
+                pAccount->ResumeAll();
             }
         });
 }
 
 void TCEventDelivery::RemoveClient(const TAccountPtr& pAccount)
 {
+    m_peers.Forget(pAccount->m_name);
     m_Post([this, pAccount] { m_Remove(pAccount); });
 }
 
-void TCEventDelivery::Deliver(TMessages& messages)
+void TCEventDelivery::Deliver(const TSEventPtr& pEvent, TCalls calls)
 {
-    std::vector<TCDbusServer::TSAsyncMessage*> all;
-    all.reserve(messages.size());
-    for (TCDbusServer::TSAsyncMessage& message : messages)
-    {
-        all.push_back(&message);
-    }
-    m_Post([this, all = std::move(all)] { m_Enqueue(all); });
+    const auto pCalls = std::make_shared<TCalls>(std::move(calls));
+    m_Post([this, pEvent, pCalls] { m_Enqueue(pEvent, *pCalls); });
 }
 
 void TCEventDelivery::Cancel()
 {
-    m_Post(
-        [this]
-        {
-            while (!m_deadlines.empty())
-            {
-                const TCall call = m_deadlines.begin()->second;
-                m_Suspend(*call);
-                m_Store(call, false);
-            }
-        });
+    m_Post([this] { m_CancelAll(); });
 }
 
-std::vector<std::string> TCEventDelivery::TakeGone()
+void TCEventDelivery::Finish()
+{
+    m_Post([this] { m_isFinishing = true; });
+}
+
+// --- News for the main context -------------------------------------------------------------------
+
+void TCEventDelivery::m_Tell(const std::function<void(TSNews&)>& tell)
+{
+    bool isFirst = false;
+    {
+        const TCPosixLock lock(m_inboxMutex);
+        tell(m_news);
+        isFirst = !std::exchange(m_hasNews, true);
+    }
+    if (isFirst)
+    {
+        m_onNews();
+    }
+}
+
+void TCEventDelivery::TellDone(const TSEventPtr& pEvent)
+{
+    m_Tell([&pEvent](TSNews& news) { news.m_done.push_back(pEvent); });
+}
+
+TCEventDelivery::TSNews TCEventDelivery::TakeNews()
 {
     const TCPosixLock lock(m_inboxMutex);
-    return std::exchange(m_gone, {});
+    m_hasNews = false;
+    return std::exchange(m_news, {});
 }
 
 // --- The loop thread -----------------------------------------------------------------------------
@@ -138,12 +158,13 @@ void TCEventDelivery::m_Work()
         work();
     }
     m_CheckConnection();
-    m_FailUnstartable();
+    m_EndUnstartable();
     m_StartCalls(); // before their timeouts are looked at: one of 0 is a call, too
     if (m_Expire())
     {
-        m_FailUnstartable();
+        m_EndUnstartable();
     }
+    m_CheckIdle();
     m_SleepUntilNext();
 }
 
@@ -161,27 +182,6 @@ void TCEventDelivery::m_SleepUntilNext()
 
 // --- Clients and their users ---------------------------------------------------------------------
 
-void TCEventDelivery::m_AskForUser(const TAccountPtr& pAccount)
-{
-    const TGlibPtr<GDBusMessage> pCall(g_dbus_message_new_method_call(
-        BUS_NAME, "/org/freedesktop/DBus", BUS_NAME, "GetConnectionUnixUser"));
-    g_dbus_message_set_body(pCall.get(), g_variant_new("(s)", pAccount->m_name.c_str()));
-    const auto onAnswer = [this, pAccount](GDBusMessage* pAnswer)
-    {
-        guint32 userId = UNKNOWN_USER; // as after an error: one share for all of those
-        GVariant* pBody = g_dbus_message_get_body(pAnswer);
-        if (pBody != nullptr && g_variant_is_of_type(pBody, G_VARIANT_TYPE("(u)")))
-        {
-            g_variant_get(pBody, "(u)", &userId);
-        }
-        m_Post([this, pAccount, userId] { m_SetUser(pAccount, userId); });
-    };
-    if (m_session.Calls().Call(pCall.get(), onAnswer, nullptr) == 0)
-    {
-        m_SetUser(pAccount, UNKNOWN_USER);
-    }
-}
-
 void TCEventDelivery::m_SetUser(const TAccountPtr& pAccount, std::uint32_t userId)
 {
     std::shared_ptr<TSEventUser>& pUser = m_users[userId];
@@ -190,29 +190,36 @@ void TCEventDelivery::m_SetUser(const TAccountPtr& pAccount, std::uint32_t userI
         pUser = std::make_shared<TSEventUser>(userId);
     }
     pAccount->m_pUser = pUser;
-    TSEventCall::TList& waiting = m_pUnknown->m_waiting;
+    TCalls& waiting = m_pUnknown->m_waiting;
     for (TCall call = waiting.begin(); call != waiting.end();)
     {
-        const TCall next = std::next(call);
-        if (call->m_pAccount == pAccount)
+        const TCall current = call++;
+        if (current->m_pAccount == pAccount)
         {
-            pUser->m_waiting.splice(pUser->m_waiting.end(), waiting, call);
-            m_SetDeadline(call);
+            pUser->m_waiting.splice(pUser->m_waiting.end(), waiting, current);
+            m_SetDeadline(current);
         }
-        call = next;
     }
 }
 
 // The bus answers what a client that leaves has left open; this is for one that answers nothing.
 void TCEventDelivery::m_Remove(const TAccountPtr& pAccount)
 {
+    const auto isIts = [&pAccount](const TCDbusServer::TSAsyncMessage& call)
+    { return call.m_pAccount == pAccount; };
+    TCalls& waiting = pAccount->m_pUser->m_waiting;
+    for (TCall call = std::find_if(waiting.begin(), waiting.end(), isIts); call != waiting.end();
+         call = std::find_if(waiting.begin(), waiting.end(), isIts))
+    {
+        m_Fail(call, EDelivery::LEFT, G_DBUS_ERROR_NO_REPLY);
+    }
     for (TCall call = m_started.begin(); call != m_started.end();)
     {
         const TCall current = call++;
-        if (current->m_pAccount == pAccount)
+        if (isIts(*current))
         {
             m_session.Calls().Forget(current->m_serial);
-            m_Fail(current, G_DBUS_ERROR_NO_REPLY);
+            m_Fail(current, EDelivery::LEFT, G_DBUS_ERROR_NO_REPLY);
             m_End(current);
         }
     }

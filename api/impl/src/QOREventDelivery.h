@@ -23,6 +23,7 @@
 namespace qor
 {
 
+class TCDbusPeers;
 class TCDbusSession;
 
 // The functions of the first group may be called on any thread and do not wait; everything else
@@ -30,11 +31,20 @@ class TCDbusSession;
 class TCEventDelivery
 {
 public:
-    using TMessages = std::list<TCDbusServer::TSAsyncMessage>;
+    using TCalls = TCDbusServer::TSAsyncMessage::TList;
     using TAccountPtr = boost::shared_ptr<TSEventAccount>;
 
-    // Calls onGone on the loop thread when TakeGone has something to tell; once until it is taken.
-    TCEventDelivery(GMainContext* pContext, TCDbusSession& session, std::function<void()> onGone);
+    // What the main context is to hear of.
+    struct TSNews
+    {
+        std::vector<TSEventPtr> m_done; // events for it that have ended, in the order of their ends
+        std::vector<std::string> m_gone; // clients of whom a call has shown that they have left
+        bool m_isIdle = false;           // finishing, and nothing is under way any more
+    };
+
+    // Calls onNews on the loop thread when TakeNews has something to tell; once until it is taken.
+    TCEventDelivery(GMainContext* pContext, TCDbusSession& session, TCDbusPeers& peers,
+                    std::function<void()> onNews);
     // After the loop has ended and the session is gone, whose calls come back here.
     ~TCEventDelivery();
 
@@ -45,61 +55,73 @@ public:
     // The client has said Hello anew: it may be called again.
     void RenewClient(const TAccountPtr& pAccount);
     void RemoveClient(const TAccountPtr& pAccount);
-    // Stores an outcome in each message, the last one within two timeouts.
-    void Deliver(TMessages& messages);
-    // Stores a false outcome in all messages that have none, as after their timeout.
+    // Stores an outcome for each call, the last one within two timeouts, and then calls what the
+    // event wants to be called at its end, on the loop thread.
+    void Deliver(const TSEventPtr& pEvent, TCalls calls);
+    // Ends all that is under way, as after its timeout.
     void Cancel();
-    // The clients of whom a call has shown that nobody has their name.
-    std::vector<std::string> TakeGone();
+    // Tells when nothing is under way any more. Events that come from here on are cancelled.
+    void Finish();
+    // The main context is to hear of the end of this event. On the loop thread.
+    void TellDone(const TSEventPtr& pEvent) QOR_EXCLUDES(m_inboxMutex);
+    TSNews TakeNews() QOR_EXCLUDES(m_inboxMutex);
 
 private:
-    using TCall = TSEventCall::TList::iterator;
+    using TCall = TCalls::iterator;
     struct TSAnswer;
 
     static int m_Dispatch(GSource* pSource, int (*callback)(void*), void* pDelivery);
-    void m_Post(std::function<void()> work);
-    void m_Work();
-    void m_SleepUntilNext();
+    void m_Post(std::function<void()> work) QOR_EXCLUDES(m_inboxMutex);
+    void m_Work() QOR_EXCLUDES(m_inboxMutex);
+    void m_SleepUntilNext() QOR_EXCLUDES(m_inboxMutex);
+    void m_Tell(const std::function<void(TSNews&)>& tell) QOR_EXCLUDES(m_inboxMutex);
 
-    void m_AskForUser(const TAccountPtr& pAccount);
     void m_SetUser(const TAccountPtr& pAccount, std::uint32_t userId);
     void m_Remove(const TAccountPtr& pAccount);
 
-    void m_Enqueue(const std::vector<TCDbusServer::TSAsyncMessage*>& messages);
+    void m_Enqueue(const TSEventPtr& pEvent, TCalls& calls);
     void m_SetDeadline(TCall call);
     void m_StartCalls();
     bool m_HasRoom(const TSEventUser& user) const;
-    bool m_HasRoomToSend(const TSEventCall& call);
+    bool m_HasRoomToSend(const TSEvent& event);
     bool m_StartNext(TSEventUser& user);
     void m_Start(TSEventUser& user, TCall call);
-    void m_FailUnstartable();
-    void m_FailUnstartable(TSEventUser& user);
+    TGlibPtr<GDBusMessage> m_NewMessage(const TCDbusServer::TSAsyncMessage& call) const;
+    void m_EndUnstartable();
+    void m_EndUnstartable(TSEventUser& user);
+    bool m_SendUnconfirmed(const TCDbusServer::TSAsyncMessage& call);
     bool m_Expire();
-    void m_Suspend(TSEventCall& call);
+    void m_Suspend(TCDbusServer::TSAsyncMessage& call);
+    void m_CancelAll();
     void m_CheckConnection();
+    void m_CheckIdle();
 
     static TSAnswer m_Read(GDBusMessage* pMessage);
     static bool m_Judge(const TSAnswer& answer, const char* name);
     void m_Answered(std::uint32_t serial, const TSAnswer& answer);
-    void m_Fail(TCall call, int code);
-    void m_Store(TCall call, bool outcome);
+    void m_Fail(TCall call, EDelivery outcome, int code);
+    void m_Store(TCall call, EDelivery outcome, int code = 0);
     void m_End(TCall call);
 
     TCDbusSession& m_session;
-    std::function<void()> m_onGone;
+    TCDbusPeers& m_peers;
+    std::function<void()> m_onNews;
     TGlibPtr<GSource> m_pSource;
 
     TSPosixMutex m_inboxMutex; // guards when the source is due as well
     std::vector<std::function<void()>> m_inbox QOR_GUARDED_BY(m_inboxMutex);
-    std::vector<std::string> m_gone QOR_GUARDED_BY(m_inboxMutex);
+    TSNews m_news QOR_GUARDED_BY(m_inboxMutex);
+    bool m_hasNews QOR_GUARDED_BY(m_inboxMutex);
 
     std::map<std::uint32_t, std::shared_ptr<TSEventUser>> m_users;
     std::shared_ptr<TSEventUser> m_pUnknown; // of clients whose user the bus has not told yet
-    TSEventCall::TList m_started;            // until answered
+    TCalls m_started;                        // until answered
     std::unordered_map<std::uint32_t, TCall> m_bySerial;
-    TSEventCall::TDeadlines m_deadlines; // of all calls without an outcome
-    std::size_t m_overdue;               // started calls whose timeout is over
-    bool m_isHeldUp;                     // a call waits until the bus has read others
+    TCDbusServer::TSAsyncMessage::TDeadlines m_deadlines; // of all calls without an outcome
+    std::size_t m_overdue;                                // started calls whose timeout is over
+    bool m_isHeldUp;    // a call waits until the bus has read others
+    bool m_isFinishing; // no event begins any more
+    bool m_isIdleTold;
 };
 
 } // namespace qor

@@ -4,6 +4,9 @@
 
 #include <pthread.h>
 
+#include <cstdint>
+#include <ctime>
+
 #include <qor/Mutex.h>
 
 namespace qor
@@ -53,6 +56,41 @@ using TSharedLock = TCSharedLock;
 using TExclusiveLock = TCExclusiveLock<TCSharedMutex>;
 using TLock = TCExclusiveLock<TCMutex>;
 
+// A condition whose waits end by the monotonic clock.
+class TCCondition
+{
+public:
+    TCCondition() : m_native()
+    {
+        pthread_condattr_t attributes;
+        pthread_condattr_init(&attributes);
+        pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+        pthread_cond_init(&m_native, &attributes);
+        pthread_condattr_destroy(&attributes);
+    }
+    ~TCCondition()
+    {
+        pthread_cond_destroy(&m_native);
+    }
+
+    TCCondition(const TCCondition&) = delete;
+    TCCondition& operator=(const TCCondition&) = delete;
+
+    void Signal()
+    {
+        pthread_cond_signal(&m_native);
+    }
+    void Broadcast()
+    {
+        pthread_cond_broadcast(&m_native);
+    }
+
+private:
+    friend class TCPosixLock;
+
+    pthread_cond_t m_native;
+};
+
 class QOR_SCOPED_CAPABILITY TCPosixLock
 {
 public:
@@ -73,9 +111,14 @@ public:
     {
         pthread_cond_wait(&condition, &m_mutex.m_native);
     }
-    void WaitUntil(pthread_cond_t& condition, const timespec& time)
+    // Until then, in microseconds; whether it has been woken before.
+    bool WaitUntil(TCCondition& condition, std::int64_t monotonicTime)
     {
-        pthread_cond_timedwait(&condition, &m_mutex.m_native, &time);
+        constexpr std::int64_t second = 1000000;
+        timespec end{};
+        end.tv_sec = static_cast<time_t>(monotonicTime / second);
+        end.tv_nsec = static_cast<long>(monotonicTime % second) * 1000;
+        return pthread_cond_timedwait(&condition.m_native, &m_mutex.m_native, &end) == 0;
     }
 
 private:

@@ -1,0 +1,69 @@
+// Who is behind the names on the bus, as far as they have to do with us.
+#ifndef QOR_QORDBUSPEERS_H
+#define QOR_QORDBUSPEERS_H
+
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <gio/gio.h>
+
+#include <qor/IDbusService.h>
+#include <qor/Mutex.h>
+
+#include "QORLocks.h"
+
+namespace qor
+{
+
+class TCDbusCalls;
+
+// The bus is asked once for each unique name, which it never gives again. Any thread. Outlives the
+// calls, whose answers come back here.
+class TCDbusPeers
+{
+public:
+    // Gets what the bus has told, or that it has not.
+    using TOnAnswer = std::function<void(const TSPeer&)>;
+
+    explicit TCDbusPeers(TCDbusCalls& calls);
+
+    TCDbusPeers(const TCDbusPeers&) = delete;
+    TCDbusPeers& operator=(const TCDbusPeers&) = delete;
+
+    // Asks the bus, unless it has been asked. Does not wait: the function is called at once, or on
+    // the worker thread.
+    void Ask(const std::string& name, const TOnAnswer& onAnswer) QOR_EXCLUDES(m_mutex);
+
+    // The same, and waits for an answer that is on its way.
+    TSPeer Find(const std::string& name) QOR_EXCLUDES(m_mutex);
+
+    // A client is remembered until it is forgotten; others until they have been quiet for a while.
+    void Keep(const std::string& name) QOR_EXCLUDES(m_mutex);
+    void Forget(const std::string& name) QOR_EXCLUDES(m_mutex);
+
+private:
+    struct TSEntry
+    {
+        TSPeer m_peer;
+        bool m_isAnswered = false;
+        bool m_isKept = false;
+        gint64 m_lastUse = 0;             // monotonic time
+        std::vector<TOnAnswer> m_waiting; // until it is answered
+    };
+
+    void m_Answered(const std::string& name, GDBusMessage* pAnswer) QOR_EXCLUDES(m_mutex);
+    void m_DropQuiet() QOR_REQUIRES(m_mutex);
+
+    TCDbusCalls& m_calls;
+    TSPosixMutex m_mutex;
+    TCCondition m_changed;
+    std::map<std::string, TSEntry> m_entries QOR_GUARDED_BY(m_mutex);
+    std::size_t m_entriesAtNextSweep QOR_GUARDED_BY(m_mutex);
+};
+
+} // namespace qor
+
+#endif

@@ -1,0 +1,194 @@
+// The service's events: who gets them, and what became of them.
+#include <qor/QORDbusServer.h>
+
+#include <algorithm>
+#include <future>
+#include <set>
+#include <utility>
+
+#include <gio/gio.h>
+
+#include "QORDbusContext.h"
+#include "QORDbusServerStop.h"
+#include "QORDbusSession.h"
+#include "QOREventDelivery.h"
+#include "QORLocks.h"
+#include "QORLog.h"
+
+#define QOR_LOG_CLASS "qor::TCDbusServer"
+
+namespace qor
+{
+
+namespace
+{
+
+constexpr int DEFAULT_TIMEOUT = -1;
+
+} // namespace
+
+std::pair<std::size_t, std::size_t> TCDbusServer::SendMessage(int type, const TByteArray& data,
+                                                              int timeout)
+{
+    const TEventPtr pEvent = m_NewEvent(type, data, timeout);
+    const auto pEnd = std::make_shared<std::promise<void>>();
+    pEvent->m_onDone = [pEnd](const TEventPtr&) { pEnd->set_value(); };
+    if (!m_Send(pEvent, nullptr))
+    {
+        return {0, 0};
+    }
+    pEnd->get_future().wait();
+    const auto succeeded = static_cast<std::size_t>(std::count_if(
+        pEvent->m_deliveries.begin(), pEvent->m_deliveries.end(),
+        [](const TSDelivery& delivery) { return delivery.m_outcome == EDelivery::DELIVERED; }));
+    const std::size_t failed = pEvent->m_deliveries.size() - succeeded;
+    QOR_LOG_DEBUG("Callback result: success %zu, fails %zu", succeeded, failed);
+    return {succeeded, failed};
+}
+
+void TCDbusServer::CancelMessages()
+{
+    if (t_IsInOwnProcess() && m_pDelivery != nullptr)
+    {
+        m_pDelivery->Cancel();
+    }
+}
+
+void TCDbusServer::SendEvent(int type, const TByteArray& data, int timeout,
+                             const TEventDone& onDone)
+{
+    m_SendAndTell(type, data, timeout, nullptr, onDone);
+}
+
+void TCDbusServer::SendEventTo(const std::vector<std::string>& clients, int type,
+                               const TByteArray& data, int timeout, const TEventDone& onDone)
+{
+    m_SendAndTell(type, data, timeout, &clients, onDone);
+}
+
+void TCDbusServer::m_SendAndTell(int type, const TByteArray& data, int timeout,
+                                 const std::vector<std::string>* pClients, const TEventDone& onDone)
+{
+    const TEventPtr pEvent = m_NewEvent(type, data, timeout);
+    pEvent->m_onTold = onDone;
+    pEvent->m_onDone = [this](const TEventPtr& pDone) { m_pDelivery->TellDone(pDone); };
+    if (!m_Send(pEvent, pClients) && t_IsInOwnProcess() && m_pDelivery != nullptr)
+    {
+        m_pDelivery->TellDone(pEvent);
+    }
+}
+
+TCDbusServer::TEventPtr TCDbusServer::m_NewEvent(int type, const TByteArray& data,
+                                                 int timeout) const
+{
+    auto pEvent = std::make_shared<TSEvent>();
+    pEvent->m_type = type;
+    pEvent->m_timeout = timeout;
+    if (t_Fits(data.size()))
+    {
+        GVariant* pEnvelope = nullptr;
+        t_ConvertBytes(type, false, data, pEnvelope);
+        pEvent->m_pEnvelope.reset(g_variant_ref_sink(pEnvelope));
+    }
+    return pEvent;
+}
+
+// Chooses the clients and hands their calls to the loop thread. False where there is nobody.
+bool TCDbusServer::m_Send(const TEventPtr& pEvent, const std::vector<std::string>* pClients)
+{
+    if (!t_IsInOwnProcess())
+    {
+        return false;
+    }
+    TCEventDelivery::TCalls calls;
+    const TSharedLock lock(t_stateMutex);
+    if (!t_isReady || m_clients.empty())
+    {
+        QOR_LOG_DEBUG("Connection is ready %d, number of clients %zu", t_isReady.load(),
+                      m_clients.size());
+        return false;
+    }
+    if (pClients == nullptr)
+    {
+        for (const auto& entry : m_clients)
+        {
+            m_AddCall(pEvent, entry.second, calls);
+        }
+    }
+    else
+    {
+        for (const std::string& name : std::set<std::string>(pClients->begin(), pClients->end()))
+        {
+            const auto found = m_clients.find(name);
+            if (found == m_clients.end())
+            {
+                pEvent->m_deliveries.push_back({name, EDelivery::LEFT, 0});
+                continue;
+            }
+            m_AddCall(pEvent, found->second, calls);
+        }
+    }
+    if (calls.empty())
+    {
+        pEvent->m_onDone(pEvent);
+    }
+    else
+    {
+        m_pDelivery->Deliver(pEvent, std::move(calls));
+    }
+    return true;
+}
+
+// One that is registered for it but cannot be called has its outcome at once.
+void TCDbusServer::m_AddCall(const TEventPtr& pEvent, const TSClient& client,
+                             std::list<TSAsyncMessage>& calls)
+{
+    const char* name = g_dbus_proxy_get_name(client.m_pProxy.get());
+    if (client.m_events.count(pEvent->m_type) == 0)
+    {
+        QOR_LOG_DEBUG("Client %s is not registered for event %d", name, pEvent->m_type);
+        return;
+    }
+    pEvent->m_deliveries.push_back({name, EDelivery::CANCELLED, 0});
+    TSDelivery& delivery = pEvent->m_deliveries.back();
+    if (t_currentSender == name && !t_isCurrentMessageAsync)
+    {
+        QOR_LOG_ERROR("Unable to send message to %s, type %d, waiting for sync replay", name,
+                      pEvent->m_type);
+        delivery.m_outcome = EDelivery::WAITING_FOR_REPLY;
+    }
+    else if (pEvent->m_pEnvelope == nullptr || pEvent->m_timeout < DEFAULT_TIMEOUT)
+    {
+        // The bus would close the connection on the one; nothing would end the other.
+        delivery.m_outcome = EDelivery::FAILED;
+        delivery.m_code = pEvent->m_pEnvelope == nullptr ? G_IO_ERROR_MESSAGE_TOO_LARGE
+                                                         : G_IO_ERROR_INVALID_ARGUMENT;
+        QOR_LOG_ERROR("Sending message from %s error, errno %d", name, delivery.m_code);
+    }
+    else
+    {
+        calls.emplace_back(pEvent, pEvent->m_deliveries.size() - 1, client.m_pProxy.get(),
+                           client.m_pAccount);
+    }
+}
+
+// In the main context: clients that have left, events that have ended, and an end that goes on.
+void TCDbusServer::m_HandleNews()
+{
+    const TCEventDelivery::TSNews news = m_pDelivery->TakeNews();
+    m_ForgetClients(news.m_gone);
+    for (const TEventPtr& pEvent : news.m_done)
+    {
+        if (pEvent->m_onTold)
+        {
+            pEvent->m_onTold(pEvent->m_deliveries);
+        }
+    }
+    if (news.m_isIdle)
+    {
+        m_pStop->m_isIdle = true;
+        m_GoOnStopping();
+    }
+}
+
+} // namespace qor
