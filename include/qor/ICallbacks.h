@@ -22,8 +22,7 @@ namespace qor
 ///   also where it iterates the main context: no function is entered meanwhile.
 ///
 /// All operations may be called from any other place and thread. They wait for a function of this
-/// object that is running. A synchronous send of the endpoint delays them only if a message or a
-/// name event already waits behind it.
+/// object that is running, and for any other callback of the endpoint that is.
 class QOR_API ICallbacks
 {
 public:

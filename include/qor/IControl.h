@@ -15,8 +15,9 @@ class QOR_API IControl
 public:
     virtual ~IControl();
 
-    /// Hands the service a new policy and waits for its answer, for at most 10000 ms. May be called
-    /// from any thread, concurrently too; needs no main context to be iterated.
+    /// Hands the service a new policy and waits for its answer, for at most 10000 ms; where the bus
+    /// was lost, looks for it before, for at most 2000 ms. May be called from any thread,
+    /// concurrently too; needs no main context to be iterated.
     ///
     /// @param policy  the policy text, taken byte by byte; may be empty
     ///

@@ -19,7 +19,8 @@ public:
     ///
     /// A type has at most one callback: an existing one stays in force and false is returned.
     /// The callback is copied. May wait for a callback of this endpoint that is running, so it
-    /// must not be called from one, nor while holding a lock that one takes.
+    /// must not be called from one, nor while holding a lock that one takes. A client's endpoint
+    /// announces the type to the service and does not wait until that has confirmed it.
     ///
     /// @return true if the callback was registered; false also in a forked child.
     virtual bool

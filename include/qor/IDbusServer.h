@@ -17,8 +17,10 @@ public:
     ~IDbusServer() override;
 
     /// Delivers an event to every client that is registered for its type, and blocks until each has
-    /// answered, failed or timed out: for at most two timeouts, whatever clients do. The calls run
-    /// in parallel, as many at a time as the bus has room for calls without an answer.
+    /// answered, failed or timed out: for at most two timeouts, whatever clients do. The first
+    /// calls to a client wait besides until the bus has told its user, for at most 2000 ms or the
+    /// timeout if that is longer. The calls run in parallel, as many at a time as the bus has room
+    /// for calls without an answer.
     ///
     /// Any thread may call it, several at once too, except the server's own loop thread. A caller
     /// on the thread that iterates the server's main context blocks that context meanwhile. The
@@ -28,17 +30,19 @@ public:
     /// @param data     payload; an envelope that does not fit into one bus message is not sent and
     ///                 counts as a failure for each client
     /// @param timeout  per call, in milliseconds from its start: 0 to INT_MAX - 1; -1 is the bus
-    ///                 library's default (25 s), INT_MAX waits without limit. With a smaller one
-    ///                 nothing is sent and each client counts as a failure.
+    ///                 library's default (25 s), INT_MAX waits without limit. With 0 the calls are
+    ///                 sent and count as failures at once. With less than -1 nothing is sent and
+    ///                 each client counts as a failure.
     ///
     /// @return the numbers of successful (first) and failed (second) deliveries; their sum is the
     ///         number of clients registered for the type. A success is a client whose callback
     ///         returned true. A client that is waiting for the reply to its own synchronous send
     ///         is not called and counts as a failure. So does a suspended client: one that has let
-    ///         an earlier call time out, until it answers that one or says Hello anew. So does each
-    ///         client of a user, while clients of that user have let so many calls time out that
-    ///         the user's share of them is used up. Before the name is acquired, with no clients at
-    ///         all, and in a forked child the result is (0, 0).
+    ///         an earlier call of the same type, or four of any types, time out, until it answers
+    ///         one or says Hello anew. So does each client of a user, while clients of that user
+    ///         have let so many calls time out that the user's share of them is used up. Before the
+    ///         name is acquired, with no clients at all, and in a forked child the result is (0,
+    ///         0).
     virtual std::pair<std::size_t, std::size_t>
     SendMessage(int type, const std::vector<unsigned char>& data, int timeout) = 0;
 

@@ -49,7 +49,8 @@ struct TSDbusLink;
 ///
 /// Fork: a child process inherits no connection to the bus. An endpoint that it finds belongs to
 /// its parent; it may not use it, and letting go of it there (at exit at the latest) disturbs
-/// nobody. A process that wants to use the library in a child forks before its first use.
+/// nobody. A new endpoint in a child of a process that has connected never starts (errno 15 in the
+/// log). A process that wants to use the library in a child forks before its first use.
 ///
 /// Locks: nobody holds one of an endpoint's locks while waiting for an answer, of the bus or of
 /// anybody else, with one exception: a message callback runs with t_callbacksMutex held shared, so

@@ -35,9 +35,11 @@ class QOR_API TCDbusClient : public TCDbus, public IDbusClient
 {
 public:
     /// Connects to the bus and starts watching for the service; blocks meanwhile, 2 s for a bus
-    /// that accepts the connection and does not answer. Always succeeds: where the start fails (the
-    /// log says why) the client stays unready, its synchronous sends return false, and callbacks
-    /// can still be set.
+    /// that accepts the connection and does not answer. Where the start fails (the log says why)
+    /// there is a client all the same: it stays unready, its synchronous sends return false, and
+    /// callbacks can still be set.
+    ///
+    /// @throws std::system_error when the thread cannot be created that ends the wait for a bus
     explicit TCDbusClient(bool testMode);
     ~TCDbusClient() override;
 
@@ -99,7 +101,8 @@ public:
     ///
     /// @param testMode  the test names, for an endpoint that has to be created; ignored otherwise
     ///
-    /// @return never empty. Exceptions out of creating the endpoint (out of memory) pass through.
+    /// @return never empty. Exceptions out of creating the endpoint (out of memory, or of threads)
+    ///         pass through.
     static boost::shared_ptr<IDbusClient> Get(bool testMode);
 
 private:

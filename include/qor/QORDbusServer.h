@@ -37,11 +37,12 @@ struct TSEventAccount;
 class QOR_API TCDbusServer : public TCDbus, public IDbusService
 {
 public:
-    /// Connects to the bus, asks for the name and starts the thread; blocks meanwhile, but does not
-    /// wait for the name. Where the connection fails (the log says why) the server exists but never
-    /// becomes ready.
+    /// Connects to the bus, asks for the name and starts the thread; blocks meanwhile, 2 s for a
+    /// bus that accepts the connection and does not answer, but does not wait for the name. Where
+    /// the connection fails (the log says why) the server exists but never becomes ready.
     ///
     /// @throws boost::thread_resource_error when the thread cannot be created
+    /// @throws std::system_error when the thread cannot be created that ends the wait for a bus
     explicit TCDbusServer(bool testMode);
     ~TCDbusServer() override;
 

@@ -14,14 +14,14 @@ namespace api
 
 /// The process-wide control object, created on first use.
 ///
-/// Creating it connects to the system bus and blocks meanwhile; if that fails there is an object
-/// all the same, whose SetPolicy returns -1. The client endpoint behind it belongs to the
-/// thread-default main context of the calling thread (normally the process's default context).
-/// The object is released at library unload or process exit; a caller that holds the pointer keeps
-/// a working object until it lets go.
+/// Creating it connects to the system bus and blocks meanwhile (see TCDbusClient); if that fails
+/// there is an object all the same, whose SetPolicy returns -1. The client endpoint behind it
+/// belongs to the thread-default main context of the calling thread (normally the process's default
+/// context). The object is released at library unload or process exit; a caller that holds the
+/// pointer keeps a working object until it lets go.
 ///
-/// May be called from any thread. Exceptions out of creating the object (out of memory) pass
-/// through.
+/// May be called from any thread. Exceptions out of creating the object (out of memory, or of
+/// threads) pass through.
 ///
 /// @return the control object, or an empty pointer once the teardown has run
 QOR_API boost::shared_ptr<IControl> GetControl();

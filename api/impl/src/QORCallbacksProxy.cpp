@@ -36,8 +36,8 @@ TCCallbacksProxy::TCCallbacksProxy() : m_dbusClient(TCDbusClientProvider::Get(fa
 
 TCCallbacksProxy::~TCCallbacksProxy()
 {
-    // The endpoint may live on with another holder. Withdrawing a type waits for a message of that
-    // type that is under way, so that none reaches a proxy that is gone.
+    // The endpoint may live on with another holder. Removing a type's callback waits for a message
+    // that is being handled, so that none reaches a proxy that is gone.
     if (m_dbusClient)
     {
         m_dbusClient->UnSetCallback(POLICY_UPDATE);
