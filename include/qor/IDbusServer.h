@@ -41,8 +41,7 @@ public:
     ///         an earlier call of the same type, or four of any types, time out, until it answers
     ///         one or says Hello anew. So does each client of a user, while clients of that user
     ///         have let so many calls time out that the user's share of them is used up. Before the
-    ///         name is acquired, with no clients at all, and in a forked child the result is (0,
-    ///         0).
+    ///         name is acquired, with no clients, and in a forked child the result is (0, 0).
     virtual std::pair<std::size_t, std::size_t>
     SendMessage(int type, const std::vector<unsigned char>& data, int timeout) = 0;
 
