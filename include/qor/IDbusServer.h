@@ -38,10 +38,11 @@ public:
     ///         number of clients registered for the type. A success is a client whose callback
     ///         returned true. A client that is waiting for the reply to its own synchronous send
     ///         is not called and counts as a failure. So does a suspended client: one that has let
-    ///         an earlier call of the same type, or four of any types, time out, until it answers
-    ///         one or says Hello anew. So does each client of a user, while clients of that user
-    ///         have let so many calls time out that the user's share of them is used up. Before the
-    ///         name is acquired, with no clients, and in a forked child the result is (0, 0).
+    ///         an earlier call of the same type time out, until it answers that one or says Hello
+    ///         anew; or four calls of any types, until it answers one. So does each client of a
+    ///         user, while clients of that user have let so many calls time out that the user's
+    ///         share of them is used up. Before the name is acquired, with no clients, and in a
+    ///         forked child the result is (0, 0).
     virtual std::pair<std::size_t, std::size_t>
     SendMessage(int type, const std::vector<unsigned char>& data, int timeout) = 0;
 
