@@ -47,7 +47,8 @@ TEST_F(Neighbour, SilentClientCostsOneCallAndTheOtherHearsEveryEvent)
         silent[0]->PostHello(SERVICE_NAME, {2});
         silent[0]->Sync();
         Send(other);
-        EXPECT_EQ(Deliver(i < 3 ? 50 : WATCHDOG_MS), Counts(1, 1));
+        const auto deliver = [&] { return Deliver(i < 3 ? 50 : WATCHDOG_MS); };
+        EXPECT_LT(Seconds([&] { EXPECT_EQ(deliver(), Counts(1, 1)); }), 15); // not the watchdog
     }
     EXPECT_EQ(silent[0]->Count("Send"), 4U);
     silent[0]->AnswerWith(YES);
