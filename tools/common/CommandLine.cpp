@@ -2,6 +2,7 @@
 #include "common/CommandLine.h"
 
 #include <algorithm>
+#include <charconv>
 #include <iostream>
 #include <numeric>
 #include <sstream>
@@ -119,6 +120,21 @@ bool ParseCommandLine(CLI::App& app, int count, char** pArguments, int& exitStat
         exitStatus = EXIT_WRONG_USAGE;
         return false;
     }
+}
+
+CLI::Validator Decimal(std::uint64_t low, std::uint64_t high)
+{
+    return CLI::Validator(
+        [low, high](const std::string& text)
+        {
+            std::uint64_t number = 0;
+            std::from_chars(text.data(), text.data() + text.size(), number);
+            const bool isGood = text == std::to_string(number) && number >= low && number <= high;
+            return isGood ? ""
+                          : text + " is not a whole number from " + std::to_string(low) + " to " +
+                                std::to_string(high);
+        },
+        "");
 }
 
 CLI::Validator NotEmpty(const std::string& what)

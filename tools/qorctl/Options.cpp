@@ -1,6 +1,8 @@
 // The command line of qorctl.
 #include "qorctl/Options.h"
 
+#include <limits>
+
 #include <CLI/CLI.hpp>
 
 #include "common/CommandLine.h"
@@ -14,6 +16,7 @@ namespace
 using TCommand = int (*)(const TSOptions&);
 
 constexpr int MAX_TIMEOUT = 86400;
+constexpr int MAX_NUMBER = std::numeric_limits<int>::max();
 
 void AddCommonOptions(CLI::App& app, TSOptions& options)
 {
@@ -27,7 +30,7 @@ void AddCommonOptions(CLI::App& app, TSOptions& options)
     app.add_option("--timeout", options.m_timeoutSeconds,
                    "Wait no longer than that; an answer is waited for at most 10 seconds")
         ->type_name("SECONDS")
-        ->check(CLI::Range(1, MAX_TIMEOUT));
+        ->check(tools::Decimal(1, MAX_TIMEOUT));
 }
 
 CLI::App* AddCommand(CLI::App& app, TSOptions& options, const std::string& name, TCommand command,
@@ -56,7 +59,7 @@ void AddPolicyCommands(CLI::App& app, TSOptions& options)
                                 "Exit status: 0 written, 1 there is none or the service refused, "
                                 "2 no answer, 3 an answer that cannot be read.");
     pGet->add_option("NUMBER", options.m_number, "Of a kept policy, as history prints it")
-        ->check(CLI::Range(1, 2147483647));
+        ->check(tools::Decimal(1, MAX_NUMBER));
     pGet->add_option("--output", options.m_outputFile, "Write to a file instead")
         ->type_name("FILE")
         ->check(tools::NotEmpty("the name of a file"));
@@ -67,7 +70,7 @@ void AddPolicyCommands(CLI::App& app, TSOptions& options)
         AddCommand(app, options, "restore", Restore, "Put a kept policy in force again", statuses);
     pRestore->add_option("NUMBER", options.m_number, "Of a kept policy, as history prints it")
         ->required()
-        ->check(CLI::Range(1, 2147483647));
+        ->check(tools::Decimal(1, MAX_NUMBER));
 
     CLI::App* pValidate = AddCommand(
         app, options, "validate", Validate, "Say what the service would say about a policy",
@@ -85,7 +88,7 @@ void AddListen(CLI::App& app, TSOptions& options)
                    "of reach or goes away, and when fewer than N events came in time.");
     pCommand->add_option("--count", options.m_eventCount, "Exit after so many events")
         ->type_name("N")
-        ->check(CLI::Range(1, 1000000000));
+        ->check(tools::Decimal(1, 1000000000));
     pCommand
         ->add_option("--exec", options.m_eventCommand,
                      "Run a command on each event, with the event's name in QOR_EVENT; "
