@@ -2,8 +2,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <memory>
 #include <system_error>
 
 #include <qor/PolicyMessage.h>
@@ -14,6 +12,7 @@
 #include "common/Text.h"
 #include "qorctl/Commands.h"
 #include "qorctl/Message.h"
+#include "qorctl/OutputFile.h"
 #include "qorctl/ServiceCall.h"
 
 namespace qorctl
@@ -45,9 +44,7 @@ std::string Refusal(int result, int number)
 
 bool Write(const std::string& file, const std::string& text)
 {
-    std::unique_ptr<FILE, int (*)(FILE*)> output(std::fopen(file.c_str(), "wbe"), std::fclose);
-    if (output && std::fwrite(text.data(), 1, text.size(), output.get()) == text.size() &&
-        std::fclose(output.release()) == 0)
+    if (WriteOutputFile(file, text))
     {
         return true;
     }
