@@ -45,6 +45,10 @@ std::string LocalTime(std::int64_t seconds)
 {
     const std::unique_ptr<GDateTime, void (*)(GDateTime*)> time(
         g_date_time_new_from_unix_local(seconds), g_date_time_unref);
+    if (!time)
+    {
+        return "unknown"; // files may have any time, and the calendar ends with the year 9999
+    }
     const TText text(g_date_time_format(time.get(), "%Y-%m-%dT%H:%M:%S%:z"), g_free);
     return text.get();
 }

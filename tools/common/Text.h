@@ -18,7 +18,8 @@ std::string Printable(const std::string& text);
 /// In hexadecimal.
 std::string Sha256(std::string_view text);
 
-/// "2026-11-24T20:15:02+01:00", of seconds since 1970, in local time.
+/// "2026-11-24T20:15:02+01:00", of seconds since 1970, in local time; "unknown" where that is
+/// beyond the year 9999.
 std::string LocalTime(std::int64_t seconds);
 
 /// The user's name, or its number where the user database has none.
