@@ -25,17 +25,17 @@ std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitSta
     app.add_option("--keep", options.m_storeRules.m_copies,
                    "Keep so many copies of replaced policies beside the file")
         ->type_name("N")
-        ->check(CLI::Range(0, 1000))
+        ->check(tools::Decimal(0, 1000))
         ->capture_default_str();
     app.add_option("--min-free", options.m_storeRules.m_minFreeMiB,
                    "Store nothing when less space than that is left")
         ->type_name("MIB")
-        ->check(CLI::Range(0, 1000000))
+        ->check(tools::Decimal(0, 1000000))
         ->capture_default_str();
     app.add_option("--max-policy-size", options.m_maxPolicySize,
                    "Refuse larger policies; the bus sets a limit of its own")
         ->type_name("BYTES")
-        ->check(CLI::Range(std::size_t(1), std::numeric_limits<std::size_t>::max()))
+        ->check(tools::Decimal(1, std::numeric_limits<std::size_t>::max()))
         ->capture_default_str();
     app.add_flag("--test-bus-names", options.m_testNames, "Use the bus names meant for tests");
     app.add_option("--allow-group", options.m_permission.m_groups,
@@ -49,12 +49,12 @@ std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitSta
     app.add_option("--event-timeout", options.m_eventTimeoutMs,
                    "How long an application may take to answer an event")
         ->type_name("MS")
-        ->check(CLI::Range(1, 600000))
+        ->check(tools::Decimal(1, 600000))
         ->capture_default_str();
     app.add_option("--process-info-interval", options.m_processInfoSeconds,
                    "Ask for process information regularly")
         ->type_name("SECONDS")
-        ->check(CLI::Range(1, 1000000));
+        ->check(tools::Decimal(1, 1000000));
     app.add_flag("--verbose", options.m_verbose, "Print the library's log lines too");
     app.get_option("--test-bus-names")->needs("--policy"); // the usual file is the real service's
     if (!tools::ParseCommandLine(app, count, pArguments, exitStatus))
@@ -63,6 +63,7 @@ std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitSta
     }
     if (*QOR_ADMIN_GROUP != '\0')
     {
+        options.m_permission.m_ownGroup = QOR_ADMIN_GROUP;
         options.m_permission.m_groups.insert(options.m_permission.m_groups.begin(),
                                              QOR_ADMIN_GROUP);
     }

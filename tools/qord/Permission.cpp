@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <utility>
 
 namespace qord
@@ -49,6 +50,15 @@ bool TCPermission::MayChange(const std::optional<TSSender>& sender) const
                            return id &&
                                   std::find(groups.begin(), groups.end(), *id) != groups.end();
                        });
+}
+
+std::vector<std::string> TCPermission::MissingGroups() const
+{
+    std::vector<std::string> missing;
+    std::copy_if(m_rules.m_groups.begin(), m_rules.m_groups.end(), std::back_inserter(missing),
+                 [this](const std::string& name)
+                 { return name != m_rules.m_ownGroup && !GroupId(name); });
+    return missing;
 }
 
 } // namespace qord

@@ -14,6 +14,7 @@ namespace qord
 struct TSPermissionRules
 {
     std::vector<std::string> m_groups; ///< Their members may change the policy.
+    std::string m_ownGroup;            ///< The one of them that nobody asked for; may be missing.
     bool m_everyone = false;           ///< So may everybody.
     bool m_restrictReading = false;    ///< Only those who may change the policy may read it.
 };
@@ -26,6 +27,9 @@ public:
 
     /// @param sender  nothing where it is not known, who may not
     bool MayChange(const std::optional<TSSender>& sender) const;
+
+    /// Those of the groups that somebody has asked for and that do not exist just now.
+    std::vector<std::string> MissingGroups() const;
 
 private:
     TSPermissionRules m_rules;

@@ -21,6 +21,7 @@
 #include "common/ExitStatus.h"
 #include "common/ServiceMessage.h"
 #include "common/SystemBus.h"
+#include "common/Text.h"
 #include "qord/Report.h"
 #include "qord/StopSignals.h"
 
@@ -135,6 +136,11 @@ bool TCService::m_Begin()
     {
         m_Fail(exception.what());
         return false;
+    }
+    for (const std::string& group : m_permission.MissingGroups())
+    {
+        ReportError("there is no group %s whose members could change the policy",
+                    tools::Printable(group).c_str());
     }
     m_isReady = true;
     Report("ready as %s (%s), policy file %s", tools::ServiceName(m_options.m_testNames),
