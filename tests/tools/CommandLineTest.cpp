@@ -12,6 +12,7 @@
 #include "RawPeer.h"
 #include "ToolRunner.h"
 #include "common/ServiceMessage.h"
+#include "common/Text.h"
 #include "qord/Permission.h"
 
 using namespace qortest;
@@ -36,6 +37,10 @@ TEST_F(CommandLine, MisuseIsNamed)
     Expect(64, "unexpected argument b", "set-policy a b");
     Expect(64, "the command is missing", "listen --exec ' '");
     Expect(64, "fit into one bus message", "set-policy /dev/zero");
+    Expect(64, "010 is not a whole number", "restore 010"); // another one in octal
+    Expect(64, "0x8 is not a whole number from 1 to 2147483647", "get-policy 0x8");
+    Expect(64, "2147483648 is not", "get-policy 2147483648");
+    Expect(64, "0x2 is not", "--policy x --keep 0x2", QORD);
     Expect(1, "line 2, column 7: mismatched tag", "validate bad");
     Expect(1, " <é></e>\n          ^\n", "validate bad");
     Expect(1, "line 2, column 7: mismatched tag", "set-policy bad");
@@ -67,6 +72,19 @@ TEST_F(CommandLine, WhatCannotBeWrittenIsNoSuccess)
         }
     }
     Expect(74, "No space left", "get-policy --output /dev/full");
+    // What was there stays as it was, and nothing else.
+    boost::filesystem::create_directory(m_directory.Path("in"));
+    WriteFile(m_directory.Path("in/file"), "old\n");
+    chmod(m_directory.Path("in/file").c_str(), 0604);
+    boost::filesystem::create_symlink("file", m_directory.Path("in/link"));
+    for (const auto& [exitCode, text] : {std::pair(74, "old"), std::pair(0, "</policy>")})
+    {
+        const char* limit = exitCode == 0 ? "" : "trap '' XFSZ; ulimit -f 2; ";
+        Expect(exitCode, text + std::string("\n-rw----r-- 1 in/file\nfile\nlink\n"),
+               "get-policy --output in/link; status=$?; tail -n 1 in/link; "
+               "stat -c '%A %h %n' in/file; ls -A in; exit $status",
+               "true'; " + std::string(limit) + "'" QORCTL);
+    }
     // Nothing happens any more that would make it write.
     Expect(141, "service appeared", "listen | head -n 1; exit ${PIPESTATUS[0]}");
 }
@@ -199,6 +217,12 @@ TEST(ServiceMessage, AnythingButOneWholeAnswerIsRefused)
     }
     request[0] ^= 0xFF; // the signature's length
     EXPECT_FALSE(tools::ReadGetPolicyRequest(request, number));
+}
+
+TEST(Text, EveryTimeOfAFileHasWords)
+{
+    EXPECT_EQ(tools::LocalTime(1764000000).substr(0, 9), "2025-11-2");
+    EXPECT_EQ(tools::LocalTime(253402300800 + 86400), "unknown"); // in the year 10000
 }
 
 TEST(Permission, RootTheServicesUserAndGroupsMayChange)

@@ -140,7 +140,10 @@ TEST_F(Tools, ListenerSaysWhenTheServiceComesAndGoes)
 TEST_F(Tools, PlacesThatAreNoGoodAreSaidAtTheStart)
 {
     WriteFile(m_policyFile, "<unfinished>");
-    auto qord = StartQord({"--test-bus-names", "--min-free", "1000000"});
+    auto qord = StartQord({"--test-bus-names", "--min-free", "1000000", "--allow-group", "daemon",
+                           "--allow-group", "no-such-group"});
+    EXPECT_EQ(CountOf(qord->Err(), "there is no group "), 1U) << qord->Err();
+    EXPECT_EQ(CountOf(qord->Err(), "there is no group no-such-group whose"), 1U) << qord->Err();
     EXPECT_NE(qord->Err().find("MiB are left"), std::string::npos) << qord->Err();
     EXPECT_NE(qord->Err().find("no good: line 1, column 13"), std::string::npos) << qord->Err();
     Expect(1, "process " + std::to_string(qord->Pid()) + " (", "--policy policy.xml", QORD);
