@@ -1,23 +1,17 @@
-// What the service is made of: events that become due, requests, their XML, and the policy file.
+// What the service is made of: events that become due, requests, and their XML.
 #include <cstring>
 #include <future>
 #include <random>
 
 #include <boost/archive/archive_exception.hpp>
-#include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 #include <libxml/parser.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include "ChildProcess.h"
 #include "MainContext.h"
 #include "common/PolicyXml.h"
 #include "qord/Announcer.h"
-#include "qord/PolicyStore.h"
 #include <qor/PolicyMessage.h>
 
-namespace fs = boost::filesystem;
 using namespace qortest;
 using namespace std::string_literals;
 
@@ -214,139 +208,4 @@ TEST(PolicyXml, AgreesWithAnotherParserAboutChangedDocuments)
     }
     EXPECT_GT(good, 6000U);
     EXPECT_LT(good, 54000U);
-}
-
-class PolicyStore : public testing::Test
-{
-protected:
-    static bool Store(const std::string& path, const std::string& text,
-                      qord::TSStoreRules rules = {})
-    {
-        std::string error;
-        const int result = qord::TCPolicyStore(path, rules).Store(text, error);
-        EXPECT_EQ(result == qor::POLICY_STORED, error.empty()) << error;
-        return result == qor::POLICY_STORED;
-    }
-
-    // What is wrong with the place; empty where nothing is.
-    static std::string Open(const std::string& path, qord::TSStoreRules rules = {})
-    try
-    {
-        return qord::TCPolicyStore(path, rules).Open();
-    }
-    catch (const std::runtime_error& error)
-    {
-        return std::string("for good: ") + error.what();
-    }
-
-    // The contents of all files.
-    std::multiset<std::string> Contents() const
-    {
-        std::multiset<std::string> contents;
-        for (const auto& entry : fs::directory_iterator(m_directory.Path()))
-        {
-            contents.insert(ReadFile(entry.path().string()));
-        }
-        return contents;
-    }
-
-    TemporaryDirectory m_directory;
-    std::string m_path = m_directory.Path("policy.xml");
-    std::string m_temporary = m_directory.Path(".policy.xml.new");
-};
-
-TEST_F(PolicyStore, ReplacedFileKeepsPermissionsOwnerAndLinks)
-{
-    const std::string real = m_directory.Path("new/real/policy");
-    EXPECT_FALSE(Store(real, "x"));
-    fs::create_symlink("new/real/policy", m_path);
-    EXPECT_EQ(Open(m_path), "");
-    umask(077);
-    EXPECT_TRUE(Store(m_path, "created through the link"));
-    umask(022);
-    struct stat status;
-    ASSERT_EQ(stat(real.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0644U);
-    chmod(real.c_str(), 0460);
-    const bool given = chown(real.c_str(), 12345, 23456) == 0; // for root only
-    EXPECT_TRUE(Store(m_path, "replaced"));
-    ASSERT_EQ(stat(m_path.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0460U);
-    EXPECT_EQ(status.st_uid, given ? 12345 : geteuid());
-    EXPECT_TRUE(fs::is_symlink(m_path));
-}
-
-TEST_F(PolicyStore, TrapsAreNotFollowedAndFilesOfOthersAreLeftAlone)
-{
-    const std::string victim = m_directory.Path("policy.xml.kept-007");
-    WriteFile(victim, "untouched");
-    WriteFile(m_path + ".kept-x", "");
-    fs::create_symlink(victim, m_temporary);
-    EXPECT_TRUE(Store(m_path, "one", {2, 0}));
-    ASSERT_EQ(mkfifo(m_temporary.c_str(), 0600), 0);
-    ASSERT_EQ(mkfifo(m_directory.Path(".policy.xml.old").c_str(), 0600), 0);
-    EXPECT_TRUE(Store(m_path, "two", {2, 0}));
-    EXPECT_TRUE(Store(m_path, "three", {2, 0}));
-    fs::create_hard_link(victim, m_temporary);
-    EXPECT_TRUE(Store(m_path, "four", {2, 0}));
-    EXPECT_EQ(ReadFile(m_path + ".kept-3"), "three");
-    const std::multiset<std::string> all = {"two", "three", "four", "untouched", ""};
-    EXPECT_EQ(Contents(), all);
-    EXPECT_FALSE(Store(m_path, "x", {0, 1000000000})); // MiB that should be free
-    EXPECT_TRUE(Store(m_path, "five"));                // keeps none, and leaves those that are
-    EXPECT_EQ(ReadFile(m_path + ".kept-2") + ReadFile(m_path + ".kept-3"), "twothree");
-    fs::create_directories(m_temporary + "/in-the-way");
-    EXPECT_FALSE(Store(m_path, "x", {3, 0}));
-    EXPECT_EQ(ReadFile(m_path), "five");
-}
-
-TEST_F(PolicyStore, PlacesThatAreNoGoodAreFoundAtOnce)
-{
-    const auto has = [](const std::string& text, const char* part)
-    { return text.find("for good") == 0 && text.find(part) != std::string::npos; };
-    ASSERT_EQ(mkfifo(m_path.c_str(), 0600), 0);
-    EXPECT_TRUE(has(Open(m_path), "not a regular file"));
-    EXPECT_TRUE(has(Open(m_directory.Path()), "not a regular file"));
-    EXPECT_TRUE(has(Open(m_path + "/x"), "Not a directory"));
-    EXPECT_TRUE(has(Open("/proc/none/policy.xml"), "creating the directory"));
-    EXPECT_EQ(std::distance(fs::directory_iterator(m_directory.Path()), {}), 1) << "is made";
-    fs::remove(m_path);
-    EXPECT_NE(Open(m_path, {0, 1000000000}).find("MiB are left"), std::string::npos);
-
-    // Another process has it; one that has ended does not.
-    EXPECT_EQ(Open(m_path), "");
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    const pid_t process = fork();
-    if (process == 0)
-    {
-        qord::TCPolicyStore store(m_path);
-        store.Open();
-        static_cast<void>(!write(ready[1], "", 1));
-        pause();
-    }
-    char byte = 0;
-    EXPECT_EQ(read(ready[0], &byte, 1), 1);
-    EXPECT_TRUE(has(Open(m_path), ("process " + std::to_string(process) + " (").c_str()));
-    kill(process, SIGKILL);
-    waitpid(process, nullptr, 0);
-    EXPECT_EQ(Open(m_path), "");
-}
-
-// What a crash leaves is what a reader would have seen.
-TEST_F(PolicyStore, ReadersAlwaysSeeAWholeText)
-{
-    ASSERT_TRUE(Store(m_path, std::string(200000, 'x')));
-    auto writer = std::async(std::launch::async,
-                             [&]
-                             {
-                                 for (int i = 0; i < 200; ++i)
-                                 {
-                                     EXPECT_TRUE(Store(m_path, std::string(200000, 'x')));
-                                 }
-                             });
-    while (writer.wait_for(std::chrono::seconds(0)) != std::future_status::ready)
-    {
-        EXPECT_EQ(ReadFile(m_path).size(), 200000U);
-    }
 }

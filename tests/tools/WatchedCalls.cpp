@@ -77,6 +77,18 @@ long Step(const TChange& change, long number, TArguments... arguments)
     return result;
 }
 
+// A call that may be refused whatever its number is.
+template <class TChange, class... TArguments>
+int StepUnless(int Watch::*pError, const TChange& change, long number, TArguments... arguments)
+{
+    if (g_pWatch != nullptr && g_pWatch->*pError != 0)
+    {
+        errno = g_pWatch->*pError;
+        return -1;
+    }
+    return static_cast<int>(Step(change, number, arguments...));
+}
+
 } // namespace
 
 void SetWatch(Watch* pWatch)
@@ -107,9 +119,15 @@ extern "C"
     }
     int openat(int directory, const char* name, int flags, ...)
     {
+        struct stat status = {};
+        const bool isThere =
+            syscall(SYS_newfstatat, directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+        const bool isNew = (flags & O_CREAT) != 0 && !isThere;
         const auto result =
-            static_cast<int>(Step(Nothing, SYS_openat, directory, name, flags, 0600));
-        if (result >= 0 && g_pWatch != nullptr && (flags & O_CREAT) != 0)
+            isNew ? StepUnless(&Watch::creationError, Nothing, SYS_openat, directory, name, flags,
+                               0600)
+                  : static_cast<int>(Step(Nothing, SYS_openat, directory, name, flags, 0600));
+        if (result >= 0 && g_pWatch != nullptr && isNew)
         {
             static ino_t last = ino_t(1) << 60;
             g_created[StatusOf(result).st_ino] = ++last;
@@ -127,7 +145,20 @@ extern "C"
     }
     int fchown(int file, uid_t user, gid_t group) noexcept
     {
-        return static_cast<int>(Step(Nothing, SYS_fchown, file, user, group));
+        return StepUnless(&Watch::ownerError, Nothing, SYS_fchown, file, user, group);
+    }
+    ssize_t lgetxattr(const char* path, const char* name, void* pBytes, size_t size) noexcept
+    {
+        return Step(Nothing, SYS_lgetxattr, path, name, pBytes, size);
+    }
+    int fsetxattr(int file, const char* name, const void* pBytes, size_t size, int flags) noexcept
+    {
+        return StepUnless(&Watch::listError, Nothing, SYS_fsetxattr, file, name, pBytes, size,
+                          flags);
+    }
+    int fremovexattr(int file, const char* name) noexcept
+    {
+        return static_cast<int>(Step(Nothing, SYS_fremovexattr, file, name));
     }
     int fchmod(int file, mode_t mode) noexcept
     {
@@ -138,6 +169,11 @@ extern "C"
         const auto data = [&] {
             return Change{Change::DATA, FileOf(file), {}, {static_cast<const char*>(pBytes), size}};
         };
+        if (g_pWatch != nullptr && g_pWatch->fullUntilRemoved > 0)
+        {
+            errno = ENOSPC;
+            return -1;
+        }
         return Step(data, SYS_write, file, pBytes, size);
     }
     int fsync(int file)
@@ -159,7 +195,7 @@ extern "C"
         const auto names = [&] {
             return Change{Change::NAMES, 0, {{newName, FileOf(from, name)}}, ""};
         };
-        return static_cast<int>(Step(names, SYS_linkat, from, name, to, newName, flags));
+        return StepUnless(&Watch::linkError, names, SYS_linkat, from, name, to, newName, flags);
     }
     int renameat(int from, const char* name, int to, const char* newName) noexcept
     {
@@ -168,14 +204,36 @@ extern "C"
         };
         return static_cast<int>(Step(names, SYS_renameat, from, name, to, newName));
     }
+    int renameat2(int from, const char* name, int to, const char* newName,
+                  unsigned int flags) noexcept
+    {
+        const auto names = [&]
+        {
+            return Change{
+                Change::NAMES, 0, {{name, FileOf(to, newName)}, {newName, FileOf(from, name)}}, ""};
+        };
+        return StepUnless(&Watch::exchangeError, names, SYS_renameat2, from, name, to, newName,
+                          flags);
+    }
     int unlinkat(int directory, const char* name, int flags) noexcept
     {
         const auto names = [&] { return Change{Change::NAMES, 0, {{name, 0}}, ""}; };
-        return static_cast<int>(Step(names, SYS_unlinkat, directory, name, flags));
+        if (g_pWatch != nullptr && g_pWatch->fixedName == name)
+        {
+            errno = EPERM;
+            return -1;
+        }
+        const auto result = static_cast<int>(Step(names, SYS_unlinkat, directory, name, flags));
+        if (result == 0 && g_pWatch != nullptr && g_pWatch->fullUntilRemoved > 0)
+        {
+            --g_pWatch->fullUntilRemoved;
+        }
+        return result;
     }
     int fstatvfs(int, struct statvfs* pStatus) noexcept
     {
-        pStatus->f_bavail = pStatus->f_frsize = 1UL << 20;
+        pStatus->f_bavail = g_pWatch == nullptr ? ~0UL : g_pWatch->freeBytes;
+        pStatus->f_frsize = 1;
         return Step(Nothing, SYS_getpid) < 0 ? -1 : 0;
     }
 }

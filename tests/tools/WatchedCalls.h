@@ -33,6 +33,11 @@ struct Watch
     int error = 0;
     bool isForGood = false; // all after it fail too
     int killedBefore = 0, killedAfter = 0;
+    // Of these calls, always; creation is that of files that are not there.
+    int creationError = 0, exchangeError = 0, linkError = 0, ownerError = 0, listError = 0;
+    std::string fixedName;          // cannot be removed
+    unsigned long freeBytes = ~0UL; // of the disk
+    int fullUntilRemoved = 0;       // nothing can be written until so many names are gone
     int steps = 0;
     std::vector<Change> changes;
 };

@@ -4,45 +4,27 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <climits>
 #include <utility>
+
+#include "common/Text.h"
+#include "qord/FileRights.h"
 
 namespace qord
 {
 namespace
 {
 
-constexpr mode_t g_permissionBits = 0777;
+// Of a file's number, in digits.
+constexpr std::size_t MAX_NUMBER_LENGTH = 20;
 
-// A name in the directory that is taken back unless it is kept.
-class TCPassingName
+// The begin of a name that still fits with a number behind it; a long one is told by its hash.
+std::string UnfinishedStart(const std::string& name)
 {
-public:
-    TCPassingName(const TCDirectory& directory, const std::string& name)
-        : m_directory(directory), m_name(name)
-    {
-    }
-
-    ~TCPassingName()
-    {
-        if (!m_isKept)
-        {
-            unlinkat(m_directory.Get(), m_name.c_str(), 0); // else the next Tidy does it
-        }
-    }
-
-    TCPassingName(const TCPassingName&) = delete;
-    TCPassingName& operator=(const TCPassingName&) = delete;
-
-    void Keep()
-    {
-        m_isKept = true;
-    }
-
-private:
-    const TCDirectory& m_directory;
-    const std::string& m_name;
-    bool m_isKept = false;
-};
+    constexpr char end[] = ".new-";
+    const bool fits = name.size() + sizeof end + MAX_NUMBER_LENGTH <= NAME_MAX;
+    return "." + (fits ? name : tools::Sha256(name)) + end;
+}
 
 // The name is always the same, so that what a crash left behind is reused, not collected. Whatever
 // occupies it is removed and never opened: it might be a link or a pipe.
@@ -58,21 +40,8 @@ int Create(const TCDirectory& directory, const std::string& name)
     return descriptor;
 }
 
-void TakeAfter(int file, const struct stat* pReplaced)
-{
-    // Only a privileged process may keep another owner; for the others the file is theirs.
-    if (pReplaced != nullptr && fchown(file, pReplaced->st_uid, pReplaced->st_gid) != 0 &&
-        errno != EPERM)
-    {
-        Fail("setting the owner");
-    }
-    if (fchmod(file, pReplaced == nullptr ? 0644 : pReplaced->st_mode & g_permissionBits) != 0)
-    {
-        Fail("setting the permissions");
-    }
-}
-
-void Write(TCDescriptor& file, std::string_view text)
+// Writes the text to the disk.
+struct stat Write(TCDescriptor& file, std::string_view text)
 {
     for (std::size_t written = 0; written < text.size();)
     {
@@ -87,88 +56,67 @@ void Write(TCDescriptor& file, std::string_view text)
     {
         Fail("syncing the new file");
     }
-    if (!file.Close())
+    struct stat status;
+    if (fstat(file.Get(), &status) != 0 || !file.Close())
     {
         Fail("closing the new file");
     }
+    return status;
 }
 
 // Not every file system has links, and the owner of a protected file may be the only one to make
 // them.
-bool IsRefusedForGood(int code)
+bool HasNoLinks(int code)
 {
-    return code == EPERM || code == EOPNOTSUPP || code == ENOSYS || code == EMLINK;
+    return code == EPERM || code == EOPNOTSUPP || code == ENOSYS || code == EMLINK ||
+           code == EEXIST;
 }
 
 } // namespace
 
+// A name in the directory that is taken back unless it is kept.
+class TCAtomicFile::TCPassingName
+{
+public:
+    TCPassingName(const TCDirectory& directory, std::string name)
+        : m_directory(directory), m_name(std::move(name))
+    {
+    }
+
+    ~TCPassingName()
+    {
+        if (!m_isKept)
+        {
+            unlinkat(m_directory.Get(), m_name.c_str(), 0); // else the next Tidy does it
+        }
+    }
+
+    TCPassingName(const TCPassingName&) = delete;
+    TCPassingName& operator=(const TCPassingName&) = delete;
+
+    const std::string& Get() const
+    {
+        return m_name;
+    }
+
+    std::string Keep()
+    {
+        m_isKept = true;
+        return m_name;
+    }
+
+private:
+    const TCDirectory& m_directory;
+    std::string m_name;
+    bool m_isKept = false;
+};
+
 TCAtomicFile::TCAtomicFile(const TCDirectory& directory, std::string name)
     : m_directory(directory),
       m_name(std::move(name)),
-      m_unfinished("." + m_name + ".new"),
+      m_unfinished(UnfinishedStart(m_name)),
       m_former("." + m_name + ".old")
 {
-}
-
-void TCAtomicFile::Probe(bool needsFormer) const
-{
-    struct stat status;
-    const bool isThere = Look(status);
-    TCDescriptor file(Create(m_directory, m_unfinished));
-    const TCPassingName unfinished(m_directory, m_unfinished);
-    if (needsFormer)
-    {
-        m_directory.Link(isThere ? m_name : m_unfinished, m_former);
-        m_directory.Remove(m_former);
-    }
-}
-
-bool TCAtomicFile::Tidy() const
-{
-    m_directory.Remove(m_unfinished);
-    struct stat former;
-    if (!m_directory.Look(m_former, former))
-    {
-        return false;
-    }
-    struct stat present;
-    const bool isReplaced = !m_directory.Look(m_name, present) || present.st_ino != former.st_ino ||
-                            present.st_dev != former.st_dev;
-    if (isReplaced && S_ISREG(former.st_mode))
-    {
-        return true;
-    }
-    m_directory.Remove(m_former);
-    return false;
-}
-
-void TCAtomicFile::Replace(std::string_view text, bool needsFormer) const
-{
-    struct stat status;
-    const bool isThere = Look(status);
-    TCDescriptor file(Create(m_directory, m_unfinished));
-    TCPassingName unfinished(m_directory, m_unfinished);
-    TakeAfter(file.Get(), isThere ? &status : nullptr);
-    Write(file, text);
-
-    const bool isLinked = isThere && m_LinkFormer(needsFormer);
-    TCPassingName former(m_directory, m_former);
-    if (isLinked && needsFormer)
-    {
-        m_directory.Sync(); // else a crash could keep the new name and lose this one
-    }
-    m_directory.Rename(m_unfinished, m_name);
-    unfinished.Keep();
-    former.Keep();
-    try
-    {
-        m_directory.Sync();
-    }
-    catch (const TCFileError& error)
-    {
-        m_PutBack(isThere, isLinked, error);
-        throw;
-    }
 }
 
 bool TCAtomicFile::Look(struct stat& status) const
@@ -181,7 +129,114 @@ bool TCAtomicFile::Look(struct stat& status) const
     return isThere;
 }
 
-bool TCAtomicFile::m_LinkFormer(bool needsFormer) const
+void TCAtomicFile::Probe() const
+{
+    struct stat status;
+    const bool isThere = Look(status);
+    const TCPassingName unfinished(m_directory, m_UnfinishedName(isThere ? &status : nullptr));
+    const TCDescriptor file(Create(m_directory, unfinished.Get()));
+}
+
+std::vector<std::string> TCAtomicFile::Tidy(std::string& warning) const
+{
+    struct stat present;
+    const bool isThere = m_directory.Look(m_name, present);
+    std::vector<std::string> formers;
+    for (const std::string& name : m_directory.List())
+    {
+        struct stat status;
+        const bool isUnfinished = name.compare(0, m_unfinished.size(), m_unfinished) == 0;
+        if ((!isUnfinished && name != m_former) || !m_directory.Look(name, status))
+        {
+            continue;
+        }
+        const bool isFormer = S_ISREG(status.st_mode) &&
+                              !(isThere && status.st_ino == present.st_ino) &&
+                              (!isUnfinished || name == m_UnfinishedName(&status));
+        try
+        {
+            isFormer ? formers.push_back(name) : m_directory.Remove(name);
+        }
+        catch (const TCFileError& error)
+        {
+            AddWarning(warning, error.what());
+        }
+    }
+    return formers;
+}
+
+TSReplaced TCAtomicFile::Replace(std::string_view text, bool isRestricted, bool needsFormer,
+                                 const TBeforehand& beforehand) const
+{
+    struct stat status;
+    const bool isThere = Look(status);
+    const struct stat* pReplaced = isThere ? &status : nullptr;
+    TSReplaced replaced;
+    TCPassingName unfinished(m_directory, m_UnfinishedName(pReplaced));
+    TCDescriptor file(Create(m_directory, unfinished.Get()));
+    replaced.m_warning = TakeRights(m_directory, file.Get(), m_name, pReplaced, isRestricted);
+    beforehand(Write(file, text));
+    if (!isThere)
+    {
+        m_directory.Rename(unfinished.Get(), m_name);
+        m_SyncOrTakeBack(unfinished, [this] { m_directory.Remove(m_name); });
+        return replaced;
+    }
+    replaced.m_former = m_directory.Exchange(unfinished.Get(), m_name)
+                            ? m_Swap(unfinished)
+                            : m_LinkAndRename(unfinished, needsFormer);
+    if (needsFormer && replaced.m_former.empty())
+    {
+        AddWarning(replaced.m_warning, "the replaced policy is not kept: names can neither be "
+                                       "exchanged nor linked here");
+    }
+    return replaced;
+}
+
+// The number of what it is written to replace, so that it is known from what it has replaced. A
+// file system that numbers its files anew each time it is mounted, as FAT does, has a former file
+// taken for one that is not finished, if it was cut off from its power just then.
+std::string TCAtomicFile::m_UnfinishedName(const struct stat* pReplaced) const
+{
+    return m_unfinished + std::to_string(pReplaced == nullptr ? 0 : pReplaced->st_ino);
+}
+
+// @return where the former file is
+std::string TCAtomicFile::m_Swap(TCPassingName& unfinished) const
+{
+    m_SyncOrTakeBack(unfinished,
+                     [this, &unfinished]
+                     {
+                         if (!m_directory.Exchange(unfinished.Get(), m_name))
+                         {
+                             throw TCFileError("the names cannot be exchanged again", EPERM);
+                         }
+                     });
+    return unfinished.Keep();
+}
+
+std::string TCAtomicFile::m_LinkAndRename(TCPassingName& unfinished, bool needsFormer) const
+{
+    const bool isLinked = m_LinkFormer();
+    TCPassingName former(m_directory, isLinked ? m_former : unfinished.Get());
+    if (isLinked && needsFormer)
+    {
+        m_directory.Sync(); // else a crash could keep the new name and lose this one
+    }
+    m_directory.Rename(unfinished.Get(), m_name);
+    m_SyncOrTakeBack(former,
+                     [this, isLinked]
+                     {
+                         if (!isLinked)
+                         {
+                             throw TCFileError("it has no other name", EPERM);
+                         }
+                         m_directory.Rename(m_former, m_name);
+                     });
+    return isLinked ? former.Keep() : "";
+}
+
+bool TCAtomicFile::m_LinkFormer() const
 {
     try
     {
@@ -190,7 +245,7 @@ bool TCAtomicFile::m_LinkFormer(bool needsFormer) const
     }
     catch (const TCFileError& error)
     {
-        if (needsFormer || !IsRefusedForGood(error.Code()))
+        if (!HasNoLinks(error.Code()))
         {
             throw;
         }
@@ -199,30 +254,39 @@ bool TCAtomicFile::m_LinkFormer(bool needsFormer) const
 }
 
 // Nothing is removed where that fails: either text may be what the next start should find.
-void TCAtomicFile::m_PutBack(bool isThere, bool isLinked, const TCFileError& reason) const
+void TCAtomicFile::m_SyncOrTakeBack(TCPassingName& name,
+                                    const std::function<void()>& takeBack) const
 {
-    if (isThere && !isLinked)
-    {
-        throw TCStateUnknown(reason.what(), reason.Code());
-    }
     try
     {
-        if (isThere)
-        {
-            m_directory.Rename(m_former, m_name);
-        }
-        else
-        {
-            m_directory.Remove(m_name);
-        }
         m_directory.Sync();
     }
-    catch (const TCFileError& error)
+    catch (const TCFileError& reason)
     {
-        throw TCStateUnknown(std::string(reason.what()) +
-                                 "; putting the old one back: " + error.what(),
-                             reason.Code());
+        try
+        {
+            takeBack();
+            m_directory.Sync();
+        }
+        catch (const TCFileError& error)
+        {
+            name.Keep();
+            throw TCStateUnknown(std::string(reason.what()) +
+                                     "; putting the old one back: " + error.what(),
+                                 reason.Code());
+        }
+        throw;
     }
+}
+
+void ReplaceFile(const TCDirectory& directory, const std::string& name, std::string_view text,
+                 bool isRestricted)
+{
+    const std::string unfinished = "." + name + ".new";
+    TCDescriptor file(Create(directory, unfinished));
+    TakeRights(directory, file.Get(), name, nullptr, isRestricted);
+    Write(file, text);
+    directory.Rename(unfinished, name);
 }
 
 } // namespace qord

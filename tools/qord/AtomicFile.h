@@ -2,8 +2,10 @@
 #ifndef QORD_ATOMICFILE_H
 #define QORD_ATOMICFILE_H
 
+#include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "qord/Directory.h"
 #include "qord/FileError.h"
@@ -18,9 +20,18 @@ public:
     using TCFileError::TCFileError;
 };
 
-/// A reader, and a crash at any moment, find either the old or the new text, whole. While it is
-/// replaced, two more names stand beside it: .NAME.new, what is being written, and .NAME.old, a
-/// link to the former file. The directory must outlive this object.
+/// What has become of the file that was replaced.
+struct TSReplaced
+{
+    std::string m_former;  ///< Its name now; empty where there was none, or it has none any more.
+    std::string m_warning; ///< What could not be kept of it, in words, or empty.
+};
+
+/// A reader, and a crash at any moment, find either the old or the new text, whole. What is being
+/// written stands beside the file, as .NAME.new-N, and then exchanges names with it, so that the
+/// old file is there in its turn. N is the old file's own number in the file system: it tells the
+/// two apart, whatever a crash has left. Where names cannot be exchanged, the old file is kept by a
+/// link, .NAME.old. The directory must outlive this object.
 class TCAtomicFile
 {
 public:
@@ -34,40 +45,51 @@ public:
     /// Tries in the directory what Replace needs, and leaves nothing.
     ///
     /// @throws TCFileError
-    void Probe(bool needsFormer) const;
+    void Probe() const;
 
-    /// Removes what an interrupted Replace has left, except for a former file that a new one has
-    /// indeed replaced: that is the caller's to keep or to remove.
+    /// Removes what an interrupted Replace has left, except for former files that a new one has
+    /// indeed replaced: those are the caller's to keep or to remove.
     ///
-    /// @return whether there is one, under the name Former
+    /// @param warning  what could not be removed is added here
+    ///
+    /// @return their names
     /// @throws TCFileError
-    bool Tidy() const;
+    std::vector<std::string> Tidy(std::string& warning) const;
 
-    const std::string& Former() const
-    {
-        return m_former;
-    }
+    /// Gets the new file, which is on the disk and not yet in force.
+    using TBeforehand = std::function<void(const struct stat& file)>;
 
-    /// Returns when the text is on the disk. The new file has the permissions of the one that it
-    /// replaces, and its owner where the process may give files away; 0644 where there is none.
-    /// What it has replaced is left under the name Former, if the file system has links.
+    /// Returns when the text is on the disk. The new file has the rights of the one that it
+    /// replaces (see TakeRights).
     ///
-    /// @param needsFormer  replace nothing where the former file cannot be linked; its link is on
-    ///                     the disk before the new file takes the name
+    /// @param needsFormer  not to be left without the former file by a crash, where that can be had
     ///
     /// @throws TCFileError     the old file is in place, also after a crash
     /// @throws TCStateUnknown  it may not be
-    void Replace(std::string_view text, bool needsFormer) const;
+    TSReplaced Replace(std::string_view text, bool isRestricted, bool needsFormer,
+                       const TBeforehand& beforehand) const;
 
 private:
-    bool m_LinkFormer(bool needsFormer) const;
-    void m_PutBack(bool isThere, bool isLinked, const TCFileError& reason) const;
+    class TCPassingName;
+
+    std::string m_UnfinishedName(const struct stat* pReplaced) const;
+    std::string m_Swap(TCPassingName& unfinished) const;
+    std::string m_LinkAndRename(TCPassingName& unfinished, bool needsFormer) const;
+    bool m_LinkFormer() const;
+    void m_SyncOrTakeBack(TCPassingName& name, const std::function<void()>& takeBack) const;
 
     const TCDirectory& m_directory;
     std::string m_name;
-    std::string m_unfinished;
+    std::string m_unfinished; ///< The begin of its name.
     std::string m_former;
 };
+
+/// The same for a file that needs no way back. Its text is on the disk; that it has the name is
+/// with the directory's next sync.
+///
+/// @throws TCFileError the old file is in place
+void ReplaceFile(const TCDirectory& directory, const std::string& name, std::string_view text,
+                 bool isRestricted);
 
 } // namespace qord
 

@@ -6,6 +6,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <memory>
 #include <utility>
 
@@ -71,6 +72,19 @@ void TCDirectory::Rename(const std::string& from, const std::string& to) const
     }
 }
 
+bool TCDirectory::Exchange(const std::string& one, const std::string& other) const
+{
+    if (renameat2(Get(), one.c_str(), Get(), other.c_str(), RENAME_EXCHANGE) == 0)
+    {
+        return true;
+    }
+    if (errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP && errno != EPERM)
+    {
+        Fail("exchanging " + one + " with " + other);
+    }
+    return false;
+}
+
 void TCDirectory::Remove(const std::string& name) const
 {
     if (unlinkat(Get(), name.c_str(), 0) != 0 && errno != ENOENT)
@@ -109,6 +123,37 @@ std::vector<std::string> TCDirectory::List() const
         Fail("listing the directory");
     }
     return names;
+}
+
+bool TCDirectory::Read(const std::string& name, std::string& text, std::size_t maxSize,
+                       std::string& error) const
+{
+    const TCDescriptor file(
+        openat(Get(), name.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+    char buffer[65536];
+    ssize_t count = 0;
+    text.clear();
+    while (file.Get() >= 0 && text.size() <= maxSize &&
+           (count = read(file.Get(), buffer, sizeof buffer)) > 0)
+    {
+        text.append(buffer, static_cast<std::size_t>(count));
+    }
+    if (file.Get() < 0 || count < 0)
+    {
+        error = errno == ENOENT ? "" : std::generic_category().message(errno);
+        return false;
+    }
+    if (text.size() > maxSize)
+    {
+        error = "it is larger than " + std::to_string(maxSize) + " bytes";
+        return false;
+    }
+    return true;
+}
+
+std::string TCDirectory::PathOf(const std::string& name) const
+{
+    return "/proc/self/fd/" + std::to_string(Get()) + "/" + name;
 }
 
 std::uint64_t TCDirectory::FreeSpace() const

@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -52,6 +53,11 @@ public:
     void Link(const std::string& from, const std::string& to) const;
     void Rename(const std::string& from, const std::string& to) const;
 
+    /// Two files change their names in one step.
+    ///
+    /// @return false where the file system or the kernel has no such step, or a filter refuses it
+    bool Exchange(const std::string& one, const std::string& other) const;
+
     /// A file, a link, a pipe; not a directory. That there is none is fine.
     void Remove(const std::string& name) const;
 
@@ -59,6 +65,17 @@ public:
     void Sync() const;
 
     std::vector<std::string> List() const;
+
+    /// Reads a file of that name. Whoever may write here cannot make the reader wait, or have it
+    /// read what stands elsewhere.
+    ///
+    /// @return false, with the reason in error, when it cannot be read or is larger than that; with
+    ///         an empty one when there is none
+    bool Read(const std::string& name, std::string& text, std::size_t maxSize,
+              std::string& error) const;
+
+    /// For calls that take nothing but a path; of the directory as it was opened too.
+    std::string PathOf(const std::string& name) const;
 
     /// For this process, in bytes.
     std::uint64_t FreeSpace() const;

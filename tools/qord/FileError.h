@@ -30,6 +30,18 @@ private:
     throw TCFileError(doing + ": " + std::generic_category().message(code), code);
 }
 
+/// Of a file system, or of what the process may have of it.
+inline bool IsFull(int code)
+{
+    return code == ENOSPC || code == EDQUOT;
+}
+
+/// Adds to what went wrong and did no harm to the policy.
+inline void AddWarning(std::string& warnings, const std::string& more)
+{
+    warnings += (warnings.empty() || more.empty() ? "" : "; ") + more;
+}
+
 } // namespace qord
 
 #endif

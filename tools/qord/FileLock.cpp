@@ -63,4 +63,12 @@ TCFileLock::TCFileLock(const TCDirectory& directory, const std::string& name)
     throw TCFileError(Holder(status.st_ino) + " keeps this file", EBUSY);
 }
 
+bool TCFileLock::IsOf(const TCDirectory& directory, const std::string& name) const
+{
+    struct stat mine;
+    struct stat present;
+    return fstat(m_file.Get(), &mine) == 0 && directory.Look(name, present) &&
+           mine.st_ino == present.st_ino && mine.st_dev == present.st_dev;
+}
+
 } // namespace qord

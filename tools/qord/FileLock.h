@@ -17,6 +17,10 @@ public:
     /// @throws TCFileError where another process, which is named, holds it, or it cannot be had
     TCFileLock(const TCDirectory& directory, const std::string& name);
 
+    /// Whether that is still the file that is locked: another directory may have taken the place of
+    /// the one in which it was.
+    bool IsOf(const TCDirectory& directory, const std::string& name) const;
+
 private:
     TCDescriptor m_file;
 };

@@ -61,6 +61,7 @@ std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitSta
     {
         return std::nullopt;
     }
+    options.m_storeRules.m_isRestricted = options.m_permission.m_restrictReading;
     if (*QOR_ADMIN_GROUP != '\0')
     {
         options.m_permission.m_ownGroup = QOR_ADMIN_GROUP;

@@ -17,7 +17,7 @@ struct TSOptions
 {
     std::string m_policyFile; ///< Empty: where the platform has its policy.
     std::size_t m_maxPolicySize = tools::MAX_POLICY_SIZE;
-    TSStoreRules m_storeRules = {5, 0};
+    TSStoreRules m_storeRules = {5, 0, false};
     TSPermissionRules m_permission;
     bool m_testNames = false;
     int m_eventTimeoutMs = 2000;

@@ -14,24 +14,30 @@ namespace qord
 
 /// The kept copies of one policy file: NAME.kept-1, NAME.kept-2 and so on, beside it. Numbers rise
 /// and tell the age; clocks do not. A copy is the old file itself, under another name. Files of
-/// other names are nobody's business here, and with a limit of 0 neither are these.
+/// other names, of numbers that nobody could ask for, and what is no file, are nobody's business
+/// here, and with a limit of 0 neither are these.
 ///
-/// The directory must outlive this object. Everything throws TCFileError.
+/// The directory must outlive this object. TCFileError is thrown where it cannot be read.
 class TCPolicyCopies
 {
 public:
     TCPolicyCopies(const TCDirectory& directory, std::string policyName, std::size_t limit);
 
     /// Gives a file in the directory the next number, and removes the oldest over the limit first.
-    void Keep(const std::string& name) const;
+    /// One that can have no name as a copy is removed.
+    ///
+    /// @return what could not be done, or empty
+    std::string Keep(const std::string& name) const;
 
     /// Removes the oldest over the limit.
-    void Trim() const;
-
-    /// Removes already now what the next Keep would remove.
     ///
-    /// @return false when there was nothing to remove
-    bool MakeRoom() const;
+    /// @return what could not be done, or empty
+    std::string Trim() const;
+
+    /// Removes the oldest, on a disk that is full; none of them where even all would not do.
+    ///
+    /// @return false when nothing has been removed
+    bool MakeRoom(std::uint64_t bytes) const;
 
     using TNumbers = std::vector<std::uint64_t>;
 
@@ -42,7 +48,8 @@ public:
     std::string NameOf(std::uint64_t number) const;
 
 private:
-    bool m_RemoveOldest(const TNumbers& numbers, std::size_t left) const;
+    TNumbers m_Taken() const;
+    std::string m_RemoveOldest(std::size_t left) const;
 
     const TCDirectory& m_directory;
     std::string m_start; ///< Of the names.

@@ -89,10 +89,15 @@ TCPolicyHandler::TCPolicyHandler(TCPolicyStore store, std::size_t maxPolicySize)
 
 void TCPolicyHandler::Open()
 {
-    std::string error = m_store.Open();
+    std::string warning;
+    std::string error = m_store.Open(warning);
     if (!error.empty())
     {
         ReportError("nothing can be stored at the moment: %s", error.c_str());
+    }
+    if (!warning.empty())
+    {
+        ReportError("beside the policy, not all is well: %s", warning.c_str());
     }
     std::string policy;
     error.clear();
@@ -158,27 +163,23 @@ int TCPolicyHandler::m_CheckAndStore(const TCAttempt& attempt)
 
 int TCPolicyHandler::m_Store(const TCAttempt& attempt)
 {
-    std::string error;
-    const qor::EPolicyResult result = m_store.Store(attempt.Policy(), error);
-    if (result != qor::POLICY_STORED)
+    const TSStoreOutcome outcome = m_store.Store(
+        attempt.Policy(), [this, &attempt](const struct stat& file)
+        { m_history.Remember(m_store, file, attempt.Hash(), attempt.Asker().m_sender); });
+    if (outcome.m_result != qor::POLICY_STORED)
     {
-        attempt.Report(result, (result == qor::POLICY_STATE_UNKNOWN
-                                    ? "may be in force, or the one before it: "
-                                    : "could not be stored: ") +
-                                   error);
-        return result;
+        attempt.Report(outcome.m_result, (outcome.m_result == qor::POLICY_STATE_UNKNOWN
+                                              ? "may be in force, or the one before it: "
+                                              : "could not be stored: ") +
+                                             outcome.m_words);
+        return outcome.m_result;
     }
-    attempt.Report(result, "is stored");
-    if (!error.empty())
+    attempt.Report(outcome.m_result, outcome.m_wasInForce ? "is in force already" : "is stored");
+    if (!outcome.m_words.empty())
     {
-        ReportError("cleaning up, which the next policy tries again: %s", error.c_str());
+        ReportError("beside the policy, not all is well: %s", outcome.m_words.c_str());
     }
-    error = m_history.Remember(m_store, attempt.Hash(), attempt.Asker().m_sender);
-    if (!error.empty())
-    {
-        ReportError("who has set the policy is not kept: %s", error.c_str());
-    }
-    return result;
+    return outcome.m_result;
 }
 
 } // namespace qord

@@ -15,7 +15,6 @@ namespace
 
 using TJson = nlohmann::json;
 
-constexpr char SUFFIX[] = ".history";
 constexpr std::size_t MAX_POLICY_SIZE = std::size_t{64} * 1024 * 1024; // more fits into no message
 constexpr std::size_t MAX_SIZE = std::size_t{1024} * 1024;
 
@@ -52,7 +51,7 @@ try
 {
     m_records.clear();
     std::string text;
-    if (!store.ReadBeside(SUFFIX, text, MAX_SIZE))
+    if (!store.ReadRecord(text, MAX_SIZE))
     {
         return;
     }
@@ -61,7 +60,8 @@ try
         TSRecord record;
         record.m_inode = json.at("inode").get<std::uint64_t>();
         record.m_size = json.at("bytes").get<std::int64_t>();
-        record.m_written = json.at("written_ns").get<std::int64_t>();
+        record.m_written = json.at("written").get<std::int64_t>();
+        record.m_nanoseconds = json.at("written_ns").get<std::int64_t>();
         record.m_entry = {json.at("sha256").get<std::string>(), SetterOf(json.at("set_by"))};
         m_records.push_back(std::move(record));
     }
@@ -71,64 +71,76 @@ catch (const TJson::exception&)
     m_records.clear();
 }
 
-std::string TCPolicyHistory::Remember(const TCPolicyStore& store, const std::string& sha256,
-                                      const std::optional<TSSender>& setter)
+void TCPolicyHistory::Remember(const TCPolicyStore& store, const struct stat& file,
+                               const std::string& sha256, const std::optional<TSSender>& setter)
 {
     std::vector<TSRecord> present;
     for (const TSStoredPolicy& policy : store.List())
     {
-        const TSRecord* pKnown = m_Find(policy);
-        if (policy.m_number == 0)
+        const TSEntry entry = Find(store, policy);
+        if (!entry.m_sha256.empty())
         {
-            present.push_back(m_RecordOf(policy));
-            present.back().m_entry = {sha256, setter};
-        }
-        else if (pKnown != nullptr)
-        {
-            present.push_back(*pKnown);
+            present.push_back(m_RecordOf(policy.m_status));
+            present.back().m_entry = entry;
         }
     }
+    present.push_back(m_RecordOf(file));
+    present.back().m_entry = {sha256, setter};
     m_records = std::move(present);
-    return store.WriteBeside(SUFFIX, m_ToText());
+    store.WriteRecord(m_ToText());
 }
 
 TCPolicyHistory::TSEntry TCPolicyHistory::Find(const TCPolicyStore& store,
                                                const TSStoredPolicy& policy)
 {
-    if (const TSRecord* pKnown = m_Find(policy))
+    TSRecord record = m_RecordOf(policy.m_status);
+    if (const TSRecord* pKnown = m_FindFile(record))
     {
         return pKnown->m_entry;
     }
-    TSRecord record = m_RecordOf(policy);
     std::string text;
     std::string error;
     if (store.Read(policy.m_number, text, MAX_POLICY_SIZE, error))
     {
         record.m_entry.m_sha256 = tools::Sha256(text);
+        if (const TSRecord* pKnown = m_FindText(record))
+        {
+            record.m_entry = pKnown->m_entry;
+        }
         m_records.push_back(record);
     }
     return record.m_entry;
 }
 
-TCPolicyHistory::TSRecord TCPolicyHistory::m_RecordOf(const TSStoredPolicy& policy)
+TCPolicyHistory::TSRecord TCPolicyHistory::m_RecordOf(const struct stat& file)
 {
-    constexpr std::int64_t nanoseconds = 1000000000;
-    const struct stat& status = policy.m_status;
     TSRecord record;
-    record.m_inode = status.st_ino;
-    record.m_size = status.st_size;
-    record.m_written = status.st_mtim.tv_sec * nanoseconds + status.st_mtim.tv_nsec;
+    record.m_inode = file.st_ino;
+    record.m_size = file.st_size;
+    record.m_written = file.st_mtim.tv_sec;
+    record.m_nanoseconds = file.st_mtim.tv_nsec;
     return record;
 }
 
-TCPolicyHistory::TSRecord* TCPolicyHistory::m_Find(const TSStoredPolicy& policy)
+const TCPolicyHistory::TSRecord* TCPolicyHistory::m_FindFile(const TSRecord& wanted) const
 {
-    const TSRecord wanted = m_RecordOf(policy);
     const auto found = std::find_if(m_records.begin(), m_records.end(),
                                     [&wanted](const TSRecord& record)
                                     {
                                         return record.m_inode == wanted.m_inode &&
                                                record.m_size == wanted.m_size &&
+                                               record.m_written == wanted.m_written &&
+                                               record.m_nanoseconds == wanted.m_nanoseconds;
+                                    });
+    return found == m_records.end() ? nullptr : &*found;
+}
+
+const TCPolicyHistory::TSRecord* TCPolicyHistory::m_FindText(const TSRecord& wanted) const
+{
+    const auto found = std::find_if(m_records.begin(), m_records.end(),
+                                    [&wanted](const TSRecord& record)
+                                    {
+                                        return record.m_entry.m_sha256 == wanted.m_entry.m_sha256 &&
                                                record.m_written == wanted.m_written;
                                     });
     return found == m_records.end() ? nullptr : &*found;
@@ -141,7 +153,8 @@ std::string TCPolicyHistory::m_ToText() const
     {
         all.push_back({{"inode", record.m_inode},
                        {"bytes", record.m_size},
-                       {"written_ns", record.m_written},
+                       {"written", record.m_written},
+                       {"written_ns", record.m_nanoseconds},
                        {"sha256", record.m_entry.m_sha256},
                        {"set_by", ToJson(record.m_entry.m_setter)}});
     }

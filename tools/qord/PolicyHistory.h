@@ -14,9 +14,10 @@ namespace qord
 {
 
 /// Kept in a file of its own beside the policy, NAME.history. Policies and kept copies are the same
-/// files under changing names: an entry knows its file by inode, size and time of writing, so that
-/// one that somebody else has put there has no entry. Without the file, or where it is broken, only
-/// these words are missing.
+/// files under changing names: an entry knows its file by number, size and time of writing, so that
+/// one that somebody else has put there has no entry. Files that were carried elsewhere, with
+/// another disk or in an archive, have new numbers: they are known by their text and the second in
+/// which it was written. Without the record, or where it is broken, only these words are missing.
 class TCPolicyHistory
 {
 public:
@@ -29,11 +30,14 @@ public:
     /// Replaces what is remembered by what the file has.
     void Load(const TCPolicyStore& store);
 
-    /// Remembers who has set the policy that is in force now, and forgets those that are gone.
+    /// Remembers who has set the policy that will be in force in a moment, and forgets those that
+    /// are gone.
     ///
-    /// @return what has gone wrong, or empty
-    std::string Remember(const TCPolicyStore& store, const std::string& sha256,
-                         const std::optional<TSSender>& setter);
+    /// @param file  that policy's
+    ///
+    /// @throws TCFileError  where that could not be written
+    void Remember(const TCPolicyStore& store, const struct stat& file, const std::string& sha256,
+                  const std::optional<TSSender>& setter);
 
     /// What is known of one file; reads it for its hash where that is not.
     TSEntry Find(const TCPolicyStore& store, const TSStoredPolicy& policy);
@@ -43,12 +47,14 @@ private:
     {
         std::uint64_t m_inode = 0;
         std::int64_t m_size = 0;
-        std::int64_t m_written = 0; ///< Nanoseconds.
+        std::int64_t m_written = 0;     ///< Seconds,
+        std::int64_t m_nanoseconds = 0; ///< and their fraction, which archives forget.
         TSEntry m_entry;
     };
 
-    static TSRecord m_RecordOf(const TSStoredPolicy& policy);
-    TSRecord* m_Find(const TSStoredPolicy& policy);
+    static TSRecord m_RecordOf(const struct stat& file);
+    const TSRecord* m_FindFile(const TSRecord& wanted) const;
+    const TSRecord* m_FindText(const TSRecord& wanted) const;
     std::string m_ToText() const;
 
     std::vector<TSRecord> m_records;

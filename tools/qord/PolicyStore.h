@@ -2,8 +2,6 @@
 #ifndef QORD_POLICYSTORE_H
 #define QORD_POLICYSTORE_H
 
-#include <sys/stat.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -14,22 +12,19 @@
 #include <qor/PolicyMessage.h>
 
 #include "qord/FileLock.h"
+#include "qord/PolicyPlace.h"
 
 namespace qord
 {
 
-struct TSStoreRules
+/// What has come of a policy.
+struct TSStoreOutcome
 {
-    unsigned int m_copies = 0; ///< How many of the replaced policies to keep.
-    unsigned int m_minFreeMiB =
-        0; ///< With less space than that left nothing is stored; 0: no limit.
-};
-
-/// The policy in force, or a kept one.
-struct TSStoredPolicy
-{
-    std::uint64_t m_number = 0; ///< 0: the one in force.
-    struct stat m_status = {};
+    /// POLICY_STORED; POLICY_NOT_STORED: the old file is in place, and the kept ones too, on a full
+    /// disk but for those that would have gone; POLICY_STATE_UNKNOWN
+    qor::EPolicyResult m_result = qor::POLICY_NOT_STORED;
+    bool m_wasInForce = false; ///< The very same text: nothing has been written.
+    std::string m_words; ///< Why it is not stored; where it is, what else went wrong, or empty.
 };
 
 /// Replaces the policy file in one step: a reader, and a crash at any moment, find either the old
@@ -42,9 +37,11 @@ public:
     /// Creates the file's directory if there is none, takes the file for this process, ends what a
     /// crash has interrupted, and tries what storing needs.
     ///
+    /// @param warning  what went wrong and keeps no policy from being stored, or empty
+    ///
     /// @return why nothing could be stored just now, though it may later; empty when it could
     /// @throws std::runtime_error where nothing could ever be stored, with the reason
-    std::string Open();
+    std::string Open(std::string& warning);
 
     /// Reads the policy that is in force, or the kept one of that number.
     ///
@@ -57,27 +54,26 @@ public:
     /// there are any; empty where the directory cannot be read.
     std::vector<TSStoredPolicy> List() const;
 
-    /// Reads another file of the service's, the policy's name with a suffix, and ends what a crash
-    /// has interrupted there.
+    /// Reads the record, FILE.history beside the policy.
     ///
     /// @return false when there is none, or it cannot be read or is larger than that
-    bool ReadBeside(const std::string& suffix, std::string& text, std::size_t maxSize) const;
+    bool ReadRecord(std::string& text, std::size_t maxSize) const;
 
-    /// Replaces that file as the policy is replaced.
+    /// Replaces the record in one step. It is on the disk when the next policy is.
     ///
-    /// @return what has gone wrong, or empty
-    std::string WriteBeside(const std::string& suffix, const std::string& text) const;
+    /// @throws TCFileError
+    void WriteRecord(const std::string& text) const;
+
+    /// Gets the file that is about to be the policy, so that the record tells of it before it is in
+    /// force. Where it throws TCFileError, the policy is stored all the same.
+    using TRecorder = TCPolicyPlace::TRecorder;
 
     /// Returns when the text is on the disk.
-    ///
-    /// @param error  the reason, where the result is not POLICY_STORED; else what could not be
-    ///               cleaned up, which the next Store tries again, or empty
-    ///
-    /// @return POLICY_STORED; POLICY_NOT_STORED: the old file is in place, and the kept ones too
-    ///         (on a full disk, but for the one that would have gone); POLICY_STATE_UNKNOWN
-    qor::EPolicyResult Store(std::string_view text, std::string& error) const;
+    TSStoreOutcome Store(std::string_view text, const TRecorder& recorder = nullptr);
 
 private:
+    void m_TakeLock(const TCPolicyPlace& place);
+
     std::string m_path;
     TSStoreRules m_rules;
     std::unique_ptr<TCFileLock> m_lock;

@@ -1,0 +1,157 @@
+// The policy store where something cannot be done, or needs not be.
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "PolicyStoreCrash.h"
+
+using namespace qortest;
+
+class PolicyStoreDisk : public PolicyStoreCrash
+{
+};
+
+INSTANTIATE_TEST_SUITE_P(Keep, PolicyStoreDisk,
+                         testing::Values(Kind{0, 0}, Kind{2, 0}, Kind{0, EINVAL}, Kind{2, EINVAL}));
+
+// For whoever puts it there by hand, or sets it again because the answer was not sure.
+TEST_P(PolicyStoreDisk, WhatIsInForceAlreadyIsOnlySynced)
+{
+    const std::string policy = m_pDirectory->Path(POLICY);
+    WriteFile(policy, NEW);
+    const Disk before = Read();
+    for (int i = 0; i < 3; ++i)
+    {
+        Watch watch;
+        EXPECT_EQ(Store(NEW, &watch), qor::POLICY_STORED);
+        EXPECT_TRUE(m_outcome.m_wasInForce);
+        EXPECT_EQ(watch.changes.size(), 2U);
+        EXPECT_EQ(Syncs(watch.changes), 2U);
+        EXPECT_NE(watch.changes[0].file, watch.changes[1].file);
+    }
+    EXPECT_TRUE(Read() == before);
+    for (const std::string& other : {std::string("fore"), NEW + "!", std::string("fou")})
+    {
+        EXPECT_EQ(Store(other), qor::POLICY_STORED);
+        EXPECT_FALSE(m_outcome.m_wasInForce) << other;
+        EXPECT_EQ(ReadFile(policy), other);
+    }
+}
+
+TEST_P(PolicyStoreDisk, WithoutAnotherNameForItTheOldOneIsNotKeptAndThatIsSaid)
+{
+    Watch watch;
+    watch.linkError = EPERM;
+    const bool isLost = GetParam().exchangeError != 0;
+    EXPECT_EQ(Store(NEW, &watch), qor::POLICY_STORED);
+    EXPECT_EQ(m_outcome.m_words.find("is not kept") != std::string::npos, isLost && Copies() > 0)
+        << m_outcome.m_words;
+    EXPECT_EQ(ReadFile(m_pDirectory->Path(POLICY)), NEW);
+    EXPECT_EQ(Kept(Read()), Copies());
+
+    // There is no way back either when the directory cannot be synced then.
+    int unknown = 0;
+    for (int step = 1; step <= watch.steps; ++step)
+    {
+        Prepare();
+        Watch failing;
+        failing.linkError = EPERM;
+        failing.fails = step;
+        failing.error = EIO;
+        const int result = Store(NEW, &failing);
+        unknown += result == qor::POLICY_STATE_UNKNOWN ? 1 : 0;
+        const std::string text = ReadFile(m_pDirectory->Path(POLICY));
+        EXPECT_TRUE(result == qor::POLICY_NOT_STORED ? text == OLD : text == NEW) << step;
+    }
+    EXPECT_EQ(unknown, isLost ? 1 : 0);
+}
+
+TEST_P(PolicyStoreDisk, AFullDiskTakesTheOldestCopiesAndNoMoreThanHelps)
+{
+    Watch small;
+    small.fullUntilRemoved = 100;
+    small.freeBytes = 0; // even all of them would not do
+    EXPECT_EQ(Store(std::string(1000000, 'x'), &small), qor::POLICY_NOT_STORED);
+    EXPECT_TRUE(HasAll(Read(), m_before));
+    Watch full;
+    full.fullUntilRemoved = 3; // the new file itself is removed in between
+    EXPECT_EQ(Store(NEW, &full), Copies() > 0 ? qor::POLICY_STORED : qor::POLICY_NOT_STORED);
+    EXPECT_EQ(Kept(Read()), Copies() > 0 ? 1U : 0U);
+    EXPECT_EQ(Fault(Read(), -1), "");
+}
+
+TEST_P(PolicyStoreDisk, ACopyThatStaysOnlyGivesAWarning)
+{
+    Watch watch;
+    watch.fixedName = "p.xml.kept-1";
+    for (const char* text : {"four", "five", "six", "seven"})
+    {
+        EXPECT_EQ(Store(text, &watch), qor::POLICY_STORED);
+        EXPECT_EQ(m_outcome.m_words.find("removing p.xml.kept-1") != std::string::npos,
+                  Copies() > 0)
+            << m_outcome.m_words;
+    }
+    EXPECT_LE(Kept(Read()), Copies());
+    EXPECT_TRUE(Copies() == 0 || ReadFile(m_pDirectory->Path(KEPT + "6")) == "six");
+}
+
+TEST_P(PolicyStoreDisk, WhoseRightsCannotBeKeptGivesNobodyMoreOfThem)
+{
+    const std::string policy = m_pDirectory->Path(POLICY);
+    const auto modeAfter = [&](mode_t mode, Watch watch)
+    {
+        static int number = 0;
+        chmod(policy.c_str(), mode);
+        EXPECT_EQ(Store("policy " + std::to_string(++number), &watch), qor::POLICY_STORED);
+        struct stat status = {};
+        stat(policy.c_str(), &status);
+        return status.st_mode & 07777;
+    };
+    Watch notGiven, noList;
+    notGiven.ownerError = EINVAL; // as for users that a namespace does not have
+    noList.listError = EPERM;
+    EXPECT_EQ(modeAfter(0664, {}), 0664U);
+    if (chown(policy.c_str(), 12345, 23456) == 0) // for root only
+    {
+        EXPECT_EQ(modeAfter(0674, notGiven), 0644U);
+        EXPECT_EQ(m_outcome.m_words, "its group could not be kept; its owner could not be kept");
+    }
+    const std::string list(
+        "\2\0\0\0\1\0\6\0\xff\xff\xff\xff\2\0\6\0\x39\x30\0\0\4\0\0\0\xff\xff\xff"
+        "\xff\x10\0\6\0\xff\xff\xff\xff\x20\0\0\0\xff\xff\xff\xff",
+        44);
+    const char* attribute = "system.posix_acl_access";
+    if (setxattr(policy.c_str(), attribute, list.data(), list.size(), 0) == 0)
+    {
+        EXPECT_EQ(modeAfter(0660, noList), 0600U); // whose group had none, but for the mask
+        EXPECT_EQ(m_outcome.m_words, "its access list could not be kept");
+    }
+}
+
+// One disk that was mounted read-only after an error, before anything was locked, and one that has
+// no room for the lock.
+TEST_P(PolicyStoreDisk, AServiceStartsOnADiskThatTakesNothing)
+{
+    for (const int error : {EROFS, ENOSPC, EDQUOT})
+    {
+        boost::filesystem::remove(m_pDirectory->Path(LOCK));
+        qord::TCPolicyStore store(m_pDirectory->Path(POLICY), {Copies(), 0});
+        std::string warning, text;
+        Watch watch;
+        watch.creationError = error;
+        SetWatch(&watch);
+        const std::string reason = store.Open(warning);
+        const auto outcome = store.Store(NEW);
+        SetWatch(nullptr);
+        EXPECT_NE(reason.find(strerror(error)), std::string::npos) << reason;
+        EXPECT_EQ(outcome.m_result, qor::POLICY_NOT_STORED);
+        EXPECT_TRUE(store.Read(0, text, 100, warning));
+        EXPECT_EQ(text, OLD);
+        EXPECT_EQ(store.List().size(), 1 + Copies());
+        EXPECT_EQ(store.Store(NEW).m_result, qor::POLICY_STORED) << "when the disk is well again";
+        Prepare();
+    }
+}

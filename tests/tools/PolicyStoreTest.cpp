@@ -1,0 +1,407 @@
+// The policy file, the copies and the record beside it.
+#include <future>
+#include <set>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <boost/filesystem.hpp>
+#include <gtest/gtest.h>
+
+#include "ChildProcess.h"
+#include "common/Text.h"
+#include "qord/PolicyHistory.h"
+#include "qord/PolicyStore.h"
+
+namespace fs = boost::filesystem;
+using namespace qortest;
+
+class PolicyStore : public testing::Test
+{
+protected:
+    bool Store(const std::string& path, const std::string& text, qord::TSStoreRules rules = {})
+    {
+        m_outcome = qord::TCPolicyStore(path, rules).Store(text);
+        EXPECT_EQ(m_outcome.m_result == qor::POLICY_STORED, m_outcome.m_words.empty())
+            << m_outcome.m_words;
+        return m_outcome.m_result == qor::POLICY_STORED;
+    }
+
+    // What is wrong with the place; empty where nothing is.
+    static std::string Open(const std::string& path, qord::TSStoreRules rules = {})
+    try
+    {
+        std::string warning;
+        const std::string error = qord::TCPolicyStore(path, rules).Open(warning);
+        return error + (warning.empty() ? "" : "warning: " + warning);
+    }
+    catch (const std::runtime_error& error)
+    {
+        return std::string("for good: ") + error.what();
+    }
+
+    // What stands in the directory beside the lock.
+    std::map<std::string, std::string> Files() const
+    {
+        std::map<std::string, std::string> files;
+        for (const auto& entry : fs::directory_iterator(m_directory.Path()))
+        {
+            files[entry.path().filename().string()] = ReadFile(entry.path().string());
+        }
+        files.erase(".policy.xml.lock");
+        return files;
+    }
+
+    static struct stat Status(const std::string& path)
+    {
+        struct stat status = {};
+        stat(path.c_str(), &status);
+        return status;
+    }
+
+    static mode_t Mode(const std::string& path)
+    {
+        return Status(path).st_mode & 07777;
+    }
+
+    // The name of what is written to take the policy's place.
+    std::string Temporary() const
+    {
+        return m_directory.Path(".policy.xml.new-" + std::to_string(Status(m_path).st_ino));
+    }
+
+    TemporaryDirectory m_directory;
+    std::string m_path = m_directory.Path("policy.xml");
+    qord::TSStoreOutcome m_outcome;
+    std::string m_warning;
+};
+
+TEST_F(PolicyStore, ReplacedFileKeepsPermissionsOwnerAndLinks)
+{
+    const std::string real = m_directory.Path("new/real/policy");
+    EXPECT_FALSE(Store(real, "x"));
+    fs::create_symlink("new/real/policy", m_path);
+    EXPECT_EQ(Open(m_path), "");
+    umask(077);
+    EXPECT_TRUE(Store(m_path, "created through the link"));
+    umask(022);
+    EXPECT_EQ(Mode(real), 0644U);
+    chmod(real.c_str(), 0460);
+    const bool given = chown(real.c_str(), 12345, 23456) == 0; // for root only
+    EXPECT_TRUE(Store(m_path, "replaced"));
+    EXPECT_EQ(Mode(m_path), 0460U);
+    EXPECT_EQ(Status(m_path).st_uid, given ? 12345 : geteuid());
+    EXPECT_EQ(Status(m_path).st_gid, given ? 23456 : getegid());
+    EXPECT_TRUE(fs::is_symlink(m_path));
+}
+
+TEST_F(PolicyStore, TrapsAreNotFollowedAndFilesOfOthersAreLeftAlone)
+{
+    const std::string victim = m_directory.Path("policy.xml.kept-007");
+    WriteFile(victim, "untouched");
+    WriteFile(m_path + ".kept-x", "");
+    EXPECT_TRUE(Store(m_path, "one", {2, 0}));
+    fs::create_symlink(victim, Temporary());
+    EXPECT_TRUE(Store(m_path, "two", {2, 0}));
+    ASSERT_EQ(mkfifo(Temporary().c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo(m_directory.Path(".policy.xml.old").c_str(), 0600), 0);
+    EXPECT_TRUE(Store(m_path, "three", {2, 0}));
+    fs::create_hard_link(victim, Temporary());
+    EXPECT_TRUE(Store(m_path, "four", {2, 0}));
+    std::map<std::string, std::string> files = {{"policy.xml", "four"},
+                                                {"policy.xml.kept-2", "two"},
+                                                {"policy.xml.kept-3", "three"},
+                                                {"policy.xml.kept-007", "untouched"},
+                                                {"policy.xml.kept-x", ""}};
+    EXPECT_EQ(Files(), files);
+    EXPECT_FALSE(Store(m_path, "x", {0, 1000000000})); // MiB that should be free
+    EXPECT_TRUE(Store(m_path, "five"));                // keeps none, and leaves those that are
+    files["policy.xml"] = "five";
+    EXPECT_EQ(Files(), files);
+    fs::create_directories(Temporary() + "/in-the-way");
+    EXPECT_FALSE(Store(m_path, "x", {3, 0}));
+    EXPECT_EQ(ReadFile(m_path), "five");
+}
+
+TEST_F(PolicyStore, NamesThatPeopleGaveAreNobodysAndNothingIsOverwritten)
+{
+    const std::string byDate = m_path + ".kept-20261125203606", last = m_path + ".kept-2147483647";
+    WriteFile(byDate, "mine");
+    fs::create_directories(m_path + ".kept-1/full");
+    for (const char* text : {"one", "two", "three", "four"})
+    {
+        EXPECT_TRUE(Store(m_path, text, {2, 0}));
+        EXPECT_EQ(Open(m_path, {2, 0}), "");
+    }
+    EXPECT_EQ(ReadFile(m_path + ".kept-3") + ReadFile(m_path + ".kept-4"), "twothree");
+    EXPECT_EQ(ReadFile(byDate), "mine");
+
+    WriteFile(last, "the last");
+    m_outcome = qord::TCPolicyStore(m_path, {2, 0}).Store("five");
+    EXPECT_EQ(m_outcome.m_result, qor::POLICY_STORED);
+    EXPECT_NE(m_outcome.m_words.find("no number after policy.xml.kept-2147483647"),
+              std::string::npos)
+        << m_outcome.m_words;
+    EXPECT_EQ(ReadFile(m_path) + ReadFile(last) + ReadFile(m_path + ".kept-4"),
+              "fivethe last" + std::string());
+    EXPECT_EQ(Files().size(), 4U);
+}
+
+TEST_F(PolicyStore, LongNamesLoseOnlyTheCopiesThatHaveNone)
+{
+    const std::string name(248, 'p'), path = m_directory.Path(name); // up to .kept-9
+    for (int i = 0; i < 12; ++i)
+    {
+        m_outcome = qord::TCPolicyStore(path, {20, 0}).Store("policy " + std::to_string(i));
+        EXPECT_EQ(m_outcome.m_result, qor::POLICY_STORED) << m_outcome.m_words;
+        EXPECT_EQ(m_outcome.m_words.find("File name too long") != std::string::npos, i > 9) << i;
+    }
+    EXPECT_EQ(Open(path, {20, 0}), "");
+    EXPECT_EQ(Files().size(), 11U); // with nine copies and the lock
+}
+
+TEST_F(PolicyStore, PlacesThatAreNoGoodAreFoundAtOnce)
+{
+    const auto has = [](const std::string& text, const char* part)
+    { return text.find("for good") == 0 && text.find(part) != std::string::npos; };
+    ASSERT_EQ(mkfifo(m_path.c_str(), 0600), 0);
+    EXPECT_TRUE(has(Open(m_path), "not a regular file"));
+    EXPECT_TRUE(has(Open(m_directory.Path()), "not a regular file"));
+    EXPECT_TRUE(has(Open(m_path + "/x"), "Not a directory"));
+    EXPECT_TRUE(has(Open("/proc/none/policy.xml"), "creating the directory"));
+    EXPECT_EQ(std::distance(fs::directory_iterator(m_directory.Path()), {}), 1) << "is made";
+    fs::remove(m_path);
+    EXPECT_NE(Open(m_path, {0, 1000000000}).find("MiB are left"), std::string::npos);
+
+    // Another process has it; one that has ended does not.
+    EXPECT_EQ(Open(m_path), "");
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t process = fork();
+    if (process == 0)
+    {
+        qord::TCPolicyStore store(m_path);
+        store.Open(m_warning);
+        static_cast<void>(!write(ready[1], "", 1));
+        pause();
+    }
+    char byte = 0;
+    EXPECT_EQ(read(ready[0], &byte, 1), 1);
+    EXPECT_TRUE(has(Open(m_path), ("process " + std::to_string(process) + " (").c_str()));
+
+    // The way there may be another one meanwhile: then a service finds itself in the other's place.
+    const std::string link = m_directory.Path("link"), mine = m_directory.Path("mine");
+    fs::create_directory(mine);
+    fs::create_symlink("mine/policy.xml", link);
+    qord::TCPolicyStore store(link);
+    EXPECT_EQ(store.Open(m_warning), "");
+    EXPECT_EQ(store.Store("one").m_result, qor::POLICY_STORED);
+    fs::remove(link);
+    fs::create_symlink("policy.xml", link);
+    m_outcome = store.Store("two");
+    EXPECT_EQ(m_outcome.m_result, qor::POLICY_NOT_STORED);
+    EXPECT_NE(m_outcome.m_words.find("process " + std::to_string(process)), std::string::npos);
+    kill(process, SIGKILL);
+    waitpid(process, nullptr, 0);
+    EXPECT_EQ(store.Store("two").m_result, qor::POLICY_STORED);
+    EXPECT_TRUE(has(Open(m_path), "keeps this file")); // this process, which has moved over
+    fs::remove(m_directory.Path(".policy.xml.lock"));
+    EXPECT_EQ(Open(m_path), "");
+    EXPECT_EQ(store.Store("three").m_result, qor::POLICY_STORED);
+    EXPECT_TRUE(has(Open(m_path), "keeps this file"));
+}
+
+// What a crash leaves is what a reader would have seen.
+TEST_F(PolicyStore, ReadersAlwaysSeeAWholeText)
+{
+    ASSERT_TRUE(Store(m_path, std::string(200000, 'x')));
+    auto writer = std::async(std::launch::async,
+                             [&]
+                             {
+                                 for (int i = 0; i < 200; ++i)
+                                 {
+                                     EXPECT_TRUE(Store(m_path, std::string(200000, 'x')));
+                                 }
+                             });
+    while (writer.wait_for(std::chrono::seconds(0)) != std::future_status::ready)
+    {
+        EXPECT_EQ(ReadFile(m_path).size(), 200000U);
+    }
+}
+
+TEST_F(PolicyStore, FileOfAnotherUserIsReplacedAndKept)
+{
+    WriteFile(m_path, "one");
+    if (chmod(m_directory.Path().c_str(), 0777) != 0 || geteuid() != 0)
+    {
+        GTEST_SKIP() << "only root can put another user's file there";
+    }
+    const pid_t process = fork();
+    if (process == 0)
+    {
+        // The files in /proc are no longer this process's own else.
+        if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0 ||
+            prctl(PR_SET_DUMPABLE, 1) != 0)
+        {
+            _exit(2);
+        }
+        const std::string opened = Open(m_path, {2, 0});
+        m_outcome = qord::TCPolicyStore(m_path, {2, 0}).Store("two");
+        const bool isSaid = m_outcome.m_words == "its group could not be kept; its owner could not "
+                                                 "be kept";
+        _exit(opened.empty() && isSaid && m_outcome.m_result == qor::POLICY_STORED ? 0 : 1);
+    }
+    int status = 1;
+    waitpid(process, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(ReadFile(m_path) + ReadFile(m_path + ".kept-1"), "twoone");
+    EXPECT_EQ(Status(m_path + ".kept-1").st_uid, 0U);
+    EXPECT_EQ(Mode(m_path), 0644U);
+}
+
+// An access list as the kernel hands it out: user, user 12345, group, mask, others.
+static std::string AccessList(char group, char others)
+{
+    const auto entry = [](char kind, char rights, const std::string& whose = "\xff\xff\xff\xff") {
+        return std::string{kind, 0, rights, 0} + whose;
+    };
+    return std::string{2, 0, 0, 0} + entry(1, 6) + entry(2, 6, {0x39, 0x30, 0, 0}) +
+           entry(4, group) + entry(16, 6) + entry(32, others);
+}
+
+TEST_F(PolicyStore, AccessListIsKeptAndItsMaskIsNobodysRight)
+{
+    const char* attribute = "system.posix_acl_access";
+    const auto listOf = [&](const std::string& path)
+    {
+        char bytes[256];
+        const ssize_t size = getxattr(path.c_str(), attribute, bytes, sizeof bytes);
+        return std::string(bytes, size < 0 ? 0 : static_cast<std::size_t>(size));
+    };
+    const auto setList = [&](const std::string& path, const char* name, const std::string& list)
+    { return setxattr(path.c_str(), name, list.data(), list.size(), 0) == 0; };
+    WriteFile(m_path, "one");
+    if (!setList(m_path, attribute, AccessList(4, 0)))
+    {
+        GTEST_SKIP() << "the file system has no access lists";
+    }
+    EXPECT_TRUE(Store(m_path, "two"));
+    EXPECT_EQ(listOf(m_path), AccessList(4, 0));
+    EXPECT_EQ(Mode(m_path), 0660U);
+
+    // Neither does a list that new files get from the directory take the place of none.
+    ASSERT_EQ(removexattr(m_path.c_str(), attribute), 0);
+    chmod(m_path.c_str(), 0640);
+    ASSERT_TRUE(setList(m_directory.Path(), "system.posix_acl_default", AccessList(6, 6)));
+    EXPECT_TRUE(Store(m_path, "three"));
+    EXPECT_EQ(listOf(m_path), "");
+    EXPECT_EQ(Mode(m_path), 0640U);
+}
+
+TEST_F(PolicyStore, RestrictedFilesAreForOwnerAndGroupOnly)
+{
+    const std::string record = m_path + ".history";
+    qord::TCPolicyStore open(m_path, {2, 0, false});
+    const auto writeRecord = [](const qord::TCPolicyStore& store)
+    { return [&store](const struct stat&) { store.WriteRecord("record"); }; };
+    open.Store("one", writeRecord(open));
+    open.Store("two", writeRecord(open));
+    EXPECT_EQ(Mode(m_path) | Mode(m_path + ".kept-1") | Mode(record), 0644U);
+    chmod(m_path.c_str(), 0664);
+    chmod(m_directory.Path().c_str(), 0751);
+    qord::TCPolicyStore restricted(m_path, {2, 0, true});
+    fs::remove(m_directory.Path(".policy.xml.lock")); // else the other one has it
+    EXPECT_EQ(restricted.Open(m_warning) + m_warning, "");
+    EXPECT_EQ(Mode(m_path), 0660U);
+    EXPECT_EQ(Mode(m_path + ".kept-1"), 0640U);
+    EXPECT_EQ(Mode(record), 0640U);
+    chmod(m_path.c_str(), 0644);
+    EXPECT_EQ(restricted.Store("three", writeRecord(restricted)).m_result, qor::POLICY_STORED);
+    EXPECT_EQ(Mode(m_path), 0640U);
+    EXPECT_EQ(Mode(record), 0640U);
+    fs::remove(m_path);
+    restricted.Store("first");
+    EXPECT_EQ(Mode(m_path), 0640U);
+    EXPECT_EQ(Mode(m_directory.Path()), 0751U);
+}
+
+class PolicyHistory : public PolicyStore
+{
+protected:
+    void Set(const std::string& text, const std::string& user)
+    {
+        qord::TSSender sender;
+        sender.m_userName = user;
+        const auto record = [&](const struct stat& file)
+        {
+            EXPECT_NE(ReadFile(m_path), text) << "recorded too late";
+            m_history.Remember(*m_store, file, tools::Sha256(text), sender);
+        };
+        m_outcome = m_store->Store(text, record);
+        EXPECT_EQ(m_outcome.m_words, "");
+    }
+
+    // Another file with a text in a file's place, which was written then.
+    static void PutInPlace(const std::string& path, const std::string& text, timespec written)
+    {
+        WriteFile(path + ".new", text); // as long as the other is there, it has another number
+        const timespec times[] = {written, written};
+        ASSERT_EQ(utimensat(AT_FDCWD, (path + ".new").c_str(), times, 0), 0);
+        fs::rename(path + ".new", path);
+    }
+
+    // Who has set the policies, oldest first, for a service that starts now.
+    std::string Setters()
+    {
+        m_history.Load(*m_store);
+        std::string setters;
+        for (const qord::TSStoredPolicy& policy : m_store->List())
+        {
+            const auto setter = m_history.Find(*m_store, policy).m_setter;
+            setters += (setter ? setter->m_userName : "unknown") + " ";
+        }
+        return setters;
+    }
+
+    std::unique_ptr<qord::TCPolicyStore> m_store =
+        std::make_unique<qord::TCPolicyStore>(m_path, qord::TSStoreRules{3, 0, false});
+    qord::TCPolicyHistory m_history;
+};
+
+TEST_F(PolicyHistory, WhoSetAPolicyIsKnownAfterItsFilesWereCarriedElsewhere)
+{
+    Set("one", "alice");
+    Set("two", "bob");
+    Set("three", "carol");
+    Set("three", "mallory"); // which was in force already
+    EXPECT_EQ(Setters(), "alice bob carol ");
+    for (const auto& [name, text] : Files())
+    {
+        const std::string path = m_directory.Path(name);
+        PutInPlace(path, text, {Status(path).st_mtim.tv_sec, 0}); // as archives do
+    }
+    EXPECT_EQ(Setters(), "alice bob carol ");
+    Set("four", "dave");
+    EXPECT_EQ(Setters(), "alice bob carol dave ");
+
+    // What somebody has put there is nobody's, though its text or its time is known.
+    const std::string first = m_path + ".kept-1", second = m_path + ".kept-2";
+    PutInPlace(first, "other", Status(first).st_mtim);
+    PutInPlace(second, "two", {Status(second).st_mtim.tv_sec - 1, 0});
+    EXPECT_EQ(Setters(), "unknown unknown carol dave ");
+}
+
+TEST_F(PolicyHistory, AnyTimeOfAFileCanBeRemembered)
+{
+    Set("one", "alice");
+    PutInPlace(m_path, "two", {13000000000, 7}); // the year 2381, which nanoseconds do not reach
+    Set("three", "carol");
+    EXPECT_EQ(Setters(), "unknown carol ");
+    const auto seconds = std::to_string(Status(m_path + ".kept-1").st_mtim.tv_sec);
+    EXPECT_NE(ReadFile(m_path + ".history").find(seconds), std::string::npos);
+}

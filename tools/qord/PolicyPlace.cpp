@@ -1,0 +1,213 @@
+// The policy's directory and what stands in it.
+#include "qord/PolicyPlace.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "qord/FileError.h"
+#include "qord/FileRights.h"
+
+namespace qord
+{
+namespace
+{
+
+constexpr std::uint64_t BYTES_PER_MIB = 1048576;
+constexpr std::uint64_t RECORD_ROOM = 4096; // what the record takes, or so
+
+} // namespace
+
+TCPolicyPlace::TCPolicyPlace(const boost::filesystem::path& file, const TSStoreRules& rules)
+    : m_rules(rules),
+      m_name(file.filename().string()),
+      m_directory(file.has_parent_path() ? file.parent_path().string() : "."),
+      m_file(m_directory, m_name),
+      m_copies(m_directory, m_name, rules.m_copies)
+{
+}
+
+std::string TCPolicyPlace::NameOf(std::uint64_t number) const
+{
+    return number == 0 ? m_name : m_copies.NameOf(number);
+}
+
+void TCPolicyPlace::RefuseOtherThanFile() const
+{
+    struct stat status;
+    m_file.Look(status);
+}
+
+std::string TCPolicyPlace::Settle() const
+{
+    std::string warning;
+    try
+    {
+        for (const std::string& former : m_file.Tidy(warning))
+        {
+            AddWarning(warning, m_PutAway(former));
+        }
+        AddWarning(warning, m_copies.Trim());
+    }
+    catch (const TCFileError& error)
+    {
+        AddWarning(warning, error.what());
+    }
+    return warning;
+}
+
+std::string TCPolicyPlace::Restrict(const std::string& otherFile) const
+{
+    std::string warning;
+    if (!m_rules.m_isRestricted)
+    {
+        return warning;
+    }
+    std::vector<std::string> names = {m_name, otherFile};
+    for (const std::uint64_t number : m_copies.List())
+    {
+        names.push_back(m_copies.NameOf(number));
+    }
+    for (const std::string& name : names)
+    {
+        try
+        {
+            CloseToOthers(m_directory, name);
+        }
+        catch (const TCFileError& error)
+        {
+            AddWarning(warning, error.what());
+        }
+    }
+    return warning;
+}
+
+void TCPolicyPlace::Probe() const
+{
+    m_file.Probe();
+    m_RefuseWithoutSpace();
+}
+
+// Whoever has put it there, and whatever has kept an earlier attempt from its end, did not sync it.
+bool TCPolicyPlace::IsInForce(std::string_view text) const
+{
+    struct stat status;
+    std::string present;
+    std::string error;
+    if (!m_file.Look(status) || static_cast<std::uint64_t>(status.st_size) != text.size() ||
+        !m_directory.Read(m_name, present, text.size(), error) || present != text)
+    {
+        return false;
+    }
+    const TCDescriptor file(
+        openat(m_directory.Get(), m_name.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+    if (file.Get() < 0 || fsync(file.Get()) != 0)
+    {
+        Fail("syncing the policy in force");
+    }
+    m_directory.Sync();
+    return true;
+}
+
+std::string TCPolicyPlace::Replace(std::string_view text, const TRecorder& recorder) const
+{
+    m_RefuseWithoutSpace();
+    std::string warning;
+    TSReplaced replaced;
+    m_WithRoom(text.size(),
+               [&]
+               {
+                   replaced = m_file.Replace(text, m_rules.m_isRestricted, m_rules.m_copies > 0,
+                                             [&](const struct stat& file)
+                                             { warning = m_Record(recorder, file); });
+               });
+    AddWarning(warning, replaced.m_warning);
+    if (!replaced.m_former.empty())
+    {
+        AddWarning(warning, m_PutAway(replaced.m_former));
+    }
+    return warning;
+}
+
+std::vector<TSStoredPolicy> TCPolicyPlace::List() const
+{
+    std::vector<TSStoredPolicy> policies;
+    TSStoredPolicy policy;
+    for (const std::uint64_t number : m_copies.List())
+    {
+        policy.m_number = number;
+        if (m_directory.Look(m_copies.NameOf(number), policy.m_status))
+        {
+            policies.push_back(policy);
+        }
+    }
+    policy.m_number = 0;
+    if (m_file.Look(policy.m_status))
+    {
+        policies.push_back(policy);
+    }
+    return policies;
+}
+
+void TCPolicyPlace::m_RefuseWithoutSpace() const
+{
+    const std::uint64_t needed = m_rules.m_minFreeMiB * BYTES_PER_MIB;
+    if (needed > 0 && m_directory.FreeSpace() < needed)
+    {
+        throw TCFileError("less than " + std::to_string(m_rules.m_minFreeMiB) +
+                              " MiB are left on its file system",
+                          ENOSPC);
+    }
+}
+
+std::string TCPolicyPlace::m_PutAway(const std::string& former) const
+try
+{
+    if (m_rules.m_copies > 0)
+    {
+        return m_copies.Keep(former);
+    }
+    m_directory.Remove(former);
+    return {};
+}
+catch (const TCFileError& error)
+{
+    return error.what();
+}
+
+std::string TCPolicyPlace::m_Record(const TRecorder& recorder, const struct stat& file) const
+try
+{
+    if (recorder)
+    {
+        m_WithRoom(RECORD_ROOM, [&] { recorder(file); });
+    }
+    return {};
+}
+catch (const TCFileError& error)
+{
+    return std::string("who has set it is not kept: ") + error.what();
+}
+
+void TCPolicyPlace::m_WithRoom(std::uint64_t bytes, const std::function<void()>& step) const
+{
+    for (;;)
+    {
+        try
+        {
+            return step();
+        }
+        catch (const TCStateUnknown&)
+        {
+            throw;
+        }
+        catch (const TCFileError& error)
+        {
+            if (!IsFull(error.Code()) || !m_copies.MakeRoom(bytes))
+            {
+                throw;
+            }
+        }
+    }
+}
+
+} // namespace qord

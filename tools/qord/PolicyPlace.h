@@ -1,0 +1,92 @@
+// The policy's directory and what stands in it.
+#ifndef QORD_POLICYPLACE_H
+#define QORD_POLICYPLACE_H
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <boost/filesystem/path.hpp>
+
+#include "qord/AtomicFile.h"
+#include "qord/Directory.h"
+#include "qord/PolicyCopies.h"
+
+namespace qord
+{
+
+struct TSStoreRules
+{
+    unsigned int m_copies = 0; ///< How many of the replaced policies to keep.
+    unsigned int m_minFreeMiB =
+        0;                       ///< With less space than that left nothing is stored; 0: no limit.
+    bool m_isRestricted = false; ///< The files are not for everybody to read.
+};
+
+/// The policy in force, or a kept one.
+struct TSStoredPolicy
+{
+    std::uint64_t m_number = 0; ///< 0: the one in force.
+    struct stat m_status = {};
+};
+
+/// As they are when it is made; nothing here follows a link. Everything throws TCFileError; what
+/// keeps no policy from being stored is returned as a warning.
+class TCPolicyPlace
+{
+public:
+    TCPolicyPlace(const boost::filesystem::path& file, const TSStoreRules& rules);
+
+    const TCDirectory& Directory() const
+    {
+        return m_directory;
+    }
+    const std::string& FileName() const
+    {
+        return m_name;
+    }
+    std::string NameOf(std::uint64_t number) const;
+
+    /// Before anything is made.
+    void RefuseOtherThanFile() const;
+
+    /// Ends what has been interrupted.
+    std::string Settle() const;
+
+    /// Where the rules say so, takes the files from everybody that an earlier service has left to
+    /// them.
+    std::string Restrict(const std::string& otherFile) const;
+
+    void Probe() const;
+
+    /// Whether the policy in force is that text; then it is on the disk, too.
+    bool IsInForce(std::string_view text) const;
+
+    /// Gets the file that is about to be the policy. Where it throws TCFileError, the policy is
+    /// stored all the same.
+    using TRecorder = std::function<void(const struct stat& file)>;
+
+    std::string Replace(std::string_view text, const TRecorder& recorder) const;
+
+    std::vector<TSStoredPolicy> List() const;
+
+private:
+    void m_RefuseWithoutSpace() const;
+    std::string m_PutAway(const std::string& former) const;
+    std::string m_Record(const TRecorder& recorder, const struct stat& file) const;
+    void m_WithRoom(std::uint64_t bytes, const std::function<void()>& step) const;
+
+    const TSStoreRules& m_rules;
+    std::string m_name;
+    TCDirectory m_directory;
+    TCAtomicFile m_file;
+    TCPolicyCopies m_copies;
+};
+
+} // namespace qord
+
+#endif
