@@ -181,3 +181,49 @@ TEST_F(Tools, ServiceManagerAndStatusKnowWhenTheServiceIsThere)
     EXPECT_EQ(told.find("READY=1\nSTATUS=no policy yet, 0 clients"), 0U) << told;
     close(notified);
 }
+
+TEST_F(Tools, PolicyThatIsInForceIsAnnouncedAndNotStoredAgain)
+{
+    auto qord = StartQuietQord({"--restrict-reading"});
+    auto listener = StartListener({"--count", "3"});
+    std::size_t count = 0;
+    for (const char* text : {"<a/>", "<b/>", "<b/>"})
+    {
+        SetPolicy(0, "stored", text);
+        ++count;
+        ASSERT_TRUE(
+            WaitUntil([&] { return CountOf(listener->Out(), " policy-update\n") == count; }));
+    }
+    EXPECT_EQ(listener->Wait(), 0);
+    EXPECT_EQ(CountOf(qord->Out(), "a policy of 4 bytes is stored"), 2U) << qord->Out();
+    EXPECT_EQ(CountOf(qord->Out(), "a policy of 4 bytes is in force already"), 1U) << qord->Out();
+    EXPECT_EQ(ReadFile(m_directory.Path("policy.xml.kept-1")), "<a/>");
+    EXPECT_FALSE(boost::filesystem::exists(m_directory.Path("policy.xml.kept-2")));
+    for (const char* name : {"policy.xml", "policy.xml.kept-1", "policy.xml.history"})
+    {
+        EXPECT_EQ(boost::filesystem::status(m_directory.Path(name)).permissions(), 0640) << name;
+    }
+}
+
+TEST_F(Tools, ServiceOnAReadOnlyDiskServesWhatCanBeRead)
+{
+    const std::string place = m_directory.Path("place");
+    boost::filesystem::create_directory(place);
+    const std::string mount = "mount -t tmpfs none " + place;
+    if (RunTool("unshare", {"-m", "bash", "-c", mount}).exitCode != 0)
+    {
+        GTEST_SKIP() << "nothing can be mounted here";
+    }
+    const std::string policy = place + "/policy.xml";
+    auto qord =
+        StartTool("unshare", {"-m", "bash", "-c",
+                              mount + "; echo '<a/>' >" + policy + "; mount -o remount,ro " +
+                                  place + "; exec '" QORD "' --policy " + policy});
+    ASSERT_TRUE(qord->WaitForOut("ready as")) << qord->Err();
+    EXPECT_EQ(CountOf(qord->Err(), "nothing can be stored at the moment: "), 1U) << qord->Err();
+    EXPECT_EQ(CountOf(qord->Err(), "Read-only file system"), 1U) << qord->Err();
+    EXPECT_EQ(Qorctl({"get-policy"}).out, "<a/>\n");
+    Expect(1, "it could not store it", "set-policy '" SAMPLE_POLICY "'");
+    Expect(0, "<a/>", "get-policy");
+    Expect(0, policy, "status");
+}
