@@ -7,12 +7,12 @@
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
+#include "AccessList.h"
 #include "ChildProcess.h"
 #include "common/Text.h"
 #include "qord/PolicyHistory.h"
@@ -264,42 +264,23 @@ TEST_F(PolicyStore, FileOfAnotherUserIsReplacedAndKept)
     EXPECT_EQ(Mode(m_path), 0644U);
 }
 
-// An access list as the kernel hands it out: user, user 12345, group, mask, others.
-static std::string AccessList(char group, char others)
-{
-    const auto entry = [](char kind, char rights, const std::string& whose = "\xff\xff\xff\xff") {
-        return std::string{kind, 0, rights, 0} + whose;
-    };
-    return std::string{2, 0, 0, 0} + entry(1, 6) + entry(2, 6, {0x39, 0x30, 0, 0}) +
-           entry(4, group) + entry(16, 6) + entry(32, others);
-}
-
 TEST_F(PolicyStore, AccessListIsKeptAndItsMaskIsNobodysRight)
 {
-    const char* attribute = "system.posix_acl_access";
-    const auto listOf = [&](const std::string& path)
-    {
-        char bytes[256];
-        const ssize_t size = getxattr(path.c_str(), attribute, bytes, sizeof bytes);
-        return std::string(bytes, size < 0 ? 0 : static_cast<std::size_t>(size));
-    };
-    const auto setList = [&](const std::string& path, const char* name, const std::string& list)
-    { return setxattr(path.c_str(), name, list.data(), list.size(), 0) == 0; };
     WriteFile(m_path, "one");
-    if (!setList(m_path, attribute, AccessList(4, 0)))
+    if (!SetAccessList(m_path, AccessList(4, 0)))
     {
         GTEST_SKIP() << "the file system has no access lists";
     }
     EXPECT_TRUE(Store(m_path, "two"));
-    EXPECT_EQ(listOf(m_path), AccessList(4, 0));
+    EXPECT_EQ(AccessListOf(m_path), AccessList(4, 0));
     EXPECT_EQ(Mode(m_path), 0660U);
 
     // Neither does a list that new files get from the directory take the place of none.
-    ASSERT_EQ(removexattr(m_path.c_str(), attribute), 0);
+    ASSERT_EQ(removexattr(m_path.c_str(), "system.posix_acl_access"), 0);
     chmod(m_path.c_str(), 0640);
-    ASSERT_TRUE(setList(m_directory.Path(), "system.posix_acl_default", AccessList(6, 6)));
+    ASSERT_TRUE(SetAccessList(m_directory.Path(), AccessList(6, 6), "system.posix_acl_default"));
     EXPECT_TRUE(Store(m_path, "three"));
-    EXPECT_EQ(listOf(m_path), "");
+    EXPECT_EQ(AccessListOf(m_path), "");
     EXPECT_EQ(Mode(m_path), 0640U);
 }
 
