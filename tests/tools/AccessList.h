@@ -13,8 +13,9 @@ namespace qortest
 /// Of owner, user 12345, group, mask and others. The lists are the same where they allow the same.
 inline std::string AccessList(char group, char others)
 {
-    const auto entry = [](char kind, char rights, const std::string& whose = "\xff\xff\xff\xff")
-    { return std::string{kind, 0, rights, 0} + whose; };
+    const auto entry = [](char kind, char rights, const std::string& whose = "\xff\xff\xff\xff") {
+        return std::string{kind, 0, rights, 0} + whose;
+    };
     return std::string{2, 0, 0, 0} + entry(1, 6) + entry(2, 6, {0x39, 0x30, 0, 0}) +
            entry(4, group) + entry(16, 6) + entry(32, others);
 }

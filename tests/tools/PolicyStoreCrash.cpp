@@ -90,6 +90,7 @@ void PolicyStoreCrash::ExpectThatTheNextIsStored(const std::string& what)
                   [&](const auto& file) { texts.insert(file.second.second); });
     EXPECT_EQ(texts.size(), disk.size()) << what << ": something is kept twice";
     EXPECT_TRUE(Copies() == 0 || disk.rbegin()->second.second == last) << what << " " << last;
+    EXPECT_TRUE(Copies() == 0 || texts.count(OLD) == 1) << what << ": a way back is lost";
 }
 
 std::set<Disk> PolicyStoreCrash::DisksAfterPowerLoss(const std::vector<Change>& changes,

@@ -52,13 +52,15 @@ TEST_P(PolicyStoreCrash, WhatCannotBePutBackIsSaidAndNothingIsRemoved)
     StoreAndWatch(steps);
     for (const int error : {EIO, EROFS, ENOSPC})
     {
-        for (int step = 1; step <= steps; ++step)
+        for (int point = 2; point <= 2 * steps + 1; ++point)
         {
             Prepare();
+            const int step = point / 2;
             Watch watch;
             watch.fails = step;
             watch.error = error;
-            watch.isForGood = true;
+            watch.isForGood = point % 2 == 0;
+            watch.failing = 2; // what went wrong, and what would have put it right
             const int result = Store(NEW, &watch);
             Disk disk = Read();
             EXPECT_EQ(Fault(disk, result, IsRecorded()), "") << step;
@@ -74,7 +76,7 @@ TEST_P(PolicyStoreCrash, WhatCannotBePutBackIsSaidAndNothingIsRemoved)
             ExpectThatTheNextIsStored(std::to_string(step));
         }
     }
-    EXPECT_EQ(unknown, 3); // the last sync, on each of the disks
+    EXPECT_EQ(unknown, 6); // the last sync, on each of the disks, and what comes after it
 }
 
 TEST_P(PolicyStoreCrash, EachStepMayBeTheLast)

@@ -73,14 +73,18 @@ TEST_P(PolicyStoreDisk, AFullDiskTakesTheOldestCopiesAndNoMoreThanHelps)
 {
     Watch small;
     small.fullUntilRemoved = 100;
-    small.freeBytes = 0; // even all of them would not do
-    EXPECT_EQ(Store(std::string(1000000, 'x'), &small), qor::POLICY_NOT_STORED);
+    small.freeBytes = 1 << 20; // even all of them would not do
+    EXPECT_EQ(Store(std::string(3 << 20, 'x'), &small), qor::POLICY_NOT_STORED);
     EXPECT_TRUE(HasAll(Read(), m_before));
-    Watch full;
-    full.fullUntilRemoved = 3; // the new file itself is removed in between
-    EXPECT_EQ(Store(NEW, &full), Copies() > 0 ? qor::POLICY_STORED : qor::POLICY_NOT_STORED);
-    EXPECT_EQ(Kept(Read()), Copies() > 0 ? 1U : 0U);
-    EXPECT_EQ(Fault(Read(), -1), "");
+    for (const unsigned int taken : {1U, 2U})
+    {
+        Prepare();
+        Watch full;
+        full.fullUntilRemoved = 2 * static_cast<int>(taken); // each time the new file goes, too
+        EXPECT_EQ(Store(NEW, &full), Copies() > 0 ? qor::POLICY_STORED : qor::POLICY_NOT_STORED);
+        EXPECT_EQ(Kept(Read()), Copies() > 0 ? 3 - taken : 0);
+        EXPECT_EQ(Fault(Read(), m_outcome.m_result), "");
+    }
 }
 
 TEST_P(PolicyStoreDisk, ACopyThatStaysOnlyGivesAWarning)

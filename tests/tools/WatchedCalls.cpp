@@ -57,7 +57,8 @@ long Step(const TChange& change, long number, TArguments... arguments)
     {
         _exit(EXIT_FAILURE);
     }
-    if (step == pWatch->fails || (pWatch->isForGood && step > pWatch->fails))
+    const int after = step - pWatch->fails;
+    if (pWatch->fails > 0 && after >= 0 && (pWatch->isForGood || after < pWatch->failing))
     {
         errno = pWatch->error;
         return -1;

@@ -31,7 +31,8 @@ struct Watch
 {
     int fails = 0; // the number of the step that does, from 1
     int error = 0;
-    bool isForGood = false; // all after it fail too
+    int failing = 1;        // so many from it on
+    bool isForGood = false; // all from it on
     int killedBefore = 0, killedAfter = 0;
     // Of these calls, always; creation is that of files that are not there.
     int creationError = 0, exchangeError = 0, linkError = 0, ownerError = 0, listError = 0;
