@@ -2,10 +2,27 @@
 #ifndef QOR_IDBUSCLIENT_H
 #define QOR_IDBUSCLIENT_H
 
+#include <functional>
+
+#include <qor/GlibTypes.h>
 #include <qor/IDbus.h>
+#include <qor/SendResult.h>
 
 namespace qor
 {
+
+/// What a client's observers are told.
+enum class EClientState
+{
+    SERVICE_APPEARED, ///< The service is on the bus; IsReady is true.
+    SERVICE_VANISHED, ///< It has left the bus, or the bus was lost.
+    REGISTERED,       ///< The service has confirmed the types that have callbacks now: events come.
+    BUS_LOST,         ///< The connection to the bus has closed; the client looks for the bus.
+    BUS_FOUND         ///< There is a new one, with a new unique name. The service appears next.
+};
+
+/// Observes a client; see IDbusClient::AddStateCallback.
+using TStateCallback = std::function<void(EClientState)>;
 
 /// The application's end of the channel; obtained from TCDbusClientProvider::Get.
 class QOR_API IDbusClient : public virtual IDbus
@@ -35,6 +52,66 @@ public:
     ///         false in a forked child.
     virtual bool SendMessage(int type, const std::vector<unsigned char>& data,
                              std::vector<unsigned char>& response, bool isAsync) = 0;
+
+    /// Sends a message to the service and waits for what becomes of it. Like a synchronous
+    /// SendMessage, log lines included, but with a reason, a time limit and a way out.
+    ///
+    /// Blocks for the time limit at most, or until it is cancelled; where the bus was lost it is
+    /// looked for first, for at most 2000 ms, which neither shortens.
+    ///
+    /// @param timeoutMs     in milliseconds from the call; a negative one is the 10000 of
+    /// SendMessage
+    /// @param cancellation  ends the wait; {} where nobody will
+    ///
+    /// @return in a forked child NO_BUS
+    virtual TSSendResult Call(int type, const std::vector<unsigned char>& data, int timeoutMs,
+                              const TCCancellation& cancellation) = 0;
+
+    /// Sends a message to the service and returns at once; any thread. The service may send events
+    /// to this client meanwhile, as after an asynchronous SendMessage. A lost bus is not looked
+    /// for: the message ends with NO_BUS until the main context of the endpoint, or a send that
+    /// waits, has found the bus again.
+    ///
+    /// onDone is called exactly once, whatever happens, out of the main context that the caller has
+    /// chosen, and never before this function has returned to one that iterates it itself. Nothing
+    /// is known as long as nobody iterates it. Nothing wakes it up but messages that are waiting:
+    /// for their answers, and every 100 ms to look at time limit, cancellation and connection.
+    ///
+    /// The one exception is the end of the endpoint. Its destructor drops what is waiting without
+    /// calling; it waits for an onDone that is running on another thread, so it must not hold a
+    /// lock that one takes. onDone may let go of the last pointer to the endpoint, itself or with
+    /// what it holds; it may run while a callback of the endpoint iterates the same context.
+    ///
+    /// @param timeoutMs     in milliseconds from the call; a negative one is 10000
+    /// @param cancellation  ends the wait; {} where nobody will
+    /// @param onDone        not empty; must not throw. Destroyed in its context after the call, or
+    ///                      with the endpoint
+    /// @param pContext      where onDone is called; null for the process's default context. A
+    ///                      reference is held meanwhile.
+    ///
+    /// In a forked child it does nothing, and onDone is not called.
+    virtual void CallAsync(int type, const std::vector<unsigned char>& data, int timeoutMs,
+                           const TCCancellation& cancellation, const TSendCallback& onDone,
+                           GMainContext* pContext) = 0;
+
+    /// Registers an observer, beside those that are there. It is called in the endpoint's main
+    /// context with each change, while no callback of the endpoint and no other observer runs; at
+    /// first, where there is something to tell, with how things stand (BUS_LOST, or
+    /// SERVICE_APPEARED and REGISTERED). Any thread; does not wait. An endpoint whose start has
+    /// failed tells nothing.
+    ///
+    /// The observer must not throw nor be empty, and must not let go of the last pointer to the
+    /// endpoint. It may add and remove observers, also itself.
+    ///
+    /// @return its number, for RemoveStateCallback; never 0, except in a forked child
+    virtual unsigned int AddStateCallback(const TStateCallback& callback) = 0;
+
+    /// Removes an observer. When it returns, the observer is not running, unless it is the caller,
+    /// and will not run again. Any thread; may wait for that observer, so it must not be called
+    /// while holding a lock that it takes.
+    ///
+    /// @return false if there is none of that number; false in a forked child
+    virtual bool RemoveStateCallback(unsigned int id) = 0;
 };
 
 } // namespace qor

@@ -15,7 +15,9 @@
 namespace qor
 {
 
+class TCDbusPending;
 class TCDbusRegistration;
+class TCDbusStates;
 
 /// The client endpoint: watches the service's name, announces the types that it has callbacks for
 /// with Hello whenever the service appears or the set changes, and sends messages to the service.
@@ -49,6 +51,13 @@ public:
     bool UnSetCallback(int type) override;
     bool SendMessage(int type, const std::vector<unsigned char>& data,
                      std::vector<unsigned char>& response, bool isAsync) override;
+    TSSendResult Call(int type, const std::vector<unsigned char>& data, int timeoutMs,
+                      const TCCancellation& cancellation) override;
+    void CallAsync(int type, const std::vector<unsigned char>& data, int timeoutMs,
+                   const TCCancellation& cancellation, const TSendCallback& onDone,
+                   GMainContext* pContext) override;
+    unsigned int AddStateCallback(const TStateCallback& callback) override;
+    bool RemoveStateCallback(unsigned int id) override;
 
 protected:
     bool t_Start();
@@ -61,10 +70,16 @@ private:
     void m_LeaveBus();
     void m_TypesChanged() QOR_REQUIRES(t_callbacksMutex);
     bool m_SendHello();
-    void m_RepeatHello();
-    void m_CallWithoutReply(const TSessionPtr& session, const char* method, GVariant* pParameters);
-    bool m_CallAndWait(const TSessionPtr& session, int type, const TByteArray& data,
-                       TByteArray& response);
+    void m_CheckRegistration();
+    void m_TellNewObservers();
+    void m_PrepareSend(const TSessionPtr& session, bool withHello);
+    bool m_IsSendable(std::size_t size, const TCCancellation& cancellation, GError** ppError) const;
+    bool m_SendAndForget(const TSessionPtr& session, int type, const TByteArray& data);
+    TGlibPtr<GDBusMessage> m_NewSend(int type, bool isAsync, const TByteArray& data) const;
+    void m_CallAndWait(const TSessionPtr& session, int type, const TByteArray& data,
+                       std::int64_t deadline, const TCCancellation& cancellation,
+                       TSSendResult& result) const;
+    void m_TakeAnswer(GDBusMessage* pAnswer, const GError* pError, TSSendResult& result) const;
 
     bool m_CreateProxy();
     void m_Watch(const TSessionPtr& session) QOR_EXCLUDES(t_watchMutex);
@@ -83,9 +98,12 @@ private:
     unsigned int m_watcherId QOR_GUARDED_BY(t_watchMutex);
     TGlibPtr<GDBusProxy> m_pProxy QOR_GUARDED_BY(t_stateMutex);
     TGlibPtr<GSource> m_pHangUp QOR_GUARDED_BY(t_watchMutex); ///< Sees the connection close.
-    std::atomic<std::int64_t> m_nextAttempt; ///< To connect: monotonic time in microseconds.
+    std::atomic<std::int64_t> m_nextAttempt;   ///< To connect: monotonic time in microseconds.
+    std::shared_ptr<TCDbusPending> m_pPending; ///< Asynchronous calls.
+    std::unique_ptr<TCDbusStates> m_pStates;   ///< Observers.
     // Set when the start has succeeded, once:
     std::unique_ptr<TCDbusTimer> m_pRecovery; ///< Due when the bus is to be looked for.
+    std::unique_ptr<TCDbusTimer> m_pNews;     ///< Due when observers have been added.
     std::shared_ptr<TCDbusRegistration> m_pRegistration;
 };
 

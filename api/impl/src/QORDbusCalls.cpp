@@ -16,8 +16,7 @@ namespace qor
 namespace
 {
 
-// A connection that closes tells nobody on this thread, so a waiting one looks.
-constexpr gint64 CLOSED_CHECK_US = 100 * G_TIME_SPAN_MILLISECOND;
+constexpr gint64 CHECK_INTERVAL_US = TCDbusCalls::CHECK_INTERVAL_MS * G_TIME_SPAN_MILLISECOND;
 
 bool IsBus(const char* name)
 {
@@ -170,10 +169,31 @@ std::size_t TCDbusCalls::UnsentBytes()
     return m_unsentBytes;
 }
 
-TGlibPtr<GDBusMessage> TCDbusCalls::CallAndWait(GDBusMessage* pCall, int timeoutMs,
+bool TCDbusCalls::IsOver(std::int64_t deadline, const TCCancellation& cancellation,
+                         GError** ppError) const
+{
+    if (cancellation.IsCancelled())
+    {
+        g_set_error_literal(ppError, G_IO_ERROR, G_IO_ERROR_CANCELLED, "Operation was cancelled");
+        return true;
+    }
+    if (g_dbus_connection_is_closed(m_pConnection))
+    {
+        g_set_error_literal(ppError, G_IO_ERROR, G_IO_ERROR_CLOSED, "The connection is closed");
+        return true;
+    }
+    if (g_get_monotonic_time() >= deadline)
+    {
+        g_set_error_literal(ppError, G_IO_ERROR, G_IO_ERROR_TIMED_OUT, "Timeout was reached");
+        return true;
+    }
+    return false;
+}
+
+TGlibPtr<GDBusMessage> TCDbusCalls::CallAndWait(GDBusMessage* pCall, std::int64_t deadline,
+                                                const TCCancellation& cancellation,
                                                 GError** ppError)
 {
-    const gint64 deadline = g_get_monotonic_time() + timeoutMs * G_TIME_SPAN_MILLISECOND;
     const auto call = std::make_shared<TSCall>(pCall, nullptr);
     if (m_Send(call, pCall, ppError) == 0)
     {
@@ -182,17 +202,13 @@ TGlibPtr<GDBusMessage> TCDbusCalls::CallAndWait(GDBusMessage* pCall, int timeout
     TCPosixLock lock(m_mutex);
     while (call->m_pAnswer == nullptr)
     {
-        const gint64 now = g_get_monotonic_time();
-        const bool isClosed = g_dbus_connection_is_closed(m_pConnection);
-        if (isClosed || now >= deadline)
+        if (IsOver(deadline, cancellation, ppError))
         {
             m_Drop(call);
-            g_set_error_literal(ppError, G_IO_ERROR,
-                                isClosed ? G_IO_ERROR_CLOSED : G_IO_ERROR_TIMED_OUT,
-                                isClosed ? "The connection is closed" : "Timeout was reached");
             return nullptr;
         }
-        lock.WaitUntil(call->m_changed, std::min(deadline, now + CLOSED_CHECK_US));
+        const gint64 nextCheck = g_get_monotonic_time() + CHECK_INTERVAL_US;
+        lock.WaitUntil(call->m_changed, std::min(deadline, nextCheck));
     }
     return std::move(call->m_pAnswer);
 }

@@ -13,6 +13,7 @@
 
 #include <qor/GlibTypes.h>
 #include <qor/Mutex.h>
+#include <qor/SendResult.h>
 
 namespace qor
 {
@@ -43,9 +44,16 @@ public:
     std::size_t UnsentBytes() QOR_EXCLUDES(m_mutex);
 
     // Sends a call and waits on this thread, without a main context. A message, perhaps an error
-    // reply, or null with an error: the timeout, or a connection that closes.
-    TGlibPtr<GDBusMessage> CallAndWait(GDBusMessage* pCall, int timeoutMs, GError** ppError)
+    // reply, or null with an error: the deadline (monotonic time in microseconds), a connection
+    // that closes, or a caller that has cancelled.
+    TGlibPtr<GDBusMessage> CallAndWait(GDBusMessage* pCall, std::int64_t deadline,
+                                       const TCCancellation& cancellation, GError** ppError)
         QOR_EXCLUDES(m_mutex);
+    // Whether a call has waited long enough; then with the error above. Whoever waits looks each
+    // time that this interval has passed: neither a connection that closes nor a caller that
+    // cancels tells anybody.
+    static constexpr unsigned int CHECK_INTERVAL_MS = 100;
+    bool IsOver(std::int64_t deadline, const TCCancellation& cancellation, GError** ppError) const;
 
     // For the filter, on the worker thread: a message is about to be written; whether a reply is
     // the answer to a call of ours.

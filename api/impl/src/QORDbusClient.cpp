@@ -8,10 +8,10 @@
 
 #include "QORDbusContext.h"
 #include "QORDbusLink.h"
-#include "QORDbusMessage.h"
+#include "QORDbusPending.h"
 #include "QORDbusRegistration.h"
 #include "QORDbusSession.h"
-#include "QOREnvelope.h"
+#include "QORDbusStates.h"
 #include "QORFork.h"
 #include "QORGlibError.h"
 #include "QORLocks.h"
@@ -22,17 +22,14 @@
 namespace qor
 {
 
-namespace
-{
-
-constexpr int SEND_TIMEOUT_MS = 10000;
-constexpr int DEFAULT_TIMEOUT = -1;
-
-} // namespace
-
 IDbusClient::~IDbusClient() = default;
 
-TCDbusClient::TCDbusClient(bool testMode) : TCDbus(testMode), m_watcherId(0), m_nextAttempt(0)
+TCDbusClient::TCDbusClient(bool testMode)
+    : TCDbus(testMode),
+      m_watcherId(0),
+      m_nextAttempt(0),
+      m_pPending(std::make_shared<TCDbusPending>()),
+      m_pStates(std::make_unique<TCDbusStates>())
 {
     t_Start();
 }
@@ -46,7 +43,10 @@ TCDbusClient::~TCDbusClient()
     }
     MakeAnew(m_pProxy);
     MakeAnew(m_pHangUp);
+    MakeAnew(m_pPending);
+    MakeAnew(m_pStates);
     MakeAnew(m_pRecovery);
+    MakeAnew(m_pNews);
     MakeAnew(m_pRegistration);
     t_Abandon();
 }
@@ -62,9 +62,14 @@ bool TCDbusClient::t_Start()
     m_pRecovery = std::make_unique<TCDbusTimer>(
         t_pMainContext.get(), &TCDbusEntry::RunMember<TCDbusClient, &TCDbusClient::m_Recover>,
         t_NewUserData(), RELEASE_DBUS_LINK);
+    m_pNews = std::make_unique<TCDbusTimer>(
+        t_pMainContext.get(),
+        &TCDbusEntry::RunMember<TCDbusClient, &TCDbusClient::m_TellNewObservers>, t_NewUserData(),
+        RELEASE_DBUS_LINK);
     m_pRegistration = std::make_shared<TCDbusRegistration>(std::make_unique<TCDbusTimer>(
-        t_pMainContext.get(), &TCDbusEntry::RunMember<TCDbusClient, &TCDbusClient::m_RepeatHello>,
-        t_NewUserData(), RELEASE_DBUS_LINK));
+        t_pMainContext.get(),
+        &TCDbusEntry::RunMember<TCDbusClient, &TCDbusClient::m_CheckRegistration>, t_NewUserData(),
+        RELEASE_DBUS_LINK));
     m_Watch(t_Session());
     return true;
 }
@@ -102,6 +107,7 @@ void TCDbusClient::m_LeaveBus()
     if (m_IsStarted())
     {
         m_pRecovery->Stop();
+        m_pNews->Stop();
         m_pRegistration->Stop();
     }
     m_Unwatch();
@@ -112,6 +118,7 @@ void TCDbusClient::t_Stop()
 {
     m_LeaveBus();
     t_StopHandlers();
+    m_pPending->End();
     {
         const TExclusiveLock lock(t_stateMutex);
         m_pProxy.reset();
@@ -145,6 +152,7 @@ void TCDbusClient::m_NameAppeared(GDBusConnection* pConnection, const char* /*na
     {
         m_SendHello();
     }
+    m_pStates->SetService(true);
 }
 
 void TCDbusClient::m_NameVanished(GDBusConnection* pConnection, const char* name, void* pUserData)
@@ -158,6 +166,7 @@ void TCDbusClient::m_NameVanished(GDBusConnection* pConnection, const char* name
 void TCDbusClient::m_NameVanished(GDBusConnection* /*pConnection*/, const char* /*name*/)
 {
     t_isReady = false;
+    m_pStates->SetService(false);
 }
 
 bool TCDbusClient::m_SendHello()
@@ -173,10 +182,21 @@ bool TCDbusClient::m_SendHello()
     return true;
 }
 
-void TCDbusClient::m_RepeatHello()
+// The types are confirmed, or it is time to say them again. Without the service neither counts: it
+// is told everything anew when it appears.
+void TCDbusClient::m_CheckRegistration()
 {
+    if (!t_isReady)
+    {
+        return;
+    }
+    if (m_pRegistration->TakeConfirmation())
+    {
+        m_pStates->TellRegistered();
+        return;
+    }
     int newReason = 0;
-    if (!t_isReady || !m_pRegistration->IsUnconfirmed(newReason))
+    if (!m_pRegistration->IsUnconfirmed(newReason))
     {
         return;
     }
@@ -187,7 +207,33 @@ void TCDbusClient::m_RepeatHello()
     m_SendHello();
 }
 
-// --- Callbacks and sends -------------------------------------------------------------------------
+// --- Observers -----------------------------------------------------------------------------------
+
+unsigned int TCDbusClient::AddStateCallback(const TStateCallback& callback)
+{
+    if (!t_IsInOwnProcess())
+    {
+        return 0;
+    }
+    const unsigned int id = m_pStates->Add(callback);
+    if (m_IsStarted())
+    {
+        m_pNews->SetIn(0);
+    }
+    return id;
+}
+
+bool TCDbusClient::RemoveStateCallback(unsigned int id)
+{
+    return t_IsInOwnProcess() && m_pStates->Remove(id);
+}
+
+void TCDbusClient::m_TellNewObservers()
+{
+    m_pStates->TellNew(t_isReady && m_pRegistration->IsConfirmed());
+}
+
+// --- Callbacks --------------------------------------------------------------------------
 
 bool TCDbusClient::SetCallback(int type, const TMessageCallback& callback)
 {
@@ -232,83 +278,6 @@ void TCDbusClient::m_TypesChanged()
     {
         m_SendHello();
     }
-}
-
-bool TCDbusClient::SendMessage(int type, const TByteArray& data, TByteArray& response, bool isAsync)
-{
-    if (!t_IsInOwnProcess())
-    {
-        return false;
-    }
-    const TSessionPtr session = m_FindBus();
-    if (!t_isReady)
-    {
-        QOR_LOG_DEBUG("Connection is not ready");
-        // The bus starts a service that is not running, which then learns our types at once; not
-        // before it can call us, while the bus has just been found again.
-        if (!isAsync && (!m_IsStarted() || t_IsExportedOn(session)))
-        {
-            m_SendHello();
-        }
-    }
-    if (!t_Fits(data.size()))
-    {
-        // The bus would close the connection on it.
-        QOR_LOG_ERROR("Sending message error, errno %d", G_IO_ERROR_MESSAGE_TOO_LARGE);
-        return false;
-    }
-    if (!isAsync)
-    {
-        return m_CallAndWait(session, type, data, response);
-    }
-    GVariant* pRequest = nullptr;
-    t_ConvertBytes(type, isAsync, data, pRequest);
-    m_CallWithoutReply(session, t_dbusSendMethod, pRequest);
-    return true;
-}
-
-// Calls go to the service's well-known name, not to the owner that the proxy has last heard of: the
-// proxy learns of a restarted service only while the main context is iterated, and sends must work
-// without. Takes over the floating parameters, also where the start failed and nothing is called.
-void TCDbusClient::m_CallWithoutReply(const TSessionPtr& session, const char* method,
-                                      GVariant* pParameters)
-{
-    const TGlibPtr<GVariant> pOwned(g_variant_ref_sink(pParameters));
-    if (m_IsStarted())
-    {
-        g_dbus_connection_call(session->Connection(), t_busName, t_objectPath, t_interfaceName,
-                               method, pOwned.get(), nullptr, G_DBUS_CALL_FLAGS_NONE,
-                               DEFAULT_TIMEOUT, nullptr, nullptr, nullptr);
-    }
-}
-
-// The answer is picked up on the way in. g_dbus_connection_call_sync would make a main context, and
-// with it a file descriptor, for each call.
-bool TCDbusClient::m_CallAndWait(const TSessionPtr& session, int type, const TByteArray& data,
-                                 TByteArray& response)
-{
-    if (!m_IsStarted())
-    {
-        QOR_LOG_ERROR("pResult is NULL");
-        return false;
-    }
-    GVariant* pRequest = nullptr;
-    t_ConvertBytes(type, false, data, pRequest);
-    const TGlibPtr<GDBusMessage> pCall(
-        g_dbus_message_new_method_call(t_busName, t_objectPath, t_interfaceName, t_dbusSendMethod));
-    g_dbus_message_set_body(pCall.get(), pRequest);
-    TCGlibError error;
-    const TGlibPtr<GDBusMessage> pAnswer =
-        session->Calls().CallAndWait(pCall.get(), SEND_TIMEOUT_MS, error.Out());
-    int code = error ? error.Code() : 0;
-    if (pAnswer == nullptr || IsErrorReply(pAnswer.get(), code))
-    {
-        QOR_LOG_ERROR("Sending message error, errno %d", code);
-        return false;
-    }
-    bool result = true;
-    t_ConvertBytes(g_dbus_message_get_body(pAnswer.get()), result, response);
-    return result;
 }
 
 // --- The process's endpoint ----------------------------------------------------------------------

@@ -12,6 +12,7 @@
 #include "QORDbusContext.h"
 #include "QORDbusLink.h"
 #include "QORDbusSession.h"
+#include "QORDbusStates.h"
 #include "QORGlibError.h"
 #include "QORLocks.h"
 #include "QORLog.h"
@@ -92,6 +93,7 @@ void TCDbusClient::m_Lost()
 {
     t_isReady = false;
     m_pRecovery->SetIn(ATTEMPT_INTERVAL_MS);
+    m_pStates->SetBus(false);
 }
 
 // Any thread. The session to work with; where the bus is lost, it is looked for first, by one
@@ -149,6 +151,7 @@ void TCDbusClient::m_Recover()
         const TExclusiveLock lock(t_stateMutex);
         m_pProxy.swap(pProxy);
     }
+    m_pStates->SetBus(false); // where another thread was first to see it
     const TCThreadDefaultContext context(t_pMainContext.get());
     if (session->IsClosed() || !t_Export(session))
     {
@@ -156,6 +159,7 @@ void TCDbusClient::m_Recover()
         return;
     }
     m_Watch(session);
+    m_pStates->SetBus(true);
 }
 
 } // namespace qor

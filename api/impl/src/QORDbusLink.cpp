@@ -1,4 +1,4 @@
-// The counted link that GLib holds in place of an endpoint.
+// The counted link that GLib holds in place of an endpoint, or of a call that has no result yet.
 #include "QORDbusLink.h"
 
 #include <unistd.h>
@@ -13,17 +13,17 @@
 namespace qor
 {
 
-TSDbusLink* NewDbusLink(TCDbus* pEndpoint)
+TSDbusLink* NewDbusLink(void* pTarget)
 {
     static_assert(std::is_trivially_destructible<TSDbusLink>::value, "freed without a destructor");
     return new (g_atomic_rc_box_alloc(sizeof(TSDbusLink)))
-        TSDbusLink{{}, PTHREAD_COND_INITIALIZER, pEndpoint, 0, pthread_self(), getpid()};
+        TSDbusLink{{}, PTHREAD_COND_INITIALIZER, pTarget, 0, pthread_self(), getpid()};
 }
 
 void SeverDbusLink(TSDbusLink* pLink)
 {
     const TCPosixLock lock(pLink->m_mutex);
-    pLink->m_pEndpoint = nullptr;
+    pLink->m_pTarget = nullptr;
 }
 
 void WaitForDbusHandlers(TSDbusLink* pLink)
@@ -38,7 +38,7 @@ void WaitForDbusHandlers(TSDbusLink* pLink)
 bool IsDbusLinkSevered(TSDbusLink* pLink)
 {
     const TCPosixLock lock(pLink->m_mutex);
-    return pLink->m_pEndpoint == nullptr;
+    return pLink->m_pTarget == nullptr;
 }
 
 bool IsInDbusHandler(TSDbusLink* pLink)
@@ -47,25 +47,25 @@ bool IsInDbusHandler(TSDbusLink* pLink)
     return pLink->m_running != 0 && pthread_equal(pLink->m_runner, pthread_self());
 }
 
-TCDbusEntry::TCDbusEntry(void* pUserData)
-    : m_pLink(static_cast<TSDbusLink*>(pUserData)), m_pEndpoint(nullptr), m_isNested(false)
+TCDbusHold::TCDbusHold(void* pUserData)
+    : m_pLink(static_cast<TSDbusLink*>(pUserData)), m_pTarget(nullptr), m_isNested(false)
 {
     if (m_pLink == nullptr)
     {
         return;
     }
     const TCPosixLock lock(m_pLink->m_mutex);
-    m_pEndpoint = m_pLink->m_pEndpoint;
-    if (m_pEndpoint != nullptr)
+    m_pTarget = m_pLink->m_pTarget;
+    if (m_pTarget != nullptr)
     {
         m_isNested = m_pLink->m_running++ != 0;
         m_pLink->m_runner = pthread_self();
     }
 }
 
-TCDbusEntry::~TCDbusEntry()
+TCDbusHold::~TCDbusHold()
 {
-    if (m_pEndpoint == nullptr)
+    if (m_pTarget == nullptr)
     {
         return;
     }
@@ -76,7 +76,7 @@ TCDbusEntry::~TCDbusEntry()
 
 void TCDbusEntry::m_Run(std::function<void()> work) const
 {
-    m_pEndpoint->m_Handle(std::move(work), m_isNested);
+    Endpoint()->m_Handle(std::move(work), IsNested());
 }
 
 } // namespace qor

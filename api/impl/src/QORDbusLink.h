@@ -1,7 +1,7 @@
-// The counted link that GLib holds in place of an endpoint.
+// The counted link that GLib holds in place of an endpoint, or of a call that has no result yet.
 //
-// GLib may still be about to call a handler when the endpoint goes away on another thread, so what
-// it gets as user data is never the endpoint. A handler resolves the link and holds it while it
+// GLib may still be about to call a handler when its target goes away on another thread, so what
+// it gets as user data is never the target. A handler resolves the link and holds it while it
 // runs; stopping severs the link and waits for the handler that is running.
 #ifndef QOR_QORDBUSLINK_H
 #define QOR_QORDBUSLINK_H
@@ -27,20 +27,20 @@ struct TSDbusLink
 {
     TSPosixMutex m_mutex;
     pthread_cond_t m_changed;
-    TCDbus* m_pEndpoint QOR_GUARDED_BY(m_mutex);    // null once severed
+    void* m_pTarget QOR_GUARDED_BY(m_mutex);        // null once severed
     unsigned int m_running QOR_GUARDED_BY(m_mutex); // more than one where a callback iterates the
                                                     // main context
     pthread_t m_runner QOR_GUARDED_BY(m_mutex);     // the thread of the running handlers: one
                                                     // context, so one at a time
-    pid_t m_process;                                // that created the endpoint
+    pid_t m_process;                                // that created the target
 };
 
 // How GLib gives back its reference: a function of GLib's own, for the same reason.
 constexpr GDestroyNotify RELEASE_DBUS_LINK = &g_atomic_rc_box_release;
 
-TSDbusLink* NewDbusLink(TCDbus* pEndpoint);
+TSDbusLink* NewDbusLink(void* pTarget);
 
-// From here on no handler finds the endpoint. Does not wait.
+// From here on no handler finds the target. Does not wait.
 void SeverDbusLink(TSDbusLink* pLink);
 
 // Waits for a running handler, unless it is the caller's own: a process that exits from inside a
@@ -52,26 +52,48 @@ bool IsDbusLinkSevered(TSDbusLink* pLink);
 // Whether the calling thread is inside a handler.
 bool IsInDbusHandler(TSDbusLink* pLink);
 
-// The way in of every handler: finds the endpoint behind its user data, holds it while the handler
-// runs, and runs the work.
+// The way in of every handler: finds the target behind its user data, and holds it while the
+// handler runs.
+class TCDbusHold
+{
+public:
+    explicit TCDbusHold(void* pUserData);
+    ~TCDbusHold();
+
+    TCDbusHold(const TCDbusHold&) = delete;
+    TCDbusHold& operator=(const TCDbusHold&) = delete;
+
+    // Null when there is no target (any more).
+    void* Target() const
+    {
+        return m_pTarget;
+    }
+    // Whether another handler of the target is running: one that iterates the main context.
+    bool IsNested() const
+    {
+        return m_isNested;
+    }
+
+private:
+    TSDbusLink* m_pLink;
+    void* m_pTarget;
+    bool m_isNested;
+};
+
+// The same for an endpoint, whose work it runs.
 class TCDbusEntry
 {
 public:
-    explicit TCDbusEntry(void* pUserData);
-    ~TCDbusEntry();
-
-    TCDbusEntry(const TCDbusEntry&) = delete;
-    TCDbusEntry& operator=(const TCDbusEntry&) = delete;
+    explicit TCDbusEntry(void* pUserData) : m_hold(pUserData) {}
 
     // Null when there is no endpoint (any more).
     TCDbus* Endpoint() const
     {
-        return m_pEndpoint;
+        return static_cast<TCDbus*>(m_hold.Target());
     }
-    // Whether another handler of the endpoint is running: one that iterates the main context.
     bool IsNested() const
     {
-        return m_isNested;
+        return m_hold.IsNested();
     }
 
     // Runs the work with the endpoint, if there is one: at once, or, inside a callback that
@@ -79,9 +101,9 @@ public:
     template <class TEndpoint, class TWork>
     void Run(TWork work) const
     {
-        if (m_pEndpoint != nullptr)
+        if (Endpoint() != nullptr)
         {
-            m_Run([pEndpoint = static_cast<TEndpoint*>(m_pEndpoint), work = std::move(work)]
+            m_Run([pEndpoint = static_cast<TEndpoint*>(Endpoint()), work = std::move(work)]
                   { work(*pEndpoint); });
         }
     }
@@ -98,9 +120,7 @@ public:
 private:
     void m_Run(std::function<void()> work) const;
 
-    TSDbusLink* m_pLink;
-    TCDbus* m_pEndpoint;
-    bool m_isNested;
+    TCDbusHold m_hold;
 };
 
 } // namespace qor

@@ -30,6 +30,7 @@ TCDbusRegistration::TCDbusRegistration(std::unique_ptr<TCDbusTimer> pTimer)
       m_number(0),
       m_hasNews(false),
       m_isConfirmed(false),
+      m_isConfirmationTaken(false),
       m_isReasonTold(false),
       m_reason(G_IO_ERROR_TIMED_OUT),
       m_pauseMs(FIRST_PAUSE_MS),
@@ -57,6 +58,7 @@ void TCDbusRegistration::Announce(TCDbusCalls& calls, GDBusMessage* pHello)
     g_dbus_message_set_body(pHello, m_pTypes.get());
     m_hasNews = false;
     m_isConfirmed = false;
+    m_isConfirmationTaken = false;
     m_reason = G_IO_ERROR_TIMED_OUT; // until there is a better one
     ++m_number;
     calls.Call(
@@ -82,7 +84,7 @@ void TCDbusRegistration::m_Answered(std::uint32_t number, GDBusMessage* pAnswer)
         return;
     }
     m_isConfirmed = true;
-    m_pTimer->Clear();
+    m_pTimer->SetIn(0);
     m_ResetIntervals();
 }
 
@@ -116,6 +118,20 @@ bool TCDbusRegistration::IsUnconfirmed(int& newReason)
         m_patienceMs = std::min(2 * m_patienceMs, LAST_PATIENCE_MS);
     }
     return true;
+}
+
+bool TCDbusRegistration::IsConfirmed()
+{
+    const TCPosixLock lock(m_mutex);
+    return m_isConfirmed && !m_hasNews;
+}
+
+bool TCDbusRegistration::TakeConfirmation()
+{
+    const TCPosixLock lock(m_mutex);
+    const bool isNew = m_isConfirmed && !m_hasNews && !m_isConfirmationTaken;
+    m_isConfirmationTaken = m_isConfirmationTaken || isNew;
+    return isNew;
 }
 
 void TCDbusRegistration::Stop()

@@ -27,7 +27,7 @@ class TCDbusCalls;
 class TCDbusRegistration : public std::enable_shared_from_this<TCDbusRegistration>
 {
 public:
-    // The timer is due when Hello is to be repeated.
+    // The timer is due when Hello is to be repeated, and when it has been confirmed.
     explicit TCDbusRegistration(std::unique_ptr<TCDbusTimer> pTimer);
 
     // What is announced from here on.
@@ -45,6 +45,11 @@ public:
     // not been told before, else 0.
     bool IsUnconfirmed(int& newReason) QOR_EXCLUDES(m_mutex);
 
+    // Whether the service has confirmed the types of the moment; and the same, once for each
+    // announcement.
+    bool IsConfirmed() QOR_EXCLUDES(m_mutex);
+    bool TakeConfirmation() QOR_EXCLUDES(m_mutex);
+
     // The timer is not due any more.
     void Stop();
 
@@ -58,6 +63,7 @@ private:
     std::uint32_t m_number QOR_GUARDED_BY(m_mutex); // of the last announcement
     bool m_hasNews QOR_GUARDED_BY(m_mutex);
     bool m_isConfirmed QOR_GUARDED_BY(m_mutex);
+    bool m_isConfirmationTaken QOR_GUARDED_BY(m_mutex);
     bool m_isReasonTold QOR_GUARDED_BY(m_mutex);
     int m_reason QOR_GUARDED_BY(m_mutex);              // of the last refusal
     unsigned int m_pauseMs QOR_GUARDED_BY(m_mutex);    // after a refusal

@@ -35,6 +35,11 @@ public:
     {
         return m_pError->code;
     }
+    // Null when there is none.
+    const GError* Get() const
+    {
+        return m_pError;
+    }
 
 private:
     GError* m_pError;
