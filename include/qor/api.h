@@ -6,6 +6,7 @@
 
 #include <qor/Export.h>
 #include <qor/IControl.h>
+#include <qor/IPolicyControl.h>
 
 namespace qor
 {
@@ -25,6 +26,12 @@ namespace api
 ///
 /// @return the control object, or an empty pointer once the teardown has run
 QOR_API boost::shared_ptr<IControl> GetControl();
+
+/// The process-wide policy control object: the same service, endpoint and life cycle as those of
+/// GetControl, with reasons in place of -1.
+///
+/// @return the object, or an empty pointer once the teardown has run
+QOR_API boost::shared_ptr<IPolicyControl> GetPolicyControl();
 
 } // namespace api
 } // namespace qor

@@ -7,6 +7,8 @@
 
 #include <gio/gio.h>
 
+#include <qor/SendResult.h>
+
 #include "QORBusConnection.h"
 #include "QORDbusContext.h"
 #include "QORDbusLink.h"
@@ -27,7 +29,7 @@ namespace qor
 namespace
 {
 
-constexpr int RELEASE_LIMIT_MS = 2000;
+constexpr gint64 RELEASE_LIMIT_US = 2 * G_TIME_SPAN_SECOND;
 
 } // namespace
 
@@ -184,7 +186,8 @@ void TCDbusServer::m_GiveUpName()
         const TGlibPtr<GDBusMessage> pCall(
             g_dbus_message_new_method_call(BUS_NAME, BUS_PATH, BUS_NAME, "ReleaseName"));
         g_dbus_message_set_body(pCall.get(), g_variant_new("(s)", t_busName));
-        t_Session()->Calls().CallAndWait(pCall.get(), RELEASE_LIMIT_MS, error.Out());
+        t_Session()->Calls().CallAndWait(pCall.get(), g_get_monotonic_time() + RELEASE_LIMIT_US,
+                                         TCCancellation(), error.Out());
     }
 }
 

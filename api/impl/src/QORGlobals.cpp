@@ -17,6 +17,7 @@
 
 #include "QORControlProxy.h"
 #include "QORFork.h"
+#include "QORPolicyControlProxy.h"
 #include "QORPolicyPaths.h"
 
 namespace qor
@@ -44,10 +45,15 @@ boost::weak_ptr<IDbusClient>* const TCDbusClientProvider::m_pDbusClient =
     new boost::weak_ptr<IDbusClient>;
 TCDbusClient* TCDbusClientProvider::m_pLatest = nullptr;
 
-// 5. The holders of the two proxies, empty.
+// 5. The holders of the proxies, empty.
 boost::shared_ptr<IControl>* const TCControlProxy::m_pInstance = new boost::shared_ptr<IControl>;
 TSPosixRwLock TCControlProxy::m_rwlock;
 bool TCControlProxy::m_destroyed = false;
+
+boost::shared_ptr<IPolicyControl>* const TCPolicyControlProxy::m_pInstance =
+    new boost::shared_ptr<IPolicyControl>;
+TSPosixRwLock TCPolicyControlProxy::m_rwlock;
+bool TCPolicyControlProxy::m_destroyed = false;
 
 boost::shared_ptr<ICallbacks>* const TCCallbacksProxy::m_pInstance =
     new boost::shared_ptr<ICallbacks>;
@@ -75,6 +81,7 @@ void TSForkHandler::ResetLocks() QOR_NOT_ANALYSED // the child has no other thre
     TCDeactivator::m_isDestroyingUser = false;
     MakeAnew(*TCDbusClientProvider::m_pMutex);
     MakeAnew(TCControlProxy::m_rwlock);
+    MakeAnew(TCPolicyControlProxy::m_rwlock);
     MakeAnew(TCCallbacksProxy::m_rwlock);
     MakeAnew(TCVelkinCachingUtils::m_CacheMapMutex);
 }
