@@ -73,7 +73,7 @@ struct Answer
     enum EKind
     {
         REPLY,      // with the bytes
-        ERROR,      // with the error name
+        ERROR,      // with the error name, and the bytes or "test" for its text
         WRONG_TYPE, // a reply that holds a string
         NO_VALUE,   // a reply without any argument
         NEVER,      // the call stays unanswered
@@ -336,10 +336,12 @@ private:
                 answer.kind == Answer::HOLD ? held.push_back(std::move(call)) : void();
                 return;
             }
-            const MessagePtr reply(answer.kind == Answer::ERROR
-                                       ? g_dbus_message_new_method_error_literal(
-                                             call.get(), answer.errorName.c_str(), "test")
-                                       : g_dbus_message_new_method_reply(call.get()));
+            const std::string text(answer.bytes.begin(), answer.bytes.end());
+            const MessagePtr reply(
+                answer.kind == Answer::ERROR
+                    ? g_dbus_message_new_method_error_literal(call.get(), answer.errorName.c_str(),
+                                                              text.empty() ? "test" : text.c_str())
+                    : g_dbus_message_new_method_reply(call.get()));
             if (answer.kind == Answer::REPLY || answer.kind == Answer::WRONG_TYPE)
             {
                 const bool isRight = answer.kind == Answer::REPLY;
