@@ -35,7 +35,7 @@ enum class ESendStatus
 /// The outcome of one message.
 struct TSSendResult
 {
-    ESendStatus m_status = ESendStatus::FAILED;
+    ESendStatus m_status = ESendStatus::FAILED; ///< What became of it.
 
     /// The number of the GLib error, which the log shows as "errno"; 0 after an answer.
     int m_code = 0;
@@ -65,6 +65,7 @@ public:
     /// within about 100 ms, later ones at once and unsent.
     void Cancel();
 
+    /// Whether any of the copies has been cancelled.
     bool IsCancelled() const;
 
 private:

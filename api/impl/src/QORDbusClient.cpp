@@ -230,7 +230,7 @@ bool TCDbusClient::RemoveStateCallback(unsigned int id)
 
 void TCDbusClient::m_TellNewObservers()
 {
-    m_pStates->TellNew(t_isReady && m_pRegistration->IsConfirmed());
+    m_pStates->TellNew(m_pRegistration->IsConfirmationTaken());
 }
 
 // --- Callbacks --------------------------------------------------------------------------

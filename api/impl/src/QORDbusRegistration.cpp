@@ -120,18 +120,18 @@ bool TCDbusRegistration::IsUnconfirmed(int& newReason)
     return true;
 }
 
-bool TCDbusRegistration::IsConfirmed()
-{
-    const TCPosixLock lock(m_mutex);
-    return m_isConfirmed && !m_hasNews;
-}
-
 bool TCDbusRegistration::TakeConfirmation()
 {
     const TCPosixLock lock(m_mutex);
     const bool isNew = m_isConfirmed && !m_hasNews && !m_isConfirmationTaken;
     m_isConfirmationTaken = m_isConfirmationTaken || isNew;
     return isNew;
+}
+
+bool TCDbusRegistration::IsConfirmationTaken()
+{
+    const TCPosixLock lock(m_mutex);
+    return m_isConfirmationTaken && !m_hasNews;
 }
 
 void TCDbusRegistration::Stop()

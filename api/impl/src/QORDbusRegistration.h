@@ -45,10 +45,10 @@ public:
     // not been told before, else 0.
     bool IsUnconfirmed(int& newReason) QOR_EXCLUDES(m_mutex);
 
-    // Whether the service has confirmed the types of the moment; and the same, once for each
-    // announcement.
-    bool IsConfirmed() QOR_EXCLUDES(m_mutex);
+    // Whether the service has confirmed the types of the moment: true once for each announcement;
+    // and whether that has been taken.
     bool TakeConfirmation() QOR_EXCLUDES(m_mutex);
+    bool IsConfirmationTaken() QOR_EXCLUDES(m_mutex);
 
     // The timer is not due any more.
     void Stop();
