@@ -18,6 +18,7 @@
 
 #include <qor/ICallbacks.h>
 #include <qor/IControl.h>
+#include <qor/IPolicyControl.h>
 #include <qor/TIDestroyCallback.h>
 
 // This program's own copy; the library is not there to link with.
@@ -69,6 +70,22 @@ struct User : qor::TIDestroyCallback
     }
 };
 
+// Nobody iterates the context before the library goes, so the call is pending then.
+void SendPending()
+{
+    boost::shared_ptr<qor::IPolicyControl> (*pGetControl)();
+    void (*pConstruct)(void*);
+    Find(pGetControl, "_ZN3qor3api16GetPolicyControlEv");
+    Find(pConstruct, "_ZN3qor14TCCancellationC1Ev");
+    alignas(qor::TCCancellation) unsigned char storage[sizeof(qor::TCCancellation)];
+    pConstruct(storage);
+    auto* const pCancellation = reinterpret_cast<qor::TCCancellation*>(storage);
+    pGetControl()->SetPolicyAsync(
+        "text", 20, *pCancellation, [](const qor::TSPolicyResult&) { printf("a result\n"); },
+        nullptr);
+    pCancellation->~TCCancellation();
+}
+
 void Use()
 {
     static User* const pUser = new User;
@@ -85,6 +102,7 @@ void Use()
     Find(pRegister, "_ZN3qor13TCDeactivator12RegisterDBUSEPFvvE");
     printf("events %d\n", pInstance()->SetPolicyUpdateCb([] {}));
     printf("policy %d\n", pGetControl()->SetPolicy("text")); // an event comes with the answer
+    SendPending();
     pDestroy();
     for (void (*const pFunction)() :
          {&Teardown<3>, &Teardown<1>, &Teardown<4>, &Teardown<2>, &Teardown<1>})
@@ -119,6 +137,7 @@ int main(int argc, char** argv)
         for (int i = 0; i < 50; ++i) // what is queued was for a handler that is gone
         {
             g_main_context_iteration(nullptr, FALSE);
+            g_usleep(1000);
         }
         printf("still loaded %d\n", IsMapped());
     }
