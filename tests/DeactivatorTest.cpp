@@ -45,6 +45,7 @@ protected:
         // In this order, among others: the user once, then each function once, by address.
         Lines expected(before);
         expected.insert(expected.end(), {"user", "destroyed 1", "again 0"});
+        EXPECT_EQ(std::count(all.begin(), all.end(), "the other one waits 0"), 0);
         Lines functions;
         std::copy_if(all.begin(), all.end(), std::back_inserter(functions),
                      [](const std::string& line) { return line.rfind("function ", 0) == 0; });

@@ -136,6 +136,7 @@ TEST_F(Transport, LostBusIsLookedForOnceASecondAndOneThatHangsLessOften)
     ASSERT_TRUE(finds(2));
     EXPECT_GT(SecondsSince(start), 0.5);
     MuteBus hung;
+    const Repeat other([&] { Sends(client), Pause(); }); // and by one thread at a time
     EXPECT_TRUE(WaitUntil([&] { return !Sends(client) && hung.Connections() == 1; }));
     EXPECT_FALSE(WaitUntil([&] { return Sends(client) || hung.Connections() > 1; }, 2000));
 }
@@ -150,7 +151,7 @@ TEST_F(Transport, StartDoesNotWaitForABusThatDoesNotAnswer)
         const auto start = Clock::now();
         EXPECT_EQ(qor::api::GetControl()->SetPolicy("<p/>"), -1);
         EXPECT_LT(SecondsSince(start), 10);
-        EXPECT_EQ(LogCapture::Count(LOG_ERROR, NO_BUS), 1U);
+        EXPECT_EQ(LogCapture::Count(LOG_ERROR, NO_BUS + "24"), 1U); // timed out
     });
 }
 

@@ -4,7 +4,9 @@
 //
 // It is not linked with the library. Everything that the teardown calls prints a line.
 #include <dlfcn.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -30,10 +32,14 @@ namespace
 void* pLibrary;
 void (*pRegister)(void (*)());
 bool (*pRegisterUser)(qor::TIDestroyCallback&);
+void (*pUnregisterUser)(qor::TIDestroyCallback&);
 std::string (*pPolicyPath)();
 
-// Where the code stays, at exit, the functions wait for another thread.
+// Where the code stays, at exit, the functions wait for another thread, and another one for the
+// user's end.
 bool hasOther = false;
+std::atomic<bool> isOtherBack(false);
+std::thread other;
 
 template <class TFunction>
 void Find(TFunction*& pFunction, const char* name)
@@ -59,6 +65,7 @@ void Teardown()
     printf("function %p %s\n", reinterpret_cast<void*>(&Teardown<N>), pPolicyPath().c_str());
     const auto refused = [] { pRegister(&Teardown<100>); }; // without blocking
     hasOther ? std::thread(refused).join() : refused();
+    other.joinable() ? other.join() : void();
 }
 
 struct User : qor::TIDestroyCallback
@@ -66,6 +73,12 @@ struct User : qor::TIDestroyCallback
     void OnDestroy() override
     {
         printf("user\n");
+        if (hasOther)
+        {
+            other = std::thread([this] { isOtherBack = (pUnregisterUser(*this), true); });
+            usleep(50000);
+            printf("the other one waits %d\n", !isOtherBack);
+        }
         printf("again %d\n", pRegisterUser(*this));
     }
 };
@@ -92,7 +105,6 @@ void Use()
     boost::shared_ptr<qor::IControl> (*pGetControl)();
     boost::shared_ptr<qor::ICallbacks> (*pInstance)();
     void (*pDestroy)();
-    void (*pUnregisterUser)(qor::TIDestroyCallback&);
     Find(pUnregisterUser, "_ZN3qor13TCDeactivator14UnregisterUserERNS_17TIDestroyCallbackE");
     Find(pGetControl, "_ZN3qor3api10GetControlEv");
     Find(pInstance, "_ZN3qor16TCCallbacksProxy8InstanceEv");

@@ -144,6 +144,7 @@ TEST_F(Fork, ChildMayLetGoAndAskForAnEndpointOfItsOwn)
 {
     ASSERT_TRUE(m_peer.OwnName(SERVICE_NAME));
     auto client = qor::TCDbusClientProvider::Get(false);
+    const ObjectPtr<GDBusConnection> shared(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
     Bytes response;
     const auto work = [&]
     {
@@ -157,6 +158,8 @@ TEST_F(Fork, ChildMayLetGoAndAskForAnEndpointOfItsOwn)
     };
     EXPECT_EQ(ExitStatusOfChild(work), 0);
     EXPECT_TRUE(client->SendMessage(1, {}, response, false));
+    client.reset(); // and nothing but the connection is inherited
+    EXPECT_EQ(ExitStatusOfChild(work), 0);
 }
 
 // In a process of its own, which has not used the library before.
