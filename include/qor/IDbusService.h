@@ -17,12 +17,12 @@ namespace qor
 /// Somebody on the bus, in the bus's own words: nobody can make them up.
 struct TSPeer
 {
-    std::string m_name;     ///< Unique name.
-    bool m_isKnown = false; ///< Whether the bus has told; else nothing below says anything.
-    unsigned int m_userId = 0;
-    int m_processId = 0;      ///< 0 where the bus does not tell.
-    bool m_hasGroups = false; ///< Whether the bus tells the groups; not every release does.
-    std::vector<unsigned int> m_groupIds;
+    std::string m_name;        ///< Unique name.
+    bool m_isKnown = false;    ///< Whether the bus has told; else nothing below says anything.
+    unsigned int m_userId = 0; ///< The number of the user.
+    int m_processId = 0;       ///< 0 where the bus does not tell.
+    bool m_hasGroups = false;  ///< Whether the bus tells the groups; not every release does.
+    std::vector<unsigned int> m_groupIds; ///< The numbers of the groups, as far as told.
 };
 
 /// What became of an event at one client.
@@ -42,9 +42,9 @@ enum class EDelivery
 /// One client's part in an event.
 struct TSDelivery
 {
-    std::string m_name; ///< The client's unique name.
-    EDelivery m_outcome = EDelivery::CANCELLED;
-    int m_code = 0; ///< Of the error, a GLib error's; 0 without.
+    std::string m_name;                         ///< The client's unique name.
+    EDelivery m_outcome = EDelivery::CANCELLED; ///< What became of it there.
+    int m_code = 0;                             ///< Of the error, a GLib error's; 0 without.
 };
 
 /// How the service stands on the bus.

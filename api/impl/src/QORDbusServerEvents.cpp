@@ -30,6 +30,10 @@ constexpr int DEFAULT_TIMEOUT = -1;
 std::pair<std::size_t, std::size_t> TCDbusServer::SendMessage(int type, const TByteArray& data,
                                                               int timeout)
 {
+    if (!t_IsInOwnProcess())
+    {
+        return {0, 0};
+    }
     const TEventPtr pEvent = m_NewEvent(type, data, timeout);
     const auto pEnd = std::make_shared<std::promise<void>>();
     pEvent->m_onDone = [pEnd](const TEventPtr&) { pEnd->set_value(); };
@@ -69,10 +73,14 @@ void TCDbusServer::SendEventTo(const std::vector<std::string>& clients, int type
 void TCDbusServer::m_SendAndTell(int type, const TByteArray& data, int timeout,
                                  const std::vector<std::string>* pClients, const TEventDone& onDone)
 {
+    if (!t_IsInOwnProcess() || m_pDelivery == nullptr)
+    {
+        return;
+    }
     const TEventPtr pEvent = m_NewEvent(type, data, timeout);
     pEvent->m_onTold = onDone;
     pEvent->m_onDone = [this](const TEventPtr& pDone) { m_pDelivery->TellDone(pDone); };
-    if (!m_Send(pEvent, pClients) && t_IsInOwnProcess() && m_pDelivery != nullptr)
+    if (!m_Send(pEvent, pClients))
     {
         m_pDelivery->TellDone(pEvent);
     }
@@ -96,10 +104,6 @@ TCDbusServer::TEventPtr TCDbusServer::m_NewEvent(int type, const TByteArray& dat
 // Chooses the clients and hands their calls to the loop thread. False where there is nobody.
 bool TCDbusServer::m_Send(const TEventPtr& pEvent, const std::vector<std::string>* pClients)
 {
-    if (!t_IsInOwnProcess())
-    {
-        return false;
-    }
     TCEventDelivery::TCalls calls;
     const TSharedLock lock(t_stateMutex);
     if (!t_isReady || m_clients.empty())
