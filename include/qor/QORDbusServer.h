@@ -110,8 +110,8 @@ private:
     void m_AskWhoHasTheName();
     void m_LearnWhoHasTheName();
     static int m_HungUp(int descriptor, unsigned int condition, void* pUserData);
-    void m_SetState(EServiceState state) QOR_EXCLUDES(t_stateMutex, t_callbacksMutex);
-    void m_TellState() QOR_EXCLUDES(t_stateMutex, t_callbacksMutex);
+    void m_SetState(EServiceState state) QOR_EXCLUDES(t_stateMutex, m_stateCallbackMutex);
+    void m_TellState() QOR_EXCLUDES(t_stateMutex, m_stateCallbackMutex);
     void m_GiveUpName() QOR_EXCLUDES(t_stateMutex);
     void m_GoOnStopping();
     void m_FlushAndGoOn();
@@ -149,7 +149,9 @@ private:
     TGlibPtr<GSource> m_pHangUp; ///< Sees the connection close.
 
     EServiceState m_state QOR_GUARDED_BY(t_stateMutex);
-    boost::function<void(EServiceState)> m_stateCallback QOR_GUARDED_BY(t_callbacksMutex);
+    TCMutex m_stateCallbackMutex; ///< Held while the function runs.
+    boost::function<void(EServiceState)> m_stateCallback QOR_GUARDED_BY(m_stateCallbackMutex);
+    EServiceState m_toldState QOR_GUARDED_BY(m_stateCallbackMutex); ///< STARTING: none yet.
     std::unique_ptr<TCDbusTimer> m_pStateNews; ///< Due when the state is to be told.
     std::atomic<int> m_nameAnswer;             ///< Of the bus, who has the name.
     std::unique_ptr<TCDbusTimer> m_pNameNews;  ///< Due when that has come.

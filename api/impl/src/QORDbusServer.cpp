@@ -37,7 +37,11 @@ IDbusServer::~IDbusServer() = default;
 IDbusService::~IDbusService() = default;
 
 TCDbusServer::TCDbusServer(bool testMode)
-    : TCDbus(testMode), m_ownNameId(0), m_state(EServiceState::STARTING), m_nameAnswer(0)
+    : TCDbus(testMode),
+      m_ownNameId(0),
+      m_state(EServiceState::STARTING),
+      m_toldState(EServiceState::STARTING),
+      m_nameAnswer(0)
 {
     try
     {
@@ -69,6 +73,7 @@ TCDbusServer::~TCDbusServer()
         MakeAnew(m_pStop);
         MakeAnew(m_pHangUp);
         MakeAnew(m_stateCallback);
+        MakeAnew(m_stateCallbackMutex);
         MakeAnew(m_pStateNews);
         MakeAnew(m_pNameNews);
         t_Abandon();
@@ -97,6 +102,8 @@ bool TCDbusServer::t_Start()
                                   boost::placeholders::_3));
     if (!t_Connect())
     {
+        const TExclusiveLock lock(t_stateMutex);
+        m_state = EServiceState::BUS_CLOSED;
         return false;
     }
     const TSessionPtr session = t_Session();
@@ -114,6 +121,10 @@ bool TCDbusServer::t_Start()
     {
         return false;
     }
+    m_pHangUp = NewHangUpSource(session->Connection()); // held as long as the object is exported
+    g_source_set_callback(m_pHangUp.get(), G_SOURCE_FUNC(&TCDbusServer::m_HungUp), t_NewUserData(),
+                          RELEASE_DBUS_LINK);
+    g_source_attach(m_pHangUp.get(), t_pMainContext.get());
     const unsigned int id =
         g_bus_own_name_on_connection(session->Connection(), t_busName, G_BUS_NAME_OWNER_FLAGS_NONE,
                                      &TCDbusServer::m_NameAcquired, &TCDbusServer::m_NameLost,

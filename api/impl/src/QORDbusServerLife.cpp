@@ -81,8 +81,9 @@ void TCDbusServer::SetStateCallback(const boost::function<void(EServiceState)>& 
     }
     boost::function<void(EServiceState)> last(callback); // goes after the lock: it is the caller's
     {
-        const TExclusiveLock lock(t_callbacksMutex);
+        const TLock lock(m_stateCallbackMutex);
         m_stateCallback.swap(last);
+        m_toldState = EServiceState::STARTING;
     }
     if (m_pStateNews != nullptr)
     {
@@ -103,12 +104,14 @@ void TCDbusServer::m_SetState(EServiceState state)
     m_TellState();
 }
 
+// The lock is this function's own: the service may set message callbacks from its function.
 void TCDbusServer::m_TellState()
 {
     const EServiceState state = State();
-    const TSharedLock lock(t_callbacksMutex);
-    if (state != EServiceState::STARTING && m_stateCallback)
+    const TLock lock(m_stateCallbackMutex);
+    if (state != m_toldState && m_stateCallback)
     {
+        m_toldState = state;
         m_stateCallback(state);
     }
 }
