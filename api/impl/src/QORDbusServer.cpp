@@ -154,11 +154,6 @@ void TCDbusServer::t_Stop()
         g_main_context_invoke(m_pContext.get(), &TCDbusServer::m_QuitMainLoop, m_pMainLoop.get());
     }
     m_thread.join();
-    for (auto* pTimer : {&m_pNews, &m_pStateNews, &m_pNameNews})
-    {
-        pTimer->reset();
-    }
-    m_pStop.reset();
     if (m_pHangUp != nullptr)
     {
         g_source_destroy(m_pHangUp.get());
@@ -172,7 +167,12 @@ void TCDbusServer::t_Stop()
         }
     }
     m_GiveUpName();
-    TCDbus::t_Stop();
+    TCDbus::t_Stop(); // until then answers of the bus may come, which set timers
+    for (auto* pTimer : {&m_pNews, &m_pStateNews, &m_pNameNews})
+    {
+        pTimer->reset();
+    }
+    m_pStop.reset();
     m_pDelivery.reset();
     m_pPeers.reset();
     m_pMainLoop.reset();

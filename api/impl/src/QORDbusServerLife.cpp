@@ -164,15 +164,15 @@ void TCDbusServer::m_LearnWhoHasTheName()
 
 bool TCDbusServer::Stop(unsigned int limit, const boost::function<void()>& onStopped)
 {
-    if (!t_IsInOwnProcess() || m_pStop == nullptr || m_pStop->m_hasBegun.exchange(true))
+    if (!t_IsInOwnProcess() || !m_thread.joinable() || m_pStop->m_hasBegun.exchange(true))
     {
         return false;
     }
     t_Session()->Admission().Close();
     m_pStop->m_onStopped = onStopped;
     m_pStop->m_deadline = g_get_monotonic_time() + limit * G_TIME_SPAN_MILLISECOND;
+    m_pStop->m_pTimer->SetIn(limit); // before the main context may set it for what comes next
     m_pDelivery->Finish();
-    m_pStop->m_pTimer->SetIn(limit);
     return true;
 }
 
@@ -189,6 +189,7 @@ void TCDbusServer::m_GoOnStopping()
     {
         if (isLate && !std::exchange(stop.m_isCancelled, true))
         {
+            m_pDelivery->Finish(); // Stop may not have got there yet
             m_pDelivery->Cancel(); // which ends the rest at once, and comes back here
         }
         return;
@@ -200,6 +201,12 @@ void TCDbusServer::m_GoOnStopping()
     }
     if (!stop.m_isWritten && !isLate)
     {
+        return;
+    }
+    if (!std::exchange(stop.m_isLastTurn, true))
+    {
+        // Calls that came in before the end began are in the main context by now, and go first.
+        stop.m_pTimer->SetIn(0);
         return;
     }
     if (stop.m_isWritten) // else the bus does not answer that either

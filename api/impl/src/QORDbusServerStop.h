@@ -30,6 +30,7 @@ struct TCDbusServer::TSStop
     bool m_isIdle = false; // no event is under way any more
     bool m_isFlushing = false;
     std::atomic<bool> m_isWritten{false};
+    bool m_isLastTurn = false;
     bool m_isOver = false;
 };
 
