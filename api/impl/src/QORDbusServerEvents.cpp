@@ -106,7 +106,7 @@ bool TCDbusServer::m_Send(const TEventPtr& pEvent, const std::vector<std::string
 {
     TCEventDelivery::TCalls calls;
     const TSharedLock lock(t_stateMutex);
-    if (!t_isReady || m_clients.empty())
+    if (!t_isReady || (m_clients.empty() && pClients == nullptr))
     {
         QOR_LOG_DEBUG("Connection is ready %d, number of clients %zu", t_isReady.load(),
                       m_clients.size());
@@ -183,9 +183,11 @@ void TCDbusServer::m_HandleNews()
     m_ForgetClients(news.m_gone);
     for (const TEventPtr& pEvent : news.m_done)
     {
-        if (pEvent->m_onTold)
+        TEventDone told; // goes here: the event's last holder may be the loop thread
+        told.swap(pEvent->m_onTold);
+        if (told)
         {
-            pEvent->m_onTold(pEvent->m_deliveries);
+            told(pEvent->m_deliveries);
         }
     }
     if (news.m_isIdle)
