@@ -57,7 +57,9 @@ TSPeer TCDbusServer::CurrentPeer()
 
 TSPeer TCDbusServer::Peer(const std::string& uniqueName)
 {
-    if (t_IsInOwnProcess() && m_pPeers != nullptr)
+    // Of other names the bus tells who has them now, which must not be kept.
+    const bool isUnique = g_dbus_is_unique_name(uniqueName.c_str()) != FALSE;
+    if (isUnique && t_IsInOwnProcess() && m_pPeers != nullptr)
     {
         return m_pPeers->Find(uniqueName);
     }
