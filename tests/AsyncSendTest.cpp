@@ -13,6 +13,7 @@
 
 #include "EndpointFixture.h"
 #include "FaultSupport.h"
+#include "MuteBus.h"
 #include "QORPolicyControlProxy.h"
 
 namespace
@@ -278,6 +279,39 @@ TEST_F(Sends, CancellationFromAnotherThreadEndsWhatWaits)
     m_service->AnswerWith({Answer::REPLY, {1}, ""});
     EXPECT_EQ(Call(client).m_status, ESendStatus::ANSWERED_TRUE);
     EXPECT_EQ(m_service->Count("Send"), 1U);
+}
+
+TEST_F(Sends, SearchForALostBusKeepsToTimeLimitAndCancellation)
+{
+    TCDbusClient client(false);
+    m_bus.Kill();
+    MuteBus hung;
+    auto start = Clock::now();
+    const auto searches = [&](std::size_t count, const std::function<TSSendResult()>& send)
+    {
+        ESendStatus status = ESendStatus::FAILED;
+        const auto hasSearched = [&]
+        {
+            start = Clock::now();
+            status = send().m_status;
+            return hung.Connections() == count; // not one that came too soon after the last
+        };
+        EXPECT_TRUE(WaitUntil(hasSearched));
+        EXPECT_LT(MillisecondsSince(start), 1500);
+        return status;
+    };
+    EXPECT_EQ(searches(1, [&] { return Call(client, 200); }), ESendStatus::NO_BUS);
+    TCCancellation cancellation;
+    const auto sendAndCancel = [&]
+    {
+        auto sent =
+            std::async(std::launch::async, [&] { return Call(client, WATCHDOG_MS, cancellation); });
+        const std::size_t before = hung.Connections();
+        WaitUntil([&] { return hung.Connections() > before; }, 100);
+        hung.Connections() == 2 ? cancellation.Cancel() : void();
+        return sent.get();
+    };
+    EXPECT_EQ(searches(2, sendAndCancel), ESendStatus::CANCELLED);
 }
 
 // --- Asynchronous --------------------------------------------------------------------------------

@@ -1,7 +1,5 @@
 // The client's way to the service: what is lost is found and said again, and nobody waits for what
 // somebody else waits for.
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +15,7 @@
 #include <qor/api.h>
 
 #include "EndpointFixture.h"
+#include "MuteBus.h"
 
 namespace
 {
@@ -45,38 +44,6 @@ bool IsThere(const std::future<T>& future)
 {
     return future.wait_for(std::chrono::seconds(3)) == std::future_status::ready;
 }
-
-// In the place of a bus: takes connections, and never says a word.
-class MuteBus
-{
-public:
-    MuteBus() : m_socket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0))
-    {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        m_path.copy(address.sun_path, sizeof address.sun_path - 1);
-        EXPECT_EQ(bind(m_socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        EXPECT_EQ(listen(m_socket, 9), 0);
-    }
-    ~MuteBus()
-    {
-        std::for_each(m_taken.begin(), m_taken.end(), &close);
-        close(m_socket);
-        unlink(m_path.c_str());
-    }
-
-    std::size_t Connections()
-    {
-        const int next = accept4(m_socket, nullptr, nullptr, SOCK_CLOEXEC);
-        next < 0 ? void() : m_taken.push_back(next);
-        return m_taken.size();
-    }
-
-private:
-    const std::string m_path = getenv("DBUS_SYSTEM_BUS_ADDRESS") + sizeof "unix:path";
-    const int m_socket;
-    std::vector<int> m_taken;
-};
 
 // --- A bus that is lost, or was never there ------------------------------------------------------
 

@@ -56,8 +56,8 @@ public:
     /// Sends a message to the service and waits for what becomes of it. Like a synchronous
     /// SendMessage, log lines included, but with a reason, a time limit and a way out.
     ///
-    /// Blocks for the time limit at most, or until it is cancelled; where the bus was lost it is
-    /// looked for first, for at most 2000 ms, which neither shortens.
+    /// Blocks for the time limit at most, or until it is cancelled. Where the bus was lost it is
+    /// looked for first, within the same limit, for at most 2000 ms.
     ///
     /// @param timeoutMs     in milliseconds from the call; a negative one is the 10000 of
     /// SendMessage

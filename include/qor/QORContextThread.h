@@ -37,9 +37,9 @@ public:
     TCContextThread& operator=(const TCContextThread&) = delete;
 
     /// Runs a function on the thread, where the context is the thread's default, and waits until it
-    /// has returned; on the thread itself, runs it at once. Any thread. The caller must hold no lock
-    /// that the function, or a callback that is running on the thread, takes. An exception of the
-    /// function is the caller's. In a forked child it does nothing.
+    /// has returned; on the thread itself, runs it at once. Any thread. The caller must hold no
+    /// lock that the function, or a callback that is running on the thread, takes. An exception of
+    /// the function is the caller's. In a forked child it does nothing.
     void Run(const std::function<void()>& function);
 
     /// The context, for as long as this object is there; IDbusClient::CallAsync takes it, say.

@@ -84,7 +84,7 @@ private:
     bool m_CreateProxy();
     void m_Watch(const TSessionPtr& session) QOR_EXCLUDES(t_watchMutex);
     void m_Unwatch() QOR_EXCLUDES(t_watchMutex);
-    TSessionPtr m_FindBus();
+    TSessionPtr m_FindBus(std::int64_t deadline, const TCCancellation& cancellation);
     static int m_HungUp(int descriptor, unsigned int condition, void* pUserData);
     void m_Lost();
     void m_Recover();

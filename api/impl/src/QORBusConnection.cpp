@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -22,12 +23,36 @@ namespace
 // What a connection takes at most: the socket, and what wakes up its threads' contexts and calls.
 constexpr int DESCRIPTORS_TO_CONNECT = 8;
 
+// How often a connection that is being made is looked at: whether anybody still waits for it.
+constexpr unsigned int CHECK_INTERVAL_MS = 50;
+
 // A connection that is being made.
 struct TSAttempt
 {
     bool m_isOver = false;
     TGlibPtr<GDBusConnection> m_pConnection;
     GError** m_ppError = nullptr;
+    std::int64_t m_deadline = 0;
+    TCCancellation m_cancellation;
+    GCancellable* const m_pCancellable = g_cancellable_new();
+
+    TSAttempt() = default;
+    ~TSAttempt()
+    {
+        g_object_unref(m_pCancellable);
+    }
+    TSAttempt(const TSAttempt&) = delete;
+    TSAttempt& operator=(const TSAttempt&) = delete;
+
+    static int Check(void* pAttempt)
+    {
+        const auto& attempt = *static_cast<TSAttempt*>(pAttempt);
+        if (attempt.m_cancellation.IsCancelled() || g_get_monotonic_time() >= attempt.m_deadline)
+        {
+            g_cancellable_cancel(attempt.m_pCancellable);
+        }
+        return G_SOURCE_CONTINUE;
+    }
 
     static void Finish(GObject* /*pSource*/, GAsyncResult* pResult, void* pAttempt)
     {
@@ -110,12 +135,6 @@ bool IsForkedChild(GError** ppError)
     return isChild;
 }
 
-int CancelAttempt(void* pCancellable)
-{
-    g_cancellable_cancel(static_cast<GCancellable*>(pCancellable));
-    return G_SOURCE_REMOVE;
-}
-
 } // namespace
 
 bool HasFreeDescriptors(GError** ppError)
@@ -152,7 +171,7 @@ TGlibPtr<GDBusConnection> BusConnection(GMainContext* pContext, GError** ppError
     NameTimeout(ppError);
     if (pConnection != nullptr && g_dbus_connection_is_closed(pConnection.get()))
     {
-        return OwnBusConnection(pContext, ppError);
+        return OwnBusConnection(pContext, NO_DEADLINE, TCCancellation(), ppError);
     }
     if (pConnection != nullptr)
     {
@@ -162,7 +181,8 @@ TGlibPtr<GDBusConnection> BusConnection(GMainContext* pContext, GError** ppError
     return pConnection;
 }
 
-TGlibPtr<GDBusConnection> OwnBusConnection(GMainContext* pContext, GError** ppError)
+TGlibPtr<GDBusConnection> OwnBusConnection(GMainContext* pContext, std::int64_t deadline,
+                                           const TCCancellation& cancellation, GError** ppError)
 {
     char* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, ppError);
     if (address == nullptr)
@@ -170,26 +190,26 @@ TGlibPtr<GDBusConnection> OwnBusConnection(GMainContext* pContext, GError** ppEr
         return nullptr;
     }
     const TCThreadDefaultContext context(pContext);
-    GCancellable* pCancellable = g_cancellable_new();
     TSAttempt attempt;
     attempt.m_ppError = ppError;
+    attempt.m_cancellation = cancellation;
+    attempt.m_deadline =
+        std::min(deadline, g_get_monotonic_time() + CONNECT_TIMEOUT_MS * G_TIME_SPAN_MILLISECOND);
     g_dbus_connection_new_for_address(
         address,
         static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, pCancellable, &TSAttempt::Finish, &attempt);
+        nullptr, attempt.m_pCancellable, &TSAttempt::Finish, &attempt);
     // A bus that accepts and never answers would be waited for without end.
-    const TGlibPtr<GSource> pTimeout(g_timeout_source_new(CONNECT_TIMEOUT_MS));
-    g_source_set_callback(pTimeout.get(), &CancelAttempt, g_object_ref(pCancellable),
-                          &g_object_unref);
-    g_source_attach(pTimeout.get(), pContext);
+    const TGlibPtr<GSource> pCheck(g_timeout_source_new(CHECK_INTERVAL_MS));
+    g_source_set_callback(pCheck.get(), &TSAttempt::Check, &attempt, nullptr);
+    g_source_attach(pCheck.get(), pContext);
     while (!attempt.m_isOver)
     {
         g_main_context_iteration(pContext, TRUE);
     }
     NameTimeout(ppError);
-    g_source_destroy(pTimeout.get());
-    g_object_unref(pCancellable);
+    g_source_destroy(pCheck.get());
     g_free(address);
     return std::move(attempt.m_pConnection);
 }

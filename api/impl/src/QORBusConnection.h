@@ -2,9 +2,13 @@
 #ifndef QOR_QORBUSCONNECTION_H
 #define QOR_QORBUSCONNECTION_H
 
+#include <cstdint>
+#include <limits>
+
 #include <gio/gio.h>
 
 #include <qor/GlibTypes.h>
+#include <qor/SendResult.h>
 
 namespace qor
 {
@@ -15,6 +19,7 @@ constexpr const char* BUS_PATH = "/org/freedesktop/DBus";
 
 // How long a bus may take to let us in. The start and the search for a lost bus have this limit.
 constexpr int CONNECT_TIMEOUT_MS = 2000;
+constexpr std::int64_t NO_DEADLINE = std::numeric_limits<std::int64_t>::max();
 
 // The connection that GIO shares among all in the process, or, where that has closed, one of the
 // caller's own, made in its context; null with an error. Blocks for the time above at most. In a
@@ -22,9 +27,11 @@ constexpr int CONNECT_TIMEOUT_MS = 2000;
 // needs are the parent's.
 TGlibPtr<GDBusConnection> BusConnection(GMainContext* pContext, GError** ppError);
 
-// A connection of the caller's own, likewise. GIO hands out its shared connection, also when it has
-// closed, for as long as anybody holds it.
-TGlibPtr<GDBusConnection> OwnBusConnection(GMainContext* pContext, GError** ppError);
+// A connection of the caller's own, likewise, and for no longer than the caller waits: until then
+// (monotonic time in microseconds), and unless it cancels. GIO hands out its shared connection,
+// also when it has closed, for as long as anybody holds it.
+TGlibPtr<GDBusConnection> OwnBusConnection(GMainContext* pContext, std::int64_t deadline,
+                                           const TCCancellation& cancellation, GError** ppError);
 
 // A source that is ready once the connection has closed. It watches the socket, since a connection
 // reports its end only in the context that it was made in, which may be iterated by nobody. The

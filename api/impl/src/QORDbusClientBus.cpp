@@ -98,8 +98,10 @@ void TCDbusClient::m_Lost()
 
 // Any thread. The session to work with; where the bus is lost, it is looked for first, by one
 // thread at a time: whoever comes meanwhile, or too soon after the last attempt, gets the lost one.
-// What a new session needs in the main context is left to the recovery there.
-TCDbusClient::TSessionPtr TCDbusClient::m_FindBus()
+// What a new session needs in the main context is left to the recovery there. A caller that waits
+// no longer ends the attempt.
+TCDbusClient::TSessionPtr TCDbusClient::m_FindBus(std::int64_t deadline,
+                                                  const TCCancellation& cancellation)
 {
     const TSessionPtr session = t_Session();
     if (!m_IsStarted() || !session->IsClosed())
@@ -119,7 +121,7 @@ TCDbusClient::TSessionPtr TCDbusClient::m_FindBus()
     if (HasFreeDescriptors(error.Out()))
     {
         pContext.reset(g_main_context_new());
-        pConnection = OwnBusConnection(pContext.get(), error.Out());
+        pConnection = OwnBusConnection(pContext.get(), deadline, cancellation, error.Out());
     }
     if (pConnection == nullptr)
     {
@@ -138,7 +140,7 @@ TCDbusClient::TSessionPtr TCDbusClient::m_FindBus()
 // In the main context, whichever thread finds the bus.
 void TCDbusClient::m_Recover()
 {
-    const TSessionPtr session = m_FindBus();
+    const TSessionPtr session = m_FindBus(NO_DEADLINE, TCCancellation());
     if (t_IsExportedOn(session) && !session->IsClosed())
     {
         return;

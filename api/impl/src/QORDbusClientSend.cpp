@@ -5,6 +5,7 @@
 
 #include <gio/gio.h>
 
+#include "QORBusConnection.h"
 #include "QORDbusMessage.h"
 #include "QORDbusPending.h"
 #include "QORDbusSession.h"
@@ -37,7 +38,7 @@ bool TCDbusClient::SendMessage(int type, const TByteArray& data, TByteArray& res
     {
         return false;
     }
-    const TSessionPtr session = m_FindBus();
+    const TSessionPtr session = m_FindBus(NO_DEADLINE, TCCancellation());
     m_PrepareSend(session, !isAsync);
     if (isAsync)
     {
@@ -64,7 +65,7 @@ TSSendResult TCDbusClient::Call(int type, const TByteArray& data, int timeoutMs,
     TSessionPtr session;
     if (!cancellation.IsCancelled())
     {
-        session = m_FindBus();
+        session = m_FindBus(deadline, cancellation);
         m_PrepareSend(session, true);
     }
     m_CallAndWait(session, type, data, deadline, cancellation, result);

@@ -202,7 +202,6 @@ void TCDbusPending::End()
     {
         WaitForDbusHandlers(call->m_pLink);
         call->Close(true);
-        call->m_request.m_onOutcome = nullptr;
     }
 }
 
