@@ -38,12 +38,14 @@ struct TSAttempt
     {
         // A bus that accepts and does not answer holds a thread up, and is asked less often.
         const gint64 end = g_get_monotonic_time();
-        const bool isHung = end - m_start >= CONNECT_TIMEOUT_MS * G_TIME_SPAN_MILLISECOND;
+        const bool isHung =
+            !m_isGood && end - m_start >= CONNECT_TIMEOUT_MS * G_TIME_SPAN_MILLISECOND;
         m_next = end + (isHung ? HUNG_GAP_US : ATTEMPT_GAP_US);
     }
 
     std::atomic<std::int64_t>& m_next;
     const gint64 m_start;
+    bool m_isGood = false;
 };
 
 } // namespace
@@ -114,7 +116,7 @@ TCDbusClient::TSessionPtr TCDbusClient::m_FindBus(std::int64_t deadline,
     {
         return session;
     }
-    const TSAttempt attempt{m_nextAttempt, start};
+    TSAttempt attempt{m_nextAttempt, start};
     TGlibPtr<GMainContext> pContext;
     TGlibPtr<GDBusConnection> pConnection;
     TCGlibError error;
@@ -128,6 +130,7 @@ TCDbusClient::TSessionPtr TCDbusClient::m_FindBus(std::int64_t deadline,
         QOR_LOG_ERROR("Connecting to system bus error, errno %d", error.Code());
         return session;
     }
+    attempt.m_isGood = true;
     const auto found = boost::make_shared<TCDbusSession>(std::move(pConnection),
                                                          std::move(pContext), t_objectPath);
     t_isReady = false;
