@@ -223,6 +223,8 @@ void TCDbusServer::m_GoOnStopping()
 // The bus's answer says that it has read what was written before.
 void TCDbusServer::m_FlushAndGoOn()
 {
+    m_pStop->m_deadline = g_get_monotonic_time() + FLUSH_LIMIT_MS * G_TIME_SPAN_MILLISECOND;
+    m_pStop->m_pTimer->SetIn(FLUSH_LIMIT_MS); // first: the answer sets it as well
     const unsigned int serial = t_Session()->Calls().Call(
         NewBusCall("GetId").get(),
         [this](GDBusMessage*)
@@ -231,9 +233,11 @@ void TCDbusServer::m_FlushAndGoOn()
             m_pStop->m_pTimer->SetIn(0);
         },
         nullptr);
-    const unsigned int limit = serial == 0 ? 0 : FLUSH_LIMIT_MS;
-    m_pStop->m_deadline = g_get_monotonic_time() + limit * G_TIME_SPAN_MILLISECOND;
-    m_pStop->m_pTimer->SetIn(limit);
+    if (serial == 0)
+    {
+        m_pStop->m_deadline = 0;
+        m_pStop->m_pTimer->SetIn(0);
+    }
 }
 
 } // namespace qor
