@@ -160,7 +160,8 @@ TEST_F(DbusServer, RefusalsOfTheSystemLeaveNoTraces)
     RawPeer client;
     m_server->SetCallback(4, [](const Bytes&, Bytes&) { return true; });
     g_isProxyRefused = true;
-    client.PostHello(SERVICE_NAME, {2});
+    auto hello = client.StartCall(SERVICE_NAME, SERVICE_PATH, "Hello", EventList({2}));
+    EXPECT_EQ(Await(std::move(hello)).errorName, "org.freedesktop.DBus.Error.LimitsExceeded");
     EXPECT_EQ(Send(client, Request(4, false)), Bytes{1});
     g_isProxyRefused = false;
     EXPECT_EQ(LogCapture::Count(LOG_ERROR, "Registering proxy error, errno 7"), 1U);

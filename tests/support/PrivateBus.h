@@ -28,6 +28,7 @@ public:
     {
         std::size_t maxMessageSize = 32 << 20;
         std::size_t maxMatchRules = 512; // of one connection
+        std::string owning = "allow";    // or "deny", of names
     };
 
     PrivateBus() : PrivateBus(Options()) {}
@@ -41,7 +42,8 @@ public:
                       std::to_string(options.maxMessageSize) +
                       "</limit> <limit name='max_match_rules_per_connection'>" +
                       std::to_string(options.maxMatchRules) +
-                      "</limit> <policy context='default'> <allow user='*'/> <allow own='*'/>"
+                      "</limit> <policy context='default'> <allow user='*'/> <" + options.owning +
+                      " own='*'/>"
                       "<allow send_destination='*'/> <allow send_type='method_call'/>"
                       "<allow send_requested_reply='true' send_type='method_return'/>"
                       "<allow send_requested_reply='true' send_type='error'/>"

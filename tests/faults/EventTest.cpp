@@ -1,0 +1,243 @@
+// Events that end with names: what becomes of one at each client, and where that is told.
+#include <atomic>
+#include <future>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "NeighbourFixture.h"
+
+namespace
+{
+
+using namespace qortest;
+using qor::EDelivery;
+using Entries = std::vector<qor::TSDelivery>;
+using Outcome = std::pair<EDelivery, int>;
+using Outcomes = std::map<std::string, Outcome>;
+
+const Answer HOLD{Answer::HOLD, {}, ""};
+const Outcome DELIVERED{EDelivery::DELIVERED, 0}, LEFT{EDelivery::LEFT, 0};
+const Outcome NO{EDelivery::ANSWERED_FALSE, 0}, SUSPENDED{EDelivery::SUSPENDED, 0};
+const Outcome TIMED_OUT{EDelivery::TIMED_OUT, G_IO_ERROR_TIMED_OUT};
+
+// The tests' own thread iterates the context, where they want it.
+class Event : public Neighbour
+{
+protected:
+    Peers ClientsHere(std::size_t count, const Answer& answer,
+                      const std::vector<std::int32_t>& types = {2})
+    {
+        const BackgroundPump pump;
+        return Clients(count, answer, 0, types);
+    }
+
+    qor::IDbusService::TEventDone Teller()
+    {
+        return [this](const Entries& entries)
+        {
+            EXPECT_EQ(std::this_thread::get_id(), m_main);
+            EXPECT_TRUE(m_server->CurrentPeer().m_name.empty());
+            Outcomes outcomes;
+            std::string last;
+            for (const qor::TSDelivery& entry : entries)
+            {
+                EXPECT_LT(std::exchange(last, entry.m_name), entry.m_name);
+                outcomes[entry.m_name] = {entry.m_outcome, entry.m_code};
+            }
+            m_told.push_back(outcomes);
+        };
+    }
+
+    // What the last of so many events has come to. Nothing is told before the context is iterated.
+    Outcomes Next(std::size_t count = 1)
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        count += m_told.size();
+        PumpUntil([&] { return m_told.size() >= count; });
+        PumpUntil([] { return false; }, 20);
+        EXPECT_EQ(m_told.size(), count);
+        return m_told.empty() ? Outcomes() : m_told.back();
+    }
+
+    Outcomes Send(int type, int timeoutMs = WATCHDOG_MS, const Bytes& payload = {})
+    {
+        m_server->SendEvent(type, payload, timeoutMs, Teller());
+        return Next();
+    }
+
+    Outcomes SendTo(const std::vector<std::string>& names)
+    {
+        m_server->SendEventTo(names, 2, {}, WATCHDOG_MS, Teller());
+        return Next();
+    }
+
+    const std::thread::id m_main = std::this_thread::get_id();
+    std::vector<Outcomes> m_told;
+};
+
+TEST_F(Event, EachClientHasItsOutcome)
+{
+    Serve();
+    m_pump.reset();
+    EXPECT_EQ(Send(2), Outcomes());
+    EXPECT_EQ(SendTo({":9.9"}), (Outcomes{{":9.9", LEFT}}));
+    const std::pair<Answer, Outcome> cases[] = {
+        {YES, DELIVERED},
+        {{Answer::LEAVE, {}, ""}, {EDelivery::LEFT, G_DBUS_ERROR_NO_REPLY}},
+        {NEVER, TIMED_OUT},
+        {{Answer::REPLY, {0}, ""}, NO},
+        {{Answer::NO_VALUE, {}, ""}, NO},
+        {{Answer::ERROR, {}, REFUSED}, {EDelivery::FAILED, G_DBUS_ERROR_LIMITS_EXCEEDED}},
+        {{Answer::ERROR, Bytes(100000, 'x'), "a." + std::string(250, 'b')},
+         {EDelivery::FAILED, G_IO_ERROR_DBUS_ERROR}},
+    };
+    const Peers other = ClientsHere(1, YES, {4}), clients = ClientsHere(std::size(cases), YES);
+    Outcomes expected;
+    for (std::size_t i = 0; i < clients.size(); ++i)
+    {
+        clients[i]->AnswerWith(cases[i].first);
+        expected[clients[i]->UniqueName()] = cases[i].second;
+    }
+    EXPECT_EQ(Send(2, 2000), expected);
+    ASSERT_TRUE(PumpUntil([&] { return m_server->NumberOfClients() == clients.size(); }));
+    const std::string one = clients[0]->UniqueName(), gone = clients[1]->UniqueName();
+    expected.erase(gone);
+    expected[clients[2]->UniqueName()] = SUSPENDED;
+    EXPECT_EQ(Send(2), expected);
+    const auto expectFailure = [&](int code, const Outcomes& outcomes)
+    {
+        for (auto& entry : expected)
+        {
+            entry.second = {EDelivery::FAILED, code};
+        }
+        EXPECT_EQ(outcomes, expected);
+    };
+    expectFailure(G_IO_ERROR_INVALID_ARGUMENT, Send(2, -2));
+    expectFailure(G_IO_ERROR_MESSAGE_TOO_LARGE,
+                  Send(2, 1000, Bytes(qor::TCDbus::MaxPayload() + 1)));
+    EXPECT_EQ(SendTo({one, gone, other[0]->UniqueName(), one}),
+              (Outcomes{{one, DELIVERED}, {gone, LEFT}}));
+    EXPECT_EQ(clients[3]->Count("Send"), 2U);
+    m_server->SendEvent(2, {}, WATCHDOG_MS, {});
+    EXPECT_TRUE(PumpUntil([&] { return clients[3]->Count("Send") == 3; }));
+    PumpUntil([] { return false; }, 20);
+    EXPECT_EQ(clients[0]->Count("Send"), 4U);
+    EXPECT_EQ(other[0]->Count("Send"), 0U);
+}
+
+TEST_F(Event, WithoutAnAnswerItGoesOutOnceUntilASignOfLife)
+{
+    Serve();
+    m_pump.reset();
+    const Peers client = ClientsHere(1, HOLD, {1, 2, 3, 4, 5});
+    const std::string name = client[0]->UniqueName();
+    m_server->SendEvent(1, {}, G_MAXINT, Teller());
+    ASSERT_TRUE(client[0]->WaitForCalls("Send", 1));
+    m_server->CancelMessages();
+    EXPECT_EQ(Next(), (Outcomes{{name, {EDelivery::CANCELLED, 0}}}));
+    EXPECT_EQ(Send(1), (Outcomes{{name, SUSPENDED}}));
+    for (std::size_t calls = 6; calls <= 11; calls += 5)
+    {
+        client[0]->AnswerHeld(YES);
+        ASSERT_TRUE(WaitUntil([&] { return !m_server->Clients()[0].m_isSuspended; }));
+        for (const int type : {1, 2, 3, 4})
+        {
+            m_server->SendEvent(type, {}, 100, Teller());
+        }
+        EXPECT_EQ(Next(4), (Outcomes{{name, TIMED_OUT}}));
+        EXPECT_EQ(Send(5), (Outcomes{{name, {EDelivery::UNCONFIRMED, 0}}}));
+        EXPECT_EQ(Send(5), (Outcomes{{name, SUSPENDED}}));
+        EXPECT_TRUE(client[0]->WaitForCalls("Send", calls));
+    }
+}
+
+TEST_F(Event, EndIsToldBetweenCallbacksAndNotInsideOne)
+{
+    int depth = 0;
+    const auto inside = [&]
+    {
+        EXPECT_EQ(++depth, 1);
+        const std::size_t before = m_told.size();
+        m_server->SendEvent(2, {}, WATCHDOG_MS, Teller());
+        PumpUntil([] { return false; }, 300); // as a dialog does
+        EXPECT_EQ(m_told.size(), before);
+        --depth;
+        return true;
+    };
+    Serve([&](const auto&, auto&) { return inside(); });
+    m_pump.reset();
+    const Peers clients = ClientsHere(2, YES);
+    const std::string asking = clients[0]->UniqueName(), other = clients[1]->UniqueName();
+    auto reply = clients[0]->StartCall(SERVICE_NAME, SERVICE_PATH, "Send", Request(4, false));
+    EXPECT_EQ(Next(),
+              (Outcomes{{asking, {EDelivery::WAITING_FOR_REPLY, 0}}, {other, DELIVERED}}));
+    EXPECT_TRUE(Await(std::move(reply)).ok);
+    for (int i = 0; i < 2; ++i)
+    {
+        m_server->SendEvent(2, {}, WATCHDOG_MS, [&](const Entries&) { inside(); });
+    }
+    EXPECT_EQ(Next(2), (Outcomes{{asking, DELIVERED}, {other, DELIVERED}}));
+}
+
+TEST_F(Event, SlowClientsAndManyNewOnesHoldUpNobodyElseWhoeverSends)
+{
+    Serve();
+    m_pump.reset();
+    const Peers slow = ClientsHere(1, HOLD), good = ClientsHere(1, YES);
+    {
+        const Repeat flood(
+            []
+            {
+                RawPeer peer;
+                peer.PostHello(SERVICE_NAME, {2});
+                peer.PostHello(SERVICE_NAME, {2, 3});
+                peer.Sync();
+            });
+        const auto send = [this]
+        {
+            for (int event = 0; event < 50; ++event)
+            {
+                m_server->SendEvent(2, {}, G_MAXINT, Teller());
+            }
+        };
+        auto first = std::async(std::launch::async, send);
+        std::async(std::launch::async, send).get();
+        first.get();
+        EXPECT_TRUE(PumpUntil([&] { return good[0]->Count("Send") == 100; }));
+    }
+    EXPECT_EQ(m_told.size(), 0U);
+    EXPECT_EQ(slow[0]->Count("Send"), 4U);
+    slow[0]->AnswerWith(YES);
+    slow[0]->AnswerHeld(YES);
+    Next(100);
+    for (Outcomes& outcomes : m_told)
+    {
+        EXPECT_EQ(outcomes[slow[0]->UniqueName()], DELIVERED);
+        EXPECT_EQ(outcomes[good[0]->UniqueName()], DELIVERED);
+    }
+}
+
+// What a function has in it may be the service's own, and is destroyed where that lives.
+TEST_F(Event, FunctionsGoInTheMainContext)
+{
+    Serve();
+    m_pump.reset();
+    const Peers clients = ClientsHere(1, NEVER);
+    std::atomic<int> left{2000}, elsewhere{0};
+    for (int i = 0; i < 2000; ++i)
+    {
+        const auto go = [&](void*)
+        { elsewhere += std::this_thread::get_id() == m_main ? 0 : 1, --left; };
+        const std::shared_ptr<void> held(nullptr, go);
+        m_server->SendEvent(2, {}, 0, [held](const Entries&) {});
+        Pump();
+    }
+    EXPECT_TRUE(PumpUntil([&] { return left == 0; }));
+    EXPECT_EQ(elsewhere, 0);
+}
+
+} // namespace
