@@ -3,6 +3,7 @@
 #include <map>
 
 #include <grp.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -230,14 +231,20 @@ TEST(Permission, RootTheServicesUserAndGroupsMayChange)
     qord::TSPermissionRules rules;
     rules.m_groups = {"no-such-group", "daemon"};
     const qord::TCPermission permission(rules);
-    qord::TSSender sender;
-    EXPECT_TRUE(permission.MayChange(sender));
-    sender.m_userId = geteuid() + 12345;
-    EXPECT_FALSE(permission.MayChange(sender));
-    sender.m_groups = {99999, getgrnam("daemon")->gr_gid};
-    EXPECT_TRUE(permission.MayChange(sender));
-    sender.m_groups.clear();
+    qor::TSPeer peer;
+    peer.m_isKnown = true;
+    EXPECT_TRUE(permission.MayChange(peer));
+    peer.m_userId = geteuid() + 12345;
+    EXPECT_FALSE(permission.MayChange(peer));
+    peer.m_userId = getpwnam("daemon")->pw_uid; // whose groups the bus may leave out
+    EXPECT_TRUE(permission.MayChange(peer));
+    peer.m_hasGroups = true;
+    EXPECT_FALSE(permission.MayChange(peer));
+    peer.m_groupIds = {99999, getgrnam("daemon")->gr_gid};
+    EXPECT_TRUE(permission.MayChange(peer));
+    peer.m_groupIds.clear();
     rules.m_everyone = true;
-    EXPECT_TRUE(qord::TCPermission(rules).MayChange(sender));
-    EXPECT_FALSE(qord::TCPermission(rules).MayChange(std::nullopt));
+    EXPECT_TRUE(qord::TCPermission(rules).MayChange(peer));
+    peer.m_isKnown = false;
+    EXPECT_FALSE(qord::TCPermission(rules).MayChange(peer));
 }

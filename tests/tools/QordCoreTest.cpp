@@ -1,51 +1,15 @@
-// What the service is made of: events that become due, requests, and their XML.
+// What the service is made of: requests, and their XML.
 #include <cstring>
-#include <future>
 #include <random>
 
 #include <boost/archive/archive_exception.hpp>
 #include <gtest/gtest.h>
 #include <libxml/parser.h>
 
-#include "MainContext.h"
 #include "common/PolicyXml.h"
-#include "qord/Announcer.h"
 #include <qor/PolicyMessage.h>
 
-using namespace qortest;
 using namespace std::string_literals;
-
-TEST(Announcer, DeliversAtMostOnceMoreAndItsEndWaitsForOneDelivery)
-{
-    std::mutex gate; // a delivery waits for it
-    std::vector<int> begun;
-    std::atomic<int> count(0);
-    auto announcer = std::make_unique<qord::TCAnnouncer>(
-        [&](int type)
-        {
-            begun.push_back(type);
-            ++count;
-            const std::lock_guard<std::mutex> wait(gate);
-        });
-    std::unique_lock<std::mutex> closed(gate);
-    announcer->Announce(2);
-    ASSERT_TRUE(WaitUntil([&] { return count == 1; }));
-    EXPECT_FALSE(announcer->Finish(std::chrono::milliseconds(1)));
-    announcer->Announce(2);
-    announcer->Announce(4);
-    announcer->Announce(2);
-    closed.unlock();
-    ASSERT_TRUE(announcer->Finish(std::chrono::milliseconds(WATCHDOG_MS)));
-    closed.lock();
-    announcer->Announce(7); // another one of the old would come before it
-    ASSERT_TRUE(WaitUntil([&] { return count == 4; }));
-    announcer->Announce(8); // is dropped
-    auto end = std::async(std::launch::async, [&] { announcer.reset(); });
-    EXPECT_EQ(end.wait_for(std::chrono::milliseconds(500)), std::future_status::timeout);
-    closed.unlock();
-    end.get();
-    EXPECT_EQ(begun, (std::vector<int>{2, 2, 4, 7}));
-}
 
 TEST(PolicyMessage, AnythingButOneWholeTextIsRefused)
 {

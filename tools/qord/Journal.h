@@ -11,7 +11,7 @@ namespace qord
 /// Whether the service manager has connected this process's standard error with the journal.
 bool IsUnderJournal();
 
-/// Any thread. Does not wait where the journal takes nothing at the moment.
+/// Does not wait where the journal takes nothing at the moment.
 ///
 /// @param priority  as syslog has it
 /// @param fields    "NAME=value" each

@@ -2,11 +2,13 @@
 #include "qord/Permission.h"
 
 #include <grp.h>
+#include <pwd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
+#include <optional>
 #include <utility>
 
 namespace qord
@@ -28,21 +30,42 @@ std::optional<gid_t> GroupId(const std::string& name)
     return pFound == nullptr ? std::nullopt : std::optional<gid_t>(entry.gr_gid);
 }
 
+std::vector<gid_t> GroupsOfDatabase(uid_t userId)
+{
+    passwd entry = {};
+    passwd* pFound = nullptr;
+    char buffer[4096];
+    getpwuid_r(userId, &entry, buffer, sizeof buffer, &pFound);
+    if (pFound == nullptr)
+    {
+        return {};
+    }
+    int count = 64;
+    std::vector<gid_t> groups(static_cast<std::size_t>(count));
+    while (getgrouplist(entry.pw_name, entry.pw_gid, groups.data(), &count) < 0)
+    {
+        groups.resize(static_cast<std::size_t>(count));
+    }
+    groups.resize(static_cast<std::size_t>(count));
+    return groups;
+}
+
 } // namespace
 
 TCPermission::TCPermission(TSPermissionRules rules) : m_rules(std::move(rules)) {}
 
-bool TCPermission::MayChange(const std::optional<TSSender>& sender) const
+bool TCPermission::MayChange(const qor::TSPeer& peer) const
 {
-    if (!sender)
+    if (!peer.m_isKnown)
     {
         return false;
     }
-    if (m_rules.m_everyone || sender->m_userId == 0 || sender->m_userId == geteuid())
+    if (m_rules.m_everyone || peer.m_userId == 0 || peer.m_userId == geteuid())
     {
         return true;
     }
-    const std::vector<gid_t>& groups = sender->m_groups;
+    const std::vector<gid_t> groups =
+        peer.m_hasGroups ? peer.m_groupIds : GroupsOfDatabase(peer.m_userId);
     return std::any_of(m_rules.m_groups.begin(), m_rules.m_groups.end(),
                        [&groups](const std::string& name)
                        {

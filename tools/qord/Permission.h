@@ -2,11 +2,10 @@
 #ifndef QORD_PERMISSION_H
 #define QORD_PERMISSION_H
 
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "qord/Sender.h"
+#include <qor/IDbusService.h>
 
 namespace qord
 {
@@ -25,8 +24,8 @@ class TCPermission
 public:
     explicit TCPermission(TSPermissionRules rules);
 
-    /// @param sender  nothing where it is not known, who may not
-    bool MayChange(const std::optional<TSSender>& sender) const;
+    /// Who is not known may not. Where the bus does not tell groups, the user database is asked.
+    bool MayChange(const qor::TSPeer& peer) const;
 
     /// Those of the groups that somebody has asked for and that do not exist just now.
     std::vector<std::string> MissingGroups() const;

@@ -1,6 +1,7 @@
 // Answers the requests that carry a new policy.
 #include "qord/PolicyHandler.h"
 
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -17,6 +18,7 @@ class TCPolicyHandler::TCAttempt
 public:
     TCAttempt(const qor::TByteArray& request, const TSAsker& asker)
         : m_asker(asker),
+          m_sender(m_Find(asker.m_peer)),
           m_size(request.size()),
           m_isPolicy(qor::ReadPolicyRequest(request, m_policy, m_error) ==
                      qor::EPolicyRequest::GOOD),
@@ -24,9 +26,13 @@ public:
     {
     }
 
-    const TSAsker& Asker() const
+    bool IsPermitted() const
     {
-        return m_asker;
+        return m_asker.m_mayChange;
+    }
+    const std::optional<TSSender>& Sender() const
+    {
+        return m_sender;
     }
     bool IsPolicy() const
     {
@@ -53,12 +59,24 @@ public:
                                      : "a request of " + std::to_string(m_size) + " bytes ";
         const std::string hash = m_isPolicy ? "SHA-256 " + m_sha256 + "; " : "";
         const std::string who =
-            m_asker.m_sender ? Describe(*m_asker.m_sender) : "sender unknown: " + m_asker.m_error;
+            m_sender ? Describe(*m_sender)
+                     : "sender " + m_asker.m_peer.m_name + ", of whom the bus tells nothing";
         ReportWithFields(result != qor::POLICY_STORED, m_Fields(result),
                          what + words + " (" + hash + who + ")");
     }
 
 private:
+    static std::optional<TSSender> m_Find(const qor::TSPeer& peer)
+    {
+        if (!peer.m_isKnown)
+        {
+            return std::nullopt;
+        }
+        TSSender sender = SenderOf(peer);
+        AskForUserName(sender);
+        return sender;
+    }
+
     std::vector<std::string> m_Fields(int result) const
     {
         std::vector<std::string> fields = {"QOR_RESULT=" + std::to_string(result)};
@@ -66,15 +84,16 @@ private:
         {
             fields.push_back("QOR_POLICY_SHA256=" + m_sha256);
         }
-        if (m_asker.m_sender)
+        if (m_sender)
         {
-            fields.push_back("QOR_SENDER_UID=" + std::to_string(m_asker.m_sender->m_userId));
-            fields.push_back("QOR_SENDER_PID=" + std::to_string(m_asker.m_sender->m_processId));
+            fields.push_back("QOR_SENDER_UID=" + std::to_string(m_sender->m_userId));
+            fields.push_back("QOR_SENDER_PID=" + std::to_string(m_sender->m_processId));
         }
         return fields;
     }
 
     const TSAsker& m_asker;
+    std::optional<TSSender> m_sender; ///< Nothing where the bus has not told.
     std::size_t m_size;
     std::string_view m_policy; ///< Inside the request.
     std::string m_error;
@@ -125,7 +144,7 @@ bool TCPolicyHandler::Handle(const qor::TByteArray& request, const TSAsker& aske
 
 bool TCPolicyHandler::m_Decide(const TCAttempt& attempt, int& result)
 {
-    if (!attempt.Asker().m_mayChange)
+    if (!attempt.IsPermitted())
     {
         result = qor::POLICY_NOT_PERMITTED;
         attempt.Report(result, "is refused: its sender may not change the policy");
@@ -163,9 +182,9 @@ int TCPolicyHandler::m_CheckAndStore(const TCAttempt& attempt)
 
 int TCPolicyHandler::m_Store(const TCAttempt& attempt)
 {
-    const TSStoreOutcome outcome = m_store.Store(
-        attempt.Policy(), [this, &attempt](const struct stat& file)
-        { m_history.Remember(m_store, file, attempt.Hash(), attempt.Asker().m_sender); });
+    const TSStoreOutcome outcome =
+        m_store.Store(attempt.Policy(), [this, &attempt](const struct stat& file)
+                      { m_history.Remember(m_store, file, attempt.Hash(), attempt.Sender()); });
     if (outcome.m_result != qor::POLICY_STORED)
     {
         attempt.Report(outcome.m_result, (outcome.m_result == qor::POLICY_STATE_UNKNOWN

@@ -3,10 +3,10 @@
 #define QORD_POLICYHANDLER_H
 
 #include <cstddef>
-#include <optional>
 #include <string>
 #include <string_view>
 
+#include <qor/IDbusService.h>
 #include <qor/PolicyMessage.h>
 #include <qor/Types.h>
 
@@ -20,9 +20,8 @@ namespace qord
 /// Who sends a request.
 struct TSAsker
 {
-    std::optional<TSSender> m_sender; ///< Nothing where the bus did not tell.
-    std::string m_error;              ///< Why not.
-    bool m_mayChange = false;         ///< The policy.
+    qor::TSPeer m_peer;
+    bool m_mayChange = false; ///< The policy.
 };
 
 /// Reads a request, checks the policy and stores it; says in one line what came of it and who asked

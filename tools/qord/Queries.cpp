@@ -9,6 +9,7 @@
 
 #include <qor/QORDbus.h>
 
+#include "common/Events.h"
 #include "common/ServiceMessage.h"
 #include "common/SystemBus.h"
 #include "common/Text.h"
@@ -75,29 +76,56 @@ TJson WhoMayChange(const TSPermissionRules& rules)
     return {{"everyone", rules.m_everyone}, {"users", users}, {"groups", rules.m_groups}};
 }
 
-TJson ToJson(const TSDelivery& delivery)
+TJson ToJson(const TSEventResult& result)
 {
-    if (delivery.m_event.empty())
+    if (result.m_number == 0)
     {
         return nullptr;
     }
-    return {{"event", delivery.m_event},
-            {"at", tools::LocalTime(delivery.m_time)},
-            {"delivered", delivery.m_delivered},
-            {"failed", delivery.m_failed}};
+    TJson missed = TJson::array();
+    for (const TSMissed& one : result.m_missed)
+    {
+        missed.push_back({{"name", one.m_name},
+                          {"program", one.m_sender.m_program},
+                          {"process_id", one.m_sender.m_processId},
+                          {"outcome", one.m_outcome}});
+    }
+    return {{"event", tools::EventName(result.m_type)},
+            {"at", tools::LocalTime(result.m_time)},
+            {"delivered", result.m_delivered},
+            {"failed", result.m_failed},
+            {"missed", missed}};
+}
+
+TJson ToJson(const qor::TCDbusServer::TSClientInfo& client, TSApplication& application,
+             const std::string& policy)
+{
+    TJson described = {{"name", client.m_name},
+                       {"types", client.m_types},
+                       {"suspended", client.m_isSuspended},
+                       {"heard", !policy.empty() && application.m_heard == policy},
+                       {"heard_at", nullptr}};
+    if (application.m_heardAt != 0)
+    {
+        described["heard_at"] = tools::LocalTime(application.m_heardAt);
+    }
+    if (application.m_isKnown)
+    {
+        TSSender& sender = application.m_sender;
+        AskForUserName(sender);
+        described["process_id"] = sender.m_processId;
+        described["program"] = sender.m_program;
+        described["user_id"] = sender.m_userId;
+        described["user"] = sender.m_userName;
+    }
+    return described;
 }
 
 } // namespace
 
-TCQueries::TCQueries(const TSOptions& options, TCPolicyHandler& handler, TCSenders& senders)
-    : m_options(options), m_handler(handler), m_senders(senders), m_upSince(std::time(nullptr))
+TCQueries::TCQueries(const TSOptions& options, TCPolicyHandler& handler, TCEvents& events)
+    : m_options(options), m_handler(handler), m_events(events), m_upSince(std::time(nullptr))
 {
-}
-
-void TCQueries::Delivered(const TSDelivery& delivery)
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_lastDelivery = delivery;
 }
 
 bool TCQueries::GetPolicy(const qor::TByteArray& request, bool mayRead,
@@ -129,8 +157,7 @@ bool TCQueries::GetPolicy(const qor::TByteArray& request, bool mayRead,
     return true;
 }
 
-void TCQueries::GetStatus(GDBusConnection* pConnection, qor::TCDbusServer& server, bool mayRead,
-                          qor::TByteArray& reply)
+void TCQueries::GetStatus(qor::TCDbusServer& server, bool mayRead, qor::TByteArray& reply)
 {
     TJson status;
     status["service"] = {{"name", tools::ServiceName(m_options.m_testNames)},
@@ -143,38 +170,27 @@ void TCQueries::GetStatus(GDBusConnection* pConnection, qor::TCDbusServer& serve
     if (mayRead)
     {
         AddPolicies(status, m_options, m_handler);
-        status["clients"] = m_ListClients(pConnection, server);
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        status["last_event"] = ToJson(m_lastDelivery);
+        status["clients"] = m_ListClients(server);
+        status["last_event"] = ToJson(m_events.Last());
     }
     tools::WriteStatusReply(status.dump(-1, ' ', false, TJson::error_handler_t::replace), reply);
 }
 
-TJson TCQueries::m_ListClients(GDBusConnection* pConnection, qor::TCDbusServer& server)
+TJson TCQueries::m_ListClients(qor::TCDbusServer& server)
 {
     const std::string asker = server.GetCurrentSender();
+    const std::string policy = MarkOfPolicyInForce(m_handler.Store());
+    const TApplications& applications = m_events.Applications(server);
     TJson clients = TJson::array();
-    std::map<std::string, TSSender> present;
     for (const auto& client : server.Clients())
     {
-        if (client.m_name == asker && client.m_types.empty())
+        const auto found = applications.find(client.m_name);
+        const bool isOnlyAsking = client.m_name == asker && client.m_types.empty();
+        if (!isOnlyAsking && found != applications.end())
         {
-            continue;
+            clients.push_back(ToJson(client, *found->second, policy));
         }
-        TJson described = {{"name", client.m_name},
-                           {"types", client.m_types},
-                           {"suspended", client.m_isSuspended}};
-        if (const TSSender* pSender = m_FindClient(pConnection, client.m_name))
-        {
-            described["process_id"] = pSender->m_processId;
-            described["program"] = pSender->m_program;
-            described["user_id"] = pSender->m_userId;
-            described["user"] = pSender->m_userName;
-            present.emplace(client.m_name, *pSender);
-        }
-        clients.push_back(std::move(described));
     }
-    m_clients = std::move(present);
     return clients;
 }
 
@@ -186,18 +202,6 @@ std::string TCQueries::Summary(qor::TCDbusServer& server) const
         isThere ? "a policy of " + std::to_string(policies.back().m_status.st_size) + " bytes"
                 : "no policy yet";
     return policy + ", " + std::to_string(server.NumberOfClients()) + " clients";
-}
-
-const TSSender* TCQueries::m_FindClient(GDBusConnection* pConnection, const std::string& name)
-{
-    const auto known = m_clients.find(name);
-    if (known != m_clients.end())
-    {
-        return &known->second;
-    }
-    std::string error;
-    const auto sender = m_senders.Find(pConnection, name, error);
-    return sender ? &m_clients.emplace(name, *sender).first->second : nullptr;
 }
 
 } // namespace qord

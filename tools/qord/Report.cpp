@@ -1,4 +1,4 @@
-// One line at a time to whoever runs the service, from any thread.
+// One line at a time to whoever runs the service.
 #include "qord/Report.h"
 
 #include <poll.h>
@@ -11,7 +11,6 @@
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
-#include <mutex>
 #include <string>
 
 #include "qord/Journal.h"
@@ -30,7 +29,6 @@ public:
     void Write(const std::string& line, const std::vector<std::string>& fields = {})
     {
         static const bool s_isUnderJournal = IsUnderJournal();
-        const std::lock_guard<std::mutex> lock(m_mutex);
         if (m_dropped > 0 &&
             m_Take(std::to_string(m_dropped) + " lines were dropped here", {}, s_isUnderJournal))
         {
@@ -65,7 +63,6 @@ private:
 
     int m_descriptor;
     int m_priority;
-    std::mutex m_mutex;
     unsigned int m_dropped = 0;
 };
 

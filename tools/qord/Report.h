@@ -1,4 +1,4 @@
-// One line at a time to whoever runs the service, from any thread.
+// One line at a time to whoever runs the service.
 #ifndef QORD_REPORT_H
 #define QORD_REPORT_H
 

@@ -2,12 +2,12 @@
 #include "qord/StopSignals.h"
 
 #include <sys/eventfd.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <ctime>
 #include <system_error>
 #include <utility>
 
@@ -20,22 +20,18 @@ namespace
 
 // For the handlers, which may run at any point of any thread.
 int g_wakeUp = -1;
-itimerval g_limit = {};
+timer_t g_timer = {};
+itimerspec g_limit = {};
 
 void OnStop(int)
 {
     const int savedErrno = errno;
     std::signal(SIGTERM, SIG_DFL);
     std::signal(SIGINT, SIG_DFL);
-    setitimer(ITIMER_REAL, &g_limit, nullptr);
+    timer_settime(g_timer, 0, &g_limit, nullptr);
     const std::uint64_t one = 1;
     static_cast<void>(!write(g_wakeUp, &one, sizeof one));
     errno = savedErrno;
-}
-
-void OnLimit(int)
-{
-    _exit(0);
 }
 
 void Handle(int signal, void (*handler)(int))
@@ -50,15 +46,17 @@ void Handle(int signal, void (*handler)(int))
 
 TCStopSignals::TCStopSignals(std::function<void()> stop, int limitMs) : m_stop(std::move(stop))
 {
+    sigevent second = {};
+    second.sigev_notify = SIGEV_SIGNAL;
+    second.sigev_signo = SIGTERM;
     g_wakeUp = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (g_wakeUp < 0)
+    if (g_wakeUp < 0 || timer_create(CLOCK_MONOTONIC, &second, &g_timer) != 0)
     {
         throw std::system_error(errno, std::generic_category(), "preparing for signals");
     }
-    g_limit.it_value = {limitMs / 1000, limitMs % 1000 * suseconds_t{1000}};
+    g_limit.it_value = {limitMs / 1000, limitMs % 1000 * 1000000L};
     m_source =
         g_unix_fd_add(g_wakeUp, G_IO_IN, reinterpret_cast<GUnixFDSourceFunc>(m_OnReadable), this);
-    Handle(SIGALRM, OnLimit);
     Handle(SIGTERM, OnStop);
     Handle(SIGINT, OnStop);
 }
@@ -69,6 +67,7 @@ TCStopSignals::~TCStopSignals()
     Handle(SIGINT, SIG_DFL);
     g_source_remove(m_source);
     close(g_wakeUp);
+    timer_delete(g_timer);
 }
 
 int TCStopSignals::m_OnReadable(int descriptor, int, void* pSignals)

@@ -9,9 +9,9 @@ namespace qord
 
 /// One object per process, which takes over both signals until it goes.
 ///
-/// The first signal is told to the default main context. Where the process has not ended limitMs
-/// after it, because something does not come back (the bus, the disk), it ends with status 0
-/// whatever it is doing. A second signal has its default action: it ends the process at once.
+/// The first signal is told to the default main context. A second one has its default action: it
+/// ends the process at once. Where the process has not ended limitMs after the first, because
+/// something does not come back (the bus, the disk), it gets the second from itself.
 class TCStopSignals
 {
 public:

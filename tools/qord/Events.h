@@ -1,0 +1,80 @@
+// Sends events, and says what became of them.
+#ifndef QORD_EVENTS_H
+#define QORD_EVENTS_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <qor/IDbusService.h>
+#include <qor/QORDbusServer.h>
+
+#include "qord/Applications.h"
+
+namespace qord
+{
+
+/// Who has not heard an event.
+struct TSMissed
+{
+    std::string m_name;
+    TSSender m_sender; ///< Without a user name; all empty where the bus has not told.
+    std::string m_outcome;
+};
+
+/// What became of an event.
+struct TSEventResult
+{
+    int m_type = 0;
+    std::uint64_t m_number = 0; ///< Of the order in which they were sent, from 1; 0: there is none.
+    std::int64_t m_time = 0;    ///< Of its end.
+    std::size_t m_delivered = 0;
+    std::size_t m_failed = 0;
+    std::vector<TSMissed> m_missed; ///< So many of the failures as are told.
+};
+
+/// Belongs to the thread that iterates the main context.
+class TCEvents
+{
+public:
+    /// @param onEnd  called when an event has ended and is in Last
+    TCEvents(const TCPolicyStore& store, int timeoutMs, std::function<void()> onEnd);
+
+    /// Does not wait for the applications. The server must be destroyed before this object.
+    void Send(qor::TCDbusServer& server, int type);
+
+    /// Of the events that have ended, the one that was sent last.
+    const TSEventResult& Last() const
+    {
+        return m_last;
+    }
+
+    const TApplications& Applications(qor::TCDbusServer& server)
+    {
+        m_applications = Look(server, m_applications);
+        return m_applications;
+    }
+
+private:
+    struct TSSent
+    {
+        int m_type;
+        std::uint64_t m_number;
+        TApplications m_applications; ///< As they were then; one may be gone at the event's end.
+        std::string m_policy;         ///< The mark of the one that was in force.
+    };
+
+    void m_HasEnded(const TSSent& sent, const std::vector<qor::TSDelivery>& deliveries) noexcept;
+
+    const TCPolicyStore& m_store;
+    int m_timeoutMs;
+    std::function<void()> m_onEnd;
+    TApplications m_applications;
+    std::uint64_t m_sent = 0;
+    TSEventResult m_last;
+};
+
+} // namespace qord
+
+#endif
