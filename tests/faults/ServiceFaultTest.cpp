@@ -1,12 +1,15 @@
-// The service's disk, its end, and its output at their worst.
+// The service's disk, its events, its end, and its output at their worst.
 #include <sys/socket.h>
 
 #include <map>
 #include <random>
 
+#include <nlohmann/json.hpp>
+
 #include "FaultFixture.h"
 
 using namespace qortest;
+using namespace std::string_literals;
 namespace fs = boost::filesystem;
 
 // The n-th policy, of a size of its own, so that no prefix of one is another.
@@ -167,6 +170,111 @@ TEST_F(Fault, FullAndReadOnlyFileSystemsKeepTheOldPolicy)
     EXPECT_EQ(ReadFile(seen + m_policyFile), "<c/>");
 }
 
+static nlohmann::json Status()
+{
+    return nlohmann::json::parse(Qorctl({"status", "--json"}).out);
+}
+
+TEST_F(Fault, EventsNameWhoHasNotHeardAndTheStatusWhoHas)
+{
+    auto qord = StartQuietQord({"--event-timeout", "500"});
+    auto good = StartListener(), stopped = StartListener();
+    RawPeer refusing;
+    refusing.AnswerWith({Answer::REPLY, {0}, ""});
+    refusing.Call(SERVICE_NAME, SERVICE_PATH, "Hello", EventList({2}));
+    const auto expect = [&](const std::string& policy, const std::string& counts, bool hasHeard)
+    {
+        ExpectResult(qor::POLICY_STORED, policy);
+        EXPECT_TRUE(qord->WaitForOut("policy-update: " + counts)) << qord->Out();
+        const nlohmann::json status = Status();
+        std::map<int, nlohmann::json> clients;
+        for (const auto& client : status["clients"])
+        {
+            clients[client["process_id"]] = client;
+        }
+        EXPECT_EQ(clients[good->Pid()]["heard"], true) << status;
+        EXPECT_EQ(clients[stopped->Pid()]["heard"], hasHeard) << status;
+        EXPECT_TRUE(clients[stopped->Pid()]["heard_at"].is_string()) << status;
+        EXPECT_EQ(clients[getpid()]["heard"], false) << status;
+        EXPECT_TRUE(clients[getpid()]["heard_at"].is_null()) << status;
+        std::map<std::string, std::string> missed;
+        for (const auto& one : status["last_event"]["missed"])
+        {
+            missed[one["outcome"]] = one["name"];
+        }
+        return missed;
+    };
+    EXPECT_EQ(expect("<a/>", "2 delivered, 1 failed", true).size(), 1U);
+    stopped->Signal(SIGSTOP);
+    auto missed = expect("<b/>", "1 delivered, 2 failed", false);
+    EXPECT_EQ(missed["answered false"], refusing.UniqueName());
+    const std::string hung = missed["no answer in time"];
+    std::vector<RawPeer> leaving(9);
+    for (RawPeer& peer : leaving)
+    {
+        peer.AnswerWith({Answer::LEAVE, {}, ""});
+        peer.Call(SERVICE_NAME, SERVICE_PATH, "Hello", EventList({2}));
+    }
+    missed = expect("<b/>", "1 delivered, 11 failed", false); // in force already, and announced
+    EXPECT_EQ(missed["suspended"], hung);
+    EXPECT_EQ(missed.size(), 3U);
+    for (const std::string& words :
+         {std::to_string(stopped->Pid()) + " (qorctl), " + hung + ": no answer in time\n",
+          ": left\n"s, "event policy-update: and 3 more\n"s})
+    {
+        EXPECT_NE(qord->Err().find(words), std::string::npos) << words << qord->Err();
+    }
+    EXPECT_EQ(CountOf(qord->Err(), "\n"), 1U + 2U + 9U) << qord->Err();
+    EndCleanly(*qord);
+}
+
+TEST_F(Fault, EveryEventReachesEveryApplicationOnceAndNoneMissesTheLastPolicy)
+{
+    auto qord = StartQuietQord({"--event-timeout", std::to_string(WATCHDOG_MS)});
+    std::vector<RawPeer> peers(20);
+    for (RawPeer& peer : peers)
+    {
+        peer.Call(SERVICE_NAME, SERVICE_PATH, "Hello", EventList({2}));
+    }
+    const auto events = [&] { return CountOf(qord->Out(), "update: 20 delivered, 0 failed"); };
+    for (std::size_t i = 0; i < peers.size(); ++i) // one after the other
+    {
+        ASSERT_EQ(SendPolicy(peers[i], Policy(static_cast<int>(i))), qor::POLICY_STORED);
+        ASSERT_TRUE(WaitUntil([&] { return events() == i + 1; })) << qord->Out();
+    }
+    for (const RawPeer& peer : peers)
+    {
+        EXPECT_EQ(peer.Count("Send"), peers.size());
+    }
+    std::vector<std::future<void>> writers; // all at once
+    for (std::size_t i = 0; i < peers.size(); ++i)
+    {
+        const auto write = [&peer = peers[i], i]
+        {
+            for (int number = 0; number < 5; ++number)
+            {
+                const int unique = static_cast<int>(i) * 100 + number;
+                EXPECT_EQ(SendPolicy(peer, Policy(unique)), qor::POLICY_STORED);
+            }
+        };
+        writers.push_back(std::async(std::launch::async, write));
+    }
+    writers.clear(); // which waits for them
+    const auto haveAllHeard = []
+    {
+        const nlohmann::json clients = Status()["clients"];
+        return std::count_if(clients.begin(), clients.end(),
+                             [](const auto& client) { return client["heard"] == true; }) == 20;
+    };
+    EXPECT_TRUE(WaitUntil(haveAllHeard)) << qord->Out();
+    for (const RawPeer& peer : peers)
+    {
+        EXPECT_EQ(peer.Count("Send"), events());
+    }
+    EXPECT_EQ(CountOf(qord->Out(), "event policy-update"), events() + 1) << qord->Out();
+    EndCleanly(*qord);
+}
+
 // Somebody who hangs must not hold up the others, nor the next service.
 TEST_F(Fault, ServiceStopsInTimeAndAnnouncesWhatIsDue)
 {
@@ -183,8 +291,10 @@ TEST_F(Fault, ServiceStopsInTimeAndAnnouncesWhatIsDue)
     qord->Signal(SIGTERM);
     EXPECT_TRUE(good->WaitForOut("vanished"));
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
-    EXPECT_EQ(qord->Wait(), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+    EXPECT_EQ(qord->Wait(), 0); // or it would have lost its patience with itself, after 2.8 s
+    EXPECT_EQ(CountOf(qord->Out(), "qord: stopped\n"), 1U) << qord->Out();
+    EXPECT_EQ(CountOf(qord->Err(), "(qorctl), "), 2U) << qord->Err();
+    EXPECT_EQ(CountOf(qord->Err(), ": cancelled\n"), 2U) << qord->Err();
     EXPECT_EQ(CountOf(good->Out(), "policy-update"), 2U) << good->Out();
 
     // To the one that hangs it comes from the next service.

@@ -30,15 +30,15 @@ std::string Words(const qor::TSDelivery& delivery)
     case qor::EDelivery::TIMED_OUT:
         return "no answer in time";
     case qor::EDelivery::SUSPENDED:
-        return "not called, an earlier one waits in it";
+        return "suspended";
     case qor::EDelivery::LEFT:
-        return "left the bus";
+        return "left";
     case qor::EDelivery::FAILED:
-        return "failed with error " + std::to_string(delivery.m_code);
+        return "error " + std::to_string(delivery.m_code);
     case qor::EDelivery::UNCONFIRMED:
-        return "sent, but not asked for an answer";
+        return "not confirmed";
     case qor::EDelivery::WAITING_FOR_REPLY:
-        return "not called, it waits for a reply";
+        return "waiting for a reply";
     case qor::EDelivery::CANCELLED:
         return "cancelled";
     }
@@ -94,12 +94,13 @@ void Say(const TSEventResult& result)
     {
         const TSMissed& missed = result.m_missed[i];
         const std::string process = std::to_string(missed.m_sender.m_processId);
-        ReportWithFields(
-            true,
-            {"QOR_EVENT=" + name, "QOR_OUTCOME=" + missed.m_outcome, "QOR_CLIENT=" + missed.m_name,
-             "QOR_CLIENT_PID=" + process, "QOR_CLIENT_PROGRAM=" + missed.m_sender.m_program},
-            event + missed.m_name + ", process " + process + " (" + missed.m_sender.m_program +
-                "), has not heard it: " + missed.m_outcome);
+        const std::string& program = missed.m_sender.m_program;
+        ReportWithFields(true,
+                         {"QOR_EVENT=" + name, "QOR_OUTCOME=" + missed.m_outcome,
+                          "QOR_CLIENT=" + missed.m_name, "QOR_CLIENT_PID=" + process,
+                          "QOR_CLIENT_PROGRAM=" + program},
+                         event + "not heard by process " + process + " (" + program + "), " +
+                             missed.m_name + ": " + missed.m_outcome);
     }
     if (result.m_failed > MAX_LINES)
     {
