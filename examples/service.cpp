@@ -1,44 +1,120 @@
-// A service: takes policies from applications, and tells all of them about each new one.
+// A service: takes policies from whom it lets, tells all applications about each new one, says who
+// has not heard of it, and ends in order.
+#include <algorithm>
+#include <csignal>
 #include <iostream>
-#include <thread>
 
-#include <glib.h>
+#include <grp.h>
+#include <unistd.h>
+
+#include <glib-unix.h>
 
 #include <qor/ICallbacks.h>
 #include <qor/PolicyMessage.h>
 #include <qor/QORDbusServer.h>
 
-static bool TakePolicy(const qor::TByteArray& request, qor::TByteArray& reply)
+// Knows the interface only: a test hands it another implementation.
+class Service
 {
-    std::string_view policy;
-    std::string error;
-    if (qor::ReadPolicyRequest(request, policy, error) != qor::EPolicyRequest::GOOD)
+public:
+    explicit Service(qor::IDbusService& bus) : m_bus(bus)
     {
-        std::cerr << "not a policy: " << error << std::endl;
-        return false;
+        m_bus.SetCallback(qor::SET_POLICY, [this](const auto& request, auto& reply)
+                          { return TakePolicy(request, reply); });
+        m_bus.SetStateCallback([this](qor::EServiceState state) { StateIs(state); });
     }
-    std::cout << "a policy of " << policy.size() << " bytes" << std::endl;
-    qor::WritePolicyReply(qor::POLICY_STORED, reply);
-    return true;
-}
 
-// On a thread of its own, so that an application that is slow to answer holds up no request.
-static int Announce(void* pServer)
-{
-    std::thread(&qor::TCDbusServer::SendMessage, static_cast<qor::TCDbusServer*>(pServer),
-                qor::ICallbacks::POLICY_UPDATE, qor::TByteArray(), 2000)
-        .detach();
-    return G_SOURCE_REMOVE;
-}
+    void Stop()
+    {
+        AnnounceWhatIsDue();
+        m_bus.Stop(2000, [this] { m_isRunning = false; });
+    }
+
+    int Run()
+    {
+        while (m_isRunning)
+        {
+            g_main_context_iteration(nullptr, TRUE); // everything happens in here
+        }
+        return m_exitStatus;
+    }
+
+private:
+    // Root, the service's own user, and the group "qor". Who is not known may not.
+    static bool MayChange(const qor::TSPeer& peer)
+    {
+        const group* const pGroup = getgrnam("qor");
+        const auto& ids = peer.m_groupIds;
+        return peer.m_isKnown &&
+               (peer.m_userId == 0 || peer.m_userId == geteuid() ||
+                (pGroup != nullptr && std::count(ids.begin(), ids.end(), pGroup->gr_gid) != 0));
+    }
+
+    bool TakePolicy(const qor::TByteArray& request, qor::TByteArray& reply)
+    {
+        const qor::TSPeer peer = m_bus.CurrentPeer();
+        if (!MayChange(peer))
+        {
+            std::cerr << "user " << peer.m_userId << " may not" << std::endl;
+            qor::WritePolicyReply(qor::POLICY_NOT_PERMITTED, reply);
+            return true;
+        }
+        std::string_view policy;
+        std::string error;
+        if (qor::ReadPolicyRequest(request, policy, error) != qor::EPolicyRequest::GOOD)
+        {
+            std::cerr << "not a policy: " << error << std::endl;
+            return false;
+        }
+        std::cout << "a policy of " << policy.size() << " bytes" << std::endl;
+        qor::WritePolicyReply(qor::POLICY_STORED, reply);
+        // After the reply: a client that waits for one is not called.
+        m_isDue = true;
+        g_idle_add([](void* pThis) { return static_cast<Service*>(pThis)->AnnounceWhatIsDue(); },
+                   this);
+        return true;
+    }
+
+    int AnnounceWhatIsDue()
+    {
+        if (m_isDue)
+        {
+            m_isDue = false;
+            m_bus.SendEvent(qor::ICallbacks::POLICY_UPDATE, {}, 2000, Report);
+        }
+        return G_SOURCE_REMOVE;
+    }
+
+    static void Report(const std::vector<qor::TSDelivery>& deliveries)
+    {
+        for (const qor::TSDelivery& delivery : deliveries)
+        {
+            const bool hasHeard = delivery.m_outcome == qor::EDelivery::DELIVERED;
+            std::cout << delivery.m_name << (hasHeard ? ": heard" : ": not heard") << std::endl;
+        }
+    }
+
+    void StateIs(qor::EServiceState state)
+    {
+        if (state != qor::EServiceState::ACQUIRED)
+        {
+            m_exitStatus = 1;
+            Stop();
+        }
+    }
+
+    qor::IDbusService& m_bus;
+    bool m_isDue = false; // an announcement
+    bool m_isRunning = true;
+    int m_exitStatus = 0;
+};
 
 int main()
 {
-    qor::TCDbusServer server(false);
-    auto onPolicy = [&server](const qor::TByteArray& request, qor::TByteArray& reply)
-    {
-        // Announced after the reply: a client that waits for one is not called.
-        return TakePolicy(request, reply) && g_idle_add(Announce, &server) != 0;
-    };
-    server.SetCallback(qor::SET_POLICY, onPolicy);
-    g_main_loop_run(g_main_loop_new(nullptr, FALSE)); // requests arrive in here
+    qor::TCDbusServer bus(false);
+    Service service(bus);
+    g_unix_signal_add(
+        SIGTERM, [](void* pService) { return static_cast<Service*>(pService)->Stop(), 1; },
+        &service);
+    return bus.GetUniqueName().empty() ? 1 : service.Run(); // empty: there is no bus
 }
