@@ -302,11 +302,15 @@ TEST_F(Fault, ServiceStopsInTimeAndAnnouncesWhatIsDue)
     ASSERT_TRUE(WaitUntil([&] { return CountOf(good->Out(), "policy-update") == 3; }));
     hung.reset();
 
-    // Due, and hardly begun: the reply has just come.
+    // Stored just now, and hardly answered.
     for (int round = 1; round <= 10; ++round)
     {
         const std::size_t heard = CountOf(good->Out(), "policy-update");
-        ExpectResult(qor::POLICY_STORED, "<c/>");
+        const Bytes policy = Archive(Policy(round));
+        m_client.Post(SERVICE_NAME, SERVICE_PATH, "Send", Request(4, false, policy));
+        while (StoredPolicy() != Policy(round) && qord->IsRunning())
+        {
+        }
         qord->Signal(SIGTERM);
         EXPECT_TRUE(WaitUntil([&] { return CountOf(good->Out(), "policy-update") > heard; }));
         EXPECT_EQ(qord->Wait(), 0);
@@ -337,6 +341,15 @@ TEST_F(Fault, ABusThatNeverAnswersDoesNotKeepTheServiceFromEnding)
         close(connection);
     }
     close(mute);
+
+    if (getenv("QOR_TEST_BUS") == nullptr) // dbus-broker runs behind another process
+    {
+        auto qord = StartQuietQord();
+        m_pBus->Freeze(true);
+        qord->Signal(SIGTERM);
+        EXPECT_EQ(qord->Wait(), 128 + SIGTERM);
+        m_pBus->Freeze(false);
+    }
 }
 
 TEST_F(Fault, OutputThatNobodyReadsIsDroppedAndCounted)

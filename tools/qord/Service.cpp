@@ -82,8 +82,7 @@ bool TCService::m_Start()
         {
             // A bus that does not answer takes a while: a signal may have come.
         }
-        m_Fail("cannot reach the system bus; the line of the library before this one has the "
-               "number of the reason");
+        m_Fail("cannot reach the system bus; with QOR_DLOG=stderr, the library says why");
         return false;
     }
     m_watchdog = std::make_unique<TCWatchdog>([this] { return m_queries.Summary(*m_server); });
