@@ -19,10 +19,10 @@ struct TSPeer
 {
     std::string m_name;        ///< Unique name.
     bool m_isKnown = false;    ///< Whether the bus has told; else nothing below says anything.
-    unsigned int m_userId = 0; ///< The number of the user.
+    unsigned int m_userId = 0; ///< The effective one.
     int m_processId = 0;       ///< 0 where the bus does not tell.
     bool m_hasGroups = false;  ///< Whether the bus tells the groups; not every release does.
-    std::vector<unsigned int> m_groupIds; ///< The numbers of the groups, as far as told.
+    std::vector<unsigned int> m_groupIds; ///< All, if m_hasGroups.
 };
 
 /// What became of an event at one client.
