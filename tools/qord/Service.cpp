@@ -108,12 +108,8 @@ void TCService::m_StateIs(qor::EServiceState state)
         m_Begin();
         break;
     case qor::EServiceState::QUEUED:
-    {
-        const TSSender owner = SenderOf(m_server->Peer(tools::ServiceName(m_options.m_testNames)));
-        m_Fail("the bus name belongs to another process (" + std::to_string(owner.m_processId) +
-               ", " + owner.m_program + ")");
+        m_Fail("the bus name belongs to another process");
         break;
-    }
     case qor::EServiceState::REFUSED:
         m_Fail("the bus name is not granted");
         break;
