@@ -208,8 +208,33 @@ TEST_F(Sends, EndpointThatNeverStartedSaysSo)
     LeaveTheBus();
     TCDbusClient client(false);
     EXPECT_EQ(Call(client).m_status, ESendStatus::NO_BUS);
-    EXPECT_EQ(Outcome(client).m_text, "There is no connection to the bus");
+    EXPECT_EQ(Outcome(client).m_text.rfind("Could not connect: ", 0), 0U);
     EXPECT_EQ(LogCapture::Count(LOG_ERROR, "pResult is NULL"), 2U);
+}
+
+TEST_F(Sends, OnlyASendThatMayStartTheServiceDoes)
+{
+    m_service->AnswerHelloUsing([](const IncomingCall&)
+                                { return DbusError("org.freedesktop.DBus.Error.AccessDenied"); });
+    TCDbusClient client(false);
+    std::vector<qor::EClientState> states;
+    client.AddStateCallback([&](qor::EClientState state) { states.push_back(state); });
+    EXPECT_EQ(client.Call(1, {}, WATCHDOG_MS, {}, false).m_status, ESendStatus::ANSWERED_TRUE);
+    EXPECT_EQ(Call(client).m_status, ESendStatus::ANSWERED_TRUE);
+    ASSERT_TRUE(PumpUntil([&] { return m_service->Count("Hello") > 3; }));
+    m_service->AnswerHelloUsing([](const IncomingCall&) { return Answer{Answer::NO_VALUE, {}}; });
+    ASSERT_TRUE(PumpUntil([&] { return states.size() > 2; }));
+    std::vector<bool> mayStart;
+    for (const IncomingCall& call : m_service->Calls())
+    {
+        mayStart.push_back(call.mayStart);
+    }
+    mayStart.resize(5);
+    // The send that may not, Hello and send that may, Hello when the service appears, and again.
+    EXPECT_EQ(mayStart, std::vector<bool>({false, true, true, false, false}));
+    using State = qor::EClientState;
+    EXPECT_EQ(states, std::vector<State>(
+                          {State::SERVICE_APPEARED, State::UNREGISTERED, State::REGISTERED}));
 }
 
 // What a foreign process says goes to terminals.

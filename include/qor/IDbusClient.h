@@ -18,7 +18,9 @@ enum class EClientState
     SERVICE_VANISHED, ///< It has left the bus, or the bus was lost.
     REGISTERED,       ///< The service has confirmed the types that have callbacks now: events come.
     BUS_LOST,         ///< The connection to the bus has closed; the client looks for the bus.
-    BUS_FOUND         ///< There is a new one, with a new unique name. The service appears next.
+    BUS_FOUND,        ///< There is a new one, with a new unique name. The service appears next.
+    UNREGISTERED      ///< The types were refused, or not confirmed within 10 s. Told once for each
+                      ///< appearance; the client repeats them until REGISTERED.
 };
 
 /// Observes a client; see IDbusClient::AddStateCallback.
@@ -62,10 +64,13 @@ public:
     /// @param timeoutMs     in milliseconds from the call; a negative one is the 10000 of
     /// SendMessage
     /// @param cancellation  ends the wait; {} where nobody will
+    /// @param mayStart      false: where the service is not on the bus the call ends with
+    ///                      NO_SERVICE, also where the bus could start it
     ///
-    /// @return in a forked child NO_BUS
+    /// @return in a forked child, and after a start that has failed, NO_BUS; the text then says why
+    ///         there was no bus
     virtual TSSendResult Call(int type, const std::vector<unsigned char>& data, int timeoutMs,
-                              const TCCancellation& cancellation) = 0;
+                              const TCCancellation& cancellation, bool mayStart = true) = 0;
 
     /// Sends a message to the service and returns at once; any thread. The service may send events
     /// to this client meanwhile, as after an asynchronous SendMessage. A lost bus is not looked

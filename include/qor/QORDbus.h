@@ -180,6 +180,7 @@ protected:
     /// Those of the session.
     TGlibPtr<GDBusConnection> t_pConnection QOR_GUARDED_BY(t_stateMutex);
     std::string t_uniqueName QOR_GUARDED_BY(t_stateMutex);
+    std::string t_startError; ///< Why there was no bus at the start; set by t_Connect, once.
     std::string t_currentSender QOR_GUARDED_BY(t_stateMutex);
     bool t_isCurrentMessageAsync QOR_GUARDED_BY(t_stateMutex);
     TGlibPtr<GMainContext> t_pMainContext; ///< Where handlers run; set by t_Connect, once.

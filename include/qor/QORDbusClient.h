@@ -26,7 +26,8 @@ class TCDbusStates;
 ///
 /// The service confirms each Hello. One that it refuses, or leaves without an answer, is repeated
 /// with the types of the moment, at growing intervals, until it is confirmed or the service has
-/// left; an error line says so once.
+/// left; an error line says so once, and an observer is told UNREGISTERED. None of them has the bus
+/// start a service: only a send does.
 ///
 /// A client that was up once finds the bus again after a restart of the daemon: it tries once a
 /// second while its main context is iterated, and at a send, whichever thread makes it; every 20 s
@@ -52,7 +53,7 @@ public:
     bool SendMessage(int type, const std::vector<unsigned char>& data,
                      std::vector<unsigned char>& response, bool isAsync) override;
     TSSendResult Call(int type, const std::vector<unsigned char>& data, int timeoutMs,
-                      const TCCancellation& cancellation) override;
+                      const TCCancellation& cancellation, bool mayStart = true) override;
     void CallAsync(int type, const std::vector<unsigned char>& data, int timeoutMs,
                    const TCCancellation& cancellation, const TSendCallback& onDone,
                    GMainContext* pContext) override;
@@ -69,7 +70,7 @@ private:
     bool m_IsStarted() const;
     void m_LeaveBus();
     void m_TypesChanged() QOR_REQUIRES(t_callbacksMutex);
-    bool m_SendHello();
+    bool m_SendHello(bool mayStart);
     void m_CheckRegistration();
     void m_TellNewObservers();
     void m_PrepareSend(const TSessionPtr& session, bool withHello);
@@ -77,7 +78,7 @@ private:
     bool m_SendAndForget(const TSessionPtr& session, int type, const TByteArray& data);
     TGlibPtr<GDBusMessage> m_NewSend(int type, bool isAsync, const TByteArray& data) const;
     void m_CallAndWait(const TSessionPtr& session, int type, const TByteArray& data,
-                       std::int64_t deadline, const TCCancellation& cancellation,
+                       std::int64_t deadline, const TCCancellation& cancellation, bool mayStart,
                        TSSendResult& result) const;
     void m_TakeAnswer(GDBusMessage* pAnswer, const GError* pError, TSSendResult& result) const;
 

@@ -65,6 +65,7 @@ struct IncomingCall
     std::string method;
     std::string signature; // of all arguments: "ay"
     Bytes bytes;
+    bool mayStart; // the service, where it is not running
 };
 
 /// What a peer does with a call.
@@ -360,11 +361,13 @@ private:
             {
                 return pMessage;
             }
-            const IncomingCall call{Text(g_dbus_message_get_sender(pMessage)),
-                                    Text(g_dbus_message_get_path(pMessage)),
-                                    Text(g_dbus_message_get_member(pMessage)),
-                                    Text(g_dbus_message_get_signature(pMessage)),
-                                    Unwrap(g_dbus_message_get_body(pMessage))};
+            const IncomingCall call{
+                Text(g_dbus_message_get_sender(pMessage)),
+                Text(g_dbus_message_get_path(pMessage)),
+                Text(g_dbus_message_get_member(pMessage)),
+                Text(g_dbus_message_get_signature(pMessage)),
+                Unwrap(g_dbus_message_get_body(pMessage)),
+                (g_dbus_message_get_flags(pMessage) & G_DBUS_MESSAGE_FLAGS_NO_AUTO_START) == 0};
             State& state = **static_cast<std::shared_ptr<State>*>(pUserData);
             const std::lock_guard<std::mutex> lock(state.mutex);
             state.calls.push_back(call);

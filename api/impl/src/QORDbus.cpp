@@ -128,6 +128,7 @@ bool TCDbus::t_Connect()
     if (pConnection == nullptr)
     {
         QOR_LOG_ERROR("Connecting to system bus error, errno %d", error.Code());
+        t_startError = error.Get()->message;
         return false;
     }
     t_pMainContext.reset(g_main_context_ref_thread_default());

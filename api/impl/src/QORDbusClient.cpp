@@ -146,11 +146,11 @@ void TCDbusClient::m_NameAppeared(GDBusConnection* pConnection, const char* /*na
         return; // of a bus that has been lost meanwhile
     }
     m_pRegistration->Restart();
-    m_SendHello();
+    m_SendHello(false);
     t_isReady = true;
     if (m_pRegistration->HasNews()) // whoever has changed the types may not have seen that
     {
-        m_SendHello();
+        m_SendHello(false);
     }
     m_pStates->SetService(true);
 }
@@ -169,7 +169,8 @@ void TCDbusClient::m_NameVanished(GDBusConnection* /*pConnection*/, const char* 
     m_pStates->SetService(false);
 }
 
-bool TCDbusClient::m_SendHello()
+// A service that has just left is not started again by what was meant for it.
+bool TCDbusClient::m_SendHello(bool mayStart)
 {
     const TSessionPtr session = t_Session();
     QOR_LOG_DEBUG("Send hello %s", session == nullptr ? "" : session->UniqueName().c_str());
@@ -177,6 +178,10 @@ bool TCDbusClient::m_SendHello()
     {
         const TGlibPtr<GDBusMessage> pHello(g_dbus_message_new_method_call(
             t_busName, t_objectPath, t_interfaceName, t_dbusHelloMethod));
+        if (!mayStart)
+        {
+            g_dbus_message_set_flags(pHello.get(), G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
+        }
         m_pRegistration->Announce(session->Calls(), pHello.get());
     }
     return true;
@@ -203,8 +208,9 @@ void TCDbusClient::m_CheckRegistration()
     if (newReason != 0)
     {
         QOR_LOG_ERROR("Sending hello error, errno %d", newReason);
+        m_pStates->TellUnregistered();
     }
-    m_SendHello();
+    m_SendHello(false);
 }
 
 // --- Observers -----------------------------------------------------------------------------------
@@ -276,7 +282,7 @@ void TCDbusClient::m_TypesChanged()
     m_pRegistration->SetTypes(t_callbacks);
     if (t_isReady)
     {
-        m_SendHello();
+        m_SendHello(false);
     }
 }
 

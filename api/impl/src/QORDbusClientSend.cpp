@@ -46,13 +46,13 @@ bool TCDbusClient::SendMessage(int type, const TByteArray& data, TByteArray& res
     }
     TSSendResult result;
     result.m_response.swap(response); // stays as it is without a reply
-    m_CallAndWait(session, type, data, Deadline(SEND_TIMEOUT_MS), TCCancellation(), result);
+    m_CallAndWait(session, type, data, Deadline(SEND_TIMEOUT_MS), TCCancellation(), true, result);
     result.m_response.swap(response);
     return result.m_status == ESendStatus::ANSWERED_TRUE;
 }
 
 TSSendResult TCDbusClient::Call(int type, const TByteArray& data, int timeoutMs,
-                                const TCCancellation& cancellation)
+                                const TCCancellation& cancellation, bool mayStart)
 {
     TSSendResult result;
     if (!t_IsInOwnProcess())
@@ -66,9 +66,9 @@ TSSendResult TCDbusClient::Call(int type, const TByteArray& data, int timeoutMs,
     if (!cancellation.IsCancelled())
     {
         session = m_FindBus(deadline, cancellation);
-        m_PrepareSend(session, true);
+        m_PrepareSend(session, mayStart);
     }
-    m_CallAndWait(session, type, data, deadline, cancellation, result);
+    m_CallAndWait(session, type, data, deadline, cancellation, mayStart, result);
     return result;
 }
 
@@ -117,7 +117,7 @@ void TCDbusClient::m_PrepareSend(const TSessionPtr& session, bool withHello)
     // it can call us, while the bus has just been found again.
     if (withHello && (!m_IsStarted() || t_IsExportedOn(session)))
     {
-        m_SendHello();
+        m_SendHello(true);
     }
 }
 
@@ -140,7 +140,8 @@ bool TCDbusClient::m_IsSendable(std::size_t size, const TCCancellation& cancella
     if (!m_IsStarted())
     {
         g_set_error_literal(ppError, G_IO_ERROR, G_IO_ERROR_NOT_CONNECTED,
-                            "There is no connection to the bus");
+                            t_startError.empty() ? "There is no connection to the bus"
+                                                 : t_startError.c_str());
         return false;
     }
     return true;
@@ -181,13 +182,17 @@ TGlibPtr<GDBusMessage> TCDbusClient::m_NewSend(int type, bool isAsync, const TBy
 // with it a file descriptor, for each call.
 void TCDbusClient::m_CallAndWait(const TSessionPtr& session, int type, const TByteArray& data,
                                  std::int64_t deadline, const TCCancellation& cancellation,
-                                 TSSendResult& result) const
+                                 bool mayStart, TSSendResult& result) const
 {
     TCGlibError error;
     TGlibPtr<GDBusMessage> pAnswer;
     if (m_IsSendable(data.size(), cancellation, error.Out()))
     {
         const TGlibPtr<GDBusMessage> pCall = m_NewSend(type, false, data);
+        if (!mayStart)
+        {
+            g_dbus_message_set_flags(pCall.get(), G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
+        }
         pAnswer = session->Calls().CallAndWait(pCall.get(), deadline, cancellation, error.Out());
     }
     m_TakeAnswer(pAnswer.get(), error.Get(), result);

@@ -55,6 +55,11 @@ void TCDbusStates::TellRegistered()
     m_Tell(EClientState::REGISTERED);
 }
 
+void TCDbusStates::TellUnregistered()
+{
+    m_Tell(EClientState::UNREGISTERED);
+}
+
 void TCDbusStates::TellNew(bool isRegistered)
 {
     for (const unsigned int id : m_Observers(true))

@@ -28,6 +28,7 @@ public:
     void SetService(bool isThere) QOR_EXCLUDES(m_mutex);
     void SetBus(bool isThere) QOR_EXCLUDES(m_mutex);
     void TellRegistered() QOR_EXCLUDES(m_mutex);
+    void TellUnregistered() QOR_EXCLUDES(m_mutex);
     // Tells observers that are new how things stand.
     void TellNew(bool isRegistered) QOR_EXCLUDES(m_mutex);
 
