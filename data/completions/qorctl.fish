@@ -12,7 +12,7 @@ complete -c qorctl -l version -d 'Print the version'
 complete -c qorctl -l quiet -d 'Print errors and events only'
 complete -c qorctl -l verbose -d "Print the library's log lines too"
 complete -c qorctl -l json -d 'Print the result as JSON'
-complete -c qorctl -l timeout -x -d 'Wait no longer than so many seconds'
+complete -c qorctl -l timeout -x -d 'End after so many seconds'
 complete -c qorctl -l test-bus-names -d 'Use the bus names meant for tests'
 
 complete -c qorctl -n "not __fish_seen_subcommand_from $commands" -a set-policy -d 'Hand the service a new policy'
@@ -27,6 +27,7 @@ complete -c qorctl -n "not __fish_seen_subcommand_from $commands" -a info -d 'Pr
 
 complete -c qorctl -n '__fish_seen_subcommand_from set-policy validate' -F
 complete -c qorctl -n '__fish_seen_subcommand_from set-policy' -l no-check -d 'Send it without looking at it'
+complete -c qorctl -n '__fish_seen_subcommand_from set-policy restore' -l wait -d 'Until all have heard of it, at most =SECONDS'
 complete -c qorctl -n '__fish_seen_subcommand_from get-policy restore' -a '(__qorctl_kept)' -d 'Kept policy'
 complete -c qorctl -n '__fish_seen_subcommand_from get-policy' -l output -r -F -d 'Write to a file'
 complete -c qorctl -n '__fish_seen_subcommand_from listen' -l count -x -d 'Exit after so many events'

@@ -72,7 +72,8 @@ TWords OptionNames(const CLI::App& app)
 // Empty where the library's own words say what is wrong.
 std::string UnknownWord(const CLI::App& app)
 {
-    const TWords unknown = app.remaining(true);
+    TWords unknown = app.remaining(true);
+    unknown.erase(std::remove(unknown.begin(), unknown.end(), "--"), unknown.end());
     if (unknown.empty())
     {
         return "";

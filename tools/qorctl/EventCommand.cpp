@@ -2,10 +2,14 @@
 #include "qorctl/EventCommand.h"
 
 #include <algorithm>
+#include <csignal>
 #include <stdexcept>
+#include <utility>
 
 #include <glib.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <qor/GlibTypes.h>
 
@@ -15,6 +19,8 @@ namespace qorctl
 {
 namespace
 {
+
+constexpr unsigned int PATIENCE_MS = 500;
 
 using TStrings = std::unique_ptr<char*, void (*)(char**)>;
 
@@ -30,13 +36,21 @@ TStrings SplitCommand(const std::string& command)
     return TStrings(pArguments, g_strfreev);
 }
 
+// In the child, before the command.
+void Prepare(void*)
+{
+    setpgid(0, 0);
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+}
+
 } // namespace
 
 TCEventCommand::TCEventCommand(const std::string& command) : m_arguments(SplitCommand(command)) {}
 
 void TCEventCommand::Run(const std::string& event)
 {
-    if (std::find(m_waiting.begin(), m_waiting.end(), event) == m_waiting.end())
+    const bool isDue = std::find(m_waiting.begin(), m_waiting.end(), event) != m_waiting.end();
+    if (!isDue && !m_isStopped)
     {
         m_waiting.push_back(event);
     }
@@ -45,34 +59,53 @@ void TCEventCommand::Run(const std::string& event)
 
 bool TCEventCommand::IsBusy() const
 {
-    return m_isRunning || !m_waiting.empty();
+    return m_processId != 0 || !m_waiting.empty();
 }
 
 void TCEventCommand::m_StartNext()
 {
-    while (!m_isRunning && !m_waiting.empty())
+    while (m_processId == 0 && !m_waiting.empty())
     {
-        m_isRunning = m_Start(m_waiting.front());
+        m_Start(m_waiting.front());
         m_waiting.pop_front();
     }
 }
 
-bool TCEventCommand::m_Start(const std::string& event)
+void TCEventCommand::m_Start(const std::string& event)
 {
     const TStrings environment(g_environ_setenv(g_get_environ(), "QOR_EVENT", event.c_str(), TRUE),
                                g_strfreev);
-    GPid processId = 0;
     GError* pError = nullptr;
     const auto flags = static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD);
-    if (g_spawn_async(nullptr, m_arguments.get(), environment.get(), flags, nullptr, nullptr,
-                      &processId, &pError) == FALSE)
+    if (g_spawn_async(nullptr, m_arguments.get(), environment.get(), flags, Prepare, nullptr,
+                      &m_processId, &pError) == FALSE)
     {
         const qor::TGlibPtr<GError> error(pError);
         SayError(std::string("the command could not be run: ") + error->message);
-        return false;
+        m_processId = 0;
+        return;
     }
-    g_child_watch_add(processId, m_Ended, this);
-    return true;
+    g_child_watch_add(m_processId, m_Ended, this);
+}
+
+void TCEventCommand::Stop()
+{
+    m_waiting.clear();
+    if (!std::exchange(m_isStopped, true) && m_processId != 0)
+    {
+        kill(-m_processId, SIGTERM);
+        g_timeout_add(PATIENCE_MS, m_Kill, this);
+    }
+}
+
+int TCEventCommand::m_Kill(void* pCommand)
+{
+    const int processId = static_cast<TCEventCommand*>(pCommand)->m_processId;
+    if (processId != 0)
+    {
+        kill(-processId, SIGKILL);
+    }
+    return G_SOURCE_REMOVE;
 }
 
 void TCEventCommand::m_Ended(int processId, int waitStatus, void* pCommand)
@@ -87,7 +120,11 @@ void TCEventCommand::m_Ended(int processId, int waitStatus, void* pCommand)
         SayError("the command ended with status " + std::to_string(WEXITSTATUS(waitStatus)));
     }
     auto* pThis = static_cast<TCEventCommand*>(pCommand);
-    pThis->m_isRunning = false;
+    pThis->m_processId = 0;
+    if (pThis->m_isStopped)
+    {
+        kill(-processId, SIGKILL); // what is left of its group
+    }
     pThis->m_StartNext();
 }
 

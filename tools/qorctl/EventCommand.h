@@ -12,7 +12,8 @@ namespace qorctl
 /// Starts the command without a shell and without waiting for it, one at a time. An event that
 /// comes meanwhile waits until the command has ended; a second one of its kind is merged with it.
 /// The end is noticed in the process's default main context, and a failure is reported on standard
-/// error.
+/// error. Each runs in a process group of its own, and is asked to end (SIGTERM) where this process
+/// has ended.
 class TCEventCommand
 {
 public:
@@ -25,14 +26,20 @@ public:
     /// Whether a command is running, or due.
     bool IsBusy() const;
 
+    /// Drops what is due and ends what runs, by SIGTERM at first and by SIGKILL half a second
+    /// later. What it has started in its group ends with it.
+    void Stop();
+
 private:
-    bool m_Start(const std::string& event);
+    void m_Start(const std::string& event);
     void m_StartNext();
     static void m_Ended(int processId, int waitStatus, void* pCommand);
+    static int m_Kill(void* pCommand);
 
     std::unique_ptr<char*, void (*)(char**)> m_arguments;
     std::deque<std::string> m_waiting;
-    bool m_isRunning = false;
+    int m_processId = 0; ///< 0: none runs.
+    bool m_isStopped = false;
 };
 
 } // namespace qorctl

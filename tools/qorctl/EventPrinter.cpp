@@ -31,36 +31,14 @@ std::string Now()
 
 TCEventPrinter::TCEventPrinter(bool json) : m_json(json) {}
 
-void TCEventPrinter::PrintEvent(const std::string& event) const
+void TCEventPrinter::Print(const std::string& event, const std::string& words) const
 {
-    m_Print(event, event);
-}
-
-void TCEventPrinter::PrintAppeared(const std::string& owner) const
-{
-    m_Print("service-appeared", "service appeared as " + owner, owner);
-}
-
-void TCEventPrinter::PrintGone(bool wasThere) const
-{
-    wasThere ? m_Print("service-vanished", "service vanished")
-             : m_Print("service-absent", "service is not on the bus yet");
-}
-
-void TCEventPrinter::m_Print(const std::string& event, const std::string& words,
-                             const std::string& owner) const
-{
-    if (!m_json)
+    if (m_json)
     {
-        tools::Print(Now() + ' ' + words + '\n');
+        PrintJsonLine({{"time", Now()}, {"event", event}});
         return;
     }
-    TJson line = {{"time", Now()}, {"event", event}};
-    if (!owner.empty())
-    {
-        line["owner"] = owner;
-    }
-    PrintJsonLine(line);
+    tools::Print(Now() + ' ' + words + '\n');
 }
 
 } // namespace qorctl

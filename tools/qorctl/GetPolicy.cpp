@@ -58,17 +58,16 @@ int FetchPolicy(const TSOptions& options, std::string& policy)
 {
     qor::TByteArray request;
     tools::WriteGetPolicyRequest(options.m_number, request);
-    std::string error;
-    const auto answer = AskService(options, tools::GET_POLICY, request, error);
-    if (!answer)
+    const auto answer = Endpoint(options)->Call(tools::GET_POLICY, request, MillisecondsLeft(), {});
+    if (!IsGood(answer))
     {
-        SayError("there is no answer: " + error);
+        SayError("there is no answer: " + WhyNot(answer));
         return tools::EXIT_NOT_DELIVERED;
     }
     int result = 0;
-    if (!tools::ReadGetPolicyReply(*answer, result, policy))
+    if (!tools::ReadGetPolicyReply(answer.m_response, result, policy))
     {
-        SayError("the service's answer cannot be read");
+        SayError(WhyNot(answer));
         return tools::EXIT_BAD_ANSWER;
     }
     if (result != tools::POLICY_SENT)

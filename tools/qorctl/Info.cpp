@@ -1,4 +1,5 @@
 // qorctl info: prints where the policy is, and what platform this is.
+#include <chrono>
 #include <string>
 
 #include <qor/QORCachingUtils.h>
@@ -17,6 +18,7 @@ namespace
 {
 
 constexpr int USB_TEST_MODE = 2;
+constexpr std::chrono::milliseconds PATIENCE(1000); // most of it is known without the service
 
 // Of the file system that holds the directory, or will hold it.
 TJson FreeSpace(boost::filesystem::path directory)
@@ -44,10 +46,8 @@ TJson Number(system_info_key_e key)
 // Where the service has it; empty where none is running or it does not tell.
 std::string ServicesPolicyFile(const TSOptions& options)
 {
-    std::string error;
-    const auto status =
-        FindService(options).m_owner.empty() ? std::nullopt : AskStatus(options, error);
-    return status ? Text(Part(*status, "policy"), "file") : "";
+    qor::TSSendResult result;
+    return Text(Part(AskStatus(options, result, PATIENCE), "policy"), "file");
 }
 
 TJson Collect(const TSOptions& options)

@@ -6,24 +6,18 @@
 #include <optional>
 #include <stdexcept>
 
-#include <boost/shared_ptr.hpp>
-#include <gio/gio.h>
 #include <glib-unix.h>
 
-#include <qor/QORCallbacksProxy.h>
-#include <qor/QORDbusClient.h>
+#include <qor/ICallbacks.h>
+#include <qor/QORDbus.h>
 
 #include "common/Events.h"
 #include "common/ExitStatus.h"
-#include "common/NameWatch.h"
 #include "common/Output.h"
-#include "common/SystemBus.h"
-#include "qorctl/Await.h"
 #include "qorctl/Commands.h"
 #include "qorctl/EventCommand.h"
 #include "qorctl/EventPrinter.h"
 #include "qorctl/Message.h"
-#include "qorctl/Registration.h"
 #include "qorctl/ServiceCall.h"
 
 namespace qorctl
@@ -31,26 +25,12 @@ namespace qorctl
 namespace
 {
 
-constexpr std::chrono::milliseconds LAST_ANSWER_LIMIT(1000);
+constexpr int TYPES[] = {qor::ICallbacks::POLICY_UPDATE, qor::ICallbacks::REQUEST_PROCESS_INFO};
 
-struct TSBus
-{
-    std::shared_ptr<GDBusConnection> m_connection; ///< Shared with a wait that may be given up.
-    boost::shared_ptr<qor::IDbusClient> m_endpoint;
-    std::string m_error;
-};
-
-TSBus Connect(bool testNames)
-{
-    TSBus bus;
-    bus.m_connection = tools::ConnectToSystemBus(bus.m_error);
-    if (bus.m_connection)
-    {
-        // The first endpoint of the process decides on the names; the callbacks object shares it.
-        bus.m_endpoint = qor::TCDbusClientProvider::Get(testNames);
-    }
-    return bus;
-}
+constexpr unsigned int ABSENT_AFTER_MS = 500;
+constexpr unsigned int LAST_ANSWER_MS = 1000;
+constexpr unsigned int LAST_ANSWER_STOPPED_MS = 200;
+constexpr std::chrono::milliseconds TIME_TO_END(1000);
 
 class TCListener
 {
@@ -65,27 +45,26 @@ public:
 
     int Run()
     {
-        const auto bus = Await(WaitLimit(m_options),
-                               [testNames = m_options.m_testNames] { return Connect(testNames); });
-        if (!bus || !bus->m_connection)
+        m_endpoint = Endpoint(m_options);
+        if (!m_IsOnBus())
         {
-            SayError(bus ? "there is no system bus: " + bus->m_error
-                         : std::string("the system bus does not answer"));
             return tools::EXIT_NOT_DELIVERED;
         }
-        m_connection = bus->m_connection;
-        const auto callbacks = qor::TCCallbacksProxy::Instance();
-        if (!m_Register(*callbacks))
+        for (const int type : TYPES)
         {
-            SayError("the events could not be registered for");
-            return tools::EXIT_NOT_DELIVERED;
+            m_endpoint->SetCallback(type,
+                                    [this, type](const qor::TByteArray&, qor::TByteArray&)
+                                    {
+                                        m_OnEvent(type);
+                                        return true;
+                                    });
         }
+        const auto onState = [this](qor::EClientState state) { m_OnState(state); };
+        const unsigned int observer = m_endpoint->AddStateCallback(onState);
         m_WatchProcess();
-        m_WatchService();
         m_Iterate([this] { return m_isListening; });
-        m_Leave(*callbacks);
-        qor::TCCallbacksProxy::Destroy();
-        m_watch.reset();
+        m_Leave();
+        m_endpoint->RemoveStateCallback(observer);
         if (m_failure)
         {
             std::rethrow_exception(m_failure);
@@ -94,15 +73,16 @@ public:
     }
 
 private:
-    bool m_Register(qor::ICallbacks& callbacks)
+    // An endpoint that has never been on the bus does not look for it.
+    bool m_IsOnBus()
     {
-        return callbacks.SetPolicyUpdateCb([this] { m_OnEvent(qor::ICallbacks::POLICY_UPDATE); }) &&
-               callbacks.SetRequestProcessInfoCb(
-                   [this]
-                   {
-                       m_OnEvent(qor::ICallbacks::REQUEST_PROCESS_INFO);
-                       return true;
-                   });
+        const auto endpoint = boost::dynamic_pointer_cast<qor::TCDbus>(m_endpoint);
+        if (endpoint && !endpoint->GetUniqueName().empty())
+        {
+            return true;
+        }
+        SayError(WhyNot(m_endpoint->Call(TYPES[0], {}, 0, {})));
+        return false;
     }
 
     void m_WatchProcess()
@@ -111,18 +91,13 @@ private:
         g_unix_signal_add(SIGTERM, m_OnSignal, this);
         // A reader that has gone is noticed at once, and not only at the next event.
         g_unix_fd_add(STDOUT_FILENO, G_IO_ERR, m_OnOutputClosed, this);
+        g_timeout_add(ABSENT_AFTER_MS, m_OnAbsent, this);
         if (m_options.m_timeoutSeconds != 0)
         {
-            g_timeout_add_seconds(m_options.m_timeoutSeconds, m_OnTimeout, this);
+            const auto left = TimeLeft(std::chrono::seconds(m_options.m_timeoutSeconds));
+            g_timeout_add(static_cast<unsigned int>(left.count()), m_OnTimeout, this);
+            AllowToEnd(TIME_TO_END);
         }
-    }
-
-    void m_WatchService()
-    {
-        m_watch.emplace(m_connection.get(), tools::ServiceName(m_options.m_testNames),
-                        tools::TCNameWatch::TSHandlers{
-                            [this](const std::string& owner) { m_OnAppeared(owner); },
-                            [this] { m_OnGone(); }, [this] { m_OnClosed(); }});
     }
 
     template <class TCondition>
@@ -134,26 +109,33 @@ private:
         }
     }
 
-    // The last event's answer must be out before the process ends, and its command has its time;
-    // a signal cuts that short.
-    void m_Leave(qor::ICallbacks& callbacks)
+    // The last event's answer must be out before the process ends: it is when the service has
+    // confirmed what was said after it. The last event's command has its time.
+    void m_Leave()
     {
-        callbacks.ResetPolicyUpdateCb();
-        callbacks.ResetRequestProcessInfoCb();
-        Await(LAST_ANSWER_LIMIT, [connection = m_connection]
-              { return g_dbus_connection_flush_sync(connection.get(), nullptr, nullptr); });
-        m_Iterate([this] { return !m_isSignalled && m_command && m_command->IsBusy(); });
+        for (const int type : TYPES)
+        {
+            m_endpoint->UnSetCallback(type);
+        }
+        m_isSettled = !m_isRegistered;
+        g_timeout_add(m_isStopped ? LAST_ANSWER_STOPPED_MS : LAST_ANSWER_MS, m_OnSettled, this);
+        m_Iterate([this] { return !m_isSettled || (m_command && m_command->IsBusy()); });
     }
 
-    void m_End(int exitStatus)
+    // Ends the listening, and the command at once.
+    void m_Stop()
     {
-        m_exitStatus = exitStatus;
         m_isListening = false;
+        m_isStopped = true;
+        if (m_command)
+        {
+            m_command->Stop();
+        }
     }
 
     // Runs inside the bus library, which takes no exception.
     template <class TPrint>
-    void m_Print(const TPrint& print) noexcept
+    void m_Try(const TPrint& print) noexcept
     {
         try
         {
@@ -172,10 +154,11 @@ private:
         {
             return;
         }
-        m_Print([this, type] { m_printer.PrintEvent(tools::EventName(type)); });
+        const std::string event = tools::EventName(type);
+        m_Try([&] { m_printer.Print(event, event); });
         if (m_command)
         {
-            m_command->Run(tools::EventName(type));
+            m_command->Run(event);
         }
         ++m_events;
         m_isListening = m_isListening && !m_HasAll();
@@ -186,63 +169,74 @@ private:
         return m_options.m_eventCount != 0 && m_events >= m_options.m_eventCount;
     }
 
-    void m_OnAppeared(const std::string& owner)
+    void m_OnState(qor::EClientState state)
     {
-        m_wasThere = true;
-        m_registration =
-            TCRegistration::Start(m_connection.get(), m_options.m_testNames, owner,
-                                  [this, owner](ERegistration result, const std::string& error)
-                                  { m_OnRegistered(owner, result, error); });
+        switch (state)
+        {
+        case qor::EClientState::SERVICE_APPEARED:
+            m_wasThere = true;
+            m_Tell("service-appeared", "service appeared");
+            return;
+        case qor::EClientState::REGISTERED:
+            m_isSettled = true;
+            if (!std::exchange(m_isRegistered, true))
+            {
+                m_Tell("registered", "registered for events");
+            }
+            return;
+        case qor::EClientState::UNREGISTERED:
+            SayError("the registration for events was refused, or not answered; it is repeated "
+                     "until the service takes it");
+            return;
+        case qor::EClientState::SERVICE_VANISHED:
+            m_isSettled = true;
+            m_isRegistered = false;
+            m_Tell("service-vanished", "service vanished");
+            return;
+        case qor::EClientState::BUS_LOST:
+            m_Tell("bus-lost", "bus lost");
+            return;
+        case qor::EClientState::BUS_FOUND:
+            m_Tell("bus-found", "bus found");
+            return;
+        }
     }
 
-    void m_OnRegistered(const std::string& owner, ERegistration result, const std::string& error)
+    void m_Tell(const char* event, const char* words)
     {
-        if (result == ERegistration::REFUSED)
+        if (m_isListening && !m_options.m_quiet)
         {
-            SayError("the registration for events was refused: " + error);
-            m_End(tools::EXIT_NOT_DELIVERED);
-        }
-        else if (result == ERegistration::UNANSWERED)
-        {
-            SayError("the service does not answer the registration for events: " + error);
-        }
-        else if (!m_options.m_quiet)
-        {
-            m_Print([this, &owner] { m_printer.PrintAppeared(owner); });
+            m_Try([&] { m_printer.Print(event, words); });
         }
     }
 
-    void m_OnGone()
+    static int m_OnAbsent(void* pListener)
     {
-        m_registration.reset();
-        if (!m_options.m_quiet)
+        auto* pThis = static_cast<TCListener*>(pListener);
+        if (!pThis->m_wasThere)
         {
-            m_Print([this] { m_printer.PrintGone(m_wasThere); });
+            pThis->m_Tell("service-absent", "service is not on the bus yet");
         }
+        return G_SOURCE_REMOVE;
     }
 
-    void m_OnClosed()
+    static int m_OnSettled(void* pListener)
     {
-        if (m_isListening)
-        {
-            SayError("the connection to the system bus was closed");
-            m_End(tools::EXIT_NOT_DELIVERED);
-        }
+        static_cast<TCListener*>(pListener)->m_isSettled = true;
+        return G_SOURCE_REMOVE;
     }
 
     static int m_OnSignal(void* pListener)
     {
-        auto* pThis = static_cast<TCListener*>(pListener);
-        pThis->m_isListening = false;
-        pThis->m_isSignalled = true;
+        static_cast<TCListener*>(pListener)->m_Stop();
         return G_SOURCE_REMOVE; // the next one ends the process wherever it is
     }
 
     static int m_OnOutputClosed(int, GIOCondition, void* pListener)
     {
         auto* pThis = static_cast<TCListener*>(pListener);
-        pThis->m_isSignalled = true;
-        pThis->m_Print([] { tools::Print("\n"); });
+        pThis->m_Stop();
+        pThis->m_Try([] { tools::Print("\n"); });
         return G_SOURCE_REMOVE;
     }
 
@@ -250,25 +244,26 @@ private:
     {
         auto* pThis = static_cast<TCListener*>(pListener);
         const unsigned int wanted = pThis->m_options.m_eventCount;
-        if (wanted != 0)
+        if (wanted > pThis->m_events)
         {
             SayError("only " + std::to_string(pThis->m_events) + " of " + std::to_string(wanted) +
                      " events came in time");
+            pThis->m_exitStatus = tools::EXIT_NOT_DELIVERED;
         }
-        pThis->m_End(wanted == 0 ? tools::EXIT_OK : tools::EXIT_NOT_DELIVERED);
+        pThis->m_Stop();
         return G_SOURCE_REMOVE;
     }
 
     const TSOptions& m_options;
     TCEventPrinter m_printer;
     std::optional<TCEventCommand> m_command;
-    std::shared_ptr<GDBusConnection> m_connection;
-    std::optional<tools::TCNameWatch> m_watch;
-    std::shared_ptr<TCRegistration> m_registration;
+    boost::shared_ptr<qor::IDbusClient> m_endpoint;
     unsigned int m_events = 0;
     bool m_wasThere = false;
+    bool m_isRegistered = false;
     bool m_isListening = true;
-    bool m_isSignalled = false;
+    bool m_isStopped = false; ///< What runs is not waited for.
+    bool m_isSettled = false; ///< Nothing of this process is on its way to the service.
     int m_exitStatus = tools::EXIT_OK;
     std::exception_ptr m_failure;
 };

@@ -42,10 +42,18 @@ CLI::App* AddCommand(CLI::App& app, TSOptions& options, const std::string& name,
     return pCommand;
 }
 
+void AddWait(CLI::App& command, TSOptions& options)
+{
+    command
+        .add_flag("--wait{10}", options.m_waitSeconds,
+                  "Wait until all applications have heard of it, for so many seconds at most")
+        ->check(tools::Decimal(1, MAX_TIMEOUT));
+}
+
 void AddPolicyCommands(CLI::App& app, TSOptions& options)
 {
     const char* statuses = "Exit status: 0 stored, 1 refused, 2 not delivered, 3 an answer that "
-                           "cannot be read, 64 wrong usage or input.";
+                           "cannot be read, 4 not all have heard of it, 64 wrong usage or input.";
     CLI::App* pSet = AddCommand(app, options, "set-policy", SetPolicy,
                                 "Hand the service a new policy", statuses);
     pSet->add_option("FILE", options.m_policyFile, "The policy; - reads standard input")
@@ -53,6 +61,7 @@ void AddPolicyCommands(CLI::App& app, TSOptions& options)
     pSet->add_flag_callback(
         "--no-check", [&options] { options.m_isChecked = false; },
         "Send the policy without looking at it");
+    AddWait(*pSet, options);
 
     CLI::App* pGet = AddCommand(app, options, "get-policy", GetPolicy,
                                 "Write the policy in force, or a kept one",
@@ -71,6 +80,7 @@ void AddPolicyCommands(CLI::App& app, TSOptions& options)
     pRestore->add_option("NUMBER", options.m_number, "Of a kept policy, as history prints it")
         ->required()
         ->check(tools::Decimal(1, MAX_NUMBER));
+    AddWait(*pRestore, options);
 
     CLI::App* pValidate = AddCommand(
         app, options, "validate", Validate, "Say what the service would say about a policy",
@@ -85,7 +95,7 @@ void AddListen(CLI::App& app, TSOptions& options)
     CLI::App* pCommand =
         AddCommand(app, options, "listen", Listen, "Print the service's events as they come",
                    "Ends with status 0 on SIGINT, SIGTERM or after N events; 2 when the bus is out "
-                   "of reach or goes away, and when fewer than N events came in time.");
+                   "of reach at the start, and when fewer than N events came in time.");
     pCommand->add_option("--count", options.m_eventCount, "Exit after so many events")
         ->type_name("N")
         ->check(tools::Decimal(1, 1000000000));
@@ -105,7 +115,7 @@ void AddQuestions(CLI::App& app, TSOptions& options)
     AddCommand(app, options, "clients", Clients, "List who is registered for the service's events",
                "Exit status: 0 listed, 1 refused, 2 no answer, 3 an answer that cannot be read.");
     AddCommand(app, options, "info", Info, "Print where the policy is, and what platform this is",
-               "Needs no service and no bus. Exit status: 0.");
+               "Needs neither the service nor the bus. Exit status: 0.");
 }
 
 } // namespace

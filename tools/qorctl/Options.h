@@ -19,6 +19,7 @@ struct TSOptions
     unsigned int m_timeoutSeconds = 0; ///< 0: as long as the library waits.
     std::string m_policyFile;          ///< "-" is standard input.
     bool m_isChecked = true;           ///< The policy, before it is sent.
+    unsigned int m_waitSeconds = 0;    ///< Until all have heard of it; 0: not.
     int m_number = 0;                  ///< Of a kept policy; 0: the one in force.
     std::string m_outputFile;          ///< Empty: standard output.
     unsigned int m_eventCount = 0;     ///< 0: listen until a signal.

@@ -3,40 +3,31 @@
 #define QORCTL_SERVICECALL_H
 
 #include <chrono>
-#include <optional>
 #include <string>
 
-#include <qor/Types.h>
+#include <boost/shared_ptr.hpp>
 
-#include "common/SystemBus.h"
+#include <qor/IDbusClient.h>
+
 #include "qorctl/Json.h"
 #include "qorctl/Options.h"
+#include "qorctl/TimeLimit.h"
 
 namespace qorctl
 {
 
-/// How long a command waits for one answer.
-std::chrono::milliseconds WaitLimit(const TSOptions& options);
+/// The endpoint of the process, with the names that the command line asks for: who gets it first
+/// decides on them, so everybody gets it here.
+boost::shared_ptr<qor::IDbusClient> Endpoint(const TSOptions& options);
 
-/// The library waits for so long.
-constexpr std::chrono::seconds LIBRARY_LIMIT(10);
+/// Whether the answer said yes; otherwise why not, in words.
+bool IsGood(const qor::TSSendResult& result);
+std::string WhyNot(const qor::TSSendResult& result);
 
-/// Puts into words why a request that took that long was not answered with success: looks at the
-/// bus, and asks the service something harmless.
-std::string WhyNotAnswered(const TSOptions& options, std::chrono::milliseconds took);
-
-/// Sends a request of qord's own.
-///
-/// @return nothing, with the reason in error, where there is no good answer
-std::optional<qor::TByteArray> AskService(const TSOptions& options, int type,
-                                          const qor::TByteArray& request, std::string& error);
-
-/// Whether the service is there, asked of the bus: that starts no service.
-tools::TSServiceStatus FindService(const TSOptions& options);
-
-/// What the service tells about itself: an object, or with the reason in error null for an answer
-/// that cannot be read, and nothing where none came. A service that is not running may be started.
-std::optional<TJson> AskStatus(const TSOptions& options, std::string& error);
+/// What the service tells about itself: an object; or null where no answer came, or one that cannot
+/// be read, which is good all the same. Starts no service.
+TJson AskStatus(const TSOptions& options, qor::TSSendResult& result,
+                std::chrono::milliseconds atMost = USUAL_WAIT);
 
 } // namespace qorctl
 

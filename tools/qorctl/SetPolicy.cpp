@@ -1,18 +1,15 @@
 // qorctl set-policy: hands the service a new policy and puts the outcome into words.
 #include <unistd.h>
 
-#include <chrono>
-
-#include <boost/archive/archive_exception.hpp>
+#include <gio/gio.h>
 
 #include <qor/PolicyMessage.h>
-#include <qor/QORDbusClient.h>
 #include <qor/api.h>
 
 #include "common/ExitStatus.h"
 #include "common/Text.h"
-#include "qorctl/Await.h"
 #include "qorctl/Commands.h"
+#include "qorctl/Hearing.h"
 #include "qorctl/Message.h"
 #include "qorctl/PolicyText.h"
 #include "qorctl/ServiceCall.h"
@@ -26,8 +23,8 @@ namespace
 // As far as the service tells.
 std::string WhoMay(const TSOptions& options)
 {
-    std::string error;
-    const std::string who = MayChange(AskStatus(options, error).value_or(TJson()));
+    qor::TSSendResult result;
+    const std::string who = MayChange(AskStatus(options, result));
     return who.empty() ? "" : "; these may: " + who;
 }
 
@@ -55,61 +52,60 @@ std::string Words(const TSOptions& options, int result, std::size_t size)
 int Report(const TSOptions& options, int result, const std::string& text, const std::string& what)
 {
     const bool isStored = result == qor::POLICY_STORED;
+    int exitStatus = isStored ? tools::EXIT_OK : tools::EXIT_REFUSED;
     const std::string words =
         isStored
             ? "The service has stored " + what + " (" + std::to_string(text.size()) + " bytes)."
             : "the service refused " + what + ": " + Words(options, result, text.size());
+    TJson told = {{"stored", isStored},
+                  {"result", result},
+                  {"bytes", text.size()},
+                  {"sha256", tools::Sha256(text)},
+                  {"message", words}};
     if (!isStored)
     {
         SayError(words);
     }
+    else
+    {
+        Say(options.m_quiet || options.m_json, words);
+        exitStatus = options.m_waitSeconds == 0 ? exitStatus : WaitUntilHeard(options, told);
+    }
     if (options.m_json)
     {
-        PrintJson({{"stored", isStored},
-                   {"result", result},
-                   {"bytes", text.size()},
-                   {"sha256", tools::Sha256(text)},
-                   {"message", words}});
+        PrintJson(told);
     }
-    else if (isStored)
-    {
-        Say(options.m_quiet, words);
-    }
-    return isStored ? tools::EXIT_OK : tools::EXIT_REFUSED;
+    return exitStatus;
 }
 
-// -1 also where the library is shutting down.
-int Send(bool testNames, const std::string& text)
+// Of a policy that was not answered.
+bool MayComeIntoForce(const qor::TSSendResult& result)
 {
-    // The first endpoint of the process decides on the names; the control object shares it.
-    const auto endpoint = qor::TCDbusClientProvider::Get(testNames);
-    const auto control = qor::api::GetControl();
-    return control ? control->SetPolicy(text) : -1;
+    return result.m_status == qor::ESendStatus::NO_ANSWER ||
+           (result.m_status == qor::ESendStatus::NO_BUS &&
+            result.m_code != G_IO_ERROR_NOT_CONNECTED);
 }
 
 } // namespace
 
 int SendPolicy(const TSOptions& options, const std::string& text, const std::string& what)
-try
 {
-    const auto start = std::chrono::steady_clock::now();
-    const auto result = Await(WaitLimit(options), [testNames = options.m_testNames, text]
-                              { return Send(testNames, text); });
-    if (result && *result != -1)
+    const auto endpoint = Endpoint(options); // the control object shares it
+    const auto result = qor::api::GetPolicyControl()->SetPolicy(text, MillisecondsLeft(), {});
+    const qor::TSSendResult& sent = result.m_send;
+    if (IsGood(sent))
     {
-        return Report(options, *result, text, what);
+        return Report(options, result.m_result, text, what);
     }
-    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(
-        std::chrono::steady_clock::now() - start);
-    const bool isLate = !result || took >= LIBRARY_LIMIT;
-    SayError(what + " was not delivered: " + WhyNotAnswered(options, took) +
-             (isLate ? "; the request may still take effect, qorctl status tells" : ""));
+    if (sent.m_status == qor::ESendStatus::FAILED && sent.m_code == 0)
+    {
+        SayError("the service sent something else than an answer: " + sent.m_text);
+        return tools::EXIT_BAD_ANSWER;
+    }
+    SayError(
+        what + " was not delivered: " + WhyNot(sent) +
+        (MayComeIntoForce(sent) ? "; the request may still take effect, qorctl status tells" : ""));
     return tools::EXIT_NOT_DELIVERED;
-}
-catch (const boost::archive::archive_exception& exception)
-{
-    SayError(std::string("the service's answer cannot be read: ") + exception.what());
-    return tools::EXIT_BAD_ANSWER;
 }
 
 int SetPolicy(const TSOptions& options)

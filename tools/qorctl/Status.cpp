@@ -13,30 +13,35 @@ namespace qorctl
 namespace
 {
 
-// Asks no service that is not there, so that asking starts none.
-std::optional<TJson> AskRunning(const TSOptions& options, int& exitStatus)
+// Which process does not answer; empty where the bus knows of none, or does not answer either.
+std::string WhoIsThere(const TSOptions& options)
 {
-    exitStatus = tools::EXIT_NOT_DELIVERED;
-    const auto found = FindService(options);
-    if (found.m_owner.empty())
-    {
-        SayError(found.m_error.empty()
-                     ? std::string(tools::ServiceName(options.m_testNames)) + " is not on the bus"
-                     : found.m_error);
-        return std::nullopt;
-    }
     std::string error;
-    auto status = AskStatus(options, error);
-    if (!status || status->is_null())
+    const auto connection = tools::ConnectToSystemBus(error);
+    const auto found = connection ? tools::QueryService(connection.get(), options.m_testNames)
+                                  : tools::TSServiceStatus();
+    return found.m_owner.empty()
+               ? ""
+               : "the service is on the bus (unique name " + found.m_owner + ", process id " +
+                     std::to_string(found.m_processId) + "), but does not tell: ";
+}
+
+// Empty where it does not tell, which is said.
+std::optional<TJson> Ask(const TSOptions& options, int& exitStatus)
+{
+    const auto endpoint = Endpoint(options);
+    qor::TSSendResult result;
+    const TJson status = AskStatus(options, result);
+    if (status.is_object())
     {
-        exitStatus = status ? tools::EXIT_BAD_ANSWER : tools::EXIT_NOT_DELIVERED;
-        SayError(std::string(tools::ServiceName(options.m_testNames)) +
-                 " is on the bus (unique name " + found.m_owner + ", process id " +
-                 std::to_string(found.m_processId) + "), but does not tell: " + error);
-        return std::nullopt;
+        exitStatus = tools::EXIT_OK;
+        return status;
     }
-    exitStatus = tools::EXIT_OK;
-    return status;
+    exitStatus = IsGood(result) ? tools::EXIT_BAD_ANSWER : tools::EXIT_NOT_DELIVERED;
+    const bool isNobody = result.m_status == qor::ESendStatus::NO_SERVICE ||
+                          result.m_status == qor::ESendStatus::NO_BUS;
+    SayError((isNobody ? "" : WhoIsThere(options)) + WhyNot(result));
+    return std::nullopt;
 }
 
 void AddPolicy(TCTable& table, const TJson& policy)
@@ -70,6 +75,10 @@ void PrintStatus(const TJson& status)
         table.Add({"Last event", Text(event, "event") + " at " + Text(event, "at") + ": " +
                                      Text(event, "delivered") + " delivered, " +
                                      Text(event, "failed") + " failed"});
+        for (const TJson& missed : Part(event, "missed"))
+        {
+            table.Add({"", "not by " + Client(missed, Text(missed, "outcome"))});
+        }
     }
     table.Add({"May change it", MayChange(status)});
     table.Print();
@@ -96,12 +105,12 @@ void PrintHistory(const TJson& status)
 
 void PrintClients(const TJson& status)
 {
-    TCTable table({"NAME", "PROCESS", "PROGRAM", "USER", "STATE", "EVENTS"});
+    TCTable table({"NAME", "PROCESS", "PROGRAM", "USER", "STATE", "POLICY HEARD", "EVENTS"});
     for (const TJson& client : Part(status, "clients"))
     {
         table.Add({Text(client, "name"), Text(client, "process_id"), Text(client, "program"),
                    Text(client, "user"), Part(client, "suspended") == true ? "suspended" : "active",
-                   EventNames(client)});
+                   Heard(client), EventNames(client)});
     }
     table.Print();
 }
@@ -122,7 +131,7 @@ bool IsShown(const TJson& status, const char* part)
 int Status(const TSOptions& options)
 {
     int exitStatus = tools::EXIT_OK;
-    const auto status = AskRunning(options, exitStatus);
+    const auto status = Ask(options, exitStatus);
     if (status && options.m_json)
     {
         PrintJson(*status);
@@ -137,7 +146,7 @@ int Status(const TSOptions& options)
 int History(const TSOptions& options)
 {
     int exitStatus = tools::EXIT_OK;
-    const auto status = AskRunning(options, exitStatus);
+    const auto status = Ask(options, exitStatus);
     if (!status || !IsShown(*status, "kept"))
     {
         return status ? tools::EXIT_REFUSED : exitStatus;
@@ -154,7 +163,7 @@ int History(const TSOptions& options)
 int Clients(const TSOptions& options)
 {
     int exitStatus = tools::EXIT_OK;
-    const auto status = AskRunning(options, exitStatus);
+    const auto status = Ask(options, exitStatus);
     if (!status || !IsShown(*status, "clients"))
     {
         return status ? tools::EXIT_REFUSED : exitStatus;

@@ -1,6 +1,10 @@
 // Puts parts of what the service tells about itself into words.
 #include "qorctl/StatusWords.h"
 
+#include <algorithm>
+
+#include <qor/ICallbacks.h>
+
 #include "common/Events.h"
 #include "common/Text.h"
 
@@ -52,6 +56,37 @@ std::string EventNames(const TJson& client)
         Append(names, name == "unknown" ? Text({{"type", type}}, "type") : name);
     }
     return names;
+}
+
+bool IsListening(const TJson& client)
+{
+    const TJson types = Part(client, "types");
+    return std::find(types.begin(), types.end(), TJson(qor::ICallbacks::POLICY_UPDATE)) !=
+           types.end();
+}
+
+std::string Heard(const TJson& client)
+{
+    const TJson heard = Part(client, "heard");
+    if (!IsListening(client) || !heard.is_boolean())
+    {
+        return IsListening(client) ? "unknown" : "-";
+    }
+    const std::string time = heard == true ? Text(client, "heard_at") : "no";
+    return time.empty() ? "yes" : time;
+}
+
+std::string Client(const TJson& client, const std::string& remark)
+{
+    const std::string program = Text(client, "program");
+    const std::string process = Text(client, "process_id");
+    std::string details = process.empty() ? "" : "process " + process;
+    Append(details, Text(client, "name"));
+    if (!remark.empty())
+    {
+        Append(details, remark);
+    }
+    return (program.empty() ? "an unknown program" : program) + " (" + details + ")";
 }
 
 } // namespace qorctl

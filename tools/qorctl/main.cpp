@@ -1,15 +1,13 @@
 // qorctl, the command line client of the service.
-#include <unistd.h>
-
 #include <exception>
 
 #include <qor/QORDebug.h>
 
 #include "common/ExitStatus.h"
 #include "common/Output.h"
-#include "qorctl/Await.h"
 #include "qorctl/Message.h"
 #include "qorctl/Options.h"
+#include "qorctl/TimeLimit.h"
 
 namespace
 {
@@ -25,6 +23,7 @@ int Run(int count, char** pArguments)
             return exitStatus;
         }
         qor::TCDebug::m_instance.EnableStdoutLog(options->m_verbose);
+        qorctl::StartTimeLimit(options->m_timeoutSeconds);
         return options->m_command(*options);
     }
     catch (const tools::TCOutputError& exception)
@@ -44,10 +43,5 @@ int Run(int count, char** pArguments)
 int main(int count, char** pArguments)
 {
     tools::GuardStandardStreams();
-    const int exitStatus = Run(count, pArguments);
-    if (qorctl::g_isAbandoned)
-    {
-        _exit(exitStatus); // everything is printed; the library's end would wait for that thread
-    }
-    return exitStatus;
+    return Run(count, pArguments);
 }
