@@ -13,7 +13,8 @@
 static void ShowState(qor::EClientState state)
 {
     static const char* const WORDS[] = {"the service is there", "the service has gone",
-                                        "registered", "the bus is lost", "the bus is found"};
+                                        "registered",           "the bus is lost",
+                                        "the bus is found",     "not registered yet"};
     std::cout << WORDS[static_cast<int>(state)] << std::endl;
 }
 
