@@ -27,6 +27,7 @@ using qor::TCDbusClient;
 using qor::TCDbusClientProvider;
 using qor::TCDbusServer;
 using Counts = std::pair<std::size_t, std::size_t>;
+using VariantPtr = qor::TGlibPtr<GVariant>;
 
 bool Accept(const Bytes&, Bytes&)
 {
@@ -243,17 +244,17 @@ TEST_F(EndpointLife, EveryFunctionAnswersInAForkedChild)
     TCDbusClient client(true);
     ASSERT_TRUE(PumpUntil([&] { return server.IsReady(); }));
     // Name events hold the state lock exclusively all the time, so a child inherits it locked.
-    std::atomic<bool> stop{false};
-    std::thread names(
+    RawPeer peer;
+    const Repeat names(
         [&]
         {
-            RawPeer peer;
-            while (!stop)
-            {
-                peer.OwnName(TEST_SERVICE_NAME), peer.ReleaseName(TEST_SERVICE_NAME);
-                peer.PostHello(SERVICE_NAME, {2});
-            }
+            peer.OwnName(TEST_SERVICE_NAME), peer.ReleaseName(TEST_SERVICE_NAME);
+            peer.PostHello(SERVICE_NAME, {2});
         });
+    // And GLib's own locks, some of which every value takes.
+    const Repeat values(
+        []
+        { VariantPtr(g_variant_ref_sink(g_variant_new_array(G_VARIANT_TYPE_BYTE, nullptr, 0))); });
     const auto pump = std::make_unique<BackgroundPump>();
     for (int i = 0; i < 40; ++i)
     {
@@ -267,15 +268,15 @@ TEST_F(EndpointLife, EveryFunctionAnswersInAForkedChild)
                 server.GetUniqueName().empty() && server.GetCurrentSender().empty() &&
                 server.NumberOfClients() == 0 && server.Clients().empty() &&
                 server.SendMessage(2, {}, 1000) == Counts(0, 0) && !server.SetCallback(1, Accept) &&
-                !server.UnSetCallback(1) && !client.SendMessage(1, {}, response, false);
+                !server.UnSetCallback(1) && !client.SendMessage(1, {}, response, false) &&
+                !server.Peer(":1.1").m_isKnown && !server.CurrentPeer().m_isKnown;
+            server.SendEvent(2, {}, 1000, {});
             _exit(isRight ? 0 : 1);
         }
         int status = 0;
         waitpid(child, &status, 0);
         ASSERT_EQ(status, 0);
     }
-    stop = true;
-    names.join();
 }
 
 // --- The bus comes back --------------------------------------------------------------------------
