@@ -215,7 +215,7 @@ TEST_F(Sends, EndpointThatNeverStartedSaysSo)
 TEST_F(Sends, OnlyASendThatMayStartTheServiceDoes)
 {
     m_service->AnswerHelloUsing([](const IncomingCall&)
-                                { return DbusError("org.freedesktop.DBus.Error.AccessDenied"); });
+                                { return DbusError("org.freedesktop.DBus.Error.Failed"); });
     TCDbusClient client(false);
     std::vector<qor::EClientState> states;
     client.AddStateCallback([&](qor::EClientState state) { states.push_back(state); });
@@ -540,7 +540,7 @@ TEST_F(Policies, ResultIsThatOfTheServiceOrTheReasonWhyThereIsNone)
     for (const qor::TSPolicyResult& result : set())
     {
         EXPECT_EQ(result.m_send.m_status, ESendStatus::FAILED);
-        EXPECT_EQ(result.m_send.m_code, 0);
+        EXPECT_EQ(result.m_send.m_code, G_IO_ERROR_INVALID_DATA);
         EXPECT_EQ(result.m_send.m_text.rfind("The answer cannot be read: ", 0), 0U);
         EXPECT_EQ(result.m_result, -1);
     }

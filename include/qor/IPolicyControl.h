@@ -15,8 +15,8 @@ namespace qor
 /// What became of a policy.
 struct TSPolicyResult
 {
-    /// What became of the message. FAILED with a code of 0 is an answer that cannot be read, of a
-    /// process with another word size, say: the text says why.
+    /// What became of the message. FAILED with the code of G_IO_ERROR_INVALID_DATA is an answer
+    /// that cannot be read, of a process with another word size, say: the text says why.
     TSSendResult m_send;
 
     /// The service's result code where the message was ANSWERED_TRUE; otherwise -1. The codes of

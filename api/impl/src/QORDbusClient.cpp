@@ -1,6 +1,7 @@
 // The application's endpoint, and the provider that shares one per process.
 #include <qor/QORDbusClient.h>
 
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -200,14 +201,14 @@ void TCDbusClient::m_CheckRegistration()
         m_pStates->TellRegistered();
         return;
     }
-    int newReason = 0;
+    std::optional<int> newReason;
     if (!m_pRegistration->IsUnconfirmed(newReason))
     {
         return;
     }
-    if (newReason != 0)
+    if (newReason)
     {
-        QOR_LOG_ERROR("Sending hello error, errno %d", newReason);
+        QOR_LOG_ERROR("Sending hello error, errno %d", *newReason);
         m_pStates->TellUnregistered();
     }
     m_SendHello(false);

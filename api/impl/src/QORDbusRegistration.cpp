@@ -101,10 +101,10 @@ void TCDbusRegistration::m_ResetIntervals()
     m_patienceMs = FIRST_PATIENCE_MS;
 }
 
-bool TCDbusRegistration::IsUnconfirmed(int& newReason)
+bool TCDbusRegistration::IsUnconfirmed(std::optional<int>& newReason)
 {
     const TCPosixLock lock(m_mutex);
-    newReason = 0;
+    newReason.reset();
     if (m_isConfirmed)
     {
         return false;

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 
 #include <gio/gio.h>
 
@@ -42,8 +43,8 @@ public:
     void Restart() QOR_EXCLUDES(m_mutex);
 
     // Whether the last announcement still waits to be confirmed; then the code of why, if that has
-    // not been told before, else 0.
-    bool IsUnconfirmed(int& newReason) QOR_EXCLUDES(m_mutex);
+    // not been told before.
+    bool IsUnconfirmed(std::optional<int>& newReason) QOR_EXCLUDES(m_mutex);
 
     // Whether the service has confirmed the types of the moment: true once for each announcement;
     // and whether that has been taken.

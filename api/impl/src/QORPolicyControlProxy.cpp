@@ -3,6 +3,8 @@
 
 #include <exception>
 
+#include <gio/gio.h>
+
 #include <qor/PolicyMessage.h>
 #include <qor/QORDbusClient.h>
 #include <qor/QORDeactivator.h>
@@ -38,6 +40,7 @@ TSPolicyResult ReadResult(const TSSendResult& sent)
     catch (const std::exception& exception)
     {
         result.m_send.m_status = ESendStatus::FAILED;
+        result.m_send.m_code = G_IO_ERROR_INVALID_DATA;
         result.m_send.m_text = std::string("The answer cannot be read: ") + exception.what();
     }
     return result;
