@@ -1,6 +1,7 @@
 // What people do to the command line, and what they learn from it.
 #include <csignal>
 #include <map>
+#include <sstream>
 
 #include <grp.h>
 #include <pwd.h>
@@ -8,6 +9,8 @@
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
+
+#include <qor/PolicyMessage.h>
 
 #include "MainContext.h"
 #include "RawPeer.h"
@@ -41,6 +44,8 @@ TEST_F(CommandLine, MisuseIsNamed)
     Expect(64, "010 is not a whole number", "restore 010"); // another one in octal
     Expect(64, "0x8 is not a whole number from 1 to 2147483647", "get-policy 0x8");
     Expect(64, "2147483648 is not", "get-policy 2147483648");
+    Expect(64, "NUMBER: 0 is not", "get-policy -- 0");
+    Expect(64, "0 is not a whole number", "restore 1 --wait=0");
     Expect(64, "0x2 is not", "--policy x --keep 0x2", QORD);
     Expect(1, "line 2, column 7: mismatched tag", "validate bad");
     Expect(1, " <é></e>\n          ^\n", "validate bad");
@@ -98,6 +103,8 @@ TEST_F(CommandLine, WaitsEndInTime)
     Expect(2, "is on the bus (unique name", "status --timeout 1");
     qord->Signal(SIGCONT);
     Expect(2, "only 0 of 1 events", "listen --timeout 1 --count 1");
+    m_options.keepInputOpen = true;
+    Expect(2, "the time is over", "set-policy --timeout 1 -");
 
     // A bus that accepts, and never answers.
     const int bus = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -106,12 +113,35 @@ TEST_F(CommandLine, WaitsEndInTime)
     m_options.environment["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=" + m_directory.Path("bus");
     Expect(2, "the system bus does not answer", "status --timeout 1");
     Expect(2, "the system bus does not answer", "listen --timeout 1");
-    Expect(2, "may still take effect", "set-policy --timeout 1 '" SAMPLE_POLICY "'");
+    Expect(2, "the system bus does not answer", "set-policy --timeout 1 '" SAMPLE_POLICY "'");
     const auto listener = StartTool(QORCTL, {"listen"}, m_options);
     EXPECT_FALSE(WaitUntil([&] { return !listener->IsRunning(); }, 300));
     listener->Signal(SIGTERM);
     EXPECT_EQ(listener->Wait(2000), 128 + SIGTERM);
     close(bus);
+}
+
+// Neither by --timeout nor by a signal; nor does what it has started itself.
+TEST_F(CommandLine, NoCommandOutlivesItsListener)
+{
+    auto qord = StartQuietQord();
+    const std::string hook = m_directory.Path("hook"), ran = m_directory.Path("ran");
+    WriteFile(hook, "trap '' TERM; sleep 99 & echo $$ $! >" + ran + "; wait");
+    for (const char* timeout : {"2", "99"})
+    {
+        WriteFile(ran, "");
+        auto listener = StartListener({"--timeout", timeout, "--exec", "sh " + hook});
+        qord->Signal(SIGUSR1);
+        ASSERT_TRUE(WaitUntil([&] { return ReadFile(ran).find('\n') != std::string::npos; }));
+        timeout == std::string("99") ? listener->Signal(SIGTERM) : void();
+        EXPECT_EQ(listener->Wait(), 0);
+        std::istringstream processes(ReadFile(ran));
+        for (std::string process; processes >> process;)
+        {
+            const std::string commandLine = "/proc/" + process + "/cmdline"; // empty when it ends
+            EXPECT_TRUE(WaitUntil([&] { return ReadFile(commandLine).empty(); }, 2000)) << timeout;
+        }
+    }
 }
 
 TEST_F(CommandLine, EventsRunOneCommandAtATime)
@@ -170,14 +200,84 @@ TEST_F(CommandLine, PoliciesAreToldGotAndRestored)
     EXPECT_EQ(Qorctl({"get-policy", "2"}).out, "<other/>");
 }
 
+// A service that takes every policy, and tells of two applications that listen and one that does
+// not.
+class Announcing : public CommandLine
+{
+protected:
+    Announcing()
+    {
+        m_service.OwnName(SERVICE_NAME);
+        m_service.AnswerUsing([this](const IncomingCall& call) { return m_Answer(call.bytes[0]); });
+        m_options.input = "<a/>";
+    }
+
+    TJson m_status = TJson::parse(R"({"policy": {"present": true}, "clients": [
+        {"name": ":1.8", "program": "first", "process_id": 8, "types": [2], "heard": true,
+         "heard_at": "2026-11-24T20:56:52+00:00"},
+        {"name": ":1.9", "program": "second", "process_id": 9, "types": [4, 2], "heard": false,
+         "heard_at": null},
+        {"name": ":1.10", "program": "third", "process_id": 10, "types": [4], "heard": false}],
+        "last_event": {"event": "policy-update", "missed": [
+        {"name": ":1.9", "program": "second", "process_id": 9, "outcome": "timed out"}]}})");
+    int m_looksUntilHeard = 1000;
+
+private:
+    Answer m_Answer(int type)
+    {
+        qor::TByteArray reply;
+        if (type == tools::GET_STATUS)
+        {
+            m_status["clients"][1]["heard"] = m_looksUntilHeard-- <= 0;
+            tools::WriteStatusReply(m_status.dump(), reply);
+        }
+        else if (type == tools::GET_POLICY)
+        {
+            tools::WriteGetPolicyReply(tools::POLICY_SENT, "<a/>", reply);
+        }
+        else
+        {
+            qor::WritePolicyReply(qor::POLICY_STORED, reply);
+        }
+        reply.insert(reply.begin(), 1);
+        return {Answer::REPLY, reply, ""};
+    }
+
+    RawPeer m_service;
+};
+
+TEST_F(Announcing, SettingAPolicyWaitsUntilAllHaveHeard)
+{
+    m_status["policy"]["sha256"] = tools::Sha256("<a/>");
+    Expect(4, "1 of 2 applications did not hear of it in time: second (process 9, :1.9, timed out)",
+           "set-policy --wait=1 -");
+    const TJson told = TJson::parse(Qorctl({"--json", "restore", "--wait=1", "7"}).out);
+    EXPECT_TRUE(told["stored"] == true && told["applications"] == 2) << told;
+    EXPECT_EQ(told["not_heard"].size(), 1U) << told;
+    EXPECT_EQ(told["not_heard"][0]["outcome"], "timed out") << told;
+    m_looksUntilHeard = 3;
+    Expect(0, "2 applications heard of it", "set-policy - --wait");
+    EXPECT_EQ(m_looksUntilHeard, -1);
+
+    Expect(0, "+00:00  policy-update\n", "clients");
+    m_status["clients"][0].erase("heard");
+    m_looksUntilHeard = 1;
+    Expect(0, "unknown       policy-update\n", "clients");
+    Expect(0, "not by second (process 9, :1.9, timed out)", "status");
+    Expect(4, "the service does not tell", "set-policy --wait -");
+    m_status["policy"]["sha256"] = tools::Sha256("<b/>");
+    Expect(4, "another policy", "set-policy --wait -");
+}
+
 TEST_F(CommandLine, StrangeServicesAreNotBelieved)
 {
     RawPeer service;
     ASSERT_TRUE(service.OwnName(SERVICE_NAME));
     qor::TByteArray good;
-    tools::WriteStatusReply("{\"policy\": 7, \"kept\": [3], \"clients\": {\"a\": {}}, "
-                            "\"service\": {\"name\": \"\\u001b[31mred\"}}",
-                            good);
+    tools::WriteStatusReply(
+        "{\"policy\": 7, \"kept\": [3], \"clients\": {\"a\": {}}, "
+        "\"last_event\": {\"missed\": 7}, \"service\": {\"name\": \"\\u001b[31mred\"}}",
+        good);
     good.insert(good.begin(), 1);
     service.AnswerWith({Answer::REPLY, good});
     for (const std::string line : {"status", "history", "clients", "info"})

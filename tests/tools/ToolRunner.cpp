@@ -80,7 +80,7 @@ std::unique_ptr<ChildProcess> ToolTest::StartListener(Arguments arguments)
 {
     arguments.insert(arguments.begin(), "listen");
     auto listener = StartTool(QORCTL, arguments);
-    EXPECT_TRUE(listener->WaitForOut("appeared")) << listener->Err();
+    EXPECT_TRUE(listener->WaitForOut("registered")) << listener->Err();
     SyncWithService();
     return listener;
 }

@@ -51,8 +51,7 @@ TSHearing Judge(const TJson& status, const TJson& sha256)
     const TJson inForce = Part(Part(status, "policy"), "sha256");
     if (inForce != sha256)
     {
-        hearing.m_unknown =
-            inForce.is_null() ? NOT_TOLD : "another policy has come into force";
+        hearing.m_unknown = inForce.is_null() ? NOT_TOLD : "another policy has come into force";
         return hearing;
     }
     for (const TJson& client : Part(status, "clients"))
@@ -105,8 +104,7 @@ int Report(const TSOptions& options, const TSHearing& hearing)
     if (hearing.m_notHeard.empty())
     {
         Say(options.m_quiet || options.m_json,
-            hearing.m_listening == 0 ? "No application listens."
-                                     : listening + " heard of it.");
+            hearing.m_listening == 0 ? "No application listens." : listening + " heard of it.");
         return tools::EXIT_OK;
     }
     std::string who;
@@ -127,7 +125,8 @@ int WaitUntilHeard(const TSOptions& options, TJson& told)
     const auto end = TClock::now() + TimeLeft(std::chrono::seconds(options.m_waitSeconds));
     const auto left = [end]
     {
-        const auto time = std::chrono::duration_cast<std::chrono::milliseconds>(end - TClock::now());
+        const auto time =
+            std::chrono::duration_cast<std::chrono::milliseconds>(end - TClock::now());
         return std::max(time, std::chrono::milliseconds(0));
     };
     const TJson sha256 = told["sha256"];

@@ -97,7 +97,7 @@ int SendPolicy(const TSOptions& options, const std::string& text, const std::str
     {
         return Report(options, result.m_result, text, what);
     }
-    if (sent.m_status == qor::ESendStatus::FAILED && sent.m_code == 0)
+    if (sent.m_status == qor::ESendStatus::FAILED && sent.m_code == G_IO_ERROR_INVALID_DATA)
     {
         SayError("the service sent something else than an answer: " + sent.m_text);
         return tools::EXIT_BAD_ANSWER;
