@@ -50,12 +50,14 @@ struct TSDelivery
 /// How the service stands on the bus.
 enum class EServiceState
 {
-    STARTING,  ///< The bus has not answered yet.
-    ACQUIRED,  ///< The name is the service's.
-    QUEUED,    ///< Another process has the name; it comes when that leaves.
-    REFUSED,   ///< The bus does not let the service have the name.
-    LOST,      ///< The name was the service's and has been taken away.
-    BUS_CLOSED ///< The connection to the bus is gone. A server does not connect again.
+    STARTING, ///< The bus has not answered yet.
+    ACQUIRED, ///< The name is the service's.
+    QUEUED,   ///< Another process has the name; it comes when that leaves.
+    REFUSED,  ///< The bus does not let the service have the name.
+    LOST,     ///< The name was the service's and has been taken away.
+    /// The connection to the bus is gone, or the start has found no bus, which no function is told.
+    /// A server does not connect again.
+    BUS_CLOSED
 };
 
 /// The service's end of the channel, with all that TCDbusServer offers. Code that decides on who
@@ -80,8 +82,8 @@ public:
     /// @param timeout  per call, as of SendMessage
     /// @param onDone   called once, when each client has answered, failed or timed out: within two
     ///                 timeouts, and two seconds more where the bus itself is slow. May be empty.
-    ///                 Before the name is acquired, and in a forked child, it gets no entries; in a
-    ///                 forked child it is not called.
+    ///                 Before the name is acquired it gets no entries. In a forked child, and where
+    ///                 the start has found no bus, it is not called.
     virtual void SendEvent(int type, const std::vector<unsigned char>& data, int timeout,
                            const TEventDone& onDone) = 0;
 

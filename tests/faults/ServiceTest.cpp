@@ -37,26 +37,29 @@ using Entries = std::vector<qor::TSDelivery>;
 using States = std::vector<EServiceState>;
 
 const auto FAIL = [] { ADD_FAILURE(); };
-std::atomic<int> questions{0}, delayMs{0};
+std::atomic<int> questions{0}, calls{0}, delayMs{0};
 
 class Service : public Neighbour
 {
 protected:
     // Another filter of the host's, behind the server's: counts what the bus is asked of peers, and
-    // takes its time for calls that come in.
-    void AddFilter()
+    // calls that have been let in, for which it takes its time.
+    guint AddFilter()
     {
-        const auto filter = [](GDBusConnection*, GDBusMessage* pMessage, gboolean isIncoming,
-                               gpointer) {
+        const auto filter =
+            [](GDBusConnection*, GDBusMessage* pMessage, gboolean isIncoming, gpointer)
+        {
             const gchar* const member = g_dbus_message_get_member(pMessage);
             const bool isCall = isIncoming && g_dbus_message_get_message_type(pMessage) ==
                                                   G_DBUS_MESSAGE_TYPE_METHOD_CALL;
             questions += g_strcmp0(member, "GetConnectionCredentials") == 0 ? 1 : 0;
+            calls += isCall ? 1 : 0;
             std::this_thread::sleep_for(std::chrono::milliseconds(isCall ? delayMs.load() : 0));
             return pMessage;
         };
         m_shared.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
-        g_dbus_connection_add_filter(m_shared.get(), filter, nullptr, nullptr);
+        calls = 0;
+        return g_dbus_connection_add_filter(m_shared.get(), filter, nullptr, nullptr);
     }
 
     void TellStates()
@@ -75,9 +78,9 @@ protected:
     void FreezeFor(unsigned int milliseconds)
     {
         m_bus.Freeze(true);
-        m_thaw = std::async(std::launch::async,
-                            [this, time = std::chrono::milliseconds(milliseconds)]
-                            { std::this_thread::sleep_for(time), m_bus.Freeze(false); });
+        m_thaw =
+            std::async(std::launch::async, [this, time = std::chrono::milliseconds(milliseconds)]
+                       { std::this_thread::sleep_for(time), m_bus.Freeze(false); });
     }
 
     ObjectPtr<GDBusConnection> m_shared;
@@ -105,8 +108,8 @@ TEST_F(Service, SenderIsKnownAndTheBusIsAskedOnce)
         EXPECT_TRUE(m_server->Peer(client[0]->UniqueName()).m_isKnown);
         EXPECT_EQ(seen.m_name, client[0]->UniqueName());
         EXPECT_TRUE(seen.m_isKnown && seen.m_userId == user && seen.m_processId == getpid());
-        EXPECT_TRUE(!seen.m_hasGroups || std::is_permutation(groups.begin(), groups.end(),
-                                                             seen.m_groupIds.begin()));
+        EXPECT_TRUE(!seen.m_hasGroups ||
+                    std::is_permutation(groups.begin(), groups.end(), seen.m_groupIds.begin()));
         EXPECT_TRUE(elsewhere.m_name.empty() && m_server->CurrentPeer().m_name.empty());
         EXPECT_EQ(questions, 1);
         client[0]->Leave();
@@ -183,6 +186,9 @@ TEST_F(Service, StateIsToldFromTheQueueToTheEndOfTheBus)
     m_bus.Kill();
     all.push_back(EServiceState::BUS_CLOSED);
     ExpectStates(all);
+    bool isStopped = false;
+    EXPECT_TRUE(m_server->Stop(0, [&] { isStopped = true; }));
+    EXPECT_TRUE(PumpUntil([&] { return isStopped; }));
 }
 
 TEST_F(Service, RefusedNameAndClosedBusAreTold)
@@ -212,9 +218,10 @@ TEST_F(Service, StopAnswersWhatWaitsAndCancelsWhatHangs)
         Serve();
         const Peers hung = Clients(1, {Answer::HOLD, {}, ""}), good = Clients(1, YES);
         m_pump.reset();
+        const guint filter = AddFilter();
         RawPeer caller, late, next;
         auto waiting = caller.StartCall(SERVICE_NAME, SERVICE_PATH, "Send", Request(4, false));
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        ASSERT_TRUE(WaitUntil([] { return calls == 1; }));
         std::vector<Entries> told;
         const auto onDone = [&](const Entries& entries) { told.push_back(entries); };
         m_server->SendEvent(2, {}, G_MAXINT, onDone);
@@ -243,26 +250,27 @@ TEST_F(Service, StopAnswersWhatWaitsAndCancelsWhatHangs)
         }
         EXPECT_EQ(told[0].size() + told[1].size(), 4U);
         EXPECT_EQ(hung[0]->Count("Send") + good[0]->Count("Send"), 2U);
+        g_dbus_connection_remove_filter(m_shared.get(), filter);
     }
 }
 
 // It was let in, and is still on its way to the main context when everything else has ended.
 TEST_F(Service, StopWaitsForACallThatIsJustComingIn)
 {
-    Serve();
+    bool isStopped = false;
+    Serve([&](const auto&, auto&) { return !isStopped; });
     m_pump.reset();
     AddFilter();
     delayMs = 500;
     RawPeer caller;
     auto call = caller.StartCall(SERVICE_NAME, SERVICE_PATH, "Send", Request(4, false), 10000);
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    bool isStopped = false;
+    ASSERT_TRUE(WaitUntil([] { return calls == 1; }));
     m_server->Stop(10000, [&] { isStopped = true; });
     PumpUntil([] { return false; }, 100);
     std::this_thread::sleep_for(std::chrono::milliseconds(700)); // work of the host's
     EXPECT_TRUE(PumpUntil([&] { return isStopped; }));
     m_server.reset();
-    EXPECT_TRUE(call.get().ok);
+    EXPECT_EQ(call.get().bytes, Bytes{1});
     delayMs = 0;
 }
 
@@ -272,7 +280,8 @@ TEST_F(Service, StopDoesNotWaitForAFrozenBus)
     m_pump.reset();
     m_bus.Freeze(true);
     bool isStopped = false;
-    const auto stop = [&] { return isSlow = true, m_server->Stop(60000, [&] { isStopped = true; }); };
+    const auto stop = [&]
+    { return isSlow = true, m_server->Stop(60000, [&] { isStopped = true; }); };
     auto result = std::async(std::launch::async, stop);
     EXPECT_TRUE(PumpUntil([&] { return isStopped; }, 15000));
     EXPECT_TRUE(result.get());
