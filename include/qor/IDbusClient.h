@@ -19,8 +19,8 @@ enum class EClientState
     REGISTERED,       ///< The service has confirmed the types that have callbacks now: events come.
     BUS_LOST,         ///< The connection to the bus has closed; the client looks for the bus.
     BUS_FOUND,        ///< There is a new one, with a new unique name. The service appears next.
-    UNREGISTERED      ///< The types were refused, or not confirmed within 10 s. Told once; the client
-                      ///< repeats them until REGISTERED.
+    UNREGISTERED ///< The types were refused, or not confirmed within 10 s. Told once; the client
+                 ///< repeats them until REGISTERED.
 };
 
 /// Observes a client; see IDbusClient::AddStateCallback.
