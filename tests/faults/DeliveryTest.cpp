@@ -140,7 +140,7 @@ TEST_F(Delivery, EachFurtherSilentUserTakesHalfOfTheSlotsThatAreLeft)
     const Peers good = Clients(5, YES, 2);
     std::vector<Peers> silent;
     std::size_t share = 60, others = 0;
-    for (const unsigned int user : {1, 3, 4})
+    for (const unsigned int user : {1U, 3U, 4U})
     {
         silent.push_back(Clients(share + 10, NEVER, user));
         Deliver(500);
