@@ -28,7 +28,7 @@ std::string WhyNobody(const qor::TSSendResult& result)
 boost::shared_ptr<qor::IDbusClient> Endpoint(const TSOptions& options)
 {
     NameWait("the system bus does not answer");
-    const auto endpoint = qor::TCDbusClientProvider::Get(options.m_testNames);
+    auto endpoint = qor::TCDbusClientProvider::Get(options.m_testNames);
     NameWait("no answer came in time");
     return endpoint;
 }

@@ -95,12 +95,14 @@ void Say(const TSEventResult& result)
         const TSMissed& missed = result.m_missed[i];
         const std::string process = std::to_string(missed.m_sender.m_processId);
         const std::string& program = missed.m_sender.m_program;
+        std::string line = event + "not heard by process ";
+        line += process + " (" + program + "), ";
+        line += missed.m_name + ": " + missed.m_outcome;
         ReportWithFields(true,
                          {"QOR_EVENT=" + name, "QOR_OUTCOME=" + missed.m_outcome,
                           "QOR_CLIENT=" + missed.m_name, "QOR_CLIENT_PID=" + process,
                           "QOR_CLIENT_PROGRAM=" + program},
-                         event + "not heard by process " + process + " (" + program + "), " +
-                             missed.m_name + ": " + missed.m_outcome);
+                         line);
     }
     if (result.m_failed > MAX_LINES)
     {

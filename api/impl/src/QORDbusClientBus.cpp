@@ -105,7 +105,7 @@ void TCDbusClient::m_Lost()
 TCDbusClient::TSessionPtr TCDbusClient::m_FindBus(std::int64_t deadline,
                                                   const TCCancellation& cancellation)
 {
-    const TSessionPtr session = t_Session();
+    TSessionPtr session = t_Session();
     if (!m_IsStarted() || !session->IsClosed())
     {
         return session;
@@ -131,8 +131,8 @@ TCDbusClient::TSessionPtr TCDbusClient::m_FindBus(std::int64_t deadline,
         return session;
     }
     attempt.m_isGood = true;
-    const auto found = boost::make_shared<TCDbusSession>(std::move(pConnection),
-                                                         std::move(pContext), t_objectPath);
+    auto found = boost::make_shared<TCDbusSession>(std::move(pConnection), std::move(pContext),
+                                                   t_objectPath);
     t_isReady = false;
     t_SetSession(found);
     QOR_LOG_DEBUG("Working with unique name %s", found->UniqueName().c_str());
