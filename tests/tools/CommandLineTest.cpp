@@ -1,6 +1,9 @@
 // What people do to the command line, and what they learn from it.
+#include <atomic>
 #include <csignal>
+#include <functional>
 #include <map>
+#include <mutex>
 #include <sstream>
 
 #include <grp.h>
@@ -212,6 +215,16 @@ protected:
         m_options.input = "<a/>";
     }
 
+    // Answers are made on GDBus's thread.
+    void Change(const std::function<void(TJson&)>& change)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        change(m_status);
+    }
+
+    std::atomic<int> m_looksUntilHeard{1000};
+
+private:
     TJson m_status = TJson::parse(R"({"policy": {"present": true}, "clients": [
         {"name": ":1.8", "program": "first", "process_id": 8, "types": [2], "heard": true,
          "heard_at": "2026-11-24T20:56:52+00:00"},
@@ -220,11 +233,10 @@ protected:
         {"name": ":1.10", "program": "third", "process_id": 10, "types": [4], "heard": false}],
         "last_event": {"event": "policy-update", "missed": [
         {"name": ":1.9", "program": "second", "process_id": 9, "outcome": "timed out"}]}})");
-    int m_looksUntilHeard = 1000;
 
-private:
     Answer m_Answer(int type)
     {
+        const std::lock_guard<std::mutex> lock(m_mutex);
         qor::TByteArray reply;
         if (type == tools::GET_STATUS)
         {
@@ -243,12 +255,13 @@ private:
         return {Answer::REPLY, reply, ""};
     }
 
+    std::mutex m_mutex; // guards m_status
     RawPeer m_service;
 };
 
 TEST_F(Announcing, SettingAPolicyWaitsUntilAllHaveHeard)
 {
-    m_status["policy"]["sha256"] = tools::Sha256("<a/>");
+    Change([](TJson& status) { status["policy"]["sha256"] = tools::Sha256("<a/>"); });
     Expect(4, "1 of 2 applications did not hear of it in time: second (process 9, :1.9, timed out)",
            "set-policy --wait=1 -");
     const TJson told = TJson::parse(Qorctl({"--json", "restore", "--wait=1", "7"}).out);
@@ -260,12 +273,12 @@ TEST_F(Announcing, SettingAPolicyWaitsUntilAllHaveHeard)
     EXPECT_EQ(m_looksUntilHeard, -1);
 
     Expect(0, "+00:00  policy-update\n", "clients");
-    m_status["clients"][0].erase("heard");
+    Change([](TJson& status) { status["clients"][0].erase("heard"); });
     m_looksUntilHeard = 1;
     Expect(0, "unknown       policy-update\n", "clients");
     Expect(0, "not by second (process 9, :1.9, timed out)", "status");
     Expect(4, "the service does not tell", "set-policy --wait -");
-    m_status["policy"]["sha256"] = tools::Sha256("<b/>");
+    Change([](TJson& status) { status["policy"]["sha256"] = tools::Sha256("<b/>"); });
     Expect(4, "another policy", "set-policy --wait -");
 }
 
