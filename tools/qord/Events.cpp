@@ -96,7 +96,8 @@ void Say(const TSEventResult& result)
         const std::string process = std::to_string(missed.m_sender.m_processId);
         const std::string& program = missed.m_sender.m_program;
         std::string line = event + "not heard by process ";
-        line += process + " (" + program + "), ";
+        line += process;
+        line += " (" + program + "), ";
         line += missed.m_name + ": " + missed.m_outcome;
         ReportWithFields(true,
                          {"QOR_EVENT=" + name, "QOR_OUTCOME=" + missed.m_outcome,
