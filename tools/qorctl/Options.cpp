@@ -47,7 +47,8 @@ void AddWait(CLI::App& command, TSOptions& options)
     command
         .add_flag("--wait{10}", options.m_waitSeconds,
                   "Wait until all applications have heard of it, for so many seconds at most")
-        ->check(tools::Decimal(1, MAX_TIMEOUT));
+        // Releases of CLI11 check the initial value too, which is 0.
+        ->check(tools::Decimal(0, MAX_TIMEOUT));
 }
 
 void AddPolicyCommands(CLI::App& app, TSOptions& options)
