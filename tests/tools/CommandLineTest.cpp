@@ -48,7 +48,7 @@ TEST_F(CommandLine, MisuseIsNamed)
     Expect(64, "0x8 is not a whole number from 1 to 2147483647", "get-policy 0x8");
     Expect(64, "2147483648 is not", "get-policy 2147483648");
     Expect(64, "NUMBER: 0 is not", "get-policy -- 0");
-    Expect(64, "010 is not a whole number", "restore 1 --wait=010");
+    Expect(64, "0 is not a whole number", "restore 1 --wait=0");
     Expect(64, "0x2 is not", "--policy x --keep 0x2", QORD);
     Expect(1, "line 2, column 7: mismatched tag", "validate bad");
     Expect(1, " <é></e>\n          ^\n", "validate bad");

@@ -42,13 +42,28 @@ CLI::App* AddCommand(CLI::App& app, TSOptions& options, const std::string& name,
     return pCommand;
 }
 
-void AddWait(CLI::App& command, TSOptions& options)
+constexpr const char* WAIT = "--wait";
+
+// Bound to no variable: releases of CLI11 differ in what they write there for a command that was not
+// given.
+void AddWait(CLI::App& command)
 {
     command
-        .add_flag("--wait{10}", options.m_waitSeconds,
+        .add_flag(std::string(WAIT) + "{10}",
                   "Wait until all applications have heard of it, for so many seconds at most")
-        // Releases of CLI11 check the initial value too, which is 0.
-        ->check(tools::Decimal(0, MAX_TIMEOUT));
+        ->check(tools::Decimal(1, MAX_TIMEOUT));
+}
+
+void ReadWait(const CLI::App& app, TSOptions& options)
+{
+    for (const CLI::App* pCommand : app.get_subcommands())
+    {
+        const CLI::Option* pWait = pCommand->get_option_no_throw(WAIT);
+        if (pWait != nullptr && pWait->count() != 0)
+        {
+            options.m_waitSeconds = pWait->as<unsigned int>();
+        }
+    }
 }
 
 void AddPolicyCommands(CLI::App& app, TSOptions& options)
@@ -62,7 +77,7 @@ void AddPolicyCommands(CLI::App& app, TSOptions& options)
     pSet->add_flag_callback(
         "--no-check", [&options] { options.m_isChecked = false; },
         "Send the policy without looking at it");
-    AddWait(*pSet, options);
+    AddWait(*pSet);
 
     CLI::App* pGet = AddCommand(app, options, "get-policy", GetPolicy,
                                 "Write the policy in force, or a kept one",
@@ -81,7 +96,7 @@ void AddPolicyCommands(CLI::App& app, TSOptions& options)
     pRestore->add_option("NUMBER", options.m_number, "Of a kept policy, as history prints it")
         ->required()
         ->check(tools::Decimal(1, MAX_NUMBER));
-    AddWait(*pRestore, options);
+    AddWait(*pRestore);
 
     CLI::App* pValidate = AddCommand(
         app, options, "validate", Validate, "Say what the service would say about a policy",
@@ -135,6 +150,7 @@ std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitSta
     {
         return std::nullopt;
     }
+    ReadWait(app, options);
     return options;
 }
 
