@@ -44,8 +44,8 @@ CLI::App* AddCommand(CLI::App& app, TSOptions& options, const std::string& name,
 
 constexpr const char* WAIT = "--wait";
 
-// Bound to no variable: releases of CLI11 differ in what they write there for a command that was not
-// given.
+// Bound to no variable: releases of CLI11 differ in what they write there for a command that was
+// not given.
 void AddWait(CLI::App& command)
 {
     command
