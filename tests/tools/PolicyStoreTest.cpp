@@ -379,6 +379,11 @@ TEST_F(PolicyHistory, WhoSetAPolicyIsKnownAfterItsFilesWereCarriedElsewhere)
 
 TEST_F(PolicyHistory, AnyTimeOfAFileCanBeRemembered)
 {
+    if (sizeof(void*) == 4)
+    {
+        GTEST_SKIP()
+            << "Boost's file functions, which the test uses, do not take such a time there";
+    }
     Set("one", "alice");
     PutInPlace(m_path, "two", {13000000000, 7}); // the year 2381, which nanoseconds do not reach
     Set("three", "carol");
