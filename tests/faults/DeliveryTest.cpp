@@ -54,21 +54,6 @@ TEST_F(Delivery, SinksSayThatItIsTheServersLine)
     EXPECT_EQ(found, 3U);
 }
 
-TEST_F(Delivery, SilentClientIsNotCalledAgainAlsoWhenItsEventWasCancelled)
-{
-    Serve();
-    const Peers silent = Clients(1, {Answer::HOLD, {}, ""});
-    auto counts = std::async(std::launch::async, [&] { return Deliver(G_MAXINT); });
-    ASSERT_TRUE(silent[0]->WaitForCalls("Send", 1));
-    m_server->CancelMessages();
-    EXPECT_EQ(counts.get(), Counts(0, 1));
-    ExpectAtOnce(2, {0, 1});
-    EXPECT_EQ(silent[0]->Count("Send"), 1U);
-    silent[0]->AnswerWith(YES);
-    silent[0]->AnswerHeld(YES);
-    EXPECT_TRUE(WaitUntil([&] { return Deliver() == Counts(1, 0); }));
-}
-
 TEST_F(Delivery, SilentClientHasOneCallOfEachTypeWaitingUpToItsShare)
 {
     Serve();
