@@ -3,6 +3,7 @@
 #define QOR_IDBUSCLIENT_H
 
 #include <functional>
+#include <string>
 
 #include <qor/GlibTypes.h>
 #include <qor/IDbus.h>
@@ -117,6 +118,24 @@ public:
     ///
     /// @return false if there is none of that number; false in a forked child
     virtual bool RemoveStateCallback(unsigned int id) = 0;
+
+    /// Calls a method of an interface that the service has on its object beside the channel's, as
+    /// Call sends a message: with the same limits of time, reasons and blocking. What the service
+    /// answers, errors included, is no error here and writes no error line.
+    ///
+    /// @param interfaceName  D-Bus interface name
+    /// @param methodName     of the interface
+    /// @param pArguments     a tuple; a floating reference is taken over. Null for none.
+    virtual TSMethodResult CallMethod(const std::string& interfaceName,
+                                      const std::string& methodName, GVariant* pArguments,
+                                      int timeoutMs, const TCCancellation& cancellation,
+                                      bool mayStart = true) = 0;
+
+    /// The same, and returns at once; see CallAsync for when and where onDone runs.
+    virtual void CallMethodAsync(const std::string& interfaceName, const std::string& methodName,
+                                 GVariant* pArguments, int timeoutMs,
+                                 const TCCancellation& cancellation, const TMethodCallback& onDone,
+                                 GMainContext* pContext) = 0;
 };
 
 } // namespace qor

@@ -9,6 +9,7 @@
 #include <boost/function.hpp>
 
 #include <qor/Export.h>
+#include <qor/GlibTypes.h>
 #include <qor/IDbusServer.h>
 
 namespace qor
@@ -126,6 +127,16 @@ public:
     ///
     /// @return whether onStopped will be called: false also for a second call
     virtual bool Stop(unsigned int limit, const boost::function<void()>& onStopped) = 0;
+
+    /// Sends a signal of the service's object to whoever on the bus listens for it. Any thread;
+    /// does not wait.
+    ///
+    /// @param pArguments  a tuple; a floating reference is taken over. Null for none.
+    ///
+    /// @return false where it cannot go out: it does not fit into a bus message, there is no
+    ///         connection, or this is a forked child
+    virtual bool EmitSignal(const std::string& interfaceName, const std::string& signalName,
+                            GVariant* pArguments) = 0;
 };
 
 } // namespace qor

@@ -2,6 +2,7 @@
 #ifndef QOR_IPOLICYCONTROL_H
 #define QOR_IPOLICYCONTROL_H
 
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -26,6 +27,20 @@ struct TSPolicyResult
 
 /// Takes the result of an asynchronous SetPolicy. It must not throw.
 using TPolicyCallback = std::function<void(const TSPolicyResult&)>;
+
+/// A policy that the service keeps.
+struct TSPolicyText
+{
+    /// ANSWERED_TRUE where the policy has come. FAILED also where the service refuses, or does not
+    /// speak com.norvane.qor.Policy1: the error's name says which.
+    TSSendResult m_send;
+
+    std::string m_errorName; ///< One of qor/PolicyInterface.h or of D-Bus; empty without an answer.
+    std::string m_policy;    ///< Byte by byte, in whatever encoding it has.
+};
+
+/// Takes the result of an asynchronous GetPolicy. It must not throw.
+using TPolicyTextCallback = std::function<void(const TSPolicyText&)>;
 
 /// The policy's control object of the process; see qor::api::GetPolicyControl. Any thread may call
 /// it, concurrently too.
@@ -52,6 +67,18 @@ public:
     virtual void SetPolicyAsync(const std::string& policy, int timeoutMs,
                                 const TCCancellation& cancellation, const TPolicyCallback& onDone,
                                 GMainContext* pContext) = 0;
+
+    /// Fetches a policy from the service, wherever that keeps it, and waits for the answer, without
+    /// a main context. A function that is told of a new policy may call it.
+    ///
+    /// @param number  0: the policy in force; else that of a policy which is kept
+    virtual TSPolicyText GetPolicy(std::uint64_t number, int timeoutMs,
+                                   const TCCancellation& cancellation) = 0;
+
+    /// The same, and returns at once, as SetPolicyAsync.
+    virtual void GetPolicyAsync(std::uint64_t number, int timeoutMs,
+                                const TCCancellation& cancellation,
+                                const TPolicyTextCallback& onDone, GMainContext* pContext) = 0;
 };
 
 } // namespace qor

@@ -3,7 +3,9 @@
 #define QOR_QORDBUSCLIENT_H
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 
 #include <boost/shared_ptr.hpp>
@@ -59,6 +61,12 @@ public:
                    GMainContext* pContext) override;
     unsigned int AddStateCallback(const TStateCallback& callback) override;
     bool RemoveStateCallback(unsigned int id) override;
+    TSMethodResult CallMethod(const std::string& interfaceName, const std::string& methodName,
+                              GVariant* pArguments, int timeoutMs,
+                              const TCCancellation& cancellation, bool mayStart = true) override;
+    void CallMethodAsync(const std::string& interfaceName, const std::string& methodName,
+                         GVariant* pArguments, int timeoutMs, const TCCancellation& cancellation,
+                         const TMethodCallback& onDone, GMainContext* pContext) override;
 
 protected:
     bool t_Start();
@@ -67,6 +75,8 @@ protected:
 private:
     friend class TCDbusClientProvider;
 
+    static std::int64_t m_Deadline(int timeoutMs);
+    static void m_FailInChild(TSSendResult& result);
     bool m_IsStarted() const;
     void m_LeaveBus();
     void m_TypesChanged() QOR_REQUIRES(t_callbacksMutex);
@@ -77,10 +87,23 @@ private:
     bool m_IsSendable(std::size_t size, const TCCancellation& cancellation, GError** ppError) const;
     bool m_SendAndForget(const TSessionPtr& session, int type, const TByteArray& data);
     TGlibPtr<GDBusMessage> m_NewSend(int type, bool isAsync, const TByteArray& data) const;
-    void m_CallAndWait(const TSessionPtr& session, int type, const TByteArray& data,
-                       std::int64_t deadline, const TCCancellation& cancellation, bool mayStart,
-                       TSSendResult& result) const;
+    TGlibPtr<GDBusMessage> m_NewMethodCall(const char* interfaceName, const char* methodName,
+                                           GVariant* pArguments) const;
+    TSessionPtr m_BeginCall(std::int64_t deadline, const TCCancellation& cancellation,
+                            bool mayStart);
+    using TOutcome = std::function<void(GDBusMessage*, const GError*)>;
+    using TMessageMaker = std::function<TGlibPtr<GDBusMessage>()>;
+    void m_CallAsync(std::size_t size, const TMessageMaker& newCall, std::int64_t deadline,
+                     const TCCancellation& cancellation, const TOutcome& onOutcome,
+                     GMainContext* pContext);
+    /// Null with an error where nothing was sent, or no answer came.
+    TGlibPtr<GDBusMessage> m_CallAndWait(const TSessionPtr& session, std::size_t size,
+                                         const TMessageMaker& newCall, std::int64_t deadline,
+                                         const TCCancellation& cancellation, bool mayStart,
+                                         GError** ppError) const;
     void m_TakeAnswer(GDBusMessage* pAnswer, const GError* pError, TSSendResult& result) const;
+    TSMethodResult m_TakeMethodAnswer(GDBusMessage* pAnswer, const GError* pError) const;
+    void m_LogFailure(const TSSendResult& result) const;
 
     bool m_CreateProxy();
     void m_Watch(const TSessionPtr& session) QOR_EXCLUDES(t_watchMutex);

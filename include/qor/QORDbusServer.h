@@ -15,11 +15,13 @@
 
 #include <qor/IDbusService.h>
 #include <qor/QORDbus.h>
+#include <qor/ServiceInterface.h>
 
 namespace qor
 {
 
 class TCDbusPeers;
+class TCDbusServerInterfaces;
 class TCEventDelivery;
 struct TSEvent;
 struct TSEventAccount;
@@ -44,6 +46,13 @@ public:
     /// @throws boost::thread_resource_error when the thread cannot be created
     /// @throws std::system_error when the thread cannot be created that ends the wait for a bus
     explicit TCDbusServer(bool testMode);
+
+    /// The same, with interfaces of the service's own on its object, which are there before the
+    /// name is. Their functions live as long as the server.
+    ///
+    /// @throws std::invalid_argument for introspection data that cannot be read, or has another
+    ///         number of interfaces than one
+    TCDbusServer(bool testMode, const std::vector<TSServiceInterface>& interfaces);
     ~TCDbusServer() override;
 
     bool SetCallback(int type,
@@ -63,6 +72,8 @@ public:
     EServiceState State() override;
     void SetStateCallback(const boost::function<void(EServiceState)>& callback) override;
     bool Stop(unsigned int limit, const boost::function<void()>& onStopped) override;
+    bool EmitSignal(const std::string& interfaceName, const std::string& signalName,
+                    GVariant* pArguments) override;
 
     /// Ends every SendMessage that is waiting: what has no answer yet counts as a failure, and a
     /// client that has not answered is suspended as after a timeout. Later ones are not affected.
@@ -98,6 +109,13 @@ private:
     struct TSStop;
     using TEventPtr = std::shared_ptr<TSEvent>;
     using TClients = std::map<std::string, TSClient>;
+
+    static const GDBusInterfaceVTable m_ownInterfaceVtable;
+    static void m_HandleInterfaceCall(GDBusConnection* pConnection, const char* sender,
+                                      const char* objectPath, const char* interfaceName,
+                                      const char* methodName, GVariant* pParameters,
+                                      GDBusMethodInvocation* pInvocation, void* pUserData);
+    void m_HandleInterfaceCall(GDBusMethodInvocation* pInvocation) QOR_EXCLUDES(t_stateMutex);
 
     template <void (TCDbusServer::*MEMBER)()>
     std::unique_ptr<TCDbusTimer> m_NewTimer();
@@ -139,6 +157,7 @@ private:
     unsigned int m_ownNameId QOR_GUARDED_BY(t_stateMutex);
     TClients m_clients QOR_GUARDED_BY(t_stateMutex);
     boost::thread m_thread;
+    std::unique_ptr<TCDbusServerInterfaces> m_pInterfaces;
     // Set by the start, before the object is exported:
     TGlibPtr<GMainContext> m_pContext;
     TGlibPtr<GMainLoop> m_pMainLoop;

@@ -8,6 +8,7 @@
 #include <string>
 
 #include <qor/Export.h>
+#include <qor/GlibTypes.h>
 #include <qor/Types.h>
 
 namespace qor
@@ -51,6 +52,21 @@ struct TSSendResult
 
 /// Takes the result of an asynchronous send. It must not throw.
 using TSendCallback = std::function<void(const TSSendResult&)>;
+
+/// The outcome of a call of a method of another interface than the channel's.
+struct TSMethodResult
+{
+    /// ANSWERED_TRUE where the method has returned. An error of the service's own is FAILED. The
+    /// response stays empty.
+    TSSendResult m_send;
+
+    std::string m_sender;       ///< Unique name of who has answered: service or bus; or empty.
+    std::string m_errorName;    ///< Of the error that came over the bus; else empty.
+    TGlibPtr<GVariant> m_pBody; ///< What the method has returned, a tuple; null without an answer.
+};
+
+/// Takes the result of an asynchronous call of a method. It must not throw.
+using TMethodCallback = std::function<void(const TSMethodResult&)>;
 
 /// The caller's word that nobody waits for a message any more. Copies share one state; one handle
 /// may be given to any number of messages. Never blocks; any thread may use it. What the service

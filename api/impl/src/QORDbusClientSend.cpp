@@ -24,12 +24,6 @@ namespace
 constexpr int SEND_TIMEOUT_MS = 10000;
 constexpr int DEFAULT_TIMEOUT = -1;
 
-std::int64_t Deadline(int timeoutMs)
-{
-    const int milliseconds = timeoutMs < 0 ? SEND_TIMEOUT_MS : timeoutMs;
-    return g_get_monotonic_time() + milliseconds * G_TIME_SPAN_MILLISECOND;
-}
-
 } // namespace
 
 bool TCDbusClient::SendMessage(int type, const TByteArray& data, TByteArray& response, bool isAsync)
@@ -44,9 +38,14 @@ bool TCDbusClient::SendMessage(int type, const TByteArray& data, TByteArray& res
     {
         return m_SendAndForget(session, type, data);
     }
+    const std::int64_t deadline = m_Deadline(SEND_TIMEOUT_MS);
+    TCGlibError error;
+    const auto pAnswer =
+        m_CallAndWait(session, data.size(), [&] { return m_NewSend(type, false, data); }, deadline,
+                      TCCancellation(), true, error.Out());
     TSSendResult result;
     result.m_response.swap(response); // stays as it is without a reply
-    m_CallAndWait(session, type, data, Deadline(SEND_TIMEOUT_MS), TCCancellation(), true, result);
+    m_TakeAnswer(pAnswer.get(), error.Get(), result);
     result.m_response.swap(response);
     return result.m_status == ESendStatus::ANSWERED_TRUE;
 }
@@ -57,18 +56,16 @@ TSSendResult TCDbusClient::Call(int type, const TByteArray& data, int timeoutMs,
     TSSendResult result;
     if (!t_IsInOwnProcess())
     {
-        result.m_status = ESendStatus::NO_BUS;
-        result.m_text = "The process was forked from one that uses the bus";
+        m_FailInChild(result);
         return result;
     }
-    const std::int64_t deadline = Deadline(timeoutMs);
-    TSessionPtr session;
-    if (!cancellation.IsCancelled())
-    {
-        session = m_FindBus(deadline, cancellation);
-        m_PrepareSend(session, mayStart);
-    }
-    m_CallAndWait(session, type, data, deadline, cancellation, mayStart, result);
+    const std::int64_t deadline = m_Deadline(timeoutMs);
+    const TSessionPtr session = m_BeginCall(deadline, cancellation, mayStart);
+    TCGlibError error;
+    const auto pAnswer =
+        m_CallAndWait(session, data.size(), [&] { return m_NewSend(type, false, data); }, deadline,
+                      cancellation, mayStart, error.Out());
+    m_TakeAnswer(pAnswer.get(), error.Get(), result);
     return result;
 }
 
@@ -76,12 +73,51 @@ void TCDbusClient::CallAsync(int type, const TByteArray& data, int timeoutMs,
                              const TCCancellation& cancellation, const TSendCallback& onDone,
                              GMainContext* pContext)
 {
+    // The endpoint is there until the outcome has been told, unless onDone itself lets go of it.
+    const auto onOutcome = [this, onDone](GDBusMessage* pAnswer, const GError* pReason)
+    {
+        TSSendResult result;
+        m_TakeAnswer(pAnswer, pReason, result);
+        onDone(result);
+    };
+    m_CallAsync(data.size(), [&] { return m_NewSend(type, true, data); }, m_Deadline(timeoutMs),
+                cancellation, onOutcome, pContext);
+}
+
+std::int64_t TCDbusClient::m_Deadline(int timeoutMs)
+{
+    const int milliseconds = timeoutMs < 0 ? SEND_TIMEOUT_MS : timeoutMs;
+    return g_get_monotonic_time() + milliseconds * G_TIME_SPAN_MILLISECOND;
+}
+
+void TCDbusClient::m_FailInChild(TSSendResult& result)
+{
+    result.m_status = ESendStatus::NO_BUS;
+    result.m_text = "The process was forked from one that uses the bus";
+}
+
+TCDbus::TSessionPtr TCDbusClient::m_BeginCall(std::int64_t deadline,
+                                              const TCCancellation& cancellation, bool mayStart)
+{
+    if (cancellation.IsCancelled())
+    {
+        return nullptr;
+    }
+    TSessionPtr session = m_FindBus(deadline, cancellation);
+    m_PrepareSend(session, mayStart);
+    return session;
+}
+
+void TCDbusClient::m_CallAsync(std::size_t size, const TMessageMaker& newCall,
+                               std::int64_t deadline, const TCCancellation& cancellation,
+                               const TOutcome& onOutcome, GMainContext* pContext)
+{
     if (!t_IsInOwnProcess())
     {
         return;
     }
     TCDbusPending::TSRequest request;
-    request.m_deadline = Deadline(timeoutMs);
+    request.m_deadline = deadline;
     request.m_cancellation = cancellation;
     request.m_pContext.reset(
         g_main_context_ref(pContext == nullptr ? g_main_context_default() : pContext));
@@ -91,18 +127,12 @@ void TCDbusClient::CallAsync(int type, const TByteArray& data, int timeoutMs,
         m_PrepareSend(request.m_session, true);
     }
     GError* pError = nullptr;
-    if (m_IsSendable(data.size(), cancellation, &pError))
+    if (m_IsSendable(size, cancellation, &pError))
     {
-        request.m_pMessage = m_NewSend(type, true, data);
+        request.m_pMessage = newCall();
     }
     request.m_pError.reset(pError);
-    // The endpoint is there until the outcome has been told, unless onDone itself lets go of it.
-    request.m_onOutcome = [this, onDone](GDBusMessage* pAnswer, const GError* pReason)
-    {
-        TSSendResult result;
-        m_TakeAnswer(pAnswer, pReason, result);
-        onDone(result);
-    };
+    request.m_onOutcome = onOutcome;
     m_pPending->Start(std::move(request));
 }
 
@@ -172,30 +202,41 @@ TGlibPtr<GDBusMessage> TCDbusClient::m_NewSend(int type, bool isAsync, const TBy
 {
     GVariant* pRequest = nullptr;
     t_ConvertBytes(type, isAsync, data, pRequest);
+    return m_NewMethodCall(t_interfaceName, t_dbusSendMethod, pRequest);
+}
+
+// Takes over floating arguments.
+TGlibPtr<GDBusMessage> TCDbusClient::m_NewMethodCall(const char* interfaceName,
+                                                     const char* methodName,
+                                                     GVariant* pArguments) const
+{
     TGlibPtr<GDBusMessage> pCall(
-        g_dbus_message_new_method_call(t_busName, t_objectPath, t_interfaceName, t_dbusSendMethod));
-    g_dbus_message_set_body(pCall.get(), pRequest);
+        g_dbus_message_new_method_call(t_busName, t_objectPath, interfaceName, methodName));
+    if (pArguments != nullptr)
+    {
+        g_dbus_message_set_body(pCall.get(), pArguments);
+    }
     return pCall;
 }
 
 // The answer is picked up on the way in. g_dbus_connection_call_sync would make a main context, and
 // with it a file descriptor, for each call.
-void TCDbusClient::m_CallAndWait(const TSessionPtr& session, int type, const TByteArray& data,
-                                 std::int64_t deadline, const TCCancellation& cancellation,
-                                 bool mayStart, TSSendResult& result) const
+TGlibPtr<GDBusMessage> TCDbusClient::m_CallAndWait(const TSessionPtr& session, std::size_t size,
+                                                   const TMessageMaker& newCall,
+                                                   std::int64_t deadline,
+                                                   const TCCancellation& cancellation,
+                                                   bool mayStart, GError** ppError) const
 {
-    TCGlibError error;
-    TGlibPtr<GDBusMessage> pAnswer;
-    if (m_IsSendable(data.size(), cancellation, error.Out()))
+    if (!m_IsSendable(size, cancellation, ppError))
     {
-        const TGlibPtr<GDBusMessage> pCall = m_NewSend(type, false, data);
-        if (!mayStart)
-        {
-            g_dbus_message_set_flags(pCall.get(), G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
-        }
-        pAnswer = session->Calls().CallAndWait(pCall.get(), deadline, cancellation, error.Out());
+        return nullptr;
     }
-    m_TakeAnswer(pAnswer.get(), error.Get(), result);
+    const TGlibPtr<GDBusMessage> pCall = newCall();
+    if (!mayStart)
+    {
+        g_dbus_message_set_flags(pCall.get(), G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
+    }
+    return session->Calls().CallAndWait(pCall.get(), deadline, cancellation, ppError);
 }
 
 // The response changes only where a reply has come.
@@ -218,6 +259,11 @@ void TCDbusClient::m_TakeAnswer(GDBusMessage* pAnswer, const GError* pError,
         result.m_status = isTrue ? ESendStatus::ANSWERED_TRUE : ESendStatus::ANSWERED_FALSE;
         return;
     }
+    m_LogFailure(result);
+}
+
+void TCDbusClient::m_LogFailure(const TSSendResult& result) const
+{
     if (result.m_status == ESendStatus::CANCELLED)
     {
         QOR_LOG_DEBUG("Sending message was cancelled");

@@ -13,6 +13,7 @@
 #include "QORDbusContext.h"
 #include "QORDbusLink.h"
 #include "QORDbusPeers.h"
+#include "QORDbusServerInterfaces.h"
 #include "QORDbusServerStop.h"
 #include "QORDbusSession.h"
 #include "QOREventDelivery.h"
@@ -36,13 +37,20 @@ constexpr gint64 RELEASE_LIMIT_US = 2 * G_TIME_SPAN_SECOND;
 IDbusServer::~IDbusServer() = default;
 IDbusService::~IDbusService() = default;
 
-TCDbusServer::TCDbusServer(bool testMode)
+TCDbusServer::TCDbusServer(bool testMode) : TCDbusServer(testMode, {}) {}
+
+TCDbusServer::TCDbusServer(bool testMode, const std::vector<TSServiceInterface>& interfaces)
     : TCDbus(testMode),
       m_ownNameId(0),
+      m_pInterfaces(std::make_unique<TCDbusServerInterfaces>()),
       m_state(EServiceState::STARTING),
       m_toldState(EServiceState::STARTING),
       m_nameAnswer(0)
 {
+    for (const TSServiceInterface& own : interfaces)
+    {
+        m_pInterfaces->Add(own);
+    }
     try
     {
         t_Start();
@@ -67,6 +75,7 @@ TCDbusServer::~TCDbusServer()
         MakeAnew(m_thread);
         MakeAnew(m_pContext);
         MakeAnew(m_pMainLoop);
+        MakeAnew(m_pInterfaces);
         MakeAnew(m_pPeers);
         MakeAnew(m_pNews);
         MakeAnew(m_pDelivery);
@@ -117,7 +126,9 @@ bool TCDbusServer::t_Start()
                                                     [this] { m_pNews->SetIn(0); });
     m_pStop = std::make_unique<TSStop>(m_NewTimer<&TCDbusServer::m_GoOnStopping>());
     session->Admission().TellSenders([this](const char* name) { m_pPeers->Ask(name, nullptr); });
-    if (!t_Export(session))
+    if (!t_Export(session) ||
+        !m_pInterfaces->Export(session->Connection(), t_objectPath, m_ownInterfaceVtable,
+                               [this] { return t_NewUserData(); }))
     {
         return false;
     }
@@ -167,6 +178,10 @@ void TCDbusServer::t_Stop()
         }
     }
     m_GiveUpName();
+    if (const TSessionPtr session = t_Session())
+    {
+        m_pInterfaces->Unexport(session->Connection());
+    }
     TCDbus::t_Stop(); // until then answers of the bus may come, which set timers
     for (auto* pTimer : {&m_pNews, &m_pStateNews, &m_pNameNews})
     {

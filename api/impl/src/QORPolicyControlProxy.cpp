@@ -5,6 +5,7 @@
 
 #include <gio/gio.h>
 
+#include <qor/PolicyInterface.h>
 #include <qor/PolicyMessage.h>
 #include <qor/QORDbusClient.h>
 #include <qor/QORDeactivator.h>
@@ -46,6 +47,37 @@ TSPolicyResult ReadResult(const TSSendResult& sent)
     return result;
 }
 
+constexpr char GET_POLICY_BYTES[] = "GetPolicyBytes";
+
+GVariant* NumberArgument(std::uint64_t number)
+{
+    return g_variant_new("(t)", static_cast<guint64>(number));
+}
+
+TSPolicyText ReadText(const TSMethodResult& answer)
+{
+    TSPolicyText text;
+    text.m_send = answer.m_send;
+    text.m_errorName = answer.m_errorName;
+    if (answer.m_send.m_status != ESendStatus::ANSWERED_TRUE)
+    {
+        return text;
+    }
+    if (!g_variant_is_of_type(answer.m_pBody.get(), G_VARIANT_TYPE("(ay)")))
+    {
+        text.m_send.m_status = ESendStatus::FAILED;
+        text.m_send.m_code = G_IO_ERROR_INVALID_DATA;
+        text.m_send.m_text = "The answer cannot be read: it is not a policy";
+        return text;
+    }
+    const TGlibPtr<GVariant> pBytes(g_variant_get_child_value(answer.m_pBody.get(), 0));
+    gsize size = 0;
+    const auto* pData =
+        static_cast<const char*>(g_variant_get_fixed_array(pBytes.get(), &size, sizeof(char)));
+    text.m_policy.assign(size == 0 ? "" : pData, size);
+    return text;
+}
+
 } // namespace
 
 IPolicyControl::~IPolicyControl() = default;
@@ -79,6 +111,22 @@ void TCPolicyControlProxy::SetPolicyAsync(const std::string& policy, int timeout
     m_dbusClient->CallAsync(
         SET_POLICY, WriteRequest(policy), timeoutMs, cancellation,
         [onDone](const TSSendResult& sent) { onDone(ReadResult(sent)); }, pContext);
+}
+
+TSPolicyText TCPolicyControlProxy::GetPolicy(std::uint64_t number, int timeoutMs,
+                                             const TCCancellation& cancellation)
+{
+    return ReadText(m_dbusClient->CallMethod(POLICY_INTERFACE, GET_POLICY_BYTES,
+                                             NumberArgument(number), timeoutMs, cancellation));
+}
+
+void TCPolicyControlProxy::GetPolicyAsync(std::uint64_t number, int timeoutMs,
+                                          const TCCancellation& cancellation,
+                                          const TPolicyTextCallback& onDone, GMainContext* pContext)
+{
+    m_dbusClient->CallMethodAsync(
+        POLICY_INTERFACE, GET_POLICY_BYTES, NumberArgument(number), timeoutMs, cancellation,
+        [onDone](const TSMethodResult& answer) { onDone(ReadText(answer)); }, pContext);
 }
 
 namespace api

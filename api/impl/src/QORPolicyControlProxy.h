@@ -2,6 +2,7 @@
 #ifndef QOR_QORPOLICYCONTROLPROXY_H
 #define QOR_QORPOLICYCONTROLPROXY_H
 
+#include <cstdint>
 #include <string>
 
 #include <boost/shared_ptr.hpp>
@@ -31,6 +32,10 @@ public:
     void SetPolicyAsync(const std::string& policy, int timeoutMs,
                         const TCCancellation& cancellation, const TPolicyCallback& onDone,
                         GMainContext* pContext) override;
+    TSPolicyText GetPolicy(std::uint64_t number, int timeoutMs,
+                           const TCCancellation& cancellation) override;
+    void GetPolicyAsync(std::uint64_t number, int timeoutMs, const TCCancellation& cancellation,
+                        const TPolicyTextCallback& onDone, GMainContext* pContext) override;
 
 private:
     friend struct TSForkHandler;

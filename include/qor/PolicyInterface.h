@@ -1,0 +1,29 @@
+// The names of the interface that qord has for everybody, whatever their language.
+#ifndef QOR_POLICYINTERFACE_H
+#define QOR_POLICYINTERFACE_H
+
+namespace qor
+{
+
+/// On the service's object, beside the channel's interface. What it has is described in
+/// com.norvane.qor.Policy1.xml, which is installed among the system's D-Bus interfaces.
+constexpr char POLICY_INTERFACE[] = "com.norvane.qor.Policy1";
+
+// The names of its errors.
+constexpr char ERROR_NOT_WELL_FORMED[] = "com.norvane.qor.Error.NotWellFormed";
+constexpr char ERROR_NOT_PERMITTED[] = "com.norvane.qor.Error.NotPermitted";
+constexpr char ERROR_TOO_LARGE[] = "com.norvane.qor.Error.TooLarge";
+constexpr char ERROR_NOT_STORED[] = "com.norvane.qor.Error.NotStored";
+constexpr char ERROR_STATE_UNKNOWN[] = "com.norvane.qor.Error.StateUnknown";
+/// Another policy is in force than the caller has said.
+constexpr char ERROR_CHANGED[] = "com.norvane.qor.Error.Changed";
+/// None is in force, or none of that number is kept.
+constexpr char ERROR_NO_SUCH_POLICY[] = "com.norvane.qor.Error.NoSuchPolicy";
+/// It is there, but cannot be read or does not fit into a message.
+constexpr char ERROR_NOT_READ[] = "com.norvane.qor.Error.NotRead";
+/// It is not UTF-8, which a D-Bus string must be; its bytes can be had.
+constexpr char ERROR_NOT_TEXT[] = "com.norvane.qor.Error.NotText";
+
+} // namespace qor
+
+#endif
