@@ -43,7 +43,8 @@ configure_file(cmake/qor.pc.in qor.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qor.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 
 set(QOR_BUS_DIR ${CMAKE_INSTALL_DATADIR}/dbus-1)
-install(FILES data/com.norvane.qor.IControl.xml DESTINATION ${QOR_BUS_DIR}/interfaces COMPONENT dev)
+install(FILES data/com.norvane.qor.IControl.xml data/com.norvane.qor.Policy1.xml
+    DESTINATION ${QOR_BUS_DIR}/interfaces COMPONENT dev)
 
 if(NOT QOR_BUILD_TOOLS)
     return()

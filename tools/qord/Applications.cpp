@@ -3,6 +3,8 @@
 
 #include <chrono>
 
+#include <qor/ICallbacks.h>
+
 namespace qord
 {
 namespace
@@ -25,6 +27,11 @@ std::string MarkOfPolicyInForce(const TCPolicyStore& store)
     const struct stat& file = policies.back().m_status;
     return std::to_string(file.st_ino) + ' ' + std::to_string(file.st_size) + ' ' +
            std::to_string(file.st_mtim.tv_sec) + ' ' + std::to_string(file.st_mtim.tv_nsec);
+}
+
+bool IsListening(const qor::TCDbusServer::TSClientInfo& client)
+{
+    return client.m_types.count(qor::ICallbacks::POLICY_UPDATE) != 0;
 }
 
 TApplications Look(qor::TCDbusServer& server, const TApplications& before)

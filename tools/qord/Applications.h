@@ -29,6 +29,9 @@ struct TSApplication
     std::string m_heard;        ///< The mark of that policy.
 };
 
+/// Whether the client wants to hear of new policies.
+bool IsListening(const qor::TCDbusServer::TSClientInfo& client);
+
 /// By their unique names, which are never given again.
 using TApplications = std::map<std::string, std::shared_ptr<TSApplication>>;
 

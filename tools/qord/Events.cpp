@@ -146,6 +146,8 @@ try
         }
     }
     Say(result);
+    m_delivered += result.m_delivered;
+    m_failed += result.m_failed;
     if (result.m_number > m_last.m_number)
     {
         m_last = std::move(result);

@@ -50,6 +50,16 @@ public:
         return m_last;
     }
 
+    /// Of all events since the start.
+    std::uint64_t NumberOfDelivered() const
+    {
+        return m_delivered;
+    }
+    std::uint64_t NumberOfFailed() const
+    {
+        return m_failed;
+    }
+
     const TApplications& Applications(qor::TCDbusServer& server)
     {
         m_applications = Look(server, m_applications);
@@ -73,6 +83,8 @@ private:
     TApplications m_applications;
     std::uint64_t m_sent = 0;
     TSEventResult m_last;
+    std::uint64_t m_delivered = 0;
+    std::uint64_t m_failed = 0;
 };
 
 } // namespace qord

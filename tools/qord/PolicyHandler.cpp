@@ -25,6 +25,15 @@ public:
           m_sha256(m_isPolicy ? tools::Sha256(m_policy) : "")
     {
     }
+    TCAttempt(std::string_view policy, const TSAsker& asker)
+        : m_asker(asker),
+          m_sender(m_Find(asker.m_peer)),
+          m_size(policy.size()),
+          m_policy(policy),
+          m_isPolicy(true),
+          m_sha256(tools::Sha256(policy))
+    {
+    }
 
     bool IsPermitted() const
     {
@@ -51,9 +60,16 @@ public:
         return m_error;
     }
 
+    // What was reported.
+    const std::string& Words() const
+    {
+        return m_words;
+    }
+
     // @param result  negative where the request has no result
     void Report(int result, const std::string& words) const
     {
+        m_words = words;
         const std::string what = m_isPolicy
                                      ? "a policy of " + std::to_string(m_policy.size()) + " bytes "
                                      : "a request of " + std::to_string(m_size) + " bytes ";
@@ -99,6 +115,7 @@ private:
     std::string m_error;
     bool m_isPolicy;
     std::string m_sha256;
+    mutable std::string m_words;
 };
 
 TCPolicyHandler::TCPolicyHandler(TCPolicyStore store, std::size_t maxPolicySize)
@@ -120,9 +137,10 @@ void TCPolicyHandler::Open()
     }
     std::string policy;
     error.clear();
-    if (m_store.Read(0, policy, m_maxPolicySize, error))
+    if (m_store.Read(0, policy, m_maxPolicySize, error) &&
+        tools::CheckPolicyXml(policy, error, tools::POLICY_CHECK_MEMORY) == qor::POLICY_STORED)
     {
-        tools::CheckPolicyXml(policy, error, tools::POLICY_CHECK_MEMORY);
+        m_knownGood = tools::Sha256(policy);
     }
     if (!error.empty())
     {
@@ -134,29 +152,60 @@ void TCPolicyHandler::Open()
 bool TCPolicyHandler::Handle(const qor::TByteArray& request, const TSAsker& asker,
                              qor::TByteArray& reply, int& result)
 {
-    if (!m_Decide(TCAttempt(request, asker), result))
+    const TCAttempt attempt(request, asker);
+    if (attempt.IsPermitted() && !attempt.IsPolicy())
     {
+        attempt.Report(-1, "is not a policy: " + attempt.Error());
+        ++m_refused;
         return false;
     }
+    result = m_Decide(attempt, std::nullopt);
     qor::WritePolicyReply(result, reply);
     return true;
 }
 
-bool TCPolicyHandler::m_Decide(const TCAttempt& attempt, int& result)
+TSVerdict TCPolicyHandler::Set(std::string_view policy, const TSAsker& asker,
+                               const std::optional<std::string>& ifMatch)
 {
+    const TCAttempt attempt(policy, asker);
+    TSVerdict verdict;
+    verdict.m_result = m_Decide(attempt, ifMatch);
+    verdict.m_sha256 = attempt.Hash();
+    if (verdict.m_result != qor::POLICY_STORED)
+    {
+        verdict.m_words = "the policy " + attempt.Words();
+    }
+    return verdict;
+}
+
+std::string TCPolicyHandler::HashInForce()
+{
+    const auto policies = m_store.List();
+    return policies.empty() || policies.back().m_number != 0
+               ? ""
+               : m_history.Find(m_store, policies.back()).m_sha256;
+}
+
+int TCPolicyHandler::m_Decide(const TCAttempt& attempt, const std::optional<std::string>& ifMatch)
+{
+    int result = POLICY_CHANGED;
     if (!attempt.IsPermitted())
     {
         result = qor::POLICY_NOT_PERMITTED;
         attempt.Report(result, "is refused: its sender may not change the policy");
-        return true;
     }
-    if (!attempt.IsPolicy())
+    else if (ifMatch && *ifMatch != HashInForce())
     {
-        attempt.Report(-1, "is not a policy: " + attempt.Error());
-        return false;
+        const std::string inForce = HashInForce();
+        attempt.Report(result, "is refused: the one in force has changed" +
+                                   (inForce.empty() ? ", there is none" : ", SHA-256 " + inForce));
     }
-    result = m_CheckAndStore(attempt);
-    return true;
+    else
+    {
+        result = m_CheckAndStore(attempt);
+    }
+    ++(result == qor::POLICY_STORED ? m_stored : m_refused);
+    return result;
 }
 
 int TCPolicyHandler::m_CheckAndStore(const TCAttempt& attempt)
@@ -193,6 +242,7 @@ int TCPolicyHandler::m_Store(const TCAttempt& attempt)
                                              outcome.m_words);
         return outcome.m_result;
     }
+    m_knownGood = attempt.Hash();
     attempt.Report(outcome.m_result, outcome.m_wasInForce ? "is in force already" : "is stored");
     if (!outcome.m_words.empty())
     {

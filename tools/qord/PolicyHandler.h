@@ -3,6 +3,8 @@
 #define QORD_POLICYHANDLER_H
 
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -24,6 +26,19 @@ struct TSAsker
     bool m_mayChange = false; ///< The policy.
 };
 
+/// What has come of a policy.
+struct TSVerdict
+{
+    /// One of qor::EPolicyResult, or POLICY_CHANGED.
+    int m_result = qor::POLICY_NOT_STORED;
+    std::string m_words;  ///< Why not, for whoever has sent it; empty where it is in force.
+    std::string m_sha256; ///< The policy's.
+};
+
+/// The result where another policy is in force than the sender has said. The channel cannot ask for
+/// that, so it never answers so.
+constexpr int POLICY_CHANGED = 6;
+
 /// Reads a request, checks the policy and stores it; says in one line what came of it and who asked
 /// for it. Whatever the bytes are, it takes a small multiple of their memory, and none for a policy
 /// over the limit.
@@ -42,6 +57,37 @@ public:
     bool Handle(const qor::TByteArray& request, const TSAsker& asker, qor::TByteArray& reply,
                 int& result);
 
+    /// The same for a text that came in another way.
+    ///
+    /// @param ifMatch  the SHA-256 of the policy that must be in force, empty for none; where one
+    ///                 is wanted
+    TSVerdict Set(std::string_view policy, const TSAsker& asker,
+                  const std::optional<std::string>& ifMatch);
+
+    /// The hash of the policy in force; empty where there is none.
+    std::string HashInForce();
+
+    /// Whether the text of that hash has been checked and found good, as the last one that was
+    /// stored or found at the start.
+    bool IsKnownGood(const std::string& sha256) const
+    {
+        return !sha256.empty() && sha256 == m_knownGood;
+    }
+
+    /// Since the start.
+    std::uint64_t NumberOfStored() const
+    {
+        return m_stored;
+    }
+    std::uint64_t NumberOfRefused() const
+    {
+        return m_refused;
+    }
+    std::size_t MaxPolicySize() const
+    {
+        return m_maxPolicySize;
+    }
+
     const TCPolicyStore& Store() const
     {
         return m_store;
@@ -54,13 +100,16 @@ public:
 private:
     class TCAttempt;
 
-    bool m_Decide(const TCAttempt& attempt, int& result);
+    int m_Decide(const TCAttempt& attempt, const std::optional<std::string>& ifMatch);
     int m_CheckAndStore(const TCAttempt& attempt);
     int m_Store(const TCAttempt& attempt);
 
     TCPolicyStore m_store;
     TCPolicyHistory m_history;
     std::size_t m_maxPolicySize;
+    std::string m_knownGood;
+    std::uint64_t m_stored = 0;
+    std::uint64_t m_refused = 0;
 };
 
 } // namespace qord

@@ -13,7 +13,6 @@
 #include <qor/PolicyMessage.h>
 
 #include "common/ExitStatus.h"
-#include "common/ServiceMessage.h"
 #include "common/SystemBus.h"
 #include "common/Text.h"
 #include "qord/Report.h"
@@ -34,8 +33,15 @@ TCService::TCService(const TSOptions& options)
       m_options(options),
       m_handler(TCPolicyStore(options.m_policyFile, options.m_storeRules), options.m_maxPolicySize),
       m_permission(options.m_permission),
-      m_events(m_handler.Store(), options.m_eventTimeoutMs, [this] { m_watchdog->Tell(); }),
-      m_queries(m_options, m_handler, m_events)
+      m_events(m_handler.Store(), options.m_eventTimeoutMs,
+               [this]
+               {
+                   m_watchdog->Tell();
+                   m_waits.Look();
+               }),
+      m_waits(m_handler.Store(), m_events),
+      m_facts(m_options, m_handler, m_events, m_permission),
+      m_interface(m_ForInterface(), m_handler, m_facts, m_waits)
 {
 }
 
@@ -75,7 +81,9 @@ int TCService::Run()
 
 bool TCService::m_Start()
 {
-    m_server = std::make_unique<qor::TCDbusServer>(m_options.m_testNames);
+    const std::vector<qor::TSServiceInterface> interfaces = {m_interface.Interface()};
+    m_server = std::make_unique<qor::TCDbusServer>(m_options.m_testNames, interfaces);
+    m_interface.Use(*m_server);
     if (m_server->GetUniqueName().empty())
     {
         while (g_main_context_iteration(nullptr, FALSE) != FALSE)
@@ -85,10 +93,10 @@ bool TCService::m_Start()
         m_Fail("cannot reach the system bus; with QOR_DLOG=stderr, the library says why");
         return false;
     }
-    m_watchdog = std::make_unique<TCWatchdog>([this] { return m_queries.Summary(*m_server); });
-    m_AnswerWith(qor::SET_POLICY, &TCService::m_SetPolicy);
-    m_AnswerWith(tools::GET_POLICY, &TCService::m_GetPolicy);
-    m_AnswerWith(tools::GET_STATUS, &TCService::m_GetStatus);
+    m_watchdog = std::make_unique<TCWatchdog>([this] { return m_facts.Summary(*m_server); });
+    m_server->SetCallback(qor::SET_POLICY,
+                          [this](const qor::TByteArray& request, qor::TByteArray& reply)
+                          { return m_SetPolicy(request, reply); });
     m_server->SetStateCallback([this](qor::EServiceState state) { m_StateIs(state); });
     if (m_options.m_processInfoSeconds != 0)
     {
@@ -163,6 +171,10 @@ void TCService::m_Stop()
     }
     sd_notify(0, "STOPPING=1");
     m_AnnounceWhatIsDue();
+    if (m_server != nullptr)
+    {
+        m_waits.End();
+    }
     m_isRunning = m_server->Stop(g_lastEventsMs, [this] { m_isRunning = false; });
 }
 
@@ -176,62 +188,44 @@ void TCService::m_Fail(const std::string& reason)
     m_Stop();
 }
 
-void TCService::m_AnswerWith(int type, THandler handler)
+TCPolicyInterface::TSService TCService::m_ForInterface()
 {
-    m_server->SetCallback(type,
-                          [this, handler](const qor::TByteArray& request, qor::TByteArray& reply)
-                          { return m_Answer(handler, request, reply); });
+    return {[this] { return m_Asker(); },
+            [this](const TSAsker& asker)
+            { return asker.m_mayChange || !m_options.m_permission.m_restrictReading; },
+            [this] { return m_Begin(); }, [this] { m_AnnounceAfterReply(); }};
+}
+
+TSAsker TCService::m_Asker()
+{
+    TSAsker asker;
+    asker.m_peer = m_server->CurrentPeer();
+    asker.m_mayChange = m_permission.MayChange(asker.m_peer);
+    return asker;
 }
 
 // Runs inside the bus library, which takes no exception.
-bool TCService::m_Answer(THandler handler, const qor::TByteArray& request,
-                         qor::TByteArray& reply) noexcept
+bool TCService::m_SetPolicy(const qor::TByteArray& request, qor::TByteArray& reply) noexcept
 {
     try
     {
-        TSAsker asker;
-        asker.m_peer = m_server->CurrentPeer();
-        asker.m_mayChange = m_permission.MayChange(asker.m_peer);
-        return m_Begin() && (this->*handler)(request, asker, reply);
+        const TSAsker asker = m_Asker();
+        int result = qor::POLICY_NOT_STORED;
+        if (!m_Begin() || !m_handler.Handle(request, asker, reply, result))
+        {
+            return false;
+        }
+        if (result == qor::POLICY_STORED || result == qor::POLICY_STATE_UNKNOWN)
+        {
+            m_AnnounceAfterReply();
+        }
+        return true;
     }
     catch (const std::exception& exception)
     {
         ReportError("a request failed: %s", exception.what());
     }
-    catch (...)
-    {
-        ReportError("a request failed");
-    }
     return false;
-}
-
-bool TCService::m_MayRead(const TSAsker& asker) const
-{
-    return asker.m_mayChange || !m_options.m_permission.m_restrictReading;
-}
-
-bool TCService::m_SetPolicy(const qor::TByteArray& request, const TSAsker& asker,
-                            qor::TByteArray& reply)
-{
-    int result = qor::POLICY_NOT_STORED;
-    const bool isPolicy = m_handler.Handle(request, asker, reply, result);
-    if (isPolicy && (result == qor::POLICY_STORED || result == qor::POLICY_STATE_UNKNOWN))
-    {
-        m_AnnounceAfterReply();
-    }
-    return isPolicy;
-}
-
-bool TCService::m_GetPolicy(const qor::TByteArray& request, const TSAsker& asker,
-                            qor::TByteArray& reply)
-{
-    return m_queries.GetPolicy(request, m_MayRead(asker), reply);
-}
-
-bool TCService::m_GetStatus(const qor::TByteArray&, const TSAsker& asker, qor::TByteArray& reply)
-{
-    m_queries.GetStatus(*m_server, m_MayRead(asker), reply);
-    return true;
 }
 
 // The sender still waits for the reply, and a client that waits is not called: the announcement
@@ -249,6 +243,7 @@ void TCService::m_AnnounceWhatIsDue()
 {
     if (std::exchange(m_isAnnouncementDue, false))
     {
+        m_interface.TellChange(!m_options.m_permission.m_restrictReading);
         m_events.Send(*m_server, qor::ICallbacks::POLICY_UPDATE);
     }
 }
@@ -276,6 +271,7 @@ int TCService::m_AnnounceStart(void* pService)
 {
     auto* pThis = static_cast<TCService*>(pService);
     pThis->m_startAnnouncement = 0;
+    pThis->m_interface.TellChange(!pThis->m_options.m_permission.m_restrictReading);
     pThis->m_events.Send(*pThis->m_server, qor::ICallbacks::POLICY_UPDATE);
     return G_SOURCE_REMOVE;
 }

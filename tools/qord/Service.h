@@ -9,10 +9,12 @@
 #include <qor/QORDbusServer.h>
 
 #include "qord/Events.h"
+#include "qord/HearingWaits.h"
 #include "qord/Options.h"
 #include "qord/Permission.h"
+#include "qord/PolicyFacts.h"
 #include "qord/PolicyHandler.h"
-#include "qord/Queries.h"
+#include "qord/PolicyInterface.h"
 #include "qord/StopSignals.h"
 #include "qord/Watchdog.h"
 
@@ -42,16 +44,9 @@ private:
     void m_Fail(const std::string& reason);
     void m_StateIs(qor::EServiceState state);
 
-    using THandler = bool (TCService::*)(const qor::TByteArray& request, const TSAsker& asker,
-                                         qor::TByteArray& reply);
-    void m_AnswerWith(int type, THandler handler);
-    bool m_Answer(THandler handler, const qor::TByteArray& request,
-                  qor::TByteArray& reply) noexcept;
-    bool m_MayRead(const TSAsker& asker) const;
-
-    bool m_SetPolicy(const qor::TByteArray& request, const TSAsker& asker, qor::TByteArray& reply);
-    bool m_GetPolicy(const qor::TByteArray& request, const TSAsker& asker, qor::TByteArray& reply);
-    bool m_GetStatus(const qor::TByteArray& request, const TSAsker& asker, qor::TByteArray& reply);
+    TCPolicyInterface::TSService m_ForInterface();
+    TSAsker m_Asker();
+    bool m_SetPolicy(const qor::TByteArray& request, qor::TByteArray& reply) noexcept;
     void m_AnnounceAfterReply();
     void m_AnnounceWhatIsDue();
 
@@ -65,7 +60,9 @@ private:
     TCPolicyHandler m_handler;
     TCPermission m_permission;
     TCEvents m_events;
-    TCQueries m_queries;
+    TCHearingWaits m_waits;
+    TCPolicyFacts m_facts;
+    TCPolicyInterface m_interface;
     bool m_isRunning = true;
     bool m_isReady = false;
     bool m_isStopping = false;

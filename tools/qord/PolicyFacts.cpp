@@ -1,0 +1,321 @@
+// What the service tells about itself, the policy and the applications, as D-Bus values.
+#include "qord/PolicyFacts.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <ctime>
+
+#include <qor/ICallbacks.h>
+
+#include "common/Events.h"
+#include "common/PolicyXml.h"
+#include "common/Text.h"
+#include "qord/Dictionary.h"
+
+namespace qord
+{
+namespace
+{
+
+// So many of a client's types are told: it chooses them.
+constexpr std::size_t MAX_TYPES = 8;
+
+GVariant* Texts(const std::vector<std::string>& texts)
+{
+    GVariantBuilder builder;
+    g_variant_builder_init(&builder, G_VARIANT_TYPE_STRING_ARRAY);
+    for (const std::string& text : texts)
+    {
+        g_variant_builder_add(&builder, "s", tools::Printable(text).c_str());
+    }
+    return g_variant_builder_end(&builder);
+}
+
+GVariant* Setter(const std::optional<TSSender>& setter)
+{
+    TCDictionary about;
+    if (setter)
+    {
+        about.Add("user-id", g_variant_new_uint32(setter->m_userId));
+        about.Add("user", setter->m_userName);
+        about.Add("process-id", g_variant_new_int32(setter->m_processId));
+        about.Add("program", setter->m_program);
+    }
+    return about.End();
+}
+
+void AddFile(TCDictionary& about, const struct stat& file, const TCPolicyHistory::TSEntry& entry)
+{
+    about.Add("size", g_variant_new_uint64(static_cast<guint64>(file.st_size)));
+    about.Add("set-at", g_variant_new_uint64(static_cast<guint64>(file.st_mtim.tv_sec)));
+    if (entry.m_setter)
+    {
+        about.Add("set-by", Setter(entry.m_setter));
+    }
+}
+
+GVariant* Types(const std::set<int>& types)
+{
+    GVariantBuilder builder;
+    g_variant_builder_init(&builder, G_VARIANT_TYPE("ai"));
+    std::size_t count = 0;
+    for (auto type = types.begin(); type != types.end() && count < MAX_TYPES; ++type, ++count)
+    {
+        g_variant_builder_add(&builder, "i", *type);
+    }
+    return g_variant_builder_end(&builder);
+}
+
+GVariant* Client(const qor::TCDbusServer::TSClientInfo& client, TSApplication& application,
+                 const std::string& policy)
+{
+    TCDictionary about;
+    about.Add("name", client.m_name);
+    about.Add("types", Types(client.m_types));
+    about.Add("number-of-types", g_variant_new_uint32(static_cast<guint32>(client.m_types.size())));
+    about.Add("listens", g_variant_new_boolean(IsListening(client)));
+    about.Add("suspended", g_variant_new_boolean(client.m_isSuspended));
+    about.Add("heard", g_variant_new_boolean(!policy.empty() && application.m_heard == policy));
+    if (application.m_heardAt != 0)
+    {
+        about.Add("heard-at", g_variant_new_uint64(static_cast<guint64>(application.m_heardAt)));
+    }
+    if (application.m_isKnown)
+    {
+        TSSender& sender = application.m_sender;
+        AskForUserName(sender);
+        about.Add("user-id", g_variant_new_uint32(sender.m_userId));
+        about.Add("user", sender.m_userName);
+        about.Add("process-id", g_variant_new_int32(sender.m_processId));
+        about.Add("program", sender.m_program);
+    }
+    return about.End();
+}
+
+GVariant* Event(const TSEventResult& result)
+{
+    TCDictionary about;
+    if (result.m_number != 0)
+    {
+        about.Add("event", tools::EventName(result.m_type));
+        about.Add("at", g_variant_new_uint64(static_cast<guint64>(result.m_time)));
+        about.Add("delivered", g_variant_new_uint32(static_cast<guint32>(result.m_delivered)));
+        about.Add("failed", g_variant_new_uint32(static_cast<guint32>(result.m_failed)));
+        about.Add("missed", NotHeard(result.m_missed));
+    }
+    return about.End();
+}
+
+bool IsSameFile(const struct stat& left, const struct stat& right)
+{
+    return left.st_ino == right.st_ino && left.st_dev == right.st_dev &&
+           left.st_size == right.st_size && left.st_mtim.tv_sec == right.st_mtim.tv_sec &&
+           left.st_mtim.tv_nsec == right.st_mtim.tv_nsec;
+}
+
+} // namespace
+
+GVariant* NotHeard(const std::vector<TSMissed>& missed)
+{
+    GVariantBuilder builder;
+    g_variant_builder_init(&builder, G_VARIANT_TYPE("aa{sv}"));
+    for (const TSMissed& one : missed)
+    {
+        TCDictionary about;
+        about.Add("name", one.m_name);
+        about.Add("program", one.m_sender.m_program);
+        about.Add("process-id", g_variant_new_int32(one.m_sender.m_processId));
+        about.Add("outcome", one.m_outcome);
+        g_variant_builder_add_value(&builder, about.End());
+    }
+    return g_variant_builder_end(&builder);
+}
+
+TCPolicyFacts::TCPolicyFacts(const TSOptions& options, TCPolicyHandler& handler, TCEvents& events,
+                             const TCPermission& permission)
+    : m_options(options),
+      m_handler(handler),
+      m_events(events),
+      m_permission(permission),
+      m_upSince(std::time(nullptr))
+{
+}
+
+// The file is read anew only where it is another one: properties are asked for one by one.
+const TCPolicyFacts::TSInForce& TCPolicyFacts::m_Look()
+{
+    struct stat file = {};
+    const bool isThere = stat(m_options.m_policyFile.c_str(), &file) == 0;
+    if (isThere == m_inForce.m_isThere && (!isThere || IsSameFile(file, m_inForce.m_file)))
+    {
+        return m_inForce;
+    }
+    m_inForce = {};
+    const auto policies = m_handler.Store().List();
+    if (!policies.empty() && policies.back().m_number == 0)
+    {
+        m_inForce.m_isThere = true;
+        m_inForce.m_file = policies.back().m_status;
+        m_inForce.m_entry = m_handler.History().Find(m_handler.Store(), policies.back());
+        m_inForce.m_isGood = m_IsGood(m_inForce.m_entry.m_sha256);
+    }
+    return m_inForce;
+}
+
+bool TCPolicyFacts::m_IsGood(const std::string& sha256) const
+{
+    std::string policy;
+    std::string error;
+    return m_handler.IsKnownGood(sha256) ||
+           (m_handler.Store().Read(0, policy, m_handler.MaxPolicySize(), error) &&
+            tools::CheckPolicyXml(policy, error, tools::POLICY_CHECK_MEMORY) ==
+                qor::POLICY_STORED);
+}
+
+const std::string& TCPolicyFacts::HashInForce()
+{
+    return m_Look().m_entry.m_sha256;
+}
+
+GVariant* TCPolicyFacts::Details()
+{
+    TCDictionary about;
+    if (const TSInForce& inForce = m_Look(); inForce.m_isThere)
+    {
+        AddFile(about, inForce.m_file, inForce.m_entry);
+    }
+    return about.End();
+}
+
+GVariant* TCPolicyFacts::Property(const std::string& name, bool mayRead, qor::TCDbusServer& server)
+{
+    GVariant* pValue = m_OfService(name, server);
+    return pValue != nullptr || !mayRead ? pValue : m_OfPolicy(name);
+}
+
+GVariant* TCPolicyFacts::m_OfPolicy(const std::string& name)
+{
+    const TSInForce& inForce = m_Look();
+    if (name == "PolicyFile")
+    {
+        return g_variant_new_string(tools::Printable(m_options.m_policyFile).c_str());
+    }
+    if (name == "PolicySha256")
+    {
+        return g_variant_new_string(tools::Printable(inForce.m_entry.m_sha256).c_str());
+    }
+    if (name == "PolicySize")
+    {
+        return g_variant_new_uint64(static_cast<guint64>(inForce.m_file.st_size));
+    }
+    if (name == "PolicySetAt")
+    {
+        return g_variant_new_uint64(static_cast<guint64>(inForce.m_file.st_mtim.tv_sec));
+    }
+    if (name == "PolicySetBy")
+    {
+        return Setter(inForce.m_entry.m_setter);
+    }
+    if (name == "PolicyWellFormed")
+    {
+        return g_variant_new_boolean(inForce.m_isGood);
+    }
+    return name == "LastEvent" ? Event(m_events.Last()) : nullptr;
+}
+
+// What anybody may know; null for anything else.
+GVariant* TCPolicyFacts::m_OfService(const std::string& name, qor::TCDbusServer& server) const
+{
+    const auto number = [&name](const char* meant, std::uint64_t value)
+    { return name == meant ? g_variant_new_uint64(value) : nullptr; };
+    const auto smallNumber = [&name](const char* meant, std::size_t value)
+    { return name == meant ? g_variant_new_uint32(static_cast<guint32>(value)) : nullptr; };
+    if (name == "Version")
+    {
+        return g_variant_new_string(QOR_VERSION);
+    }
+    if (name == "User")
+    {
+        return g_variant_new_string(tools::UserName(geteuid()).c_str());
+    }
+    if (name == "MayChange")
+    {
+        return m_MayChange();
+    }
+    for (GVariant* pValue : {smallNumber("ProcessId", static_cast<std::size_t>(getpid())),
+                             number("UpSince", static_cast<std::uint64_t>(m_upSince)),
+                             smallNumber("PoliciesKept", m_options.m_storeRules.m_copies),
+                             smallNumber("Clients", server.NumberOfClients()),
+                             number("PoliciesStored", m_handler.NumberOfStored()),
+                             number("PoliciesRefused", m_handler.NumberOfRefused()),
+                             number("EventsDelivered", m_events.NumberOfDelivered()),
+                             number("EventsFailed", m_events.NumberOfFailed())})
+    {
+        if (pValue != nullptr)
+        {
+            return pValue;
+        }
+    }
+    return nullptr;
+}
+
+GVariant* TCPolicyFacts::m_MayChange() const
+{
+    std::vector<std::string> users = {tools::UserName(0)};
+    if (geteuid() != 0)
+    {
+        users.push_back(tools::UserName(geteuid()));
+    }
+    TCDictionary about;
+    about.Add("everyone", g_variant_new_boolean(m_options.m_permission.m_everyone));
+    about.Add("users", Texts(users));
+    about.Add("groups", Texts(m_options.m_permission.m_groups));
+    about.Add("missing-groups", Texts(m_permission.MissingGroups()));
+    return about.End();
+}
+
+GVariant* TCPolicyFacts::Policies()
+{
+    GVariantBuilder builder;
+    g_variant_builder_init(&builder, G_VARIANT_TYPE("aa{sv}"));
+    for (const TSStoredPolicy& policy : m_handler.Store().List())
+    {
+        const auto entry = m_handler.History().Find(m_handler.Store(), policy);
+        TCDictionary about;
+        about.Add("number", g_variant_new_uint64(policy.m_number));
+        about.Add("sha256", entry.m_sha256);
+        AddFile(about, policy.m_status, entry);
+        g_variant_builder_add_value(&builder, about.End());
+    }
+    return g_variant_builder_end(&builder);
+}
+
+GVariant* TCPolicyFacts::Clients(qor::TCDbusServer& server)
+{
+    const std::string policy = MarkOfPolicyInForce(m_handler.Store());
+    const TApplications& applications = m_events.Applications(server);
+    GVariantBuilder builder;
+    g_variant_builder_init(&builder, G_VARIANT_TYPE("aa{sv}"));
+    for (const auto& client : server.Clients())
+    {
+        const auto found = applications.find(client.m_name);
+        if (found != applications.end())
+        {
+            g_variant_builder_add_value(&builder, Client(client, *found->second, policy));
+        }
+    }
+    return g_variant_builder_end(&builder);
+}
+
+std::string TCPolicyFacts::Summary(qor::TCDbusServer& server)
+{
+    const TSInForce& inForce = m_Look();
+    const std::string policy =
+        inForce.m_isThere ? "a policy of " + std::to_string(inForce.m_file.st_size) + " bytes"
+                          : "no policy yet";
+    return policy + (inForce.m_isThere && !inForce.m_isGood ? " that is no good, " : ", ") +
+           std::to_string(server.NumberOfClients()) + " clients";
+}
+
+} // namespace qord

@@ -1,0 +1,74 @@
+// What the service tells about itself, the policy and the applications, as D-Bus values.
+#ifndef QORD_POLICYFACTS_H
+#define QORD_POLICYFACTS_H
+
+#include <cstdint>
+#include <string>
+
+#include <sys/stat.h>
+
+#include <glib.h>
+
+#include <qor/QORDbusServer.h>
+
+#include "qord/Events.h"
+#include "qord/Options.h"
+#include "qord/PolicyHandler.h"
+
+namespace qord
+{
+
+/// Belongs to the thread that iterates the main context. Values that are returned are floating.
+class TCPolicyFacts
+{
+public:
+    TCPolicyFacts(const TSOptions& options, TCPolicyHandler& handler, TCEvents& events,
+                  const TCPermission& permission);
+
+    /// One of the interface's properties.
+    ///
+    /// @param mayRead  else null for what is only for those who may read the policy
+    GVariant* Property(const std::string& name, bool mayRead, qor::TCDbusServer& server);
+
+    GVariant* Policies();
+    GVariant* Clients(qor::TCDbusServer& server);
+
+    /// The hash of the policy in force; empty where there is none.
+    const std::string& HashInForce();
+
+    /// What a signal tells of the policy in force.
+    GVariant* Details();
+
+    /// One line for the service manager.
+    std::string Summary(qor::TCDbusServer& server);
+
+private:
+    // As it was when the file was last looked at.
+    struct TSInForce
+    {
+        bool m_isThere = false;
+        bool m_isGood = false;
+        struct stat m_file = {};
+        TCPolicyHistory::TSEntry m_entry;
+    };
+
+    const TSInForce& m_Look();
+    bool m_IsGood(const std::string& sha256) const;
+    GVariant* m_OfPolicy(const std::string& name);
+    GVariant* m_OfService(const std::string& name, qor::TCDbusServer& server) const;
+    GVariant* m_MayChange() const;
+
+    const TSOptions& m_options;
+    TCPolicyHandler& m_handler;
+    TCEvents& m_events;
+    const TCPermission& m_permission;
+    std::int64_t m_upSince;
+    TSInForce m_inForce;
+};
+
+/// Who has not heard of an event, as entries of an array of a{sv}.
+GVariant* NotHeard(const std::vector<TSMissed>& missed);
+
+} // namespace qord
+
+#endif
