@@ -1,5 +1,6 @@
 // Tests an application without a service and without a bus: what it gets of the library, it gets
 // from here.
+#include <cstdint>
 #include <iostream>
 #include <string>
 
@@ -41,6 +42,20 @@ struct FakeControl : qor::IControl, qor::IPolicyControl
                         GMainContext* /*pContext*/) override
     {
         onDone(SetPolicy(policy, timeoutMs, cancellation));
+    }
+    qor::TSPolicyText GetPolicy(std::uint64_t /*number*/, int /*timeoutMs*/,
+                                const qor::TCCancellation& /*cancellation*/) override
+    {
+        qor::TSPolicyText text;
+        text.m_send.m_status = qor::ESendStatus::ANSWERED_TRUE;
+        text.m_policy = m_policy;
+        return text;
+    }
+    void GetPolicyAsync(std::uint64_t number, int timeoutMs,
+                        const qor::TCCancellation& cancellation,
+                        const qor::TPolicyTextCallback& onDone, GMainContext* /*pContext*/) override
+    {
+        onDone(GetPolicy(number, timeoutMs, cancellation));
     }
 
     std::string m_policy;

@@ -58,6 +58,10 @@ public:
         onStopped();
         return true;
     }
+    bool EmitSignal(const std::string&, const std::string&, GVariant*) override
+    {
+        return true;
+    }
 
     std::map<int, qor::TMessageCallback> m_callbacks;
     std::vector<TEventDone> m_events; // to be told of their ends

@@ -28,6 +28,7 @@ complete -c qorctl -n "not __fish_seen_subcommand_from $commands" -a info -d 'Pr
 complete -c qorctl -n '__fish_seen_subcommand_from set-policy validate' -F
 complete -c qorctl -n '__fish_seen_subcommand_from set-policy' -l no-check -d 'Send it without looking at it'
 complete -c qorctl -n '__fish_seen_subcommand_from set-policy restore' -l wait -d 'Until all have heard of it, at most =SECONDS'
+complete -c qorctl -n '__fish_seen_subcommand_from set-policy restore' -l if-match -x -d 'Only where the policy in force has that SHA-256'
 complete -c qorctl -n '__fish_seen_subcommand_from get-policy restore' -a '(__qorctl_kept)' -d 'Kept policy'
 complete -c qorctl -n '__fish_seen_subcommand_from get-policy' -l output -r -F -d 'Write to a file'
 complete -c qorctl -n '__fish_seen_subcommand_from listen' -l count -x -d 'Exit after so many events'

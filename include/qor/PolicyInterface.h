@@ -10,10 +10,16 @@ namespace qor
 constexpr char POLICY_INTERFACE[] = "com.norvane.qor.Policy1";
 
 // The names of its errors.
+
+/// The text is not well-formed XML; the words say where.
 constexpr char ERROR_NOT_WELL_FORMED[] = "com.norvane.qor.Error.NotWellFormed";
+/// The sender may not do that.
 constexpr char ERROR_NOT_PERMITTED[] = "com.norvane.qor.Error.NotPermitted";
+/// The text, or the memory to check it, is over a limit.
 constexpr char ERROR_TOO_LARGE[] = "com.norvane.qor.Error.TooLarge";
+/// The policy could not be stored; the old one is in force.
 constexpr char ERROR_NOT_STORED[] = "com.norvane.qor.Error.NotStored";
+/// The disk failed half-way: nobody knows which policy the next start will find.
 constexpr char ERROR_STATE_UNKNOWN[] = "com.norvane.qor.Error.StateUnknown";
 /// Another policy is in force than the caller has said.
 constexpr char ERROR_CHANGED[] = "com.norvane.qor.Error.Changed";

@@ -51,7 +51,7 @@ public:
     /// name is. Their functions live as long as the server.
     ///
     /// @throws std::invalid_argument for introspection data that cannot be read, or has another
-    ///         number of interfaces than one
+    ///         number of interfaces than one, and where there is no function for calls
     TCDbusServer(bool testMode, const std::vector<TSServiceInterface>& interfaces);
     ~TCDbusServer() override;
 

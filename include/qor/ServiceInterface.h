@@ -23,7 +23,7 @@ struct TSServiceInterface
     /// Takes a method call whose arguments are of the declared types, and owns the invocation. It
     /// answers it (g_dbus_method_invocation_return_value, or one of the functions for errors), now
     /// or later and on any thread, once. Until then the call counts against the sender's share.
-    /// Must not throw.
+    /// Must not throw, nor be empty.
     boost::function<void(GDBusMethodInvocation*)> m_onCall;
 
     /// Returns a property's value, of the declared type, floating or a reference; null where the

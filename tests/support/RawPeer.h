@@ -97,6 +97,16 @@ struct CallResult
     int errorCode = 0;     // if not ok, the GLib error's code
 };
 
+/// What came back for a call with named arguments.
+struct MethodResult
+{
+    bool ok = false;
+    qor::TGlibPtr<GVariant> value;
+    std::string text;      // of the value, as g_variant_print has it without types
+    std::string errorName; // if not ok, as above
+    std::string words;
+};
+
 /// A separate private connection to the bus at DBUS_SYSTEM_BUS_ADDRESS. It needs no main context:
 /// calls are recorded and answered as they arrive, on GDBus's own thread. Send and Hello at any
 /// path are answered; Hello with an empty reply, unless somebody else decides on it.
@@ -169,6 +179,14 @@ public:
         m->greeter = answerer;
     }
 
+    /// Answers calls of other interfaces, with a floating value, or with an error where it is null.
+    using TMethods = std::function<GVariant*(const std::string& method)>;
+    void AnswerMethodsUsing(const TMethods& methods)
+    {
+        const std::lock_guard<std::mutex> lock(m->mutex);
+        m->methods = methods;
+    }
+
     /// Answers the calls that are on hold.
     void AnswerHeld(const Answer& answer)
     {
@@ -225,6 +243,30 @@ public:
         const std::unique_ptr<gchar, void (*)(gpointer)> name(g_dbus_error_get_remote_error(pError),
                                                               &g_free);
         return {false, {}, "", Text(name.get()), pError->code};
+    }
+
+    /// Calls a method of another interface of the service, likewise.
+    MethodResult CallMethod(const std::string& interface, const std::string& method,
+                            GVariant* pArguments)
+    {
+        GError* pError = nullptr;
+        MethodResult result;
+        result.value.reset(g_dbus_connection_call_sync(
+            m->connection.get(), SERVICE_NAME, SERVICE_PATH, interface.c_str(), method.c_str(),
+            pArguments, nullptr, G_DBUS_CALL_FLAGS_NONE, WATCHDOG_MS, nullptr, &pError));
+        result.ok = result.value != nullptr;
+        const std::unique_ptr<gchar, void (*)(gpointer)> text(
+            result.ok ? g_variant_print(result.value.get(), FALSE)
+                      : g_dbus_error_get_remote_error(pError),
+            &g_free);
+        (result.ok ? result.text : result.errorName) = Text(text.get());
+        if (!result.ok)
+        {
+            g_dbus_error_strip_remote_error(pError);
+            result.words = pError->message;
+            g_error_free(pError);
+        }
+        return result;
     }
 
     /// The same without waiting here. The future is ready when the reply has come; it must not
@@ -319,6 +361,7 @@ private:
         std::vector<IncomingCall> calls;
         TAnswerer answerer;
         TAnswerer greeter = [](const IncomingCall&) { return Answer{Answer::NO_VALUE, {}, ""}; };
+        TMethods methods;
         std::vector<MessagePtr> held;
 
         void Break() const
@@ -353,6 +396,19 @@ private:
                                            G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
         }
 
+        GDBusMessage* Return(MessagePtr call, const std::string& method) const
+        {
+            GVariant* const pValue = methods(method);
+            const MessagePtr reply(pValue == nullptr
+                                       ? g_dbus_message_new_method_error_literal(
+                                             call.get(), "com.norvane.qor.Error.NotStored", "test")
+                                       : g_dbus_message_new_method_reply(call.get()));
+            pValue == nullptr ? void() : g_dbus_message_set_body(reply.get(), pValue);
+            g_dbus_connection_send_message(connection.get(), reply.get(),
+                                           G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+            return nullptr;
+        }
+
         static GDBusMessage* Filter(GDBusConnection*, GDBusMessage* pMessage, gboolean isIncoming,
                                     gpointer pUserData)
         {
@@ -373,7 +429,7 @@ private:
             state.calls.push_back(call);
             if (Text(g_dbus_message_get_interface(pMessage)) != INTERFACE_NAME)
             {
-                return pMessage; // such as a query of properties, which nobody should make
+                return state.methods ? state.Return(MessagePtr(pMessage), call.method) : pMessage;
             }
             state.Handle(MessagePtr(pMessage),
                          (call.method == "Send" ? state.answerer : state.greeter)(call));

@@ -1,9 +1,6 @@
 // What people do to the command line, and what they learn from it.
 #include <atomic>
 #include <csignal>
-#include <functional>
-#include <map>
-#include <mutex>
 #include <sstream>
 
 #include <grp.h>
@@ -13,12 +10,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include <qor/PolicyMessage.h>
-
 #include "MainContext.h"
 #include "RawPeer.h"
 #include "ToolRunner.h"
-#include "common/ServiceMessage.h"
 #include "common/Text.h"
 #include "qord/Permission.h"
 
@@ -45,8 +39,8 @@ TEST_F(CommandLine, MisuseIsNamed)
     Expect(64, "the command is missing", "listen --exec ' '");
     Expect(64, "fit into one bus message", "set-policy /dev/zero");
     Expect(64, "010 is not a whole number", "restore 010"); // another one in octal
-    Expect(64, "0x8 is not a whole number from 1 to 2147483647", "get-policy 0x8");
-    Expect(64, "2147483648 is not", "get-policy 2147483648");
+    Expect(64, "0x8 is not a whole number from 1 to 18446744073709551615", "get-policy 0x8");
+    Expect(64, "18446744073709551616 is not", "get-policy 18446744073709551616");
     Expect(64, "NUMBER: 0 is not", "get-policy -- 0");
     Expect(64, "0 is not a whole number", "restore 1 --wait=0");
     Expect(64, "0x2 is not", "--policy x --keep 0x2", QORD);
@@ -203,134 +197,105 @@ TEST_F(CommandLine, PoliciesAreToldGotAndRestored)
     EXPECT_EQ(Qorctl({"get-policy", "2"}).out, "<other/>");
 }
 
-// A service that takes every policy, and tells of two applications that listen and one that does
-// not.
-class Announcing : public CommandLine
+TEST_F(CommandLine, SettingAPolicyWaitsUntilAllHaveHeard)
 {
-protected:
-    Announcing()
-    {
-        m_service.OwnName(SERVICE_NAME);
-        m_service.AnswerUsing([this](const IncomingCall& call) { return m_Answer(call.bytes[0]); });
-        m_options.input = "<a/>";
-    }
-
-    // Answers are made on GDBus's thread.
-    void Change(const std::function<void(TJson&)>& change)
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        change(m_status);
-    }
-
-    std::atomic<int> m_looksUntilHeard{1000};
-
-private:
-    TJson m_status = TJson::parse(R"({"policy": {"present": true}, "clients": [
-        {"name": ":1.8", "program": "first", "process_id": 8, "types": [2], "heard": true,
-         "heard_at": "2026-11-24T20:56:52+00:00"},
-        {"name": ":1.9", "program": "second", "process_id": 9, "types": [4, 2], "heard": false,
-         "heard_at": null},
-        {"name": ":1.10", "program": "third", "process_id": 10, "types": [4], "heard": false}],
-        "last_event": {"event": "policy-update", "missed": [
-        {"name": ":1.9", "program": "second", "process_id": 9, "outcome": "timed out"}]}})");
-
-    Answer m_Answer(int type)
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        qor::TByteArray reply;
-        if (type == tools::GET_STATUS)
-        {
-            m_status["clients"][1]["heard"] = m_looksUntilHeard-- <= 0;
-            tools::WriteStatusReply(m_status.dump(), reply);
-        }
-        else if (type == tools::GET_POLICY)
-        {
-            tools::WriteGetPolicyReply(tools::POLICY_SENT, "<a/>", reply);
-        }
-        else
-        {
-            qor::WritePolicyReply(qor::POLICY_STORED, reply);
-        }
-        reply.insert(reply.begin(), 1);
-        return {Answer::REPLY, reply, ""};
-    }
-
-    std::mutex m_mutex; // guards m_status
-    RawPeer m_service;
-};
-
-TEST_F(Announcing, SettingAPolicyWaitsUntilAllHaveHeard)
-{
-    Change([](TJson& status) { status["policy"]["sha256"] = tools::Sha256("<a/>"); });
-    Expect(4, "1 of 2 applications did not hear of it in time: second (process 9, :1.9, timed out)",
-           "set-policy --wait=1 -");
-    const TJson told = TJson::parse(Qorctl({"--json", "restore", "--wait=1", "7"}).out);
+    auto qord = StartQuietQord({"--event-timeout", "100"});
+    m_options.input = "<a/>";
+    Expect(0, "No application listens", "set-policy --wait -");
+    auto listener = StartListener();
+    RawPeer silent;
+    std::atomic<bool> answers{false};
+    silent.AnswerUsing(
+        [&](const IncomingCall&) {
+            return Answer{answers ? Answer::REPLY : Answer::HOLD, {1}};
+        });
+    silent.PostHello(SERVICE_NAME, {2});
+    silent.Sync();
+    SyncWithService();
+    m_options.input = "<b/>";
+    Expect(4, "1 of 2 applications did not hear of it in time: ", "set-policy --wait=1 -");
+    Expect(4, ", suspended)", "restore --wait=1 1");
+    Expect(0, "not by ", "status");
+    const TJson told = TJson::parse(Qorctl({"--json", "restore", "--wait=1", "2"}).out);
     EXPECT_TRUE(told["stored"] == true && told["applications"] == 2) << told;
     ASSERT_EQ(told["not_heard"].size(), 1U) << told;
-    EXPECT_EQ(told["not_heard"][0]["outcome"], "timed out") << told;
-    m_looksUntilHeard = 3;
-    Expect(0, "2 applications heard of it", "set-policy - --wait");
-    EXPECT_EQ(m_looksUntilHeard, -1);
+    EXPECT_EQ(told["not_heard"][0]["name"], silent.UniqueName()) << told;
+    EXPECT_EQ(Json({"clients", "--json"})[1]["suspended"], true);
 
-    Expect(0, "+00:00  policy-update\n", "clients");
-    Change([](TJson& status) { status["clients"][0].erase("heard"); });
-    m_looksUntilHeard = 1;
-    Expect(0, "unknown       policy-update\n", "clients");
-    Expect(0, "not by second (process 9, :1.9, timed out)", "status");
-    Expect(4, "the service does not tell", "set-policy --wait -");
-    Change([](TJson& status) { status["policy"]["sha256"] = tools::Sha256("<b/>"); });
-    Expect(4, "another policy", "set-policy --wait -");
+    auto waiting = StartTool(QORCTL, {"restore", "--wait=99", "1"}, m_options);
+    ASSERT_TRUE(WaitUntil([&] { return CountOf(qord->Out(), " is stored") == 5; })) << qord->Out();
+    EXPECT_EQ(Qorctl({"set-policy", "-"}, "<other/>").exitCode, 0);
+    EXPECT_EQ(waiting->Wait(), 4);
+    EXPECT_NE(waiting->Err().find("another policy has come into force"), std::string::npos);
+    answers = true;
+    silent.AnswerHeld({Answer::REPLY, {1}});
+    silent.Sync();
+    Expect(0, "2 applications heard of it", "set-policy - --wait");
+    EXPECT_EQ(Json({"clients", "--json"})[1]["heard"], true);
+}
+
+TEST_F(CommandLine, TheLaterOfTwoDoesNotWinUnseen)
+{
+    auto qord = StartQuietQord();
+    m_options.input = "<a/>";
+    Expect(64, "a SHA-256 is 64 digits", "set-policy --if-match ABC -");
+    Expect(0, "stored", "set-policy --if-match none -");
+    const std::string first = Json({"status", "--json"})["policy"]["sha256"];
+    m_options.input = "<b/>";
+    Expect(1, "the one in force has changed, SHA-256 " + first, "set-policy --if-match none -");
+    Expect(0, "stored", "set-policy -");
+    Expect(1, "has changed", "restore 1 --if-match " + first);
+    EXPECT_EQ(StoredPolicy(), "<b/>");
+    const std::string second = Json({"status", "--json"})["policy"]["sha256"];
+    Expect(0, "stored policy 1", "restore 1 --if-match " + second);
+    EXPECT_EQ(StoredPolicy(), "<a/>");
+    Expect(1, "there is no policy 77777777777", "restore 77777777777");
+    EXPECT_EQ(Json({"status", "--json"})["since_start"]["refused"], 2);
+}
+
+TEST_F(CommandLine, PolicyThatSomebodyHasSpoiltIsSaid)
+{
+    auto qord = StartQuietQord();
+    Expect(0, "stored", "set-policy '" SAMPLE_POLICY "'");
+    EXPECT_EQ(Json({"status", "--json"})["policy"]["well_formed"], true);
+    WriteFile(m_policyFile, std::string("\xff\0\x01", 3));
+    Expect(0, "it is no good", "status");
+    EXPECT_EQ(Json({"status", "--json"})["policy"]["well_formed"], false);
+    EXPECT_EQ(Qorctl({"get-policy"}).out, std::string("\xff\0\x01", 3));
+    RawPeer peer;
+    EXPECT_EQ(peer.CallMethod("com.norvane.qor.Policy1", "GetPolicy", g_variant_new("(t)", 0UL))
+                  .errorName,
+              "com.norvane.qor.Error.NotText");
 }
 
 TEST_F(CommandLine, StrangeServicesAreNotBelieved)
 {
     RawPeer service;
     ASSERT_TRUE(service.OwnName(SERVICE_NAME));
-    qor::TByteArray good;
-    tools::WriteStatusReply(
-        "{\"policy\": 7, \"kept\": [3], \"clients\": {\"a\": {}}, "
-        "\"last_event\": {\"missed\": 7}, \"service\": {\"name\": \"\\u001b[31mred\"}}",
-        good);
-    good.insert(good.begin(), 1);
-    service.AnswerWith({Answer::REPLY, good});
+    Expect(2, "does not offer com.norvane.qor.Policy1", "status");
+    Expect(2, "does not offer com.norvane.qor.Policy1", "get-policy");
+    service.AnswerMethodsUsing(
+        [](const std::string& method)
+        {
+            return g_variant_new_parsed(
+                method == "GetAll"         ? "({'PolicySha256': <['a']>, 'PolicySetAt': <-1>, "
+                                             "'PolicySetBy': <{'user': <'\033[31mred'>}>, "
+                                             "'LastEvent': <{'missed': <7>, 'at': <@t "
+                                             "18446744073709551615>}>, 'Version': <(1.5, 'x')>},)"
+                : method == "ListPolicies" ? "([{'number': <'one'>}],)"
+                                           : "(@aa{sv} [{'types': <{'a': <1>}>}, {}],)");
+        });
     for (const std::string line : {"status", "history", "clients", "info"})
     {
         Expect(0, "", line);
     }
     EXPECT_EQ(Qorctl({"status"}).out.find('\033'), std::string::npos);
     Expect(3, "cannot be read", "get-policy");
-    for (const auto& [result, words] : std::map<int, const char*>{
-             {tools::POLICY_NOT_READ, "its log says why"}, {77, "result code 77"}})
-    {
-        qor::TByteArray refusal;
-        tools::WriteGetPolicyReply(result, "", refusal);
-        refusal.insert(refusal.begin(), 1);
-        service.AnswerWith({Answer::REPLY, refusal});
-        Expect(1, words, "get-policy");
-    }
-    service.AnswerWith({Answer::REPLY, {1, 'n', 'o'}});
+    Expect(3, "cannot be read", "restore 1");
+    service.AnswerMethodsUsing([](const std::string&) { return g_variant_new("(s)", "no"); });
     Expect(3, "cannot be read", "status");
-}
-
-TEST(ServiceMessage, AnythingButOneWholeAnswerIsRefused)
-{
-    qor::TByteArray reply, request;
-    tools::WriteGetPolicyReply(7, "<a/>", reply);
-    tools::WriteGetPolicyRequest(3, request);
-    int result = 0;
-    std::int32_t number = 0;
-    std::string policy;
-    EXPECT_TRUE(tools::ReadGetPolicyReply(reply, result, policy) && result == 7);
-    EXPECT_EQ(policy, "<a/>");
-    EXPECT_TRUE(tools::ReadGetPolicyRequest(request, number) && number == 3);
-    reply.push_back('x');
-    for (; !reply.empty(); reply.pop_back())
-    {
-        const bool isWhole = reply.size() == request.size() + sizeof(std::size_t) + 4;
-        EXPECT_EQ(tools::ReadGetPolicyReply(reply, result, policy), isWhole) << reply.size();
-    }
-    request[0] ^= 0xFF; // the signature's length
-    EXPECT_FALSE(tools::ReadGetPolicyRequest(request, number));
+    service.AnswerMethodsUsing([](const std::string&) -> GVariant* { return nullptr; });
+    Expect(1, "refused policy 1: test", "restore 1");
 }
 
 TEST(Text, EveryTimeOfAFileHasWords)

@@ -2,6 +2,7 @@
 #ifndef QORCTL_COMMANDS_H
 #define QORCTL_COMMANDS_H
 
+#include <cstdint>
 #include <string>
 
 #include "qorctl/Options.h"
@@ -19,15 +20,11 @@ int Status(const TSOptions& options);
 int Clients(const TSOptions& options);
 int Info(const TSOptions& options);
 
-/// Hands the service a policy and puts the outcome into words.
-///
-/// @param what  the policy's name in them
-int SendPolicy(const TSOptions& options, const std::string& text, const std::string& what);
+/// "policy 3"
+std::string PolicyName(std::uint64_t number);
 
-/// Gets a policy, and says on standard error where that fails.
-///
-/// @return the exit status; EXIT_OK with the text in policy
-int FetchPolicy(const TSOptions& options, std::string& policy);
+/// Why the service does not give a policy away, for one of its errors; empty for any other.
+std::string ReadRefusal(const std::string& errorName, std::uint64_t number);
 
 /// Says on standard error where the text is not well-formed.
 bool IsWellFormed(const std::string& file, const std::string& text);

@@ -1,16 +1,19 @@
-// qorctl get-policy and restore: the policy in force, and kept ones.
+// qorctl get-policy: the policy in force, and kept ones.
 #include <unistd.h>
 
 #include <cerrno>
 #include <system_error>
 
-#include <qor/PolicyMessage.h>
+#include <gio/gio.h>
+
+#include <qor/PolicyInterface.h>
+#include <qor/api.h>
 
 #include "common/ExitStatus.h"
 #include "common/Output.h"
-#include "common/ServiceMessage.h"
 #include "common/Text.h"
 #include "qorctl/Commands.h"
+#include "qorctl/Json.h"
 #include "qorctl/Message.h"
 #include "qorctl/OutputFile.h"
 #include "qorctl/ServiceCall.h"
@@ -19,28 +22,6 @@ namespace qorctl
 {
 namespace
 {
-
-std::string Name(int number)
-{
-    return number == 0 ? "the policy in force" : "policy " + std::to_string(number);
-}
-
-std::string Refusal(int result, int number)
-{
-    switch (result)
-    {
-    case tools::NO_SUCH_POLICY:
-        return number == 0 ? "the service has no policy yet"
-                           : "there is no policy " + std::to_string(number) +
-                                 "; qorctl history lists those that are kept";
-    case tools::POLICY_NOT_READ:
-        return "the service cannot read " + Name(number) + "; its log says why";
-    case qor::POLICY_NOT_PERMITTED:
-        return "the service refused: " + tools::UserName(geteuid()) + " may not read policies";
-    default:
-        return "the service refused: result code " + std::to_string(result);
-    }
-}
 
 bool Write(const std::string& file, const std::string& text)
 {
@@ -52,36 +33,55 @@ bool Write(const std::string& file, const std::string& text)
     return false;
 }
 
-} // namespace
-
-int FetchPolicy(const TSOptions& options, std::string& policy)
+// The exit status, or EXIT_OK with the text.
+int Fetch(const TSOptions& options, std::string& policy)
 {
-    qor::TByteArray request;
-    tools::WriteGetPolicyRequest(options.m_number, request);
-    const auto answer = Endpoint(options)->Call(tools::GET_POLICY, request, MillisecondsLeft(), {});
-    if (!IsGood(answer))
+    const auto endpoint = Endpoint(options); // the control object shares it
+    auto answer = qor::api::GetPolicyControl()->GetPolicy(options.m_number, MillisecondsLeft(), {});
+    if (IsGood(answer.m_send))
     {
-        SayError("there is no answer: " + WhyNot(answer));
-        return tools::EXIT_NOT_DELIVERED;
+        policy.swap(answer.m_policy);
+        return tools::EXIT_OK;
     }
-    int result = 0;
-    if (!tools::ReadGetPolicyReply(answer.m_response, result, policy))
+    const std::string words = ReadRefusal(answer.m_errorName, options.m_number);
+    if (!words.empty())
     {
-        SayError(WhyNot(answer));
-        return tools::EXIT_BAD_ANSWER;
-    }
-    if (result != tools::POLICY_SENT)
-    {
-        SayError(Refusal(result, options.m_number));
+        SayError(words);
         return tools::EXIT_REFUSED;
     }
-    return tools::EXIT_OK;
+    const bool isBad = answer.m_send.m_code == G_IO_ERROR_INVALID_DATA;
+    SayError("there is no answer: " + WhyNot(answer.m_send));
+    return isBad ? tools::EXIT_BAD_ANSWER : tools::EXIT_NOT_DELIVERED;
+}
+
+} // namespace
+
+std::string PolicyName(std::uint64_t number)
+{
+    return number == 0 ? "the policy in force" : "policy " + std::to_string(number);
+}
+
+std::string ReadRefusal(const std::string& errorName, std::uint64_t number)
+{
+    if (errorName == qor::ERROR_NO_SUCH_POLICY)
+    {
+        return number == 0 ? "the service has no policy yet"
+                           : "there is no policy " + std::to_string(number) +
+                                 "; qorctl history lists those that are kept";
+    }
+    if (errorName == qor::ERROR_NOT_READ)
+    {
+        return "the service cannot read " + PolicyName(number) + "; its log says why";
+    }
+    return errorName == qor::ERROR_NOT_PERMITTED
+               ? "the service refused: " + tools::UserName(geteuid()) + " may not read policies"
+               : "";
 }
 
 int GetPolicy(const TSOptions& options)
 {
     std::string policy;
-    if (const int exitStatus = FetchPolicy(options, policy); exitStatus != tools::EXIT_OK)
+    if (const int exitStatus = Fetch(options, policy); exitStatus != tools::EXIT_OK)
     {
         return exitStatus;
     }
@@ -99,14 +99,6 @@ int GetPolicy(const TSOptions& options)
     }
     tools::Print(policy);
     return tools::EXIT_OK;
-}
-
-int Restore(const TSOptions& options)
-{
-    std::string policy;
-    const int exitStatus = FetchPolicy(options, policy);
-    return exitStatus == tools::EXIT_OK ? SendPolicy(options, policy, Name(options.m_number))
-                                        : exitStatus;
 }
 
 } // namespace qorctl

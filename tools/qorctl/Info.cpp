@@ -9,7 +9,7 @@
 #include "common/ExitStatus.h"
 #include "qorctl/Commands.h"
 #include "qorctl/Json.h"
-#include "qorctl/ServiceCall.h"
+#include "qorctl/ServiceFacts.h"
 #include "qorctl/Table.h"
 
 namespace qorctl
@@ -46,8 +46,8 @@ TJson Number(system_info_key_e key)
 // Where the service has it; empty where none is running or it does not tell.
 std::string ServicesPolicyFile(const TSOptions& options)
 {
-    qor::TSSendResult result;
-    return Text(Part(AskStatus(options, result, PATIENCE), "policy"), "file");
+    qor::TSMethodResult result;
+    return Text(AskProperties(options, result, PATIENCE), "PolicyFile");
 }
 
 TJson Collect(const TSOptions& options)

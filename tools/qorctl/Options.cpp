@@ -16,7 +16,9 @@ namespace
 using TCommand = int (*)(const TSOptions&);
 
 constexpr int MAX_TIMEOUT = 86400;
-constexpr int MAX_NUMBER = std::numeric_limits<int>::max();
+constexpr int MAX_WAIT = 3600;
+constexpr std::uint64_t MAX_NUMBER = std::numeric_limits<std::uint64_t>::max();
+constexpr std::size_t HASH_LENGTH = 64;
 
 void AddCommonOptions(CLI::App& app, TSOptions& options)
 {
@@ -51,7 +53,28 @@ void AddWait(CLI::App& command)
     command
         .add_flag(std::string(WAIT) + "{10}",
                   "Wait until all applications have heard of it, for so many seconds at most")
-        ->check(tools::Decimal(1, MAX_TIMEOUT));
+        ->check(tools::Decimal(1, MAX_WAIT));
+}
+
+// Who has read one policy and changes it does not lose what another has set meanwhile.
+void AddIfMatch(CLI::App& command, TSOptions& options)
+{
+    command
+        .add_option_function<std::string>(
+            "--if-match",
+            [&options](const std::string& hash) { options.m_ifMatch = hash == "none" ? "" : hash; },
+            "Only where the policy in force has that SHA-256; none: where there is no policy yet")
+        ->type_name("SHA256")
+        ->check(
+            [](const std::string& hash)
+            {
+                const bool isHash = hash.size() == HASH_LENGTH &&
+                                    hash.find_first_not_of("0123456789abcdef") == std::string::npos;
+                return isHash || hash == "none"
+                           ? std::string()
+                           : std::string("a SHA-256 is ") + std::to_string(HASH_LENGTH) +
+                                 " digits of lower-case hexadecimal, as qorctl status prints it";
+            });
 }
 
 void ReadWait(const CLI::App& app, TSOptions& options)
@@ -78,6 +101,7 @@ void AddPolicyCommands(CLI::App& app, TSOptions& options)
         "--no-check", [&options] { options.m_isChecked = false; },
         "Send the policy without looking at it");
     AddWait(*pSet);
+    AddIfMatch(*pSet, options);
 
     CLI::App* pGet = AddCommand(app, options, "get-policy", GetPolicy,
                                 "Write the policy in force, or a kept one",
@@ -97,6 +121,7 @@ void AddPolicyCommands(CLI::App& app, TSOptions& options)
         ->required()
         ->check(tools::Decimal(1, MAX_NUMBER));
     AddWait(*pRestore);
+    AddIfMatch(*pRestore, options);
 
     CLI::App* pValidate = AddCommand(
         app, options, "validate", Validate, "Say what the service would say about a policy",

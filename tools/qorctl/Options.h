@@ -2,6 +2,7 @@
 #ifndef QORCTL_OPTIONS_H
 #define QORCTL_OPTIONS_H
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -16,14 +17,15 @@ struct TSOptions
     bool m_quiet = false;
     bool m_verbose = false;
     bool m_json = false;
-    unsigned int m_timeoutSeconds = 0; ///< 0: as long as the library waits.
-    std::string m_policyFile;          ///< "-" is standard input.
-    bool m_isChecked = true;           ///< The policy, before it is sent.
-    unsigned int m_waitSeconds = 0;    ///< Until all have heard of it; 0: not.
-    int m_number = 0;                  ///< Of a kept policy; 0: the one in force.
-    std::string m_outputFile;          ///< Empty: standard output.
-    unsigned int m_eventCount = 0;     ///< 0: listen until a signal.
-    std::string m_eventCommand;        ///< Empty: none.
+    unsigned int m_timeoutSeconds = 0;    ///< 0: as long as the library waits.
+    std::string m_policyFile;             ///< "-" is standard input.
+    bool m_isChecked = true;              ///< The policy, before it is sent.
+    unsigned int m_waitSeconds = 0;       ///< Until all have heard of it; 0: not.
+    std::optional<std::string> m_ifMatch; ///< The hash of what must be in force; empty: nothing.
+    std::uint64_t m_number = 0;           ///< Of a kept policy; 0: the one in force.
+    std::string m_outputFile;             ///< Empty: standard output.
+    unsigned int m_eventCount = 0;        ///< 0: listen until a signal.
+    std::string m_eventCommand;           ///< Empty: none.
 };
 
 /// Reads the command line. Empty where the process has nothing left to do but to end with

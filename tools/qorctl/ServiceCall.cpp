@@ -5,9 +5,9 @@
 
 #include <gio/gio.h>
 
+#include <qor/PolicyInterface.h>
 #include <qor/QORDbusClient.h>
 
-#include "common/ServiceMessage.h"
 #include "common/Text.h"
 
 namespace qorctl
@@ -21,6 +21,12 @@ std::string WhyNobody(const qor::TSSendResult& result)
                            result.m_code == G_DBUS_ERROR_NAME_HAS_NO_OWNER;
     return isUnknown ? "the service is not on the bus"
                      : "the service could not be started: " + result.m_text;
+}
+
+bool IsUnknown(int code)
+{
+    return code == G_DBUS_ERROR_UNKNOWN_METHOD || code == G_DBUS_ERROR_UNKNOWN_INTERFACE ||
+           code == G_DBUS_ERROR_UNKNOWN_OBJECT || code == G_DBUS_ERROR_INVALID_ARGS;
 }
 
 } // namespace
@@ -45,8 +51,7 @@ std::string WhyNot(const qor::TSSendResult& result)
     case qor::ESendStatus::ANSWERED_TRUE:
         return "the service's answer cannot be read";
     case qor::ESendStatus::ANSWERED_FALSE:
-        return "the service could not take the request (a 32-bit and a 64-bit process do not read "
-               "each other's)";
+        return "the service could not take the request";
     case qor::ESendStatus::NO_SERVICE:
         return WhyNobody(result);
     case qor::ESendStatus::NO_ANSWER:
@@ -60,23 +65,24 @@ std::string WhyNot(const qor::TSSendResult& result)
                    ? "there is no system bus: " + result.m_text
                    : "the connection to the system bus was closed";
     default:
-        return "the request was refused: " + result.m_text;
+        return IsUnknown(result.m_code)
+                   ? std::string("the service does not offer ") + qor::POLICY_INTERFACE
+                   : "the request was refused: " + result.m_text;
     }
 }
 
-TJson AskStatus(const TSOptions& options, qor::TSSendResult& result,
-                std::chrono::milliseconds atMost)
+qor::TSMethodResult CallService(const TSOptions& options, const char* method, GVariant* pArguments,
+                                std::chrono::milliseconds atMost, bool mayStart)
 {
-    constexpr bool mayStart = false;
-    const auto endpoint = Endpoint(options);
-    result = endpoint->Call(tools::GET_STATUS, {}, MillisecondsLeft(atMost), {}, mayStart);
-    std::string text;
-    if (!IsGood(result) || !tools::ReadStatusReply(result.m_response, text))
-    {
-        return {};
-    }
-    TJson status = TJson::parse(text, nullptr, false);
-    return status.is_object() ? status : TJson();
+    return Endpoint(options)->CallMethod(qor::POLICY_INTERFACE, method, pArguments,
+                                         MillisecondsLeft(atMost), {}, mayStart);
+}
+
+std::string ErrorWords(const qor::TSMethodResult& result)
+{
+    const std::string name = result.m_errorName + ": ";
+    const std::string& text = result.m_send.m_text;
+    return text.compare(0, name.size(), name) == 0 ? text.substr(name.size()) : text;
 }
 
 } // namespace qorctl

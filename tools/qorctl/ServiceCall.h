@@ -9,7 +9,6 @@
 
 #include <qor/IDbusClient.h>
 
-#include "qorctl/Json.h"
 #include "qorctl/Options.h"
 #include "qorctl/TimeLimit.h"
 
@@ -24,10 +23,15 @@ boost::shared_ptr<qor::IDbusClient> Endpoint(const TSOptions& options);
 bool IsGood(const qor::TSSendResult& result);
 std::string WhyNot(const qor::TSSendResult& result);
 
-/// What the service tells about itself: an object; or null where no answer came, or one that cannot
-/// be read, which is good all the same. Starts no service.
-TJson AskStatus(const TSOptions& options, qor::TSSendResult& result,
-                std::chrono::milliseconds atMost = USUAL_WAIT);
+/// Calls a method of the service's interface for policies.
+///
+/// @param pArguments  a tuple, floating; null for none
+qor::TSMethodResult CallService(const TSOptions& options, const char* method, GVariant* pArguments,
+                                std::chrono::milliseconds atMost = USUAL_WAIT,
+                                bool mayStart = true);
+
+/// The words of an error that came over the bus, without its name.
+std::string ErrorWords(const qor::TSMethodResult& result);
 
 } // namespace qorctl
 

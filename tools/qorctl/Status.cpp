@@ -5,6 +5,7 @@
 #include "qorctl/Commands.h"
 #include "qorctl/Message.h"
 #include "qorctl/ServiceCall.h"
+#include "qorctl/ServiceFacts.h"
 #include "qorctl/StatusWords.h"
 #include "qorctl/Table.h"
 
@@ -30,13 +31,14 @@ std::string WhoIsThere(const TSOptions& options)
 std::optional<TJson> Ask(const TSOptions& options, int& exitStatus)
 {
     const auto endpoint = Endpoint(options);
-    qor::TSSendResult result;
-    const TJson status = AskStatus(options, result);
+    qor::TSMethodResult answer;
+    const TJson status = AskStatus(options, answer);
     if (status.is_object())
     {
         exitStatus = tools::EXIT_OK;
         return status;
     }
+    const qor::TSSendResult& result = answer.m_send;
     exitStatus = IsGood(result) ? tools::EXIT_BAD_ANSWER : tools::EXIT_NOT_DELIVERED;
     const bool isNobody = result.m_status == qor::ESendStatus::NO_SERVICE ||
                           result.m_status == qor::ESendStatus::NO_BUS;
@@ -54,6 +56,11 @@ void AddPolicy(TCTable& table, const TJson& policy)
     }
     table.Add({"", Text(policy, "bytes") + " bytes, SHA-256 " + Text(policy, "sha256")});
     table.Add({"Set", Text(policy, "set_at") + " by " + Setter(policy)});
+    if (Part(policy, "well_formed") == false)
+    {
+        table.Add(
+            {"", "it is no good: the service would refuse it today; qorctl validate says why"});
+    }
 }
 
 void PrintStatus(const TJson& status)

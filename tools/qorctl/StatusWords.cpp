@@ -3,8 +3,6 @@
 
 #include <algorithm>
 
-#include <qor/ICallbacks.h>
-
 #include "common/Events.h"
 #include "common/Text.h"
 
@@ -34,7 +32,10 @@ std::string MayChange(const TJson& status)
     }
     for (const TJson& group : Part(rules, "groups"))
     {
-        Append(who, "members of the group " + Text({{"name", group}}, "name"));
+        const TJson missing = Part(rules, "missing_groups");
+        const bool isMissing = std::find(missing.begin(), missing.end(), group) != missing.end();
+        Append(who, "members of the group " + Text({{"name", group}}, "name") +
+                        (isMissing ? " (there is none)" : ""));
     }
     return who;
 }
@@ -55,22 +56,22 @@ std::string EventNames(const TJson& client)
         const std::string name = tools::EventName(type.is_number() ? type.get<int>() : 0);
         Append(names, name == "unknown" ? Text({{"type", type}}, "type") : name);
     }
+    const TJson number = Part(client, "number_of_types");
+    const std::size_t told = Part(client, "types").size();
+    if (number.is_number_unsigned() && number > told)
+    {
+        Append(names, std::to_string(number.get<std::uint64_t>() - told) + " more");
+    }
     return names;
-}
-
-bool IsListening(const TJson& client)
-{
-    const TJson types = Part(client, "types");
-    return std::find(types.begin(), types.end(), TJson(qor::ICallbacks::POLICY_UPDATE)) !=
-           types.end();
 }
 
 std::string Heard(const TJson& client)
 {
+    const bool isListening = Part(client, "listens") == true;
     const TJson heard = Part(client, "heard");
-    if (!IsListening(client) || !heard.is_boolean())
+    if (!isListening || !heard.is_boolean())
     {
-        return IsListening(client) ? "unknown" : "-";
+        return isListening ? "unknown" : "-";
     }
     const std::string time = heard == true ? Text(client, "heard_at") : "no";
     return time.empty() ? "yes" : time;

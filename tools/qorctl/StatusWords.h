@@ -18,9 +18,6 @@ std::string Setter(const TJson& policy);
 /// "policy-update, process-info": of a client.
 std::string EventNames(const TJson& client);
 
-/// Whether the client wants to hear of new policies.
-bool IsListening(const TJson& client);
-
 /// Whether it has heard of the one in force, and when: "2026-11-24T20:56:52+00:00", "yes", "no",
 /// "unknown"; "-" for one that does not want to.
 std::string Heard(const TJson& client);

@@ -57,8 +57,9 @@ void TCHearingWaits::Add(qor::TCDbusServer& server, GDBusMethodInvocation* pInvo
                          const std::string& sha256, std::uint64_t size, unsigned int seconds)
 {
     m_pServer = &server;
-    m_waits.push_back({qor::TGlibPtr<GDBusMethodInvocation>(pInvocation), MarkOfPolicyInForce(m_store),
-                       sha256, size, g_get_monotonic_time() + seconds * G_TIME_SPAN_SECOND});
+    m_waits.push_back({qor::TGlibPtr<GDBusMethodInvocation>(pInvocation),
+                       MarkOfPolicyInForce(m_store), sha256, size,
+                       g_get_monotonic_time() + seconds * G_TIME_SPAN_SECOND});
     if (m_source == 0)
     {
         m_source = g_timeout_add(INTERVAL_MS, m_OnTime, this);

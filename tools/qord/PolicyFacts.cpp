@@ -169,8 +169,7 @@ bool TCPolicyFacts::m_IsGood(const std::string& sha256) const
     std::string error;
     return m_handler.IsKnownGood(sha256) ||
            (m_handler.Store().Read(0, policy, m_handler.MaxPolicySize(), error) &&
-            tools::CheckPolicyXml(policy, error, tools::POLICY_CHECK_MEMORY) ==
-                qor::POLICY_STORED);
+            tools::CheckPolicyXml(policy, error, tools::POLICY_CHECK_MEMORY) == qor::POLICY_STORED);
 }
 
 const std::string& TCPolicyFacts::HashInForce()

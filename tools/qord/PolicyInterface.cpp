@@ -271,8 +271,7 @@ void TCPolicyInterface::m_Set(GDBusMethodInvocation* pInvocation, const TSAsker&
     {
         TCDictionary about;
         AddStored(about, verdict.m_sha256, policy.size());
-        g_dbus_method_invocation_return_value(pInvocation,
-                                              g_variant_new("(@a{sv})", about.End()));
+        g_dbus_method_invocation_return_value(pInvocation, g_variant_new("(@a{sv})", about.End()));
     }
 }
 
@@ -301,8 +300,8 @@ void TCPolicyInterface::TellChange(bool isTold)
     m_pServer->EmitSignal(
         qor::POLICY_INTERFACE, "PolicyChanged",
         g_variant_new("(s@a{sv})", isTold ? hash.c_str() : "",
-                      isTold ? m_facts.Details() : g_variant_new_array(G_VARIANT_TYPE("{sv}"),
-                                                                       nullptr, 0)));
+                      isTold ? m_facts.Details()
+                             : g_variant_new_array(G_VARIANT_TYPE("{sv}"), nullptr, 0)));
     constexpr const char* CHANGED[] = {"PolicySha256", "PolicySize", "PolicySetAt", "PolicySetBy",
                                        "PolicyWellFormed"};
     TCDictionary values;
@@ -319,9 +318,9 @@ void TCPolicyInterface::TellChange(bool isTold)
             g_variant_builder_add(&names, "s", name);
         }
     }
-    m_pServer->EmitSignal("org.freedesktop.DBus.Properties", "PropertiesChanged",
-                          g_variant_new("(s@a{sv}as)", qor::POLICY_INTERFACE, values.End(),
-                                        &names));
+    m_pServer->EmitSignal(
+        "org.freedesktop.DBus.Properties", "PropertiesChanged",
+        g_variant_new("(s@a{sv}as)", qor::POLICY_INTERFACE, values.End(), &names));
 }
 
 } // namespace qord

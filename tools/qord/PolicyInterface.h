@@ -27,7 +27,7 @@ public:
     /// What the service adds to a call.
     struct TSService
     {
-        std::function<TSAsker()> m_asker;             ///< Who calls.
+        std::function<TSAsker()> m_asker;              ///< Who calls.
         std::function<bool(const TSAsker&)> m_mayRead; ///< What the service keeps.
         std::function<bool()> m_isReady;
         std::function<void()> m_onStored; ///< A policy that may be in force now.

@@ -40,9 +40,9 @@ bool TCDbusClient::SendMessage(int type, const TByteArray& data, TByteArray& res
     }
     const std::int64_t deadline = m_Deadline(SEND_TIMEOUT_MS);
     TCGlibError error;
-    const auto pAnswer =
-        m_CallAndWait(session, data.size(), [&] { return m_NewSend(type, false, data); }, deadline,
-                      TCCancellation(), true, error.Out());
+    const auto pAnswer = m_CallAndWait(
+        session, data.size(), [&] { return m_NewSend(type, false, data); }, deadline,
+        TCCancellation(), true, error.Out());
     TSSendResult result;
     result.m_response.swap(response); // stays as it is without a reply
     m_TakeAnswer(pAnswer.get(), error.Get(), result);
@@ -62,9 +62,9 @@ TSSendResult TCDbusClient::Call(int type, const TByteArray& data, int timeoutMs,
     const std::int64_t deadline = m_Deadline(timeoutMs);
     const TSessionPtr session = m_BeginCall(deadline, cancellation, mayStart);
     TCGlibError error;
-    const auto pAnswer =
-        m_CallAndWait(session, data.size(), [&] { return m_NewSend(type, false, data); }, deadline,
-                      cancellation, mayStart, error.Out());
+    const auto pAnswer = m_CallAndWait(
+        session, data.size(), [&] { return m_NewSend(type, false, data); }, deadline, cancellation,
+        mayStart, error.Out());
     m_TakeAnswer(pAnswer.get(), error.Get(), result);
     return result;
 }
@@ -80,8 +80,9 @@ void TCDbusClient::CallAsync(int type, const TByteArray& data, int timeoutMs,
         m_TakeAnswer(pAnswer, pReason, result);
         onDone(result);
     };
-    m_CallAsync(data.size(), [&] { return m_NewSend(type, true, data); }, m_Deadline(timeoutMs),
-                cancellation, onOutcome, pContext);
+    m_CallAsync(
+        data.size(), [&] { return m_NewSend(type, true, data); }, m_Deadline(timeoutMs),
+        cancellation, onOutcome, pContext);
 }
 
 std::int64_t TCDbusClient::m_Deadline(int timeoutMs)

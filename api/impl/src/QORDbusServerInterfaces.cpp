@@ -78,6 +78,10 @@ void TCDbusServerInterfaces::Add(const TSServiceInterface& own)
         throw std::invalid_argument(pNode == nullptr ? error.Get()->message
                                                      : "a node with one interface is needed");
     }
+    if (!own.m_onCall)
+    {
+        throw std::invalid_argument("there is no function for calls");
+    }
     m_entries.push_back({own, std::move(pNode), 0});
 }
 
@@ -89,9 +93,9 @@ bool TCDbusServerInterfaces::Export(GDBusConnection* pConnection, const char* pa
     {
         TCGlibError error;
         void* pUserData = newUserData();
-        entry.m_registrationId = g_dbus_connection_register_object(
-            pConnection, path, entry.m_pNode->interfaces[0], &vtable, pUserData, RELEASE_DBUS_LINK,
-            error.Out());
+        entry.m_registrationId =
+            g_dbus_connection_register_object(pConnection, path, entry.m_pNode->interfaces[0],
+                                              &vtable, pUserData, RELEASE_DBUS_LINK, error.Out());
         if (entry.m_registrationId == 0)
         {
             if (!FailedRegistrationReleases())

@@ -1,0 +1,252 @@
+// Interfaces beside the channel's: a service's own, and the calls of a client.
+#include <atomic>
+#include <future>
+#include <stdexcept>
+
+#include <qor/PolicyInterface.h>
+#include <qor/QORDbusClient.h>
+#include <qor/QORDbusServer.h>
+#include <qor/api.h>
+
+#include "BusTest.h"
+
+namespace
+{
+
+using namespace qortest;
+using qor::ESendStatus;
+
+constexpr const char* OWN = "com.example.Own1";
+constexpr const char* PROPERTIES = "org.freedesktop.DBus.Properties";
+constexpr const char* XML = "<node><interface name='com.example.Own1'>"
+                            "<method name='Twice'><arg type='i' direction='in'/>"
+                            "<arg type='i' direction='out'/></method>"
+                            "<method name='Later'><arg type='s' direction='out'/></method>"
+                            "<signal name='Told'><arg type='s'/></signal>"
+                            "<property name='Open' type='s' access='read'/>"
+                            "<property name='Closed' type='s' access='read'/>"
+                            "</interface></node>";
+
+class OwnInterface : public BusTest
+{
+protected:
+    OwnInterface()
+    {
+        const qor::TSServiceInterface own = {
+            XML, [this](GDBusMethodInvocation* pInvocation) { Handle(pInvocation); },
+            [this](const std::string& name)
+            { return name == "Open" ? g_variant_new_string(Who().c_str()) : nullptr; }};
+        m_server =
+            std::make_unique<qor::TCDbusServer>(false, std::vector<qor::TSServiceInterface>{own});
+    }
+
+    std::string Who()
+    {
+        const qor::TSPeer peer = m_server->CurrentPeer();
+        return peer.m_isKnown && peer.m_userId == getuid() ? m_server->GetCurrentSender() : "?";
+    }
+
+    void Handle(GDBusMethodInvocation* pInvocation)
+    {
+        if (std::string(g_dbus_method_invocation_get_method_name(pInvocation)) == "Later")
+        {
+            m_later.emplace_back(pInvocation);
+            return;
+        }
+        int number = 0;
+        g_variant_get(g_dbus_method_invocation_get_parameters(pInvocation), "(i)", &number);
+        g_dbus_method_invocation_return_value(pInvocation, g_variant_new("(i)", 2 * number));
+    }
+
+    std::future<MethodResult> Start(const std::string& interface, const std::string& method,
+                                    GVariant* pArguments = nullptr)
+    {
+        return std::async(std::launch::async,
+                          [=] { return m_peer.CallMethod(interface, method, pArguments); });
+    }
+
+    RawPeer m_peer;
+    std::vector<qor::TGlibPtr<GDBusMethodInvocation>> m_later;
+    std::unique_ptr<qor::TCDbusServer> m_server;
+};
+
+// The name is asked for when the interface is there: a call that comes with it finds it.
+TEST_F(OwnInterface, IsThereWithTheNameAndKnowsWhoAsks)
+{
+    ASSERT_TRUE(WaitUntil(
+        [&]
+        {
+            return m_peer.CallMethod(OWN, "None", nullptr).errorName !=
+                   "org.freedesktop.DBus.Error.ServiceUnknown";
+        }));
+    EXPECT_EQ(Await(Start(OWN, "Twice", g_variant_new("(i)", 21))).text, "(42,)");
+    EXPECT_EQ(Await(Start(OWN, "Twice", g_variant_new("(s)", "x"))).errorName,
+              "org.freedesktop.DBus.Error.InvalidArgs");
+    const std::string open = "<'" + m_peer.UniqueName() + "'>";
+    EXPECT_EQ(Await(Start(PROPERTIES, "Get", g_variant_new("(ss)", OWN, "Open"))).text,
+              "(" + open + ",)");
+    EXPECT_EQ(Await(Start(PROPERTIES, "GetAll", g_variant_new("(s)", OWN))).text,
+              "({'Open': " + open + "},)");
+    EXPECT_EQ(Await(Start(PROPERTIES, "Get", g_variant_new("(ss)", OWN, "Closed"))).errorName,
+              "org.freedesktop.DBus.Error.AccessDenied");
+    EXPECT_TRUE(m_server->GetCurrentSender().empty());
+}
+
+TEST_F(OwnInterface, CallsMayBeAnsweredLaterAndHoldNobodyUp)
+{
+    ASSERT_TRUE(PumpUntil([&] { return m_server->IsReady(); }));
+    auto later = Start(OWN, "Later");
+    ASSERT_TRUE(PumpUntil([&] { return m_later.size() == 1; }));
+    EXPECT_EQ(Await(Start(OWN, "Twice", g_variant_new("(i)", 1))).text, "(2,)");
+    g_dbus_method_invocation_return_value(m_later[0].release(), g_variant_new("(s)", "late"));
+    EXPECT_EQ(Await(std::move(later)).text, "('late',)");
+
+    // One that is never answered, and a server that goes meanwhile.
+    auto never = Start(OWN, "Later");
+    ASSERT_TRUE(PumpUntil([&] { return m_later.size() == 2; }));
+    m_server.reset();
+    m_later.clear();
+    m_peer.Leave();
+    EXPECT_FALSE(never.get().ok);
+}
+
+TEST_F(OwnInterface, SignalsReachWhoeverListens)
+{
+    ObjectPtr<GDBusConnection> listener(g_dbus_connection_new_for_address_sync(
+        getenv("DBUS_SYSTEM_BUS_ADDRESS"),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, nullptr));
+    std::string heard;
+    const guint id = g_dbus_connection_signal_subscribe(
+        listener.get(), nullptr, OWN, "Told", SERVICE_PATH, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+        [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
+           GVariant* pArguments, gpointer pHeard)
+        {
+            const char* text = nullptr;
+            g_variant_get(pArguments, "(&s)", &text);
+            *static_cast<std::string*>(pHeard) += text;
+        },
+        &heard, nullptr);
+    g_dbus_connection_call_sync(listener.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                "org.freedesktop.DBus", "GetId", nullptr, nullptr,
+                                G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+    const std::string large(qor::TCDbus::MaxPayload() + 1, 'x');
+    EXPECT_FALSE(m_server->EmitSignal(OWN, "Told", g_variant_new("(s)", large.c_str())));
+    EXPECT_TRUE(m_server->EmitSignal(OWN, "Told", g_variant_new("(s)", "news")));
+    EXPECT_TRUE(PumpUntil([&] { return !heard.empty(); }));
+    EXPECT_EQ(heard, "news");
+    g_dbus_connection_signal_unsubscribe(listener.get(), id);
+    g_dbus_connection_close_sync(listener.get(), nullptr, nullptr);
+    listener.reset();
+}
+
+TEST_F(OwnInterface, DescriptionsThatAreNoneAreRefused)
+{
+    for (const char* xml : {"<node", "<node/>",
+                            "<node><interface name='a.b'/>"
+                            "<interface name='a.c'/></node>"})
+    {
+        const auto ignore = [](GDBusMethodInvocation*) {};
+        const std::vector<qor::TSServiceInterface> interfaces = {{xml, ignore, {}}};
+        EXPECT_THROW(qor::TCDbusServer(true, interfaces), std::invalid_argument) << xml;
+    }
+    const std::vector<qor::TSServiceInterface> unheard = {{XML, {}, {}}};
+    EXPECT_THROW(qor::TCDbusServer(true, unheard), std::invalid_argument);
+}
+
+class Methods : public BusTest
+{
+protected:
+    Methods()
+    {
+        m_service.OwnName(SERVICE_NAME);
+    }
+
+    qor::TSMethodResult Call(const char* method, int timeoutMs = -1)
+    {
+        return m_client->CallMethod(OWN, method, g_variant_new("(i)", 7), timeoutMs, {}, false);
+    }
+
+    RawPeer m_service;
+    boost::shared_ptr<qor::IDbusClient> m_client = qor::TCDbusClientProvider::Get(false);
+};
+
+TEST_F(Methods, EndWithWhatWasAnswered)
+{
+    m_service.AnswerMethodsUsing(
+        [](const std::string& method)
+        {
+            return method == "Good"    ? g_variant_new("(s)", "yes")
+                   : method == "Empty" ? g_variant_new_tuple(nullptr, 0)
+                                       : nullptr;
+        });
+    const auto good = Call("Good");
+    EXPECT_EQ(good.m_send.m_status, ESendStatus::ANSWERED_TRUE);
+    EXPECT_EQ(good.m_sender, m_service.UniqueName());
+    ASSERT_TRUE(good.m_pBody);
+    EXPECT_STREQ(g_variant_get_type_string(good.m_pBody.get()), "(s)");
+    EXPECT_STREQ(g_variant_get_type_string(Call("Empty").m_pBody.get()), "()");
+    LogCapture::Clear();
+    const auto refused = Call("Bad");
+    EXPECT_EQ(refused.m_send.m_status, ESendStatus::FAILED);
+    EXPECT_EQ(refused.m_errorName, "com.norvane.qor.Error.NotStored");
+    EXPECT_EQ(refused.m_send.m_text, "com.norvane.qor.Error.NotStored: test");
+    EXPECT_EQ(LogCapture::Count(LOG_ERROR, ""), 0U); // the service has answered
+
+    std::atomic<bool> isTold{false};
+    m_client->CallMethodAsync(
+        OWN, "Good", nullptr, -1, {},
+        [&](const qor::TSMethodResult& result)
+        { isTold = result.m_pBody && result.m_send.m_status == ESendStatus::ANSWERED_TRUE; },
+        nullptr);
+    EXPECT_TRUE(PumpUntil([&] { return isTold.load(); }));
+}
+
+TEST_F(Methods, EndWithReasonsWhereNoAnswerComes)
+{
+    qor::TCCancellation cancelled;
+    cancelled.Cancel();
+    EXPECT_EQ(m_client->CallMethod(OWN, "A", nullptr, -1, cancelled).m_send.m_status,
+              ESendStatus::CANCELLED);
+    const std::string large(qor::TCDbus::MaxPayload() + 1, 'x');
+    EXPECT_EQ(
+        m_client->CallMethod(OWN, "A", g_variant_new("(s)", large.c_str()), -1, {}).m_send.m_status,
+        ESendStatus::TOO_LARGE);
+    m_service.ReleaseName(SERVICE_NAME);
+    const auto nobody = Call("A");
+    EXPECT_EQ(nobody.m_send.m_status, ESendStatus::NO_SERVICE);
+    EXPECT_FALSE(nobody.m_pBody);
+    m_bus.Kill();
+    EXPECT_EQ(Call("A", 1).m_send.m_status, ESendStatus::NO_BUS);
+}
+
+TEST_F(Methods, FetchThePolicy)
+{
+    QORTEST_IN_CHILD({
+        const auto control = qor::api::GetPolicyControl();
+        const std::string policy("<\xff\0/>", 5);
+        m_service.AnswerMethodsUsing(
+            [&](const std::string& method)
+            {
+                return method == "GetPolicyBytes"
+                           ? g_variant_new("(@ay)", g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE,
+                                                                              policy.data(),
+                                                                              policy.size(), 1))
+                           : nullptr;
+            });
+        EXPECT_EQ(control->GetPolicy(0, -1, {}).m_policy, policy);
+        std::string later;
+        control->GetPolicyAsync(
+            3, -1, {}, [&](const qor::TSPolicyText& text) { later = text.m_policy; }, nullptr);
+        EXPECT_TRUE(PumpUntil([&] { return later == policy; }));
+        m_service.AnswerMethodsUsing([](const std::string&) { return g_variant_new("(i)", 1); });
+        const auto strange = control->GetPolicy(0, -1, {});
+        EXPECT_EQ(strange.m_send.m_status, ESendStatus::FAILED);
+        EXPECT_NE(strange.m_send.m_text.find("cannot be read"), std::string::npos);
+        m_service.AnswerMethodsUsing([](const std::string&) -> GVariant* { return nullptr; });
+        EXPECT_EQ(control->GetPolicy(9, -1, {}).m_errorName, qor::ERROR_NOT_STORED);
+    });
+}
+
+} // namespace
