@@ -70,8 +70,7 @@ protected:
     std::unique_ptr<qor::TCDbusServer> m_server;
 };
 
-// The name is asked for when the interface is there: a call that comes with it finds it.
-TEST_F(OwnInterface, IsThereWithTheNameAndKnowsWhoAsks)
+TEST_F(OwnInterface, IsFoundAndKnowsWhoAsks)
 {
     ASSERT_TRUE(WaitUntil(
         [&]
@@ -101,13 +100,19 @@ TEST_F(OwnInterface, CallsMayBeAnsweredLaterAndHoldNobodyUp)
     g_dbus_method_invocation_return_value(m_later[0].release(), g_variant_new("(s)", "late"));
     EXPECT_EQ(Await(std::move(later)).text, "('late',)");
 
-    // One that is never answered, and a server that goes meanwhile.
+    // One that is never answered, and a server that goes meanwhile: the next one has its place,
+    // also where the host keeps the connection.
+    const ObjectPtr<GDBusConnection> shared(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
     auto never = Start(OWN, "Later");
     ASSERT_TRUE(PumpUntil([&] { return m_later.size() == 2; }));
     m_server.reset();
     m_later.clear();
     m_peer.Leave();
     EXPECT_FALSE(never.get().ok);
+    const std::vector<qor::TSServiceInterface> same = {{XML, [](GDBusMethodInvocation*) {}, {}}};
+    m_server = std::make_unique<qor::TCDbusServer>(false, same);
+    EXPECT_TRUE(PumpUntil([&] { return m_server->IsReady(); }));
+    m_server.reset();
 }
 
 TEST_F(OwnInterface, SignalsReachWhoeverListens)
@@ -201,6 +206,9 @@ TEST_F(Methods, EndWithWhatWasAnswered)
         { isTold = result.m_pBody && result.m_send.m_status == ESendStatus::ANSWERED_TRUE; },
         nullptr);
     EXPECT_TRUE(PumpUntil([&] { return isTold.load(); }));
+    const auto calls = m_service.Calls("Good");
+    ASSERT_EQ(calls.size(), 2U);
+    EXPECT_TRUE(!calls[0].mayStart && calls[1].mayStart);
 }
 
 TEST_F(Methods, EndWithReasonsWhereNoAnswerComes)

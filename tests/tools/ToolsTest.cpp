@@ -233,3 +233,50 @@ TEST_F(Tools, ServiceOnAReadOnlyDiskServesWhatCanBeRead)
     Expect(0, "<a/>", "get-policy");
     Expect(0, policy, "status");
 }
+
+TEST_F(Tools, PolicyThatIsChangedByHandIsCheckedAndAnnounced)
+{
+    auto qord = StartQuietQord();
+    auto listener = StartListener();
+    SetPolicy(0, "stored", "<a/>");
+    WriteFile(m_policyFile, "<hand/>");
+    ASSERT_TRUE(qord->WaitForOut("changed by somebody else than this service")) << qord->Err();
+    ASSERT_TRUE(WaitUntil([&] { return CountOf(listener->Out(), " policy-update\n") == 2; }));
+    Expect(0, "by unknown", "status");
+    EXPECT_EQ(qord->Err(), "");
+    WriteFile(m_policyFile, "<hand>");
+    ASSERT_TRUE(WaitUntil([&] { return CountOf(qord->Err(), "no good: line 1, column 7") == 1; }));
+    SetPolicy(0, "stored", "<b/>");
+    boost::filesystem::remove(m_policyFile);
+    ASSERT_TRUE(WaitUntil([&] { return CountOf(qord->Err(), "was taken away") == 1; }));
+    EXPECT_EQ(CountOf(qord->Out(), "somebody else than"), 2U) << qord->Out(); // and not for <b/>
+}
+
+TEST_F(Tools, ServiceThatABusHasStartedWritesToTheSystemsLog)
+{
+    const std::string device = m_directory.Path("dev"), mount = "mount --bind " + device + " /dev";
+    boost::filesystem::create_directory(device);
+    const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    Bind(log, device + "/log");
+    if (RunTool("unshare", {"-m", "bash", "-c", mount}).exitCode != 0)
+    {
+        GTEST_SKIP() << "nothing can be mounted here";
+    }
+    m_options.environment["DBUS_STARTER_BUS_TYPE"] = "system";
+    auto qord =
+        StartTool("unshare",
+                  {"-m", "bash", "-c",
+                   "exec >/dev/null 2>&1; " + mount + "; exec '" QORD "' --policy " + m_policyFile},
+                  m_options);
+    const auto isTold = [&](const std::string& begin)
+    {
+        char line[512]; // the library's lines come here, too
+        const ssize_t size = recv(log, line, sizeof line, MSG_DONTWAIT);
+        return size > 0 && std::string(line, static_cast<std::size_t>(size)).find(begin) == 0;
+    };
+    const std::string qordIs = "qord[" + std::to_string(qord->Pid()) + "]: ";
+    EXPECT_TRUE(WaitUntil([&] { return isTold("<30>" + qordIs + "ready as "); }));
+    SetPolicy(1, "not well-formed", "<a>");
+    EXPECT_TRUE(WaitUntil([&] { return isTold("<27>" + qordIs + "a policy of 3 bytes"); }));
+    close(log);
+}

@@ -245,7 +245,7 @@ GVariant* TCPolicyFacts::m_OfService(const std::string& name, qor::TCDbusServer&
     for (GVariant* pValue : {smallNumber("ProcessId", static_cast<std::size_t>(getpid())),
                              number("UpSince", static_cast<std::uint64_t>(m_upSince)),
                              smallNumber("PoliciesKept", m_options.m_storeRules.m_copies),
-                             smallNumber("Clients", server.NumberOfClients()),
+                             smallNumber("Clients", server.Clients().size()),
                              number("PoliciesStored", m_handler.NumberOfStored()),
                              number("PoliciesRefused", m_handler.NumberOfRefused()),
                              number("EventsDelivered", m_events.NumberOfDelivered()),
@@ -307,6 +307,7 @@ GVariant* TCPolicyFacts::Clients(qor::TCDbusServer& server)
     return g_variant_builder_end(&builder);
 }
 
+// NumberOfClients would write a line each time, and this is told again and again.
 std::string TCPolicyFacts::Summary(qor::TCDbusServer& server)
 {
     const TSInForce& inForce = m_Look();
@@ -314,7 +315,7 @@ std::string TCPolicyFacts::Summary(qor::TCDbusServer& server)
         inForce.m_isThere ? "a policy of " + std::to_string(inForce.m_file.st_size) + " bytes"
                           : "no policy yet";
     return policy + (inForce.m_isThere && !inForce.m_isGood ? " that is no good, " : ", ") +
-           std::to_string(server.NumberOfClients()) + " clients";
+           std::to_string(server.Clients().size()) + " clients";
 }
 
 } // namespace qord

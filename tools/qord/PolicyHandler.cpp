@@ -135,18 +135,39 @@ void TCPolicyHandler::Open()
     {
         ReportError("beside the policy, not all is well: %s", warning.c_str());
     }
+    m_CheckInForce();
+    m_history.Load(m_store);
+}
+
+void TCPolicyHandler::LookAtForeignPolicy()
+{
+    const std::string hash = m_CheckInForce();
+    const bool isThere = !hash.empty();
+    ReportWithFields(!isThere, {"QOR_POLICY_SHA256=" + hash},
+                     isThere ? "the policy was changed by somebody else than this service; it is "
+                               "not known who (SHA-256 " +
+                                   hash + ")"
+                             : "the policy was taken away, or made unreadable, by somebody else "
+                               "than this service; it is not known who");
+}
+
+// The hash of what is in force; empty where that cannot be read, or is not there.
+std::string TCPolicyHandler::m_CheckInForce()
+{
     std::string policy;
-    error.clear();
-    if (m_store.Read(0, policy, m_maxPolicySize, error) &&
+    std::string error;
+    const bool isRead = m_store.Read(0, policy, m_maxPolicySize, error);
+    const std::string hash = isRead ? tools::Sha256(policy) : "";
+    if (isRead &&
         tools::CheckPolicyXml(policy, error, tools::POLICY_CHECK_MEMORY) == qor::POLICY_STORED)
     {
-        m_knownGood = tools::Sha256(policy);
+        m_knownGood = hash;
     }
     if (!error.empty())
     {
         ReportError("the policy in force is no good: %s", error.c_str());
     }
-    m_history.Load(m_store);
+    return hash;
 }
 
 bool TCPolicyHandler::Handle(const qor::TByteArray& request, const TSAsker& asker,

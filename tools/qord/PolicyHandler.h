@@ -52,6 +52,9 @@ public:
     /// @throws std::runtime_error where no policy could ever be stored
     void Open();
 
+    /// Says what somebody else has put into force, and what is wrong with it.
+    void LookAtForeignPolicy();
+
     /// @return false for a request that is not a policy; else the answer, one of
     ///         qor::EPolicyResult, is in reply and result
     bool Handle(const qor::TByteArray& request, const TSAsker& asker, qor::TByteArray& reply,
@@ -100,6 +103,7 @@ public:
 private:
     class TCAttempt;
 
+    std::string m_CheckInForce();
     int m_Decide(const TCAttempt& attempt, const std::optional<std::string>& ifMatch);
     int m_CheckAndStore(const TCAttempt& attempt);
     int m_Store(const TCAttempt& attempt);

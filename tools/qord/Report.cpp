@@ -3,6 +3,8 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -11,20 +13,37 @@
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "qord/Journal.h"
+#include "qord/Syslog.h"
 
 namespace qord
 {
 namespace
 {
 
+// A bus that starts services itself gives them no place for their lines.
+const bool g_isStartedByBus = std::getenv("DBUS_STARTER_BUS_TYPE") != nullptr;
+
+bool IsNullDevice(int descriptor)
+{
+    struct stat status = {};
+    return fstat(descriptor, &status) == 0 && S_ISCHR(status.st_mode) &&
+           status.st_rdev == makedev(1, 3);
+}
+
 // Where lines of one kind go.
 class TCStream
 {
 public:
-    TCStream(int descriptor, int priority) : m_descriptor(descriptor), m_priority(priority) {}
+    TCStream(int descriptor, int priority)
+        : m_descriptor(descriptor),
+          m_priority(priority),
+          m_isForNobody(g_isStartedByBus && IsNullDevice(descriptor))
+    {
+    }
 
     void Write(const std::string& line, const std::vector<std::string>& fields = {})
     {
@@ -41,8 +60,12 @@ private:
     bool m_Take(const std::string& line, const std::vector<std::string>& fields,
                 bool isUnderJournal) const
     {
-        return isUnderJournal ? WriteToJournal(m_priority, line, fields)
-                              : m_TakeText(("qord: " + line).substr(0, PIPE_BUF - 1) + '\n');
+        if (isUnderJournal)
+        {
+            return WriteToJournal(m_priority, line, fields);
+        }
+        return m_isForNobody ? WriteToSyslog(m_priority, line)
+                             : m_TakeText(("qord: " + line).substr(0, PIPE_BUF - 1) + '\n');
     }
 
     // A pipe that can be written to takes so much in one piece, without waiting.
@@ -63,6 +86,7 @@ private:
 
     int m_descriptor;
     int m_priority;
+    bool m_isForNobody;
     unsigned int m_dropped = 0;
 };
 

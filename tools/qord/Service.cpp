@@ -47,6 +47,7 @@ TCService::TCService(const TSOptions& options)
 
 TCService::~TCService()
 {
+    m_policyWatch.reset();
     m_watchdog.reset();
     m_server.reset();
     if (m_startAnnouncement != 0)
@@ -152,6 +153,9 @@ bool TCService::m_Begin()
         ReportError("there is no group %s whose members could change the policy",
                     tools::Printable(group).c_str());
     }
+    m_mark = MarkOfPolicyInForce(m_handler.Store());
+    m_policyWatch =
+        std::make_unique<TCPolicyWatch>(m_options.m_policyFile, [this] { m_FileChanged(); });
     m_isReady = true;
     Report("ready as %s (%s), policy file %s", tools::ServiceName(m_options.m_testNames),
            m_server->GetUniqueName().c_str(), m_options.m_policyFile.c_str());
@@ -232,11 +236,23 @@ bool TCService::m_SetPolicy(const qor::TByteArray& request, qor::TByteArray& rep
 // begins when the context comes round again, after the reply.
 void TCService::m_AnnounceAfterReply()
 {
+    m_mark = MarkOfPolicyInForce(m_handler.Store());
     if (!m_isAnnouncementDue)
     {
         m_isAnnouncementDue = true;
         g_idle_add_full(G_PRIORITY_DEFAULT, m_AnnouncePolicy, this, nullptr);
     }
+}
+
+// The service's own changes come here as well.
+void TCService::m_FileChanged()
+{
+    if (m_isStopping || MarkOfPolicyInForce(m_handler.Store()) == m_mark)
+    {
+        return;
+    }
+    m_handler.LookAtForeignPolicy();
+    m_AnnounceAfterReply();
 }
 
 void TCService::m_AnnounceWhatIsDue()

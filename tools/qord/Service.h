@@ -15,6 +15,7 @@
 #include "qord/PolicyFacts.h"
 #include "qord/PolicyHandler.h"
 #include "qord/PolicyInterface.h"
+#include "qord/PolicyWatch.h"
 #include "qord/StopSignals.h"
 #include "qord/Watchdog.h"
 
@@ -48,6 +49,7 @@ private:
     TSAsker m_Asker();
     bool m_SetPolicy(const qor::TByteArray& request, qor::TByteArray& reply) noexcept;
     void m_AnnounceAfterReply();
+    void m_FileChanged();
     void m_AnnounceWhatIsDue();
 
     static int m_SayNothingToReload(void* pService);
@@ -68,10 +70,12 @@ private:
     bool m_isStopping = false;
     int m_exitStatus = 0;
     bool m_isAnnouncementDue = false;
+    std::string m_mark;                   ///< Of the policy that was known to be in force last.
     unsigned int m_startAnnouncement = 0; ///< Source; 0 when it has run.
     std::vector<unsigned int> m_sources;
     std::unique_ptr<qor::TCDbusServer> m_server;
     std::unique_ptr<TCWatchdog> m_watchdog;
+    std::unique_ptr<TCPolicyWatch> m_policyWatch;
 };
 
 } // namespace qord
