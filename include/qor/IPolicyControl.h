@@ -17,7 +17,7 @@ namespace qor
 struct TSPolicyResult
 {
     /// What became of the message. FAILED with the code of G_IO_ERROR_INVALID_DATA is an answer
-    /// that cannot be read, of a process with another word size, say: the text says why.
+    /// that cannot be read, one of a newer archive format, say: the text says why.
     TSSendResult m_send;
 
     /// The service's result code where the message was ANSWERED_TRUE; otherwise -1. The codes of

@@ -46,7 +46,8 @@ enum class EPolicyRequest
 /// @param policy  the text, byte by byte; may be empty
 QOR_API void WritePolicyRequest(const std::string& policy, TByteArray& request);
 
-/// Reads the payload of SET_POLICY. The bytes may be anybody's: nothing that they claim is believed
+/// Reads the payload of SET_POLICY, of a 32-bit or a 64-bit process with this machine's byte order
+/// and with any version of Boost. The bytes may be anybody's: nothing that they claim is believed
 /// before it has been compared with what has come, and no memory is taken that grows with them.
 ///
 /// @param policy   the text, inside the request's bytes; untouched unless the result is GOOD
@@ -59,19 +60,29 @@ QOR_API EPolicyRequest ReadPolicyRequest(const TByteArray& request, std::string_
                                          std::string& error,
                                          std::size_t maxSize = static_cast<std::size_t>(-1));
 
-/// Replaces reply by the answer to SET_POLICY.
+/// Replaces reply by the answer to SET_POLICY, for clients of this process's own word size and
+/// version of Boost. A service rather gives the request with it, see below.
 ///
 /// @param result  one of EPolicyResult, or a code of the service's own
 QOR_API void WritePolicyReply(int result, TByteArray& reply);
 
-/// Reads the answer to SET_POLICY. Whatever the bytes are, it takes a small multiple of their
-/// memory.
+/// Replaces reply by the answer to a request: in the word size and archive version of its sender,
+/// who need not be able to read any others. Where the request does not begin with the header of an
+/// archive, the answer is in this process's own.
+///
+/// @param result   one of EPolicyResult, or a code of the service's own
+/// @param request  the payload of SET_POLICY; only its header is looked at, and it may be the same
+///                 array as reply
+QOR_API void WritePolicyReply(int result, const TByteArray& request, TByteArray& reply);
+
+/// Reads the answer to SET_POLICY, of a 32-bit or a 64-bit process. Whatever the bytes are, it
+/// takes a small multiple of their memory.
 ///
 /// @return the service's result code
 ///
 /// @throws boost::archive::archive_exception for an answer that cannot be read: an empty one (which
 ///         is also reported through TCDebug::Assert), one that is cut short or no archive, and one
-///         of a process with another word size or a newer archive format
+///         of a newer archive format
 QOR_API int ReadPolicyReply(const TByteArray& reply);
 
 /// The size of the largest text, in bytes, that fits into one bus message.

@@ -1,8 +1,6 @@
-// What the service is made of: requests, and their XML.
-#include <cstring>
+// What the service is made of: the check of XML.
 #include <random>
 
-#include <boost/archive/archive_exception.hpp>
 #include <gtest/gtest.h>
 #include <libxml/parser.h>
 
@@ -10,48 +8,6 @@
 #include <qor/PolicyMessage.h>
 
 using namespace std::string_literals;
-
-TEST(PolicyMessage, AnythingButOneWholeTextIsRefused)
-{
-    using qor::EPolicyRequest;
-    std::string_view policy;
-    std::string error;
-    qor::TByteArray request;
-    const std::string text = std::string("a\0b\xff\n", 5) + std::string(5 << 20, 'x');
-    qor::WritePolicyRequest(text, request);
-    EXPECT_EQ(qor::ReadPolicyRequest(request, policy, error, text.size()), EPolicyRequest::GOOD);
-    EXPECT_TRUE(policy == text);
-    const auto isRefused = [&](const qor::TByteArray& bytes, EPolicyRequest reason)
-    {
-        policy = "untouched";
-        return qor::ReadPolicyRequest(bytes, policy, error, 9) == reason && policy == "untouched";
-    };
-    EXPECT_TRUE(isRefused(request, EPolicyRequest::TOO_LARGE));
-    request.push_back('x');
-    EXPECT_TRUE(isRefused(request, EPolicyRequest::NOT_A_POLICY));
-    qor::WritePolicyRequest("<policy/>", request);
-    const std::size_t lengthAt = request.size() - strlen("<policy/>") - sizeof(std::size_t);
-    EXPECT_TRUE(isRefused(qor::TByteArray(4096, 0), EPolicyRequest::NOT_A_POLICY));
-    for (std::size_t size = 0; size < request.size(); ++size)
-    {
-        const qor::TByteArray part(request.begin(), request.begin() + static_cast<long>(size));
-        EXPECT_TRUE(isRefused(part, EPolicyRequest::NOT_A_POLICY)) << size;
-    }
-    // Whoever allocates a declared length throws, or is ended by a sanitizer.
-    for (const std::size_t length : {std::size_t(8), ~std::size_t(0) / 3, ~std::size_t(0)})
-    {
-        qor::TByteArray changed = request;
-        std::memcpy(changed.data() + lengthAt, &length, sizeof length);
-        EXPECT_TRUE(isRefused(changed, EPolicyRequest::NOT_A_POLICY)) << length;
-        std::memcpy(changed.data(), &length, sizeof length); // of the archive's signature
-        EXPECT_TRUE(isRefused(changed, EPolicyRequest::NOT_A_POLICY)) << length;
-    }
-    const auto high = request.begin() + 4; // the length as the other word size has it
-    sizeof lengthAt == 8 ? request.erase(high, high + 4) : request.insert(high, 4, '\0');
-    EXPECT_TRUE(isRefused(request, EPolicyRequest::NOT_A_POLICY));
-    EXPECT_NE(error.find("another word size"), std::string::npos) << error;
-    EXPECT_THROW(qor::ReadPolicyReply(request), boost::archive::archive_exception);
-}
 
 static int Check(const std::string& text, std::string& error, std::size_t memory = 4 << 20)
 {

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <sstream>
 #include <streambuf>
-#include <type_traits>
+#include <utility>
 
 #include <boost/archive/archive_exception.hpp>
 #include <boost/archive/basic_archive.hpp>
@@ -15,6 +15,8 @@
 
 #include <qor/QORDbus.h>
 #include <qor/QORIpcSerializationUtil.h>
+
+#include "QORArchiveHeader.h"
 
 namespace qor
 {
@@ -27,8 +29,8 @@ using boost::archive::archive_exception;
 // More than what an archive writes beside a string's bytes: its own header and the string's length.
 constexpr std::size_t ARCHIVE_ROOM = 64;
 
-// The two below let an archive work on a byte array itself. A policy may be large, and a string
-// stream would hold it twice more on the way.
+// Lets an archive write into a byte array itself. A policy may be large, and a string stream would
+// hold it twice more on the way.
 class TCByteArrayWriter : public std::streambuf
 {
 public:
@@ -54,62 +56,27 @@ private:
     TByteArray& m_bytes;
 };
 
-class TCByteArrayReader : public std::streambuf
+// As the archive class reads one of its own word size.
+int ReadIntegerOfOtherWordSize(const TByteArray& archive)
 {
-public:
-    explicit TCByteArrayReader(const TByteArray& bytes)
+    TSArchiveHeader header;
+    const std::string error = ReadArchiveHeader(archive, header);
+    if (!error.empty())
     {
-        // It is not written to: a buffer without a put area takes nothing.
-        char* pBytes = reinterpret_cast<char*>(const_cast<unsigned char*>(bytes.data()));
-        setg(pBytes, pBytes, pBytes + bytes.size());
+        throw archive_exception(archive_exception::incompatible_native_format, error.c_str());
     }
-
-    std::size_t Remaining() const
+    const auto newest = boost::archive::BOOST_ARCHIVE_VERSION();
+    if (header.m_version > newest)
     {
-        return static_cast<std::size_t>(egptr() - gptr());
+        throw archive_exception(archive_exception::unsupported_version);
     }
-};
-
-template <class TLength>
-bool OpensWithSignature(const TByteArray& bytes)
-{
-    const std::string signature = boost::archive::BOOST_ARCHIVE_SIGNATURE();
-    TLength length = 0;
-    if (bytes.size() < sizeof length + signature.size())
+    std::int32_t value = 0;
+    if (archive.size() < header.m_size + sizeof value)
     {
-        return false;
+        throw archive_exception(archive_exception::input_stream_error);
     }
-    std::memcpy(&length, bytes.data(), sizeof length);
-    return length == signature.size() &&
-           std::memcmp(bytes.data() + sizeof length, signature.data(), signature.size()) == 0;
-}
-
-// An archive begins with its signature as a string, and the archive class allocates whatever length
-// that string declares. So this is looked at before the class sees the bytes.
-void CheckSignature(const TByteArray& bytes)
-{
-    using TForeignLength =
-        std::conditional_t<sizeof(std::size_t) == 8, std::uint32_t, std::uint64_t>;
-    if (OpensWithSignature<std::size_t>(bytes))
-    {
-        return;
-    }
-    if (OpensWithSignature<TForeignLength>(bytes))
-    {
-        throw archive_exception(archive_exception::incompatible_native_format,
-                                "written by a process of another word size");
-    }
-    throw archive_exception(archive_exception::invalid_signature);
-}
-
-// Positions the reader behind the archive's header and the text's length.
-std::size_t ReadTextLength(const TByteArray& request, TCByteArrayReader& reader)
-{
-    CheckSignature(request);
-    boost::archive::binary_iarchive archive(reader);
-    std::size_t length = 0;
-    archive.load_binary(&length, sizeof length);
-    return length;
+    std::memcpy(&value, archive.data() + header.m_size, sizeof value);
+    return value;
 }
 
 } // namespace
@@ -126,31 +93,34 @@ void WritePolicyRequest(const std::string& policy, TByteArray& request)
 EPolicyRequest ReadPolicyRequest(const TByteArray& request, std::string_view& policy,
                                  std::string& error, std::size_t maxSize)
 {
-    TCByteArrayReader reader(request);
-    std::size_t length = 0;
-    try
+    TSArchiveHeader header;
+    std::string whyNot = ReadArchiveHeader(request, header);
+    if (!whyNot.empty())
     {
-        length = ReadTextLength(request, reader);
-    }
-    catch (const archive_exception& exception)
-    {
-        error = exception.what();
+        error = std::move(whyNot);
         return EPolicyRequest::NOT_A_POLICY;
     }
-    if (length != reader.Remaining())
+    const std::size_t textAt = header.m_size + header.m_wordSize;
+    if (request.size() < textAt)
+    {
+        error = "it ends within the length of its text";
+        return EPolicyRequest::NOT_A_POLICY;
+    }
+    const std::uint64_t length = ReadArchivedLength(request, header.m_size, header.m_wordSize);
+    const std::size_t carried = request.size() - textAt;
+    if (length != carried)
     {
         error = "it declares " + std::to_string(length) + " bytes of text and carries " +
-                std::to_string(reader.Remaining());
+                std::to_string(carried);
         return EPolicyRequest::NOT_A_POLICY;
     }
-    if (length > maxSize)
+    if (carried > maxSize)
     {
-        error = "its " + std::to_string(length) + " bytes are more than the " +
+        error = "its " + std::to_string(carried) + " bytes are more than the " +
                 std::to_string(maxSize) + " that are accepted";
         return EPolicyRequest::TOO_LARGE;
     }
-    policy = std::string_view(
-        reinterpret_cast<const char*>(request.data() + request.size() - length), length);
+    policy = std::string_view(reinterpret_cast<const char*>(request.data() + textAt), carried);
     return EPolicyRequest::GOOD;
 }
 
@@ -162,11 +132,38 @@ void WritePolicyReply(int result, TByteArray& reply)
     archive << result;
 }
 
+void WritePolicyReply(int result, const TByteArray& request, TByteArray& reply)
+{
+    TSArchiveHeader header;
+    if (!ReadArchiveHeader(request, header).empty())
+    {
+        WritePolicyReply(result, reply);
+        return;
+    }
+    // The two arrays may be one.
+    TByteArray written(request.begin(),
+                       request.begin() + static_cast<std::ptrdiff_t>(header.m_size));
+    const auto value = static_cast<std::int32_t>(result);
+    const auto* pValue = reinterpret_cast<const unsigned char*>(&value);
+    written.insert(written.end(), pValue, pValue + sizeof value);
+    reply = std::move(written);
+}
+
 int ReadPolicyReply(const TByteArray& reply)
 {
     std::stringstream stream;
     TCIpcSerializationUtil::ConvertData(reply, stream);
-    CheckSignature(reply);
+    // The archive class allocates whatever length the signature declares, so this is looked at
+    // before the class sees the bytes.
+    const std::size_t wordSize = ArchiveWordSize(reply);
+    if (wordSize == 0)
+    {
+        throw archive_exception(archive_exception::invalid_signature);
+    }
+    if (wordSize != sizeof(std::size_t))
+    {
+        return ReadIntegerOfOtherWordSize(reply);
+    }
     boost::archive::binary_iarchive archive(stream);
     int result = 0;
     archive >> result;
