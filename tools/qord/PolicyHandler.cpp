@@ -181,7 +181,7 @@ bool TCPolicyHandler::Handle(const qor::TByteArray& request, const TSAsker& aske
         return false;
     }
     result = m_Decide(attempt, std::nullopt);
-    qor::WritePolicyReply(result, reply);
+    qor::WritePolicyReply(result, request, reply);
     return true;
 }
 
