@@ -51,7 +51,7 @@ std::string WhyNot(const qor::TSSendResult& result)
     case qor::ESendStatus::ANSWERED_TRUE:
         return "the service's answer cannot be read";
     case qor::ESendStatus::ANSWERED_FALSE:
-        return "the service could not take the request";
+        return "the service could not take the request; its log says why";
     case qor::ESendStatus::NO_SERVICE:
         return WhyNobody(result);
     case qor::ESendStatus::NO_ANSWER:
