@@ -56,7 +56,7 @@ private:
         if (!MayChange(peer))
         {
             std::cerr << "user " << peer.m_userId << " may not" << std::endl;
-            qor::WritePolicyReply(qor::POLICY_NOT_PERMITTED, reply);
+            qor::WritePolicyReply(qor::POLICY_NOT_PERMITTED, request, reply);
             return true;
         }
         std::string_view policy;
@@ -67,7 +67,7 @@ private:
             return false;
         }
         std::cout << "a policy of " << policy.size() << " bytes" << std::endl;
-        qor::WritePolicyReply(qor::POLICY_STORED, reply);
+        qor::WritePolicyReply(qor::POLICY_STORED, request, reply);
         // After the reply: a client that waits for one is not called.
         m_isDue = true;
         g_idle_add([](void* pThis) { return static_cast<Service*>(pThis)->AnnounceWhatIsDue(); },

@@ -34,35 +34,44 @@ EVENT_NAMES = {POLICY_UPDATE: "policy-update", REQUEST_PROCESS_INFO: "process-in
 
 SIGNATURE = b"serialization::archive"
 ARCHIVE_VERSION = 17  # readers take their own version and every older one
-# The sizes of the types int, long, float and double, and the number 1, which shows the byte order.
-ARCHIVE_LAYOUT = bytes(struct.calcsize(c) for c in "ilfd") + struct.pack("=i", 1)
+WORDS = {4: "=I", 8: "=Q"}  # of a 32-bit and of a 64-bit process
 
 
 class ProtocolError(Exception):
     """Bytes that do not follow the protocol."""
 
 
-def archive_header():
-    return (struct.pack("@N", len(SIGNATURE)) + SIGNATURE +
-            struct.pack("<H", ARCHIVE_VERSION) + ARCHIVE_LAYOUT)
+class Archives:
+    """Those that a process writes and reads whose words have so many bytes."""
 
+    def __init__(self, word_size):
+        self.word = WORDS[word_size]
+        # The sizes of int, long, float and double, and the number 1, which shows the byte order.
+        self.layout = bytes((4, word_size, 4, 8)) + struct.pack("=i", 1)
+        self.header = (struct.pack(self.word, len(SIGNATURE)) + SIGNATURE +
+                       struct.pack("<H", ARCHIVE_VERSION) + self.layout)
 
-def read_archived_int(data):
-    header = archive_header()
-    version = len(header) - len(ARCHIVE_LAYOUT) - 2
-    if len(data) < len(header) + 4:
-        raise ProtocolError("an answer of %d bytes is too short for an integer" % len(data))
-    if data[:version] != header[:version] or data[version + 2:len(header)] != ARCHIVE_LAYOUT:
-        raise ProtocolError("an answer that is not an archive of this kind of machine")
-    return struct.unpack_from("<i", data, len(header))[0]
+    def write_int(self, number):
+        return self.header + struct.pack("<i", number)
 
+    def write_text(self, text):
+        return self.header + struct.pack(self.word, len(text)) + text
 
-def read_archived_text(data, offset):
-    """The text at an offset; it must be the last value of the archive."""
-    start = offset + struct.calcsize("@N")
-    if len(data) < start or struct.unpack_from("@N", data, offset)[0] != len(data) - start:
-        raise ProtocolError("an answer whose text is not as long as it says")
-    return data[start:]
+    def read_int(self, data):
+        version = len(self.header) - len(self.layout) - 2
+        if len(data) < len(self.header) + 4:
+            raise ProtocolError("an answer of %d bytes is too short for an integer" % len(data))
+        if (data[:version] != self.header[:version] or
+                data[version + 2:len(self.header)] != self.layout):
+            raise ProtocolError("an answer that is not an archive of this kind of process")
+        return struct.unpack_from("<i", data, len(self.header))[0]
+
+    def read_text(self, data, offset):
+        """The text at an offset; it must be the last value of the archive."""
+        start = offset + struct.calcsize(self.word)
+        if len(data) < start or struct.unpack_from(self.word, data, offset)[0] != len(data) - start:
+            raise ProtocolError("an answer whose text is not as long as it says")
+        return data[start:]
 
 
 def envelope(message, archive):
@@ -70,19 +79,12 @@ def envelope(message, archive):
     return struct.pack("<i?", message, is_async) + archive
 
 
-def set_policy_request(text):
-    return envelope(SET_POLICY, archive_header() + struct.pack("@N", len(text)) + text)
-
-
-def get_policy_request(number):
-    return envelope(GET_POLICY, archive_header() + struct.pack("<i", number))
-
-
 class Client:
     def __init__(self, arguments):
         suffix = "Test" if arguments.test_bus_names else ""
         self.service = INTERFACE + suffix
         self.path = PATH + suffix
+        self.archives = Archives(arguments.word_size)
         self.show_bytes = arguments.show_bytes
         self.result_of_events = not arguments.refuse
         self.events_left = arguments.listen
@@ -105,10 +107,10 @@ class Client:
 
     def set_policy(self, text):
         """Gives back the service's result code; None if the service could not take the request."""
-        answer = self.call("Send", set_policy_request(text))
+        answer = self.call("Send", envelope(SET_POLICY, self.archives.write_text(text)))
         if not answer:
             raise ProtocolError("an empty answer")
-        return read_archived_int(answer[1:]) if answer[0] else None
+        return self.archives.read_int(answer[1:]) if answer[0] else None
 
     def ask(self, request):
         """Gives back the archive of the answer."""
@@ -119,12 +121,14 @@ class Client:
 
     def get_policy(self, number):
         """Gives back the service's code and the text; 0 is the number of the policy in force."""
-        archive = self.ask(get_policy_request(number))
-        return read_archived_int(archive), read_archived_text(archive, len(archive_header()) + 4)
+        archive = self.ask(envelope(GET_POLICY, self.archives.write_int(number)))
+        text = self.archives.read_text(archive, len(self.archives.header) + 4)
+        return self.archives.read_int(archive), text
 
     def get_status(self):
         """Gives back the service's JSON text."""
-        return read_archived_text(self.ask(envelope(GET_STATUS, b"")), len(archive_header()))
+        return self.archives.read_text(self.ask(envelope(GET_STATUS, b"")),
+                                       len(self.archives.header))
 
     def listen(self):
         """Makes events reach this process: exports the object and announces the types."""
@@ -173,6 +177,8 @@ def parse_arguments():
     parser.add_argument("--status", action="store_true", help="print what the service tells")
     parser.add_argument("--refuse", action="store_true", help="answer events with a false result")
     parser.add_argument("--show-bytes", action="store_true", help="print every envelope in hex")
+    parser.add_argument("--word-size", type=int, choices=WORDS, default=struct.calcsize("@N"),
+                        help="speak as a process whose words have so many bytes; default: its own")
     parser.add_argument("--test-bus-names", action="store_true",
                         help="use the bus names meant for tests")
     arguments = parser.parse_args()
