@@ -126,6 +126,7 @@ private:
     std::shared_ptr<TCDbusPending> m_pPending; ///< Asynchronous calls.
     std::unique_ptr<TCDbusStates> m_pStates;   ///< Observers.
     // Set when the start has succeeded, once:
+    TGlibPtr<GDBusMessage> m_pSend;           ///< What every Send is a copy of.
     std::unique_ptr<TCDbusTimer> m_pRecovery; ///< Due when the bus is to be looked for.
     std::unique_ptr<TCDbusTimer> m_pNews;     ///< Due when observers have been added.
     std::shared_ptr<TCDbusRegistration> m_pRegistration;

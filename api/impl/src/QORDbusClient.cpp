@@ -46,6 +46,7 @@ TCDbusClient::~TCDbusClient()
     MakeAnew(m_pHangUp);
     MakeAnew(m_pPending);
     MakeAnew(m_pStates);
+    MakeAnew(m_pSend);
     MakeAnew(m_pRecovery);
     MakeAnew(m_pNews);
     MakeAnew(m_pRegistration);
@@ -60,6 +61,8 @@ bool TCDbusClient::t_Start()
     {
         return false;
     }
+    m_pSend.reset(
+        g_dbus_message_new_method_call(t_busName, t_objectPath, t_interfaceName, t_dbusSendMethod));
     m_pRecovery = std::make_unique<TCDbusTimer>(
         t_pMainContext.get(), &TCDbusEntry::RunMember<TCDbusClient, &TCDbusClient::m_Recover>,
         t_NewUserData(), RELEASE_DBUS_LINK);

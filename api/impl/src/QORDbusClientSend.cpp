@@ -199,11 +199,14 @@ bool TCDbusClient::m_SendAndForget(const TSessionPtr& session, int type, const T
     return true;
 }
 
+// GLib checks each header that is set, and none that is copied.
 TGlibPtr<GDBusMessage> TCDbusClient::m_NewSend(int type, bool isAsync, const TByteArray& data) const
 {
     GVariant* pRequest = nullptr;
     t_ConvertBytes(type, isAsync, data, pRequest);
-    return m_NewMethodCall(t_interfaceName, t_dbusSendMethod, pRequest);
+    TGlibPtr<GDBusMessage> pCall(g_dbus_message_copy(m_pSend.get(), nullptr));
+    g_dbus_message_set_body(pCall.get(), pRequest);
+    return pCall;
 }
 
 // Takes over floating arguments.
