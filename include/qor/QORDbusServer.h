@@ -147,8 +147,8 @@ private:
     void m_ForgetClients(const std::vector<std::string>& names) QOR_EXCLUDES(t_stateMutex);
 
     TEventPtr m_NewEvent(int type, const TByteArray& data, int timeout) const;
-    bool m_Send(const TEventPtr& pEvent, const std::vector<std::string>* pClients)
-        QOR_EXCLUDES(t_stateMutex);
+    bool m_Choose(const TEventPtr& pEvent, const std::vector<std::string>* pClients,
+                  std::list<TSAsyncMessage>& calls) QOR_EXCLUDES(t_stateMutex);
     void m_SendAndTell(int type, const TByteArray& data, int timeout,
                        const std::vector<std::string>* pClients, const TEventDone& onDone);
     void m_AddCall(const TEventPtr& pEvent, const TSClient& client,

@@ -2,7 +2,6 @@
 #include <qor/QORDbusServer.h>
 
 #include <algorithm>
-#include <future>
 #include <set>
 #include <utility>
 
@@ -35,13 +34,15 @@ std::pair<std::size_t, std::size_t> TCDbusServer::SendMessage(int type, const TB
         return {0, 0};
     }
     const TEventPtr pEvent = m_NewEvent(type, data, timeout);
-    const auto pEnd = std::make_shared<std::promise<void>>();
-    pEvent->m_onDone = [pEnd](const TEventPtr&) { pEnd->set_value(); };
-    if (!m_Send(pEvent, nullptr))
+    TCEventDelivery::TCalls calls;
+    if (!m_Choose(pEvent, nullptr, calls))
     {
         return {0, 0};
     }
-    pEnd->get_future().wait();
+    if (!calls.empty())
+    {
+        m_pDelivery->DeliverAndWait(pEvent, std::move(calls)); // without the lock: it sends
+    }
     const auto succeeded = static_cast<std::size_t>(std::count_if(
         pEvent->m_deliveries.begin(), pEvent->m_deliveries.end(),
         [](const TSDelivery& delivery) { return delivery.m_outcome == EDelivery::DELIVERED; }));
@@ -80,7 +81,12 @@ void TCDbusServer::m_SendAndTell(int type, const TByteArray& data, int timeout,
     const TEventPtr pEvent = m_NewEvent(type, data, timeout);
     pEvent->m_onTold = onDone;
     pEvent->m_onDone = [this](const TEventPtr& pDone) { m_pDelivery->TellDone(pDone); };
-    if (!m_Send(pEvent, pClients))
+    TCEventDelivery::TCalls calls;
+    if (m_Choose(pEvent, pClients, calls) && !calls.empty())
+    {
+        m_pDelivery->Deliver(pEvent, std::move(calls));
+    }
+    else
     {
         m_pDelivery->TellDone(pEvent);
     }
@@ -101,10 +107,10 @@ TCDbusServer::TEventPtr TCDbusServer::m_NewEvent(int type, const TByteArray& dat
     return pEvent;
 }
 
-// Chooses the clients and hands their calls to the loop thread. False where there is nobody.
-bool TCDbusServer::m_Send(const TEventPtr& pEvent, const std::vector<std::string>* pClients)
+// False where there is nobody. Who cannot be called has an outcome, and no call.
+bool TCDbusServer::m_Choose(const TEventPtr& pEvent, const std::vector<std::string>* pClients,
+                            std::list<TSAsyncMessage>& calls)
 {
-    TCEventDelivery::TCalls calls;
     const TSharedLock lock(t_stateMutex);
     if (!t_isReady || (m_clients.empty() && pClients == nullptr))
     {
@@ -131,14 +137,6 @@ bool TCDbusServer::m_Send(const TEventPtr& pEvent, const std::vector<std::string
             }
             m_AddCall(pEvent, found->second, calls);
         }
-    }
-    if (calls.empty())
-    {
-        pEvent->m_onDone(pEvent);
-    }
-    else
-    {
-        m_pDelivery->Deliver(pEvent, std::move(calls));
     }
     return true;
 }
@@ -183,7 +181,7 @@ void TCDbusServer::m_HandleNews()
     m_ForgetClients(news.m_gone);
     for (const TEventPtr& pEvent : news.m_done)
     {
-        TEventDone told; // goes here: the event's last holder may be the loop thread
+        TEventDone told; // goes here: the event's last holder may be another thread
         told.swap(pEvent->m_onTold);
         if (told)
         {

@@ -31,14 +31,15 @@ struct TSEvent
     TGlibPtr<GVariant> m_pEnvelope;
     std::vector<TSDelivery> m_deliveries;
     TCDbusServer::TEventDone m_onTold; // the service's function; for the main context
-    // From here on the loop thread's:
+    // From here on for the turns of the delivery:
     std::size_t m_open = 0; // calls that have no outcome
     std::function<void(const std::shared_ptr<TSEvent>&)> m_onDone;
+    bool m_isOver = false; // for a thread that waits; under the mutex of the delivery's inbox
 };
 using TSEventPtr = std::shared_ptr<TSEvent>;
 
 // An outgoing call: from when it is posted until it is answered, which may be long after its
-// timeout. Like everything below, it is touched by the loop thread only.
+// timeout. Like everything below, it is touched in the turns of the delivery only.
 struct TCDbusServer::TSAsyncMessage
 {
     using TList = std::list<TSAsyncMessage>;

@@ -1,7 +1,8 @@
-// Delivers events on the server's loop thread, within the slots that a bus has for them.
+// Delivers events, within the slots that a bus has for them.
 #include "QOREventDelivery.h"
 
 #include <algorithm>
+#include <atomic>
 #include <utility>
 
 #include <boost/make_shared.hpp>
@@ -22,6 +23,24 @@ constexpr std::uint32_t UNKNOWN_USER = UINT32_MAX;
 constexpr gint64 CLOSED_CHECK_US = 100 * G_TIME_SPAN_MILLISECOND;
 // Neither does a call that has been written, which takes a while where they are large.
 constexpr gint64 SENT_CHECK_US = 2 * G_TIME_SPAN_MILLISECOND;
+constexpr gint64 NOT_DUE = -1;
+
+// GLib knows the source by its first member.
+struct TSDeliverySource
+{
+    GSource m_source;
+    const std::atomic<bool>* m_pIsCalled;
+};
+
+int IsCalled(GSource* pSource)
+{
+    return *reinterpret_cast<TSDeliverySource*>(pSource)->m_pIsCalled ? TRUE : FALSE;
+}
+
+int PrepareSource(GSource* pSource, int* /*pTimeout*/)
+{
+    return IsCalled(pSource);
+}
 
 } // namespace
 
@@ -32,6 +51,10 @@ TCEventDelivery::TCEventDelivery(GMainContext* pContext, TCDbusSession& session,
     : m_session(session),
       m_peers(peers),
       m_onNews(std::move(onNews)),
+      m_isCalled(false),
+      m_isWorking(false),
+      m_waiting(0),
+      m_wakeTime(NOT_DUE),
       m_hasNews(false),
       m_pUnknown(std::make_shared<TSEventUser>(UNKNOWN_USER)),
       m_overdue(0),
@@ -39,9 +62,10 @@ TCEventDelivery::TCEventDelivery(GMainContext* pContext, TCDbusSession& session,
       m_isFinishing(false),
       m_isIdleTold(false)
 {
-    static GSourceFuncs functions{nullptr, nullptr, &TCEventDelivery::m_Dispatch,
-                                  nullptr, nullptr, nullptr};
-    m_pSource.reset(g_source_new(&functions, sizeof(GSource)));
+    static GSourceFuncs functions{&PrepareSource, &IsCalled, &TCEventDelivery::m_Dispatch,
+                                  nullptr,        nullptr,   nullptr};
+    m_pSource.reset(g_source_new(&functions, sizeof(TSDeliverySource)));
+    reinterpret_cast<TSDeliverySource*>(m_pSource.get())->m_pIsCalled = &m_isCalled;
     g_source_set_callback(m_pSource.get(), nullptr, this, nullptr);
     g_source_attach(m_pSource.get(), pContext);
 }
@@ -53,18 +77,40 @@ TCEventDelivery::~TCEventDelivery()
 
 int TCEventDelivery::m_Dispatch(GSource* /*pSource*/, GSourceFunc /*callback*/, void* pDelivery)
 {
-    static_cast<TCEventDelivery*>(pDelivery)->m_Work();
+    auto& delivery = *static_cast<TCEventDelivery*>(pDelivery);
+    delivery.m_isCalled = false; // first: who calls from here on is heard
+    delivery.m_Work();
     return G_SOURCE_CONTINUE;
 }
 
+// The first who posts wakes somebody up; who has the turn looks again before it ends.
 void TCEventDelivery::m_Post(std::function<void()> work)
 {
-    const TCPosixLock lock(m_inboxMutex);
-    m_inbox.push_back(std::move(work));
-    if (m_inbox.size() == 1)
+    bool isFirst = false;
+    bool isAwaited = false;
     {
-        g_source_set_ready_time(m_pSource.get(), 0);
+        const TCPosixLock lock(m_inboxMutex);
+        m_inbox.push_back(std::move(work));
+        isFirst = m_inbox.size() == 1 && !m_isWorking;
+        isAwaited = m_waiting != 0;
     }
+    if (isFirst)
+    {
+        m_Wake(isAwaited);
+    }
+}
+
+// Without the mutex: who wakes up needs it at once. The loop's context is woken up without its own
+// lock for the same reason, which setting the source's time would take.
+void TCEventDelivery::m_Wake(bool isAwaited)
+{
+    if (isAwaited)
+    {
+        m_changed.Signal();
+        return;
+    }
+    m_isCalled = true;
+    g_main_context_wakeup(g_source_get_context(m_pSource.get()));
 }
 
 TCEventDelivery::TAccountPtr TCEventDelivery::AddClient(const std::string& name)
@@ -106,6 +152,50 @@ void TCEventDelivery::Deliver(const TSEventPtr& pEvent, TCalls calls)
     m_Post([this, pEvent, pCalls] { m_Enqueue(pEvent, *pCalls); });
 }
 
+// To wake the loop thread up with each answer, and then this one, would cost more than the answer.
+void TCEventDelivery::DeliverAndWait(const TSEventPtr& pEvent, TCalls calls)
+{
+    pEvent->m_onDone = [this](const TSEventPtr& pDone) { m_EndWait(*pDone); };
+    {
+        const TCPosixLock lock(m_inboxMutex);
+        ++m_waiting;
+    }
+    Deliver(pEvent, std::move(calls));
+    while (m_WaitForTurn(*pEvent))
+    {
+        m_Work();
+    }
+    bool isLeftOver = false;
+    bool isAwaited = false;
+    {
+        const TCPosixLock lock(m_inboxMutex);
+        isAwaited = --m_waiting != 0;
+        isLeftOver = !m_inbox.empty() && !m_isWorking; // this thread may have been woken for it
+    }
+    if (isLeftOver)
+    {
+        m_Wake(isAwaited);
+    }
+}
+
+// False once the event has ended.
+bool TCEventDelivery::m_WaitForTurn(const TSEvent& event)
+{
+    TCPosixLock lock(m_inboxMutex);
+    while (!event.m_isOver && (m_isWorking || m_inbox.empty()))
+    {
+        lock.Wait(m_changed);
+    }
+    return !event.m_isOver;
+}
+
+void TCEventDelivery::m_EndWait(TSEvent& event)
+{
+    const TCPosixLock lock(m_inboxMutex);
+    event.m_isOver = true;
+    m_changed.Broadcast(); // with the mutex: the waiting thread may destroy the delivery after it
+}
+
 void TCEventDelivery::Cancel()
 {
     m_Post([this] { m_CancelAll(); });
@@ -144,40 +234,70 @@ TCEventDelivery::TSNews TCEventDelivery::TakeNews()
     return std::exchange(m_news, {});
 }
 
-// --- The loop thread -----------------------------------------------------------------------------
+// --- Turns ---------------------------------------------------------------------------------------
 
 void TCEventDelivery::m_Work()
 {
-    std::vector<std::function<void()>> inbox;
+    TInbox inbox;
+    if (!m_BeginTurn(inbox))
     {
-        const TCPosixLock lock(m_inboxMutex);
-        inbox.swap(m_inbox);
+        return;
     }
-    for (const auto& work : inbox)
+    do
     {
-        work();
-    }
-    m_CheckConnection();
-    m_EndUnstartable();
-    m_StartCalls(); // before their timeouts are looked at: one of 0 is a call, too
-    if (m_Expire())
-    {
+        for (const auto& work : inbox)
+        {
+            work();
+        }
+        m_CheckConnection();
         m_EndUnstartable();
-    }
-    m_CheckIdle();
-    m_SleepUntilNext();
+        m_StartCalls(); // before their timeouts are looked at: one of 0 is a call, too
+        if (m_Expire())
+        {
+            m_EndUnstartable();
+        }
+        m_CheckIdle();
+        inbox.clear();
+    } while (!m_EndTurn(inbox));
 }
 
-void TCEventDelivery::m_SleepUntilNext()
+// False while another thread has the turn.
+bool TCEventDelivery::m_BeginTurn(TInbox& inbox)
 {
-    gint64 next = -1;
+    const TCPosixLock lock(m_inboxMutex);
+    if (m_isWorking)
+    {
+        return false;
+    }
+    m_isWorking = true;
+    inbox.swap(m_inbox);
+    return true;
+}
+
+// False where more has come meanwhile.
+bool TCEventDelivery::m_EndTurn(TInbox& inbox)
+{
+    const gint64 now = g_get_monotonic_time();
+    gint64 next = NOT_DUE;
     if (!m_deadlines.empty())
     {
         next = std::min(m_deadlines.begin()->first,
-                        g_get_monotonic_time() + (m_isHeldUp ? SENT_CHECK_US : CLOSED_CHECK_US));
+                        now + (m_isHeldUp ? SENT_CHECK_US : CLOSED_CHECK_US));
     }
     const TCPosixLock lock(m_inboxMutex);
-    g_source_set_ready_time(m_pSource.get(), m_inbox.empty() ? next : 0);
+    if (!m_inbox.empty())
+    {
+        inbox.swap(m_inbox);
+        return false;
+    }
+    m_isWorking = false;
+    // A time that comes too early is let be: setting one wakes the loop thread up.
+    if (m_wakeTime <= now || (next != NOT_DUE && next < m_wakeTime))
+    {
+        m_wakeTime = next;
+        g_source_set_ready_time(m_pSource.get(), next);
+    }
+    return true;
 }
 
 // --- Clients and their users ---------------------------------------------------------------------

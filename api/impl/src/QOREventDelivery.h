@@ -1,4 +1,4 @@
-// Delivers events on the server's loop thread, within the slots that a bus has for them.
+// Delivers events, within the slots that a bus has for them.
 //
 // A stock bus has 128 slots for calls of one connection that wait for a reply, and frees a slot
 // when the reply has come or the callee has left; a timeout of the caller's does not free it. So
@@ -7,6 +7,7 @@
 #ifndef QOR_QOREVENTDELIVERY_H
 #define QOR_QOREVENTDELIVERY_H
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <list>
@@ -19,6 +20,7 @@
 #include <qor/Mutex.h>
 
 #include "QOREventAccount.h"
+#include "QORLocks.h"
 
 namespace qor
 {
@@ -26,8 +28,9 @@ namespace qor
 class TCDbusPeers;
 class TCDbusSession;
 
-// The functions of the first group may be called on any thread and do not wait; everything else
-// happens on the loop thread and needs no lock.
+// The functions of the first group may be called on any thread, and only one of them waits. They
+// post to an inbox. Who works it off has the turn, and nobody else meanwhile: a thread that waits
+// for its event, or the loop thread. What is done in a turn needs no lock.
 class TCEventDelivery
 {
 public:
@@ -42,7 +45,7 @@ public:
         bool m_isIdle = false;           // finishing, and nothing is under way any more
     };
 
-    // Calls onNews on the loop thread when TakeNews has something to tell; once until it is taken.
+    // Calls onNews in a turn when TakeNews has something to tell; once until it is taken.
     TCEventDelivery(GMainContext* pContext, TCDbusSession& session, TCDbusPeers& peers,
                     std::function<void()> onNews);
     // After the loop has ended and the session is gone, whose calls come back here.
@@ -56,24 +59,31 @@ public:
     void RenewClient(const TAccountPtr& pAccount);
     void RemoveClient(const TAccountPtr& pAccount);
     // Stores an outcome for each call, the last one within two timeouts, and then calls what the
-    // event wants to be called at its end, on the loop thread.
+    // event wants to be called at its end, in a turn.
     void Deliver(const TSEventPtr& pEvent, TCalls calls);
+    // The same, and returns at its end. This thread takes turns meanwhile.
+    void DeliverAndWait(const TSEventPtr& pEvent, TCalls calls) QOR_EXCLUDES(m_inboxMutex);
     // Ends all that is under way, as after its timeout.
     void Cancel();
     // Tells when nothing is under way any more. Events that come from here on are cancelled.
     void Finish();
-    // The main context is to hear of the end of this event. On the loop thread.
+    // The main context is to hear of the end of this event.
     void TellDone(const TSEventPtr& pEvent) QOR_EXCLUDES(m_inboxMutex);
     TSNews TakeNews() QOR_EXCLUDES(m_inboxMutex);
 
 private:
     using TCall = TCalls::iterator;
+    using TInbox = std::vector<std::function<void()>>;
     struct TSAnswer;
 
     static int m_Dispatch(GSource* pSource, int (*callback)(void*), void* pDelivery);
     void m_Post(std::function<void()> work) QOR_EXCLUDES(m_inboxMutex);
+    void m_Wake(bool isAwaited) QOR_EXCLUDES(m_inboxMutex);
+    bool m_WaitForTurn(const TSEvent& event) QOR_EXCLUDES(m_inboxMutex);
+    void m_EndWait(TSEvent& event) QOR_EXCLUDES(m_inboxMutex);
     void m_Work() QOR_EXCLUDES(m_inboxMutex);
-    void m_SleepUntilNext() QOR_EXCLUDES(m_inboxMutex);
+    bool m_BeginTurn(TInbox& inbox) QOR_EXCLUDES(m_inboxMutex);
+    bool m_EndTurn(TInbox& inbox) QOR_EXCLUDES(m_inboxMutex);
     void m_Tell(const std::function<void(TSNews&)>& tell) QOR_EXCLUDES(m_inboxMutex);
 
     void m_SetUser(const TAccountPtr& pAccount, std::uint32_t userId);
@@ -108,8 +118,14 @@ private:
     std::function<void()> m_onNews;
     TGlibPtr<GSource> m_pSource;
 
+    std::atomic<bool> m_isCalled; // the loop thread is to take a turn
+
     TSPosixMutex m_inboxMutex; // guards when the source is due as well
-    std::vector<std::function<void()>> m_inbox QOR_GUARDED_BY(m_inboxMutex);
+    TCCondition m_changed;     // an event that a thread waits for has ended, or there is work
+    TInbox m_inbox QOR_GUARDED_BY(m_inboxMutex);
+    bool m_isWorking QOR_GUARDED_BY(m_inboxMutex);        // somebody has the turn
+    std::size_t m_waiting QOR_GUARDED_BY(m_inboxMutex);   // threads that take turns
+    std::int64_t m_wakeTime QOR_GUARDED_BY(m_inboxMutex); // of the loop thread, monotonic
     TSNews m_news QOR_GUARDED_BY(m_inboxMutex);
     bool m_hasNews QOR_GUARDED_BY(m_inboxMutex);
 

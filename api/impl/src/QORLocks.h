@@ -111,6 +111,10 @@ public:
     {
         pthread_cond_wait(&condition, &m_mutex.m_native);
     }
+    void Wait(TCCondition& condition)
+    {
+        Wait(condition.m_native);
+    }
     // Until then, in microseconds; whether it has been woken before.
     bool WaitUntil(TCCondition& condition, std::int64_t monotonicTime)
     {
