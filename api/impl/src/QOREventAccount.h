@@ -32,7 +32,8 @@ struct TSEvent
     std::vector<TSDelivery> m_deliveries;
     TCDbusServer::TEventDone m_onTold; // the service's function; for the main context
     // From here on for the turns of the delivery:
-    std::size_t m_open = 0; // calls that have no outcome
+    TGlibPtr<GDBusMessage> m_pMessage; // what its calls are copies of
+    std::size_t m_open = 0;            // calls that have no outcome
     std::function<void(const std::shared_ptr<TSEvent>&)> m_onDone;
     bool m_isOver = false; // for a thread that waits; under the mutex of the delivery's inbox
 };

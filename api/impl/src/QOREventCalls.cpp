@@ -141,13 +141,20 @@ bool TCEventDelivery::m_StartNext(TSEventUser& user)
     return true;
 }
 
+// GLib checks each header that is set, and none that is copied: the event's calls differ in one.
 TGlibPtr<GDBusMessage> TCEventDelivery::m_NewMessage(const TCDbusServer::TSAsyncMessage& call) const
 {
+    TGlibPtr<GDBusMessage>& pFirst = call.m_pEvent->m_pMessage;
     GDBusProxy* pProxy = call.m_pProxy.get();
-    TGlibPtr<GDBusMessage> pMessage(g_dbus_message_new_method_call(
-        g_dbus_proxy_get_name(pProxy), g_dbus_proxy_get_object_path(pProxy),
-        g_dbus_proxy_get_interface_name(pProxy), TCDbusServer::t_dbusSendMethod));
-    g_dbus_message_set_body(pMessage.get(), call.m_pEvent->m_pEnvelope.get());
+    if (pFirst == nullptr)
+    {
+        pFirst.reset(g_dbus_message_new_method_call(nullptr, g_dbus_proxy_get_object_path(pProxy),
+                                                    g_dbus_proxy_get_interface_name(pProxy),
+                                                    TCDbusServer::t_dbusSendMethod));
+        g_dbus_message_set_body(pFirst.get(), call.m_pEvent->m_pEnvelope.get());
+    }
+    TGlibPtr<GDBusMessage> pMessage(g_dbus_message_copy(pFirst.get(), nullptr));
+    g_dbus_message_set_destination(pMessage.get(), g_dbus_proxy_get_name(pProxy));
     return pMessage;
 }
 
