@@ -74,7 +74,17 @@ public:
 private:
     using TCall = TCalls::iterator;
     using TInbox = std::vector<std::function<void()>>;
-    struct TSAnswer;
+    // What is kept of an answer: its size is the client's choice.
+    struct TSAnswer
+    {
+        bool m_isError = false;
+        int m_code = 0;           // of an error
+        bool m_isNobody = false;  // an error: the bus knows nobody by the name
+        bool m_isLeaving = false; // an error: the bus has seen the client leave
+        bool m_isEmpty = false;   // no value at all
+        bool m_isReadable = true; // a value that is a reply envelope
+        bool m_result = false;
+    };
 
     static int m_Dispatch(GSource* pSource, int (*callback)(void*), void* pDelivery);
     void m_Post(std::function<void()> work) QOR_EXCLUDES(m_inboxMutex);
