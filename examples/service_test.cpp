@@ -62,6 +62,7 @@ public:
     {
         return true;
     }
+    void SetResumeCallback(const boost::function<void(const std::string&, int)>&) override {}
 
     std::map<int, qor::TMessageCallback> m_callbacks;
     std::vector<TEventDone> m_events; // to be told of their ends

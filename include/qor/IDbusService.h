@@ -137,6 +137,16 @@ public:
     ///         connection, or this is a forked child
     virtual bool EmitSignal(const std::string& interfaceName, const std::string& signalName,
                             GVariant* pArguments) = 0;
+
+    /// Sets the function that is told when a client's late answer lets it be called again for a
+    /// type, in place of an earlier function; empty for none. Events of the type that were sent in
+    /// between have the outcome SUSPENDED, and the client has not heard of them. A client that says
+    /// Hello anew is not told of. Any thread, but not from inside the function; waits for one that
+    /// is running.
+    ///
+    /// @param callback  receives the client's unique name and the type
+    virtual void SetResumeCallback(
+        const boost::function<void(const std::string& client, int type)>& callback) = 0;
 };
 
 } // namespace qor

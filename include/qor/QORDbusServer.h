@@ -74,6 +74,8 @@ public:
     bool Stop(unsigned int limit, const boost::function<void()>& onStopped) override;
     bool EmitSignal(const std::string& interfaceName, const std::string& signalName,
                     GVariant* pArguments) override;
+    void SetResumeCallback(
+        const boost::function<void(const std::string& client, int type)>& callback) override;
 
     /// Ends every SendMessage that is waiting: what has no answer yet counts as a failure, and a
     /// client that has not answered is suspended as after a timeout. Later ones are not affected.
@@ -143,7 +145,7 @@ private:
     void m_ClientNameVanished(GDBusConnection* pConnection, const char* name);
     void m_ForgetClient(TClients::iterator client) QOR_REQUIRES(t_stateMutex);
     static void m_DestroyClient(TSClient& client);
-    void m_HandleNews();
+    void m_HandleNews() QOR_EXCLUDES(m_resumeCallbackMutex);
     void m_ForgetClients(const std::vector<std::string>& names) QOR_EXCLUDES(t_stateMutex);
 
     TEventPtr m_NewEvent(int type, const TByteArray& data, int timeout) const;
@@ -174,6 +176,10 @@ private:
     std::unique_ptr<TCDbusTimer> m_pStateNews; ///< Due when the state is to be told.
     std::atomic<int> m_nameAnswer;             ///< Of the bus, who has the name.
     std::unique_ptr<TCDbusTimer> m_pNameNews;  ///< Due when that has come.
+
+    TCMutex m_resumeCallbackMutex; ///< Held while the function runs.
+    boost::function<void(const std::string&, int)>
+        m_resumeCallback QOR_GUARDED_BY(m_resumeCallbackMutex);
 };
 
 } // namespace qor

@@ -155,6 +155,58 @@ TEST_F(Event, WithoutAnAnswerItGoesOutOnceUntilASignOfLife)
     }
 }
 
+TEST_F(Event, LateAnswerIsToldAndTheClientCanBeSentWhatItHasMissed)
+{
+    Serve();
+    m_pump.reset();
+    std::vector<std::pair<std::string, int>> resumed;
+    m_server->SetResumeCallback(
+        [&](const std::string& client, int type)
+        {
+            EXPECT_EQ(std::this_thread::get_id(), m_main);
+            resumed.emplace_back(client, type);
+            m_server->SendEventTo({client}, type, {}, WATCHDOG_MS, Teller());
+        });
+    const Peers client = ClientsHere(1, HOLD, {2, 3});
+    const std::string name = client[0]->UniqueName();
+    const Outcomes late{{name, TIMED_OUT}}, heard{{name, DELIVERED}};
+    const auto answerAll = [&]
+    {
+        client[0]->AnswerWith(YES);
+        client[0]->AnswerHeld(YES);
+        PumpUntil([] { return false; }, 100);
+    };
+    EXPECT_EQ(Send(3, 100), late);
+    EXPECT_EQ(Send(2, 100), late);
+    EXPECT_EQ(Send(2), (Outcomes{{name, SUSPENDED}}));
+    EXPECT_EQ(resumed.size(), 0U);
+    answerAll();
+    using Resumed = std::vector<std::pair<std::string, int>>;
+    EXPECT_EQ(resumed, (Resumed{{name, 3}, {name, 2}}));
+    EXPECT_EQ(m_told.size(), 5U);
+    EXPECT_EQ(m_told.back(), heard);
+    EXPECT_EQ(client[0]->Count("Send"), 4U);
+
+    // Not of an answer in time, of a Hello, nor of one that leaves.
+    EXPECT_EQ(Send(2), heard);
+    client[0]->AnswerWith(HOLD);
+    EXPECT_EQ(Send(2, 100), late);
+    client[0]->PostHello(SERVICE_NAME, {2, 3});
+    ASSERT_TRUE(PumpUntil([&] { return !m_server->Clients()[0].m_isSuspended; }));
+    answerAll();
+    Peers leaving = ClientsHere(1, HOLD);
+    EXPECT_EQ(Send(2, 100)[leaving[0]->UniqueName()], TIMED_OUT);
+    leaving.clear();
+    ASSERT_TRUE(PumpUntil([&] { return m_server->NumberOfClients() == 1; }));
+    PumpUntil([] { return false; }, 100);
+    EXPECT_EQ(resumed.size(), 2U);
+    m_server->SetResumeCallback({});
+    client[0]->AnswerWith(HOLD);
+    EXPECT_EQ(Send(2, 100), late);
+    answerAll();
+    EXPECT_EQ(resumed.size(), 2U);
+}
+
 TEST_F(Event, EndIsToldBetweenCallbacksAndNotInsideOne)
 {
     int depth = 0;

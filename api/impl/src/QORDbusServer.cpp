@@ -85,6 +85,8 @@ TCDbusServer::~TCDbusServer()
         MakeAnew(m_stateCallbackMutex);
         MakeAnew(m_pStateNews);
         MakeAnew(m_pNameNews);
+        MakeAnew(m_resumeCallback);
+        MakeAnew(m_resumeCallbackMutex);
         t_Abandon();
         return;
     }

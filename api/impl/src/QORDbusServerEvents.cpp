@@ -174,6 +174,18 @@ void TCDbusServer::m_AddCall(const TEventPtr& pEvent, const TSClient& client,
     }
 }
 
+void TCDbusServer::SetResumeCallback(
+    const boost::function<void(const std::string& client, int type)>& callback)
+{
+    if (!t_IsInOwnProcess())
+    {
+        return;
+    }
+    boost::function<void(const std::string&, int)> last(callback); // goes after the lock: it is the caller's
+    const TLock lock(m_resumeCallbackMutex);
+    m_resumeCallback.swap(last);
+}
+
 // In the main context: clients that have left, events that have ended, and an end that goes on.
 void TCDbusServer::m_HandleNews()
 {
@@ -186,6 +198,14 @@ void TCDbusServer::m_HandleNews()
         if (told)
         {
             told(pEvent->m_deliveries);
+        }
+    }
+    for (const auto& resumed : news.m_resumed) // after the events that they have missed
+    {
+        const TLock lock(m_resumeCallbackMutex);
+        if (m_resumeCallback)
+        {
+            m_resumeCallback(resumed.first, resumed.second);
         }
     }
     if (news.m_isIdle)

@@ -88,16 +88,17 @@ struct TSEventAccount
 {
     explicit TSEventAccount(std::string name) : m_name(std::move(name)) {}
 
-    // A call of that type has timed out; or its answer lets it be called again.
+    // A call of that type has timed out; or its answer lets it be called again, where it was not.
     void Suspend(int type)
     {
         m_suspended.insert(type);
         m_isSuspended = true;
     }
-    void Resume(int type)
+    bool Resume(int type)
     {
-        m_suspended.erase(type);
+        const bool isResumed = m_suspended.erase(type) != 0;
         m_isSuspended = !m_suspended.empty();
+        return isResumed;
     }
     // It has said Hello anew.
     void ResumeAll()

@@ -62,7 +62,12 @@ void TCEventDelivery::m_Answered(std::uint32_t serial, const TSAnswer& answer)
         }
     }
     call->m_pAccount->m_unconfirmed.clear();
-    m_End(call);
+    const bool isThere = !answer.m_isNobody && !answer.m_isLeaving;
+    const std::pair<std::string, int> resumed(name, call->m_type); // the call goes
+    if (m_End(call) && isThere)
+    {
+        m_Tell([&resumed](TSNews& news) { news.m_resumed.push_back(resumed); });
+    }
 }
 
 bool TCEventDelivery::m_Judge(const TSAnswer& answer, const char* name)
@@ -111,9 +116,11 @@ void TCEventDelivery::m_Store(TCall call, EDelivery outcome, int code)
     }
 }
 
-// An answer, or the end of who would have given it: the slot is free.
-void TCEventDelivery::m_End(TCall call)
+// An answer, or the end of who would have given it: the slot is free. Whether the client may be
+// called for the type again, and might not before.
+bool TCEventDelivery::m_End(TCall call)
 {
+    bool isResumed = false;
     TSEventAccount& account = *call->m_pAccount;
     --account.m_unanswered;
     --account.m_pUser->m_unanswered;
@@ -122,10 +129,11 @@ void TCEventDelivery::m_End(TCall call)
         --account.m_overdue;
         --account.m_pUser->m_overdue;
         --m_overdue;
-        account.Resume(call->m_type);
+        isResumed = account.Resume(call->m_type);
     }
     m_bySerial.erase(call->m_serial);
     m_started.erase(call);
+    return isResumed;
 }
 
 } // namespace qor

@@ -42,7 +42,9 @@ public:
     {
         std::vector<TSEventPtr> m_done; // events for it that have ended, in the order of their ends
         std::vector<std::string> m_gone; // clients of whom a call has shown that they have left
-        bool m_isIdle = false;           // finishing, and nothing is under way any more
+        // Clients whose late answer lets them be called again, for these types.
+        std::vector<std::pair<std::string, int>> m_resumed;
+        bool m_isIdle = false; // finishing, and nothing is under way any more
     };
 
     // Calls onNews in a turn when TakeNews has something to tell; once until it is taken.
@@ -121,7 +123,7 @@ private:
     void m_Answered(std::uint32_t serial, const TSAnswer& answer);
     void m_Fail(TCall call, EDelivery outcome, int code);
     void m_Store(TCall call, EDelivery outcome, int code = 0);
-    void m_End(TCall call);
+    bool m_End(TCall call);
 
     TCDbusSession& m_session;
     TCDbusPeers& m_peers;
