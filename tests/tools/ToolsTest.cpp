@@ -211,6 +211,40 @@ TEST_F(Tools, PolicyThatIsInForceIsAnnouncedAndNotStoredAgain)
     }
 }
 
+TEST_F(Tools, ApplicationThatWasBusyIsToldOfThePolicyThatItHasMissed)
+{
+    const Answer hold{Answer::HOLD, {}, ""}, yes{Answer::REPLY, {1}, ""};
+    auto qord = StartQuietQord({"--event-timeout", "500"});
+    RawPeer busy;
+    busy.AnswerWith(hold);
+    busy.Call(SERVICE_NAME, SERVICE_PATH, "Hello", EventList({2}));
+    const auto failures = [&] { return CountOf(qord->Out(), "0 delivered, 1 failed"); };
+    for (const char* text : {"<a/>", "<b/>"})
+    {
+        const std::size_t before = failures();
+        SetPolicy(0, "stored", text);
+        ASSERT_TRUE(WaitUntil([&] { return failures() > before; })) << qord->Out();
+    }
+    EXPECT_EQ(busy.Count("Send"), 1U);
+    Expect(0, "\"heard\": false", "--json status");
+    busy.AnswerWith(yes);
+    busy.AnswerHeld(yes);
+    EXPECT_TRUE(qord->WaitForOut("policy-update again: 1 delivered, 0 failed")) << qord->Out();
+    EXPECT_EQ(busy.Count("Send"), 2U);
+    Expect(0, "\"heard\": true", "--json status");
+
+    // One that is always slow is told once more, and then no more until there is news.
+    busy.AnswerWith(hold);
+    SetPolicy(0, "stored", "<c/>");
+    for (int i = 0; i < 3; ++i)
+    {
+        const std::size_t before = failures();
+        WaitUntil([&] { return failures() > before; }, 1000);
+        busy.AnswerHeld(yes);
+    }
+    EXPECT_EQ(busy.Count("Send"), 4U) << qord->Out();
+}
+
 TEST_F(Tools, ServiceOnAReadOnlyDiskServesWhatCanBeRead)
 {
     const std::string place = m_directory.Path("place");

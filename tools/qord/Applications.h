@@ -27,6 +27,7 @@ struct TSApplication
     std::int64_t m_heardAt = 0; ///< When it last answered an event about a policy; 0: never.
     std::uint64_t m_event = 0;  ///< The number of the latest event that it has answered so.
     std::string m_heard;        ///< The mark of that policy.
+    std::uint64_t m_again = 0;  ///< The number of the latest event that it was told of once more.
 };
 
 /// Whether the client wants to hear of new policies.

@@ -81,10 +81,10 @@ void Hears(TSApplication& application, std::uint64_t event, std::int64_t time,
     }
 }
 
-void Say(const TSEventResult& result)
+void Say(const TSEventResult& result, bool isAgain)
 {
     const std::string name = tools::EventName(result.m_type);
-    const std::string event = "event " + name + ": ";
+    const std::string event = "event " + name + (isAgain ? " again: " : ": ");
     const std::string delivered = std::to_string(result.m_delivered);
     const std::string failed = std::to_string(result.m_failed);
     ReportWithFields(false,
@@ -120,11 +120,39 @@ TCEvents::TCEvents(const TCPolicyStore& store, int timeoutMs, std::function<void
 
 void TCEvents::Send(qor::TCDbusServer& server, int type)
 {
+    const TDone onDone = m_NewEvent(server, type, false);
+    if (type == qor::ICallbacks::POLICY_UPDATE)
+    {
+        m_announced = m_sent;
+    }
+    server.SendEvent(type, {}, m_timeoutMs, onDone);
+}
+
+TCEvents::TDone TCEvents::m_NewEvent(qor::TCDbusServer& server, int type, bool isAgain)
+{
     const auto sent = std::make_shared<const TSSent>(
-        TSSent{type, ++m_sent, Applications(server), MarkOfPolicyInForce(m_store)});
-    server.SendEvent(type, {}, m_timeoutMs,
-                     [this, sent](const std::vector<qor::TSDelivery>& deliveries)
-                     { m_HasEnded(*sent, deliveries); });
+        TSSent{type, ++m_sent, Applications(server), MarkOfPolicyInForce(m_store), isAgain});
+    return [this, sent](const std::vector<qor::TSDelivery>& deliveries)
+    { m_HasEnded(*sent, deliveries); };
+}
+
+// Runs inside the bus library, which takes no exception.
+void TCEvents::Resumed(qor::TCDbusServer& server, const std::string& client, int type) noexcept
+try
+{
+    const auto found = m_applications.find(client);
+    if (type != qor::ICallbacks::POLICY_UPDATE || found == m_applications.end() ||
+        found->second->m_again == m_announced ||
+        found->second->m_heard == MarkOfPolicyInForce(m_store))
+    {
+        return;
+    }
+    found->second->m_again = m_announced;
+    server.SendEventTo({client}, type, {}, m_timeoutMs, m_NewEvent(server, type, true));
+}
+catch (const std::exception& exception)
+{
+    ReportError("event %s: %s", tools::EventName(type), exception.what());
 }
 
 // Runs inside the bus library, which takes no exception. One that was sent later may have ended
@@ -145,10 +173,10 @@ try
             Hears(*found->second, sent.m_number, result.m_time, sent.m_policy);
         }
     }
-    Say(result);
+    Say(result, sent.m_isAgain);
     m_delivered += result.m_delivered;
     m_failed += result.m_failed;
-    if (result.m_number > m_last.m_number)
+    if (!sent.m_isAgain && result.m_number > m_last.m_number)
     {
         m_last = std::move(result);
     }

@@ -44,7 +44,11 @@ public:
     /// Does not wait for the applications. The server must be destroyed before this object.
     void Send(qor::TCDbusServer& server, int type);
 
-    /// Of the events that have ended, the one that was sent last.
+    /// An application that was busy for too long has answered: it is told alone if it has not heard
+    /// of the policy in force. Once for each event: one that is always slow is not told for ever.
+    void Resumed(qor::TCDbusServer& server, const std::string& client, int type) noexcept;
+
+    /// Of the events for all that have ended, the one that was sent last.
     const TSEventResult& Last() const
     {
         return m_last;
@@ -73,8 +77,11 @@ private:
         std::uint64_t m_number;
         TApplications m_applications; ///< As they were then; one may be gone at the event's end.
         std::string m_policy;         ///< The mark of the one that was in force.
+        bool m_isAgain;               ///< For one application that has missed it.
     };
+    using TDone = qor::IDbusService::TEventDone;
 
+    TDone m_NewEvent(qor::TCDbusServer& server, int type, bool isAgain);
     void m_HasEnded(const TSSent& sent, const std::vector<qor::TSDelivery>& deliveries) noexcept;
 
     const TCPolicyStore& m_store;
@@ -82,6 +89,7 @@ private:
     std::function<void()> m_onEnd;
     TApplications m_applications;
     std::uint64_t m_sent = 0;
+    std::uint64_t m_announced = 0; ///< The number of the latest one about a policy, for all.
     TSEventResult m_last;
     std::uint64_t m_delivered = 0;
     std::uint64_t m_failed = 0;

@@ -99,6 +99,8 @@ bool TCService::m_Start()
                           [this](const qor::TByteArray& request, qor::TByteArray& reply)
                           { return m_SetPolicy(request, reply); });
     m_server->SetStateCallback([this](qor::EServiceState state) { m_StateIs(state); });
+    m_server->SetResumeCallback([this](const std::string& client, int type)
+                                { m_events.Resumed(*m_server, client, type); });
     if (m_options.m_processInfoSeconds != 0)
     {
         m_sources.push_back(
