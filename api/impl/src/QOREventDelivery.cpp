@@ -130,14 +130,7 @@ TCEventDelivery::TAccountPtr TCEventDelivery::AddClient(const std::string& name)
 
 void TCEventDelivery::RenewClient(const TAccountPtr& pAccount)
 {
-    m_Post(
-        [pAccount]
-        {
-            if (pAccount->m_overdue < EVENT_SLOTS_PER_CLIENT)
-            {
-                pAccount->ResumeAll();
-            }
-        });
+    m_Post([pAccount] { pAccount->ResumeAll(); });
 }
 
 void TCEventDelivery::RemoveClient(const TAccountPtr& pAccount)

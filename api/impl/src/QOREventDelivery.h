@@ -57,7 +57,8 @@ public:
     TCEventDelivery& operator=(const TCEventDelivery&) = delete;
 
     TAccountPtr AddClient(const std::string& name);
-    // The client has said Hello anew: it may be called again.
+    // The client has said Hello anew: it may be called again, and where it has too many calls open
+    // it is sent one of each type that asks for no answer.
     void RenewClient(const TAccountPtr& pAccount);
     void RemoveClient(const TAccountPtr& pAccount);
     // Stores an outcome for each call, the last one within two timeouts, and then calls what the
