@@ -2,9 +2,11 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <chrono>
 #include <future>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -15,6 +17,7 @@
 #include "BusTest.h"
 
 bool g_isProxyRefused = false;
+static int proxyDelayMs = 0;
 static bool isThreadRefused = false;
 
 // Ahead of GLib's and of Boost's.
@@ -25,6 +28,7 @@ g_dbus_proxy_new_sync(GDBusConnection* pConnection, GDBusProxyFlags flags,
 {
     static const auto next =
         reinterpret_cast<decltype(&g_dbus_proxy_new_sync)>(dlsym(RTLD_NEXT, __func__));
+    std::this_thread::sleep_for(std::chrono::milliseconds(proxyDelayMs));
     if (!g_isProxyRefused)
     {
         return next(pConnection, flags, pInfo, name, path, interface, pCancellable, ppError);
@@ -152,6 +156,19 @@ TEST_F(DbusServer, NameThatIsTakenIsAcquiredWhenItBecomesFree)
     EXPECT_TRUE(isLost(SERVICE_NAME, 1) && isLost(TEST_SERVICE_NAME, 2));
     EXPECT_EQ(LogCapture::Count(LOG_ERROR, "QORDbusServer.cpp file in line "), 3U);
     EXPECT_TRUE(server.IsReady() && m_server->IsReady()); // for a service that ends anyway
+}
+
+// Its answer confirms that: who gets it does not say Hello again.
+TEST_F(DbusServer, HelloIsAnsweredWhenTheClientIsRegisteredAndNotBefore)
+{
+    const BackgroundPump pump;
+    RawPeer client;
+    proxyDelayMs = 200;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(client.Call(SERVICE_NAME, SERVICE_PATH, "Hello", EventList({2})).ok);
+    const auto time = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(time, std::chrono::milliseconds(std::exchange(proxyDelayMs, 0)));
+    EXPECT_EQ(m_server->NumberOfClients(), 1U);
 }
 
 // The one that cannot be made leaves nothing on the bus: the next one works.
