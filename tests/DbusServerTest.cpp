@@ -2,6 +2,7 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <memory>
@@ -17,7 +18,7 @@
 #include "BusTest.h"
 
 bool g_isProxyRefused = false;
-static int proxyDelayMs = 0;
+static std::atomic<int> proxyDelayMs{0};
 static bool isThreadRefused = false;
 
 // Ahead of GLib's and of Boost's.
@@ -28,7 +29,7 @@ g_dbus_proxy_new_sync(GDBusConnection* pConnection, GDBusProxyFlags flags,
 {
     static const auto next =
         reinterpret_cast<decltype(&g_dbus_proxy_new_sync)>(dlsym(RTLD_NEXT, __func__));
-    std::this_thread::sleep_for(std::chrono::milliseconds(proxyDelayMs));
+    std::this_thread::sleep_for(std::chrono::milliseconds(proxyDelayMs.load()));
     if (!g_isProxyRefused)
     {
         return next(pConnection, flags, pInfo, name, path, interface, pCancellable, ppError);
@@ -167,7 +168,7 @@ TEST_F(DbusServer, HelloIsAnsweredWhenTheClientIsRegisteredAndNotBefore)
     const auto start = std::chrono::steady_clock::now();
     EXPECT_TRUE(client.Call(SERVICE_NAME, SERVICE_PATH, "Hello", EventList({2})).ok);
     const auto time = std::chrono::steady_clock::now() - start;
-    EXPECT_GE(time, std::chrono::milliseconds(std::exchange(proxyDelayMs, 0)));
+    EXPECT_GE(time, std::chrono::milliseconds(proxyDelayMs.exchange(0)));
     EXPECT_EQ(m_server->NumberOfClients(), 1U);
 }
 

@@ -41,8 +41,9 @@ TEST_F(Neighbour, SilentClientCostsOneCallAndTheOtherHearsEveryEvent)
     EXPECT_EQ(good[0]->Count("Send"), events);
     EXPECT_TRUE(m_server->Clients()[0].m_isSuspended || m_server->Clients()[1].m_isSuspended);
     EXPECT_EQ(LogCapture::Count(LOG_DEBUG, silent[0]->UniqueName() + " is suspended"), events - 1);
-    RawPeer other;              // who is being answered is not called
-    for (int i = 0; i < 6; ++i) // each Hello is worth a call, up to the share
+    RawPeer other; // who is being answered is not called
+    // Each Hello is worth a call, up to the share, and then an event that asks for no answer.
+    for (int i = 0; i < 6; ++i)
     {
         silent[0]->PostHello(SERVICE_NAME, {2});
         silent[0]->Sync();
@@ -50,7 +51,8 @@ TEST_F(Neighbour, SilentClientCostsOneCallAndTheOtherHearsEveryEvent)
         const auto deliver = [&] { return Deliver(i < 3 ? 50 : WATCHDOG_MS); };
         EXPECT_LT(Seconds([&] { EXPECT_EQ(deliver(), Counts(1, 1)); }), 15); // not the watchdog
     }
-    EXPECT_EQ(silent[0]->Count("Send"), 4U);
+    EXPECT_EQ(silent[0]->Count("Send"), 4U + 3U);
+    EXPECT_EQ(LogCapture::Count(LOG_DEBUG, "is not asked for an answer"), 3U);
     silent[0]->AnswerWith(YES);
     silent[0]->AnswerHeld(YES);
     EXPECT_TRUE(WaitUntil([&] { return Deliver() == Counts(2, 0); })); // it has thawed

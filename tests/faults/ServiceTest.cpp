@@ -279,4 +279,15 @@ TEST_F(Service, StopDoesNotWaitForAFrozenBus)
     m_server.reset(); // and now the bus answers
 }
 
+TEST_F(Service, EndWithoutStopDoesNotWaitForAFrozenBusAndGivesTheNameUp)
+{
+    Serve();
+    m_pump.reset();
+    m_bus.Freeze(true);
+    EXPECT_LT(Seconds([&] { m_server.reset(); }), 6);
+    m_bus.Freeze(false);
+    RawPeer next;
+    EXPECT_TRUE(WaitUntil([&] { return next.OwnName(SERVICE_NAME); }, 10000));
+}
+
 } // namespace

@@ -32,6 +32,31 @@ namespace
 
 constexpr gint64 RELEASE_LIMIT_US = 2 * G_TIME_SPAN_SECOND;
 
+// What the bus is asked.
+bool IsAnswered(TCDbusCalls& calls, const char* method, GVariant* pBody)
+{
+    const TGlibPtr<GDBusMessage> pCall(
+        g_dbus_message_new_method_call(BUS_NAME, BUS_PATH, BUS_NAME, method));
+    g_dbus_message_set_body(pCall.get(), pBody);
+    TCGlibError error;
+    return calls.CallAndWait(pCall.get(), g_get_monotonic_time() + RELEASE_LIMIT_US,
+                             TCCancellation(), error.Out()) != nullptr;
+}
+
+// False where there is no thread to be had. The function takes a number where a thread's takes a
+// pointer, which is passed in the same way.
+bool UnownOnAThread(unsigned int id)
+{
+    const auto function = reinterpret_cast<void (*)()>(&g_bus_unown_name);
+    GThread* pThread = g_thread_try_new("qor-unown", reinterpret_cast<GThreadFunc>(function),
+                                        GUINT_TO_POINTER(id), nullptr);
+    if (pThread != nullptr)
+    {
+        g_thread_unref(pThread);
+    }
+    return pThread != nullptr;
+}
+
 } // namespace
 
 IDbusServer::~IDbusServer() = default;
@@ -196,26 +221,33 @@ void TCDbusServer::t_Stop()
     m_pContext.reset();
 }
 
-// The bus is waited for here.
+// The bus is waited for here. GLib would wait for 25 s, so a bus that does not answer is left to
+// a thread that runs nothing of this library's, which may be unloaded meanwhile.
 void TCDbusServer::m_GiveUpName()
 {
     unsigned int id = 0;
+    bool isClosed = false;
     {
         const TExclusiveLock lock(t_stateMutex);
         std::swap(id, m_ownNameId);
+        isClosed = m_state == EServiceState::BUS_CLOSED;
+    }
+    if (id == 0)
+    {
+        return;
     }
     TCGlibError error;
-    if (id != 0 && HasFreeDescriptors(error.Out())) // else GLib would end the process
+    const TSessionPtr session = t_Session();
+    if (!HasFreeDescriptors(error.Out())) // GLib would end the process
+    {
+        IsAnswered(session->Calls(), "ReleaseName", g_variant_new("(s)", t_busName));
+        return;
+    }
+    const bool isMute = m_pStop->m_isOver && !m_pStop->m_isWritten; // an ordered end has seen that
+    if (isClosed || (!isMute && IsAnswered(session->Calls(), "GetId", nullptr)) ||
+        session->IsClosed() || !UnownOnAThread(id))
     {
         g_bus_unown_name(id);
-    }
-    else if (id != 0)
-    {
-        const TGlibPtr<GDBusMessage> pCall(
-            g_dbus_message_new_method_call(BUS_NAME, BUS_PATH, BUS_NAME, "ReleaseName"));
-        g_dbus_message_set_body(pCall.get(), g_variant_new("(s)", t_busName));
-        t_Session()->Calls().CallAndWait(pCall.get(), g_get_monotonic_time() + RELEASE_LIMIT_US,
-                                         TCCancellation(), error.Out());
     }
 }
 
