@@ -106,7 +106,8 @@ public:
     /// left are forgotten after a while: what is not known says so.
     virtual TSPeer Peer(const std::string& uniqueName) = 0;
 
-    /// How the service stands on the bus. Any thread; does not block.
+    /// How the service stands on the bus. Any thread; does not block. An ordered end changes
+    /// nothing here: that the name has been given up is told by the function of Stop.
     virtual EServiceState State() = 0;
 
     /// Sets the function that is told each change of State, in place of an earlier one; empty for
