@@ -178,6 +178,7 @@ TEST_F(CommandLine, PoliciesAreToldGotAndRestored)
 
     TJson history = Json({"history", "--json"});
     EXPECT_EQ(history["policy"]["sha256"], history["kept"][0]["sha256"]) << history;
+    ASSERT_EQ(history["kept"].size(), 2U) << history;
     EXPECT_EQ(history["kept"][1]["number"], 2) << history;
     EXPECT_EQ(history["kept"][1]["set_by"]["program"], "qorctl") << history;
     const TJson clients = Json({"clients", "--json"});
@@ -210,6 +211,9 @@ TEST_F(CommandLine, SettingAPolicyWaitsUntilAllHaveHeard)
             return Answer{answers ? Answer::REPLY : Answer::HOLD, {1}};
         });
     silent.PostHello(SERVICE_NAME, {2});
+    RawPeer other;
+    other.PostHello(SERVICE_NAME, {4}); // it does not want to hear of policies
+    other.Sync();
     silent.Sync();
     SyncWithService();
     m_options.input = "<b/>";
@@ -292,7 +296,7 @@ TEST_F(CommandLine, StrangeServicesAreNotBelieved)
     EXPECT_EQ(Qorctl({"status"}).out.find('\033'), std::string::npos);
     Expect(3, "cannot be read", "get-policy");
     Expect(3, "cannot be read", "restore 1");
-    service.AnswerMethodsUsing([](const std::string&) { return g_variant_new("(s)", "no"); });
+    service.AnswerMethodsUsing([](const std::string&) { return g_variant_new_tuple(nullptr, 0); });
     Expect(3, "cannot be read", "status");
     service.AnswerMethodsUsing([](const std::string&) -> GVariant* { return nullptr; });
     Expect(1, "refused policy 1: test", "restore 1");

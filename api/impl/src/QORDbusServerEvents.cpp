@@ -181,7 +181,8 @@ void TCDbusServer::SetResumeCallback(
     {
         return;
     }
-    boost::function<void(const std::string&, int)> last(callback); // goes after the lock: it is the caller's
+    boost::function<void(const std::string&, int)> last(
+        callback); // goes after the lock: it is the caller's
     const TLock lock(m_resumeCallbackMutex);
     m_resumeCallback.swap(last);
 }
