@@ -46,6 +46,7 @@ public:
     ///
     /// @throws std::system_error when the thread cannot be created that ends the wait for a bus
     explicit TCDbusClient(bool testMode);
+    /// Waits until the bus has read what was sent without waiting, for 500 ms at most.
     ~TCDbusClient() override;
 
     bool SetCallback(int type,
@@ -122,6 +123,7 @@ private:
     unsigned int m_watcherId QOR_GUARDED_BY(t_watchMutex);
     TGlibPtr<GDBusProxy> m_pProxy QOR_GUARDED_BY(t_stateMutex);
     TGlibPtr<GSource> m_pHangUp QOR_GUARDED_BY(t_watchMutex); ///< Sees the connection close.
+    std::atomic<bool> m_hasSentAsync{false};   ///< Something may not have been written yet.
     std::atomic<std::int64_t> m_nextAttempt;   ///< To connect: monotonic time in microseconds.
     std::shared_ptr<TCDbusPending> m_pPending; ///< Asynchronous calls.
     std::unique_ptr<TCDbusStates> m_pStates;   ///< Observers.

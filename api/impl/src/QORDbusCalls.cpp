@@ -169,6 +169,18 @@ std::size_t TCDbusCalls::UnsentBytes()
     return m_unsentBytes;
 }
 
+bool TCDbusCalls::IsAnsweredByBus(const char* method, GVariant* pBody, std::int64_t limitUs)
+{
+    const TGlibPtr<GDBusMessage> pCall(
+        g_dbus_message_new_method_call(BUS_NAME, BUS_PATH, BUS_NAME, method));
+    g_dbus_message_set_body(pCall.get(), pBody);
+    GError* pError = nullptr;
+    const auto pAnswer =
+        CallAndWait(pCall.get(), g_get_monotonic_time() + limitUs, TCCancellation(), &pError);
+    const TGlibPtr<GError> error(pError);
+    return pAnswer != nullptr;
+}
+
 bool TCDbusCalls::IsOver(std::int64_t deadline, const TCCancellation& cancellation,
                          GError** ppError) const
 {

@@ -49,6 +49,9 @@ public:
     TGlibPtr<GDBusMessage> CallAndWait(GDBusMessage* pCall, std::int64_t deadline,
                                        const TCCancellation& cancellation, GError** ppError)
         QOR_EXCLUDES(m_mutex);
+    // Whether the bus itself answers a call in time, and so has read what was written before it.
+    bool IsAnsweredByBus(const char* method, GVariant* pBody, std::int64_t limitUs)
+        QOR_EXCLUDES(m_mutex);
     // Whether a call has waited long enough; then with the error above. Whoever waits looks each
     // time that this interval has passed: neither a connection that closes nor a caller that
     // cancels tells anybody.

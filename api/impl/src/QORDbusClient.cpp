@@ -123,6 +123,11 @@ void TCDbusClient::t_Stop()
     m_LeaveBus();
     t_StopHandlers();
     m_pPending->End();
+    if (m_hasSentAsync && !t_Session()->IsClosed())
+    {
+        // GDBus drops what it has not written when the connection goes.
+        t_Session()->Calls().IsAnsweredByBus("GetId", nullptr, FLUSH_LIMIT_US);
+    }
     {
         const TExclusiveLock lock(t_stateMutex);
         m_pProxy.reset();

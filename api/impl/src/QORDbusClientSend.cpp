@@ -130,6 +130,7 @@ void TCDbusClient::m_CallAsync(std::size_t size, const TMessageMaker& newCall,
     GError* pError = nullptr;
     if (m_IsSendable(size, cancellation, &pError))
     {
+        m_hasSentAsync = true;
         request.m_pMessage = newCall();
     }
     request.m_pError.reset(pError);
@@ -190,6 +191,7 @@ bool TCDbusClient::m_SendAndForget(const TSessionPtr& session, int type, const T
     }
     if (m_IsStarted())
     {
+        m_hasSentAsync = true;
         GVariant* pRequest = nullptr; // floating: the call takes it over
         t_ConvertBytes(type, true, data, pRequest);
         g_dbus_connection_call(session->Connection(), t_busName, t_objectPath, t_interfaceName,

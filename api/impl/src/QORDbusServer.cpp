@@ -32,17 +32,6 @@ namespace
 
 constexpr gint64 RELEASE_LIMIT_US = 2 * G_TIME_SPAN_SECOND;
 
-// What the bus is asked.
-bool IsAnswered(TCDbusCalls& calls, const char* method, GVariant* pBody)
-{
-    const TGlibPtr<GDBusMessage> pCall(
-        g_dbus_message_new_method_call(BUS_NAME, BUS_PATH, BUS_NAME, method));
-    g_dbus_message_set_body(pCall.get(), pBody);
-    TCGlibError error;
-    return calls.CallAndWait(pCall.get(), g_get_monotonic_time() + RELEASE_LIMIT_US,
-                             TCCancellation(), error.Out()) != nullptr;
-}
-
 // False where there is no thread to be had. The function takes a number where a thread's takes a
 // pointer, which is passed in the same way.
 bool UnownOnAThread(unsigned int id)
@@ -240,11 +229,12 @@ void TCDbusServer::m_GiveUpName()
     const TSessionPtr session = t_Session();
     if (!HasFreeDescriptors(error.Out())) // GLib would end the process
     {
-        IsAnswered(session->Calls(), "ReleaseName", g_variant_new("(s)", t_busName));
+        session->Calls().IsAnsweredByBus("ReleaseName", g_variant_new("(s)", t_busName),
+                                         RELEASE_LIMIT_US);
         return;
     }
     const bool isMute = m_pStop->m_isOver && !m_pStop->m_isWritten; // an ordered end has seen that
-    if (isClosed || (!isMute && IsAnswered(session->Calls(), "GetId", nullptr)) ||
+    if (isClosed || (!isMute && session->Calls().IsAnsweredByBus("GetId", nullptr, RELEASE_LIMIT_US)) ||
         session->IsClosed() || !UnownOnAThread(id))
     {
         g_bus_unown_name(id);
