@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Hands the platform monitoring service a policy, asks for it, and listens to events.
+"""Hands the platform monitoring service a policy and listens to events, byte by byte.
 
-Speaks the wire protocol (docs/wire-protocol.md) through the Debian package python3-gi and uses
-nothing of the QOR library.
+Speaks the channel of docs/wire-protocol.md and uses nothing of the QOR library. Who only wants to
+set a policy or to hear of one has it easier: examples/python/policy.py.
 
 Exit status: 0 the policy is stored, 1 the service refused it, 2 it was not delivered,
 3 an answer that cannot be read.
@@ -28,7 +28,6 @@ INTROSPECTION = """
 """
 
 SET_POLICY = 4  # to the service
-GET_POLICY, GET_STATUS = 6, 8  # to qord
 POLICY_UPDATE, REQUEST_PROCESS_INFO = 2, 4  # from the service
 EVENT_NAMES = {POLICY_UPDATE: "policy-update", REQUEST_PROCESS_INFO: "process-info"}
 
@@ -66,13 +65,6 @@ class Archives:
             raise ProtocolError("an answer that is not an archive of this kind of process")
         return struct.unpack_from("<i", data, len(self.header))[0]
 
-    def read_text(self, data, offset):
-        """The text at an offset; it must be the last value of the archive."""
-        start = offset + struct.calcsize(self.word)
-        if len(data) < start or struct.unpack_from(self.word, data, offset)[0] != len(data) - start:
-            raise ProtocolError("an answer whose text is not as long as it says")
-        return data[start:]
-
 
 def envelope(message, archive):
     is_async = False
@@ -81,9 +73,6 @@ def envelope(message, archive):
 
 class Client:
     def __init__(self, arguments):
-        suffix = "Test" if arguments.test_bus_names else ""
-        self.service = INTERFACE + suffix
-        self.path = PATH + suffix
         self.archives = Archives(arguments.word_size)
         self.show_bytes = arguments.show_bytes
         self.result_of_events = not arguments.refuse
@@ -99,7 +88,7 @@ class Client:
     def call(self, method, data):
         """Calls the service; gives back the bytes of the answer, none if the method has none."""
         self.show("> " + method, data)
-        reply = self.bus.call_sync(self.service, self.path, INTERFACE, method, wrap(data), None,
+        reply = self.bus.call_sync(INTERFACE, PATH, INTERFACE, method, wrap(data), None,
                                    Gio.DBusCallFlags.NONE, 10000, None)
         answer = unwrap(reply) if reply.n_children() else b""
         self.show("< " + method, answer)
@@ -112,31 +101,13 @@ class Client:
             raise ProtocolError("an empty answer")
         return self.archives.read_int(answer[1:]) if answer[0] else None
 
-    def ask(self, request):
-        """Gives back the archive of the answer."""
-        answer = self.call("Send", request)
-        if not answer or not answer[0]:
-            raise ProtocolError("the service does not know this request")
-        return answer[1:]
-
-    def get_policy(self, number):
-        """Gives back the service's code and the text; 0 is the number of the policy in force."""
-        archive = self.ask(envelope(GET_POLICY, self.archives.write_int(number)))
-        text = self.archives.read_text(archive, len(self.archives.header) + 4)
-        return self.archives.read_int(archive), text
-
-    def get_status(self):
-        """Gives back the service's JSON text."""
-        return self.archives.read_text(self.ask(envelope(GET_STATUS, b"")),
-                                       len(self.archives.header))
-
     def listen(self):
         """Makes events reach this process: exports the object and announces the types."""
         interface = Gio.DBusNodeInfo.new_for_xml(INTROSPECTION).interfaces[0]
-        self.bus.register_object(self.path, interface, self.on_call, None, None)
+        self.bus.register_object(PATH, interface, self.on_call, None, None)
         self.say_hello()
         # A service that has been restarted knows nobody: the types are announced anew.
-        Gio.bus_watch_name_on_connection(self.bus, self.service, Gio.BusNameWatcherFlags.NONE,
+        Gio.bus_watch_name_on_connection(self.bus, INTERFACE, Gio.BusNameWatcherFlags.NONE,
                                          lambda *_: self.say_hello(), None)
 
     def say_hello(self):
@@ -172,19 +143,13 @@ def parse_arguments():
     parser.add_argument("file", nargs="?", metavar="FILE", help="the policy; none: only listen")
     parser.add_argument("--listen", type=int, default=0, metavar="N",
                         help="stay until N events have come")
-    parser.add_argument("--get", type=int, metavar="NUMBER",
-                        help="print a kept policy; 0: the one in force")
-    parser.add_argument("--status", action="store_true", help="print what the service tells")
     parser.add_argument("--refuse", action="store_true", help="answer events with a false result")
     parser.add_argument("--show-bytes", action="store_true", help="print every envelope in hex")
     parser.add_argument("--word-size", type=int, choices=WORDS, default=struct.calcsize("@N"),
                         help="speak as a process whose words have so many bytes; default: its own")
-    parser.add_argument("--test-bus-names", action="store_true",
-                        help="use the bus names meant for tests")
     arguments = parser.parse_args()
-    is_question = arguments.status or arguments.get is not None
-    if arguments.file is None and arguments.listen == 0 and not is_question:
-        parser.error("nothing to do: neither FILE, --get, --status nor --listen is given")
+    if arguments.file is None and arguments.listen == 0:
+        parser.error("nothing to do: neither FILE nor --listen is given")
     return arguments
 
 
@@ -201,12 +166,6 @@ def run(arguments):
         result = client.set_policy(text)
         print("the service could not take the request" if result is None else "result %d" % result,
               flush=True)
-    if arguments.get is not None:
-        result, policy = client.get_policy(arguments.get)
-        sys.stdout.buffer.write(policy)
-        sys.stdout.flush()
-    if arguments.status:
-        print(client.get_status().decode(), flush=True)
     if arguments.listen:
         client.loop.run()
     return 0 if result == 0 else 1
