@@ -46,10 +46,7 @@ struct FakeControl : qor::IControl, qor::IPolicyControl
     qor::TSPolicyText GetPolicy(std::uint64_t /*number*/, int /*timeoutMs*/,
                                 const qor::TCCancellation& /*cancellation*/) override
     {
-        qor::TSPolicyText text;
-        text.m_send.m_status = qor::ESendStatus::ANSWERED_TRUE;
-        text.m_policy = m_policy;
-        return text;
+        return {m_next.m_send, {}, m_policy};
     }
     void GetPolicyAsync(std::uint64_t number, int timeoutMs,
                         const qor::TCCancellation& cancellation,
