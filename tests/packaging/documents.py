@@ -53,6 +53,9 @@ def missing_examples(top):
     for name, code in examples.items():
         if code not in readme + guides:
             yield "no page shows examples/%s as it is" % name
+    policy = (top / "examples" / "python" / "policy.py").read_text(encoding="utf-8")
+    if "```python\n%s```\n" % policy not in (top / "README.md").read_text(encoding="utf-8"):
+        yield "README.md: does not show examples/python/policy.py as it is"
     for block in readme:
         if block not in examples.values():
             yield "README.md: shows code that is no example:\n" + block
