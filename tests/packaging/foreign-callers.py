@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Calls every member of qord's interface as other implementations of D-Bus do, with good, wrong and
-hostile arguments: what comes back is the right answer or the right error, and afterwards qord is the
-same process with the same policy.
+hostile arguments: what comes back is the right answer or the right error, and afterwards qord is
+the same process with the same policy.
 
     foreign-callers.py FOLDER-WITH-dbus-next      or -, where there is none
 """
@@ -10,6 +10,7 @@ import hashlib
 import json
 import os
 import re
+import shutil
 import subprocess
 import sys
 
@@ -150,8 +151,8 @@ class Busctl:
         signature = arguments.get_type_string()[1:-1]
         words = [signature, *self.words(arguments)] if signature else []
         os.environ["SYSTEMD_LOG_LEVEL"] = "debug"  # tells the error's name
-        return of_program(["busctl", "--system", "call", "--", NAME, PATH, interface, member, *words],
-                          r"type=error .* error-name=(\S+) ")
+        command = ["busctl", "--system", "call", "--", NAME, PATH, interface, member, *words]
+        return of_program(command, r"type=error .* error-name=(\S+) ")
 
 
 class DbusSend:
@@ -322,7 +323,8 @@ class Checks:
         files.append(0)
         limit = STANDARD + "LimitsExceeded"
         arguments = GLib.Variant("(sa{sv})", ("<a/>", {}))
-        self.expect("GdbusBindings", "a descriptor beside", self.gdbus.call(POLICY, "SetPolicy", arguments, files), limit)
+        seen = self.gdbus.call(POLICY, "SetPolicy", arguments, files)
+        self.expect("GdbusBindings", "a descriptor beside", seen, limit)
         seen = DbusPython().send(POLICY, "SetPolicy", "ha{sv}", (dbus.types.UnixFd(0), {}))
         self.expect("DbusPython", "a descriptor as policy", seen, limit)
         self.expect("both", "afterwards", self.state(), (self.process, HASH))
@@ -331,7 +333,11 @@ class Checks:
 def main():
     checks = Checks()
     checks.process = checks.property("ProcessId")
-    callers = [checks.gdbus, Gdbus(), Busctl(), DbusSend(), DbusPython(), Jeepney()]
+    callers = [checks.gdbus, Gdbus(), DbusSend(), DbusPython(), Jeepney()]
+    if shutil.which("busctl"):
+        callers.append(Busctl())
+    else:
+        print("not checked: sd-bus: busctl is not installed")
     if sys.argv[1] != "-":
         callers.append(DbusNext(sys.argv[1]))
     for interface, member, arguments, _ in GOOD[-2:]:
