@@ -14,6 +14,7 @@ end_processes() { # PID...
     local pid
     for pid in "$@"; do
         kill "$pid" 2>/dev/null || true
+        kill -CONT "$pid" 2>/dev/null || true # where it is stopped
     done
     wait 2>/dev/null || true
 }
