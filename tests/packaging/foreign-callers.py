@@ -329,6 +329,30 @@ class Checks:
         self.expect("DbusPython", "a descriptor as policy", seen, limit)
         self.expect("both", "afterwards", self.state(), (self.process, HASH))
 
+    def at_the_limit(self):
+        """Whatever a caller may still send, the answer must fit into a message of the bus, too."""
+        for room in range(120, 420, 20):
+            text = "x" * (32 * MEBIBYTE - room)
+            for arguments in (("SetPolicy", set_policy("<a/>", quoted(text) + ": <1>")[2]),
+                              ("Get", GLib.Variant("(ss)", (POLICY, text))),
+                              ("GetAll", GLib.Variant("(s)", (text,)))):
+                self.send_alone(PATH, *arguments)
+                self.expect("at the limit", "%s, %d bytes left" % (arguments[0], room), self.state(),
+                            (self.process, HASH))
+            self.send_alone("/" + text, "ListPolicies", None)
+            self.expect("at the limit", "a path, %d bytes left" % room, self.state(),
+                        (self.process, HASH))
+
+    def send_alone(self, path, member, arguments):
+        """On a connection of its own, which the bus may close."""
+        address = Gio.dbus_address_get_for_bus_sync(Gio.BusType.SYSTEM)
+        bus = Gio.DBusConnection.new_for_address_sync(address, Gio.DBusConnectionFlags(1 | 8))
+        interface = PROPERTIES if member.startswith("Get") else POLICY
+        try:
+            bus.call_sync(NAME, path, interface, member, arguments, None, 0, 60000)
+        except GLib.Error:
+            pass
+
 
 def main():
     checks = Checks()
@@ -348,6 +372,7 @@ def main():
     for broken in (b"\xff\xfe\xfd", b"x\0x", b"\xed\xa0\x80"):
         checks.expect("jeepney", repr(broken), Jeepney().is_cut_off(broken), True)
         checks.expect("jeepney", "afterwards", checks.state(), (checks.process, HASH))
+    checks.at_the_limit()
     print("%d passed, %d failed" % (checks.passed, checks.failed))
     sys.exit(1 if checks.failed else 0)
 

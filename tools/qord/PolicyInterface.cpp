@@ -21,6 +21,8 @@ constexpr std::size_t HASH_LENGTH = 64;
 // What stands in an answer beside the text.
 constexpr std::size_t ANSWER_ROOM = 128;
 
+constexpr std::size_t MAX_WORDS = 1000;
+
 constexpr char INVALID_ARGUMENTS[] = "org.freedesktop.DBus.Error.InvalidArgs";
 constexpr char LIMITS_EXCEEDED[] = "org.freedesktop.DBus.Error.LimitsExceeded";
 constexpr char FAILED[] = "org.freedesktop.DBus.Error.Failed";
@@ -44,9 +46,12 @@ const char* ErrorName(int result)
     }
 }
 
+// The words may repeat what the caller has sent, and a message over the limit of the bus would
+// close the connection.
 void ReturnError(GDBusMethodInvocation* pInvocation, const char* name, const std::string& words)
 {
-    g_dbus_method_invocation_return_dbus_error(pInvocation, name, tools::Printable(words).c_str());
+    g_dbus_method_invocation_return_dbus_error(
+        pInvocation, name, tools::Printable(words.substr(0, MAX_WORDS)).c_str());
 }
 
 bool IsHash(const std::string& text)

@@ -27,6 +27,9 @@ constexpr gint64 BURST_GAP_US = 10 * G_TIME_SPAN_SECOND;
 // How many senders are kept before the first look for those that are quiet.
 constexpr std::size_t FIRST_SWEEP = 64;
 
+// No object's is nearly as long, of whomever in the process.
+constexpr std::size_t MAX_PATH_LENGTH = 4096;
+
 constexpr const char* LIMITS_EXCEEDED = "org.freedesktop.DBus.Error.LimitsExceeded";
 constexpr const char* NO_SERVICE = "org.freedesktop.DBus.Error.ServiceUnknown";
 
@@ -87,6 +90,12 @@ void TCDbusAdmission::TellSenders(TOnSender onSender)
 // properties too. What it answers by itself is gone by the next look.
 bool TCDbusAdmission::Admit(GDBusMessage* pCall)
 {
+    if (std::strlen(g_dbus_message_get_path(pCall)) > MAX_PATH_LENGTH)
+    {
+        // GDBus's answer would repeat it; one over the limit of the bus closes our connection.
+        m_Refuse(pCall, LIMITS_EXCEEDED, "The object path is too long");
+        return false;
+    }
     if (!IsText(g_dbus_message_get_path(pCall), m_objectPath.c_str()))
     {
         return true;

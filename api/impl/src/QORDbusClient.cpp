@@ -23,6 +23,13 @@
 namespace qor
 {
 
+namespace
+{
+
+constexpr gint64 FLUSH_LIMIT_US = 500 * G_TIME_SPAN_MILLISECOND;
+
+} // namespace
+
 IDbusClient::~IDbusClient() = default;
 
 TCDbusClient::TCDbusClient(bool testMode)
