@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <libxml/parser.h>
 
+#include "ChildProcess.h"
 #include "common/PolicyXml.h"
+#include "qord/PolicyHandler.h"
 #include <qor/PolicyMessage.h>
 
 using namespace std::string_literals;
@@ -13,6 +15,26 @@ static int Check(const std::string& text, std::string& error, std::size_t memory
 {
     error.clear();
     return tools::CheckPolicyXml(text, error, memory);
+}
+
+// A slow bus is no reason to tell root that it may not; and nobody's text is worth hashing who may
+// not set it.
+TEST(PolicyHandler, AsksWhoSendsBeforeItLooksAtTheText)
+{
+    const qortest::TemporaryDirectory directory;
+    qord::TCPolicyHandler handler(qord::TCPolicyStore(directory.Path("policy.xml")), 100);
+    handler.Open();
+    qord::TSAsker asker;
+    auto verdict = handler.Set("<a/>", asker, std::nullopt);
+    EXPECT_EQ(verdict.m_result, qor::POLICY_NOT_STORED);
+    EXPECT_NE(verdict.m_words.find("try again"), std::string::npos);
+    asker.m_peer.m_isKnown = true;
+    verdict = handler.Set("<a/>", asker, std::nullopt);
+    EXPECT_EQ(verdict.m_result, qor::POLICY_NOT_PERMITTED);
+    EXPECT_EQ(verdict.m_sha256, "");
+    asker.m_mayChange = true;
+    EXPECT_EQ(handler.Set("<a/>", asker, "").m_result, qor::POLICY_STORED);
+    EXPECT_EQ(handler.HashInForce(), handler.Set("<a/>", asker, std::nullopt).m_sha256);
 }
 
 TEST(PolicyXml, RefusalsSayWhereAndWhat)

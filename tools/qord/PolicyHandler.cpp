@@ -22,7 +22,7 @@ public:
           m_size(request.size()),
           m_isPolicy(qor::ReadPolicyRequest(request, m_policy, m_error) ==
                      qor::EPolicyRequest::GOOD),
-          m_sha256(m_isPolicy ? tools::Sha256(m_policy) : "")
+          m_sha256(m_isPolicy && asker.m_mayChange ? tools::Sha256(m_policy) : "")
     {
     }
     TCAttempt(std::string_view policy, const TSAsker& asker)
@@ -31,7 +31,7 @@ public:
           m_size(policy.size()),
           m_policy(policy),
           m_isPolicy(true),
-          m_sha256(tools::Sha256(policy))
+          m_sha256(asker.m_mayChange ? tools::Sha256(policy) : "")
     {
     }
 
@@ -73,7 +73,7 @@ public:
         const std::string what = m_isPolicy
                                      ? "a policy of " + std::to_string(m_policy.size()) + " bytes "
                                      : "a request of " + std::to_string(m_size) + " bytes ";
-        const std::string hash = m_isPolicy ? "SHA-256 " + m_sha256 + "; " : "";
+        const std::string hash = m_sha256.empty() ? "" : "SHA-256 " + m_sha256 + "; ";
         const std::string who =
             m_sender ? Describe(*m_sender)
                      : "sender " + m_asker.m_peer.m_name + ", of whom the bus tells nothing";
@@ -96,7 +96,7 @@ private:
     std::vector<std::string> m_Fields(int result) const
     {
         std::vector<std::string> fields = {"QOR_RESULT=" + std::to_string(result)};
-        if (m_isPolicy)
+        if (!m_sha256.empty())
         {
             fields.push_back("QOR_POLICY_SHA256=" + m_sha256);
         }
@@ -114,7 +114,7 @@ private:
     std::string_view m_policy; ///< Inside the request.
     std::string m_error;
     bool m_isPolicy;
-    std::string m_sha256;
+    std::string m_sha256; ///< Empty for who may not: a large text is not even read for them.
     mutable std::string m_words;
 };
 
@@ -210,7 +210,12 @@ std::string TCPolicyHandler::HashInForce()
 int TCPolicyHandler::m_Decide(const TCAttempt& attempt, const std::optional<std::string>& ifMatch)
 {
     int result = POLICY_CHANGED;
-    if (!attempt.IsPermitted())
+    if (!attempt.Sender())
+    {
+        result = qor::POLICY_NOT_STORED; // it may be one who may
+        attempt.Report(result, "is not stored: the bus has not told who sends it; try again");
+    }
+    else if (!attempt.IsPermitted())
     {
         result = qor::POLICY_NOT_PERMITTED;
         attempt.Report(result, "is refused: its sender may not change the policy");

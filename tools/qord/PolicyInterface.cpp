@@ -245,7 +245,7 @@ void TCPolicyInterface::m_Restore(GDBusMethodInvocation* pInvocation, const TSAs
 {
     TSOptions options;
     std::string policy;
-    if (!asker.m_mayChange)
+    if (asker.m_peer.m_isKnown && !asker.m_mayChange)
     {
         ReturnError(pInvocation, qor::ERROR_NOT_PERMITTED, "the sender may not change the policy");
     }
