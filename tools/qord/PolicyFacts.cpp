@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <ctime>
 
+#include <boost/filesystem/operations.hpp>
+
 #include <qor/ICallbacks.h>
 
 #include "common/Events.h"
@@ -20,6 +22,8 @@ namespace
 
 // So many of a client's types are told: it chooses them.
 constexpr std::size_t MAX_TYPES = 8;
+// So many of those that are suspended are named.
+constexpr std::size_t MAX_SUSPENDED = 8;
 
 GVariant* Texts(const std::vector<std::string>& texts)
 {
@@ -138,6 +142,7 @@ TCPolicyFacts::TCPolicyFacts(const TSOptions& options, TCPolicyHandler& handler,
       m_handler(handler),
       m_events(events),
       m_permission(permission),
+      m_policyFile(boost::filesystem::absolute(options.m_policyFile).string()),
       m_upSince(std::time(nullptr))
 {
 }
@@ -189,6 +194,10 @@ GVariant* TCPolicyFacts::Details()
 
 GVariant* TCPolicyFacts::Property(const std::string& name, bool mayRead, qor::TCDbusServer& server)
 {
+    if (name == "Problems")
+    {
+        return Texts(m_Problems(mayRead, server));
+    }
     GVariant* pValue = m_OfService(name, server);
     return pValue != nullptr || !mayRead ? pValue : m_OfPolicy(name);
 }
@@ -198,7 +207,7 @@ GVariant* TCPolicyFacts::m_OfPolicy(const std::string& name)
     const TSInForce& inForce = m_Look();
     if (name == "PolicyFile")
     {
-        return g_variant_new_string(tools::Printable(m_options.m_policyFile).c_str());
+        return g_variant_new_string(tools::Printable(m_policyFile).c_str());
     }
     if (name == "PolicySha256")
     {
@@ -272,6 +281,68 @@ GVariant* TCPolicyFacts::m_MayChange() const
     about.Add("groups", Texts(m_options.m_permission.m_groups));
     about.Add("missing-groups", Texts(m_permission.MissingGroups()));
     return about.End();
+}
+
+// Whoever may not read the policy learns that something is wrong, and not where or with whom.
+std::vector<std::string> TCPolicyFacts::m_Problems(bool isDetailed, qor::TCDbusServer& server)
+{
+    std::vector<std::string> problems;
+    const auto add = [&problems, isDetailed](const std::string& words, const std::string& details)
+    { problems.push_back(words + (isDetailed && !details.empty() ? ": " + details : "")); };
+    const TSInForce& inForce = m_Look();
+    if (inForce.m_isThere && !inForce.m_isGood)
+    {
+        add("the policy in force is no good: it is not well-formed, or cannot be read", "");
+    }
+    if (!inForce.m_isThere && (m_handler.HasSeenPolicy() || !m_handler.Store().List().empty()))
+    {
+        add("the policy is missing, and there was one", m_policyFile);
+    }
+    if (const std::string& reason = m_handler.WhyNotStored(); !reason.empty())
+    {
+        add("the last policy could not be stored", reason);
+    }
+    if (const std::string reason = m_handler.Store().WhyNotNow(); !reason.empty())
+    {
+        add("nothing can be stored just now", reason);
+    }
+    for (const std::string& group : m_permission.MissingGroups())
+    {
+        add("there is no group " + group + " whose members could change the policy", "");
+    }
+    if (const std::string clients = m_Suspended(isDetailed, server); !clients.empty())
+    {
+        add(clients, "");
+    }
+    return problems;
+}
+
+// Empty where none is.
+std::string TCPolicyFacts::m_Suspended(bool isDetailed, qor::TCDbusServer& server)
+{
+    const auto clients = server.Clients();
+    std::string names;
+    std::size_t count = 0;
+    for (const auto& client : clients)
+    {
+        if (client.m_isSuspended && ++count <= MAX_SUSPENDED && isDetailed)
+        {
+            const TApplications& applications = m_events.Applications(server);
+            const auto found = applications.find(client.m_name);
+            names += (names.empty() ? ": " : ", ") +
+                     (found != applications.end() && found->second->m_isKnown
+                          ? found->second->m_sender.m_program + " (process " +
+                                std::to_string(found->second->m_sender.m_processId) + ", " +
+                                client.m_name + ")"
+                          : client.m_name);
+        }
+    }
+    names += isDetailed && count > MAX_SUSPENDED ? " and others" : "";
+    return count == 0 ? ""
+                      : std::to_string(count) +
+                            (count == 1 ? " client is suspended, having"
+                                        : " clients are suspended, having") +
+                            " left an event unanswered" + names;
 }
 
 GVariant* TCPolicyFacts::Policies()

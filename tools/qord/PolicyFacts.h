@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include <sys/stat.h>
 
@@ -57,11 +58,14 @@ private:
     GVariant* m_OfPolicy(const std::string& name);
     GVariant* m_OfService(const std::string& name, qor::TCDbusServer& server) const;
     GVariant* m_MayChange() const;
+    std::vector<std::string> m_Problems(bool isDetailed, qor::TCDbusServer& server);
+    std::string m_Suspended(bool isDetailed, qor::TCDbusServer& server);
 
     const TSOptions& m_options;
     TCPolicyHandler& m_handler;
     TCEvents& m_events;
     const TCPermission& m_permission;
+    std::string m_policyFile; ///< Absolute: whoever is told has another working directory.
     std::int64_t m_upSince;
     TSInForce m_inForce;
 };

@@ -158,6 +158,7 @@ std::string TCPolicyHandler::m_CheckInForce()
     std::string error;
     const bool isRead = m_store.Read(0, policy, m_maxPolicySize, error);
     const std::string hash = isRead ? tools::Sha256(policy) : "";
+    m_hasSeenPolicy = m_hasSeenPolicy || isRead;
     if (isRead &&
         tools::CheckPolicyXml(policy, error, tools::POLICY_CHECK_MEMORY) == qor::POLICY_STORED)
     {
@@ -260,6 +261,7 @@ int TCPolicyHandler::m_Store(const TCAttempt& attempt)
     const TSStoreOutcome outcome =
         m_store.Store(attempt.Policy(), [this, &attempt](const struct stat& file)
                       { m_history.Remember(m_store, file, attempt.Hash(), attempt.Sender()); });
+    m_notStored = outcome.m_result == qor::POLICY_STORED ? "" : outcome.m_words;
     if (outcome.m_result != qor::POLICY_STORED)
     {
         attempt.Report(outcome.m_result, (outcome.m_result == qor::POLICY_STATE_UNKNOWN
@@ -269,6 +271,7 @@ int TCPolicyHandler::m_Store(const TCAttempt& attempt)
         return outcome.m_result;
     }
     m_knownGood = attempt.Hash();
+    m_hasSeenPolicy = true;
     attempt.Report(outcome.m_result, outcome.m_wasInForce ? "is in force already" : "is stored");
     if (!outcome.m_words.empty())
     {

@@ -77,6 +77,18 @@ public:
         return !sha256.empty() && sha256 == m_knownGood;
     }
 
+    /// Whether there was a policy since the start that could be read.
+    bool HasSeenPolicy() const
+    {
+        return m_hasSeenPolicy;
+    }
+
+    /// Why the last policy that was to be stored may not be; empty where it is.
+    const std::string& WhyNotStored() const
+    {
+        return m_notStored;
+    }
+
     /// Since the start.
     std::uint64_t NumberOfStored() const
     {
@@ -112,6 +124,8 @@ private:
     TCPolicyHistory m_history;
     std::size_t m_maxPolicySize;
     std::string m_knownGood;
+    bool m_hasSeenPolicy = false;
+    std::string m_notStored;
     std::uint64_t m_stored = 0;
     std::uint64_t m_refused = 0;
 };

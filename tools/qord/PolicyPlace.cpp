@@ -87,6 +87,15 @@ void TCPolicyPlace::Probe() const
     m_RefuseWithoutSpace();
 }
 
+void TCPolicyPlace::RefuseWithoutRoom() const
+{
+    if (faccessat(m_directory.Get(), ".", W_OK, AT_EACCESS) != 0)
+    {
+        Fail("writing into its directory");
+    }
+    m_RefuseWithoutSpace();
+}
+
 // Whoever has put it there, and whatever has kept an earlier attempt from its end, did not sync it.
 bool TCPolicyPlace::IsInForce(std::string_view text) const
 {

@@ -63,6 +63,9 @@ public:
 
     void Probe() const;
 
+    /// The part of it that makes no file.
+    void RefuseWithoutRoom() const;
+
     /// Whether the policy in force is that text; then it is on the disk, too.
     bool IsInForce(std::string_view text) const;
 

@@ -116,6 +116,17 @@ catch (const TCFileError& error)
     return reason;
 }
 
+std::string TCPolicyStore::WhyNotNow() const
+try
+{
+    TCPolicyPlace(FollowLinks(m_path), m_rules).RefuseWithoutRoom();
+    return {};
+}
+catch (const TCFileError& error)
+{
+    return m_path + ": " + error.what();
+}
+
 bool TCPolicyStore::Read(std::uint64_t number, std::string& text, std::size_t maxSize,
                          std::string& error) const
 try

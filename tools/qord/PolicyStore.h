@@ -43,6 +43,11 @@ public:
     /// @throws std::runtime_error where nothing could ever be stored, with the reason
     std::string Open(std::string& warning);
 
+    /// Looks, and changes nothing.
+    ///
+    /// @return why nothing could be stored just now; empty when that is not known
+    std::string WhyNotNow() const;
+
     /// Reads the policy that is in force, or the kept one of that number.
     ///
     /// @return false, with the reason in error, when it cannot be read or is larger than that; with
