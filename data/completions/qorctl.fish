@@ -32,4 +32,5 @@ complete -c qorctl -n '__fish_seen_subcommand_from set-policy restore' -l if-mat
 complete -c qorctl -n '__fish_seen_subcommand_from get-policy restore' -a '(__qorctl_kept)' -d 'Kept policy'
 complete -c qorctl -n '__fish_seen_subcommand_from get-policy' -l output -r -F -d 'Write to a file'
 complete -c qorctl -n '__fish_seen_subcommand_from listen' -l count -x -d 'Exit after so many events'
+complete -c qorctl -n '__fish_seen_subcommand_from status' -l check -d 'Only say what is wrong with it'
 complete -c qorctl -n '__fish_seen_subcommand_from listen' -l exec -x -a '(__fish_complete_command)' -d 'Run on each event'

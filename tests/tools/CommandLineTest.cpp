@@ -5,6 +5,7 @@
 
 #include <grp.h>
 #include <pwd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -272,6 +273,54 @@ TEST_F(CommandLine, PolicyThatSomebodyHasSpoiltIsSaid)
               "com.norvane.qor.Error.NotText");
 }
 
+TEST_F(CommandLine, HealthIsAStatusWithReasons)
+{
+    Expect(2, "not on the bus", "status --check");
+    auto qord = StartQuietQord({"--event-timeout", "100"});
+    EXPECT_EQ(Qorctl({"status", "--check"}).out, "The service is healthy.\n"); // never had a policy
+    RawPeer silent;
+    silent.AnswerWith({Answer::HOLD, {}});
+    silent.Call(SERVICE_NAME, SERVICE_PATH, "Hello", EventList({2}));
+    Expect(0, "stored", "set-policy '" SAMPLE_POLICY "'");
+    ASSERT_TRUE(qord->WaitForOut("0 delivered, 1 failed")) << qord->Out();
+    Expect(1, silent.UniqueName() + ")\n", "status --check");
+    EXPECT_EQ(CountOf(Qorctl({"status", "--check"}).out, "1 client is suspended, having left"), 1U);
+    silent.AnswerWith({Answer::REPLY, {1}});
+    silent.AnswerHeld({Answer::REPLY, {1}});
+    EXPECT_TRUE(WaitUntil([] { return Qorctl({"status", "--check"}).exitCode == 0; }));
+
+    // No file of this process may have more than that.
+    const auto limit = [&qord](rlim_t bytes)
+    {
+        const rlimit size = {bytes, RLIM_INFINITY};
+        ASSERT_EQ(prlimit(qord->Pid(), RLIMIT_FSIZE, &size, nullptr), 0);
+    };
+    limit(0);
+    EXPECT_EQ(Qorctl({"set-policy", "-"}, "<a/>").exitCode, 1);
+    Expect(1, "the last policy could not be stored: " + m_policyFile + ": ", "status --check");
+    limit(RLIM_INFINITY);
+    EXPECT_EQ(Qorctl({"set-policy", "-"}, "<a/>").exitCode, 0);
+    Expect(0, "", "status --check");
+
+    WriteFile(m_policyFile, "<a>");
+    Expect(1, "the policy in force is no good", "status --check --timeout 9");
+    boost::filesystem::remove(m_policyFile);
+    qord.reset();
+    m_options.workingDirectory = m_directory.Path();
+    qord = StartTool(
+        QORD, {"--policy", "policy.xml", "--min-free", "1000000", "--allow-group", "no-such"},
+        m_options);
+    ASSERT_TRUE(qord->WaitForOut("qord: ready")) << qord->Err();
+    const Outcome outcome = Qorctl({"--json", "status", "--check"});
+    const TJson problems = TJson::parse(outcome.out)["problems"];
+    ASSERT_TRUE(outcome.exitCode == 1 && problems.size() == 3) << outcome.out;
+    EXPECT_EQ(problems[0], "the policy is missing, and there was one: " + m_policyFile);
+    EXPECT_EQ(problems[1].dump().find("\"nothing can be stored just now: "), 0U) << problems;
+    EXPECT_EQ(problems[2], "there is no group no-such whose members could change the policy");
+    EXPECT_EQ(CountOf(Qorctl({"status", "--check"}).out, "\n"), 3U);
+    Expect(0, "Problem ", "status");
+}
+
 TEST_F(CommandLine, StrangeServicesAreNotBelieved)
 {
     RawPeer service;
@@ -294,6 +343,7 @@ TEST_F(CommandLine, StrangeServicesAreNotBelieved)
         Expect(0, "", line);
     }
     EXPECT_EQ(Qorctl({"status"}).out.find('\033'), std::string::npos);
+    Expect(3, "does not tell whether it is healthy", "status --check");
     Expect(3, "cannot be read", "get-policy");
     Expect(3, "cannot be read", "restore 1");
     service.AnswerMethodsUsing([](const std::string&) { return g_variant_new_tuple(nullptr, 0); });

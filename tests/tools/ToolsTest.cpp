@@ -266,6 +266,7 @@ TEST_F(Tools, ServiceOnAReadOnlyDiskServesWhatCanBeRead)
     Expect(1, "it could not store it", "set-policy '" SAMPLE_POLICY "'");
     Expect(0, "<a/>", "get-policy");
     Expect(0, policy, "status");
+    Expect(1, "just now: " + policy + ": writing into its directory: Read-only", "status --check");
 }
 
 TEST_F(Tools, PolicyThatIsChangedByHandIsCheckedAndAnnounced)

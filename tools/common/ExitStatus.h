@@ -8,8 +8,8 @@ namespace tools
 enum EExitStatus
 {
     EXIT_OK = 0,
-    EXIT_REFUSED = 1,       ///< qorctl: the service refused, or the policy is no good. qord: it
-                            ///< cannot go on.
+    EXIT_REFUSED = 1,       ///< qorctl: the service refused, or is not healthy; the policy is no
+                            ///< good; there is a difference. qord: it cannot go on.
     EXIT_NOT_DELIVERED = 2, ///< qorctl: no bus, no service, or no answer.
     EXIT_BAD_ANSWER = 3,    ///< qorctl: an answer that cannot be read.
     EXIT_NOT_HEARD = 4,     ///< qorctl: not all applications have heard of the policy in time.

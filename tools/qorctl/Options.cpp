@@ -150,9 +150,12 @@ void AddListen(CLI::App& app, TSOptions& options)
 
 void AddQuestions(CLI::App& app, TSOptions& options)
 {
-    AddCommand(app, options, "status", Status, "Tell how the service is",
-               "Exit status: 0 it answers, 2 it is not on the bus or does not answer, "
-               "3 an answer that cannot be read.");
+    CLI::App* pStatus = AddCommand(
+        app, options, "status", Status, "Tell how the service is",
+        "Exit status: 0 it answers, with --check: it is healthy, 1 with --check: it is not, "
+        "2 it is not on the bus or does not answer, 3 an answer that cannot be read.");
+    pStatus->add_flag("--check", options.m_isHealthCheck,
+                      "Only say what is wrong with it, one line for each problem");
     AddCommand(app, options, "clients", Clients, "List who is registered for the service's events",
                "Exit status: 0 listed, 1 refused, 2 no answer, 3 an answer that cannot be read.");
     AddCommand(app, options, "info", Info, "Print where the policy is, and what platform this is",

@@ -23,6 +23,7 @@ struct TSOptions
     unsigned int m_waitSeconds = 0;       ///< Until all have heard of it; 0: not.
     std::optional<std::string> m_ifMatch; ///< The hash of what must be in force; empty: nothing.
     std::uint64_t m_number = 0;           ///< Of a kept policy; 0: the one in force.
+    bool m_isHealthCheck = false;         ///< The status is asked for its problems.
     std::string m_outputFile;             ///< Empty: standard output.
     unsigned int m_eventCount = 0;        ///< 0: listen until a signal.
     std::string m_eventCommand;           ///< Empty: none.

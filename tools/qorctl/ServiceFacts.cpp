@@ -182,6 +182,7 @@ TJson AskStatus(const TSOptions& options, qor::TSMethodResult& result)
                          {"process_id", Part(properties, "ProcessId")},
                          {"user", Part(properties, "User")},
                          {"up_since", Time(Part(properties, "UpSince"))}};
+    status["problems"] = Part(properties, "Problems");
     status["may_change"] = Part(properties, "MayChange");
     status["since_start"] = {{"stored", Part(properties, "PoliciesStored")},
                              {"refused", Part(properties, "PoliciesRefused")},

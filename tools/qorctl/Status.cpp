@@ -63,6 +63,12 @@ void AddPolicy(TCTable& table, const TJson& policy)
     }
 }
 
+TJson Problems(const TJson& status)
+{
+    const TJson problems = Part(status, "problems");
+    return problems.is_array() ? problems : TJson::array();
+}
+
 void PrintStatus(const TJson& status)
 {
     TCTable table;
@@ -71,6 +77,10 @@ void PrintStatus(const TJson& status)
     table.Add({"On the bus", "unique name " + Text(service, "unique_name") + ", process id " +
                                  Text(service, "process_id") + ", user " + Text(service, "user")});
     table.Add({"Up since", Text(service, "up_since")});
+    for (const TJson& problem : Problems(status))
+    {
+        table.Add({"Problem", Text({{"problem", problem}}, "problem")});
+    }
     if (const TJson policy = Part(status, "policy"); policy.is_object())
     {
         AddPolicy(table, policy);
@@ -133,6 +143,23 @@ bool IsShown(const TJson& status, const char* part)
     return true;
 }
 
+int ReportHealth(const TSOptions& options, const TJson& status)
+{
+    if (!Part(status, "problems").is_array())
+    {
+        SayError("the service does not tell whether it is healthy");
+        return tools::EXIT_BAD_ANSWER;
+    }
+    const TJson problems = Problems(status);
+    const bool isSilent = options.m_quiet || options.m_json;
+    for (const TJson& problem : problems)
+    {
+        Say(isSilent, Text({{"problem", problem}}, "problem"));
+    }
+    Say(isSilent || !problems.empty(), "The service is healthy.");
+    return problems.empty() ? tools::EXIT_OK : tools::EXIT_REFUSED;
+}
+
 } // namespace
 
 int Status(const TSOptions& options)
@@ -143,7 +170,11 @@ int Status(const TSOptions& options)
     {
         PrintJson(*status);
     }
-    else if (status && !options.m_quiet)
+    if (status && options.m_isHealthCheck)
+    {
+        return ReportHealth(options, *status);
+    }
+    if (status && !options.m_json && !options.m_quiet)
     {
         PrintStatus(*status);
     }
