@@ -1,6 +1,6 @@
 # fish completion for qorctl
 
-set -l commands set-policy get-policy history restore validate listen status clients info
+set -l commands set-policy get-policy diff history restore validate listen status clients info
 
 function __qorctl_kept
     qorctl --timeout 1 history 2>/dev/null | string match -r '^[0-9]+'
@@ -17,6 +17,7 @@ complete -c qorctl -l test-bus-names -d 'Use the bus names meant for tests'
 
 complete -c qorctl -n "not __fish_seen_subcommand_from $commands" -a set-policy -d 'Hand the service a new policy'
 complete -c qorctl -n "not __fish_seen_subcommand_from $commands" -a get-policy -d 'Write the policy in force, or a kept one'
+complete -c qorctl -n "not __fish_seen_subcommand_from $commands" -a diff -d 'Show what is different between two policies'
 complete -c qorctl -n "not __fish_seen_subcommand_from $commands" -a history -d 'List the policies that the service keeps'
 complete -c qorctl -n "not __fish_seen_subcommand_from $commands" -a restore -d 'Put a kept policy in force again'
 complete -c qorctl -n "not __fish_seen_subcommand_from $commands" -a validate -d 'Say what the service would say about a policy'
@@ -29,8 +30,8 @@ complete -c qorctl -n '__fish_seen_subcommand_from set-policy validate' -F
 complete -c qorctl -n '__fish_seen_subcommand_from set-policy' -l no-check -d 'Send it without looking at it'
 complete -c qorctl -n '__fish_seen_subcommand_from set-policy restore' -l wait -d 'Until all have heard of it, at most =SECONDS'
 complete -c qorctl -n '__fish_seen_subcommand_from set-policy restore' -l if-match -x -d 'Only where the policy in force has that SHA-256'
-complete -c qorctl -n '__fish_seen_subcommand_from get-policy restore' -a '(__qorctl_kept)' -d 'Kept policy'
+complete -c qorctl -n '__fish_seen_subcommand_from get-policy diff restore' -a '(__qorctl_kept)' -d 'Kept policy'
 complete -c qorctl -n '__fish_seen_subcommand_from get-policy' -l output -r -F -d 'Write to a file'
-complete -c qorctl -n '__fish_seen_subcommand_from listen' -l count -x -d 'Exit after so many events'
 complete -c qorctl -n '__fish_seen_subcommand_from status' -l check -d 'Only say what is wrong with it'
+complete -c qorctl -n '__fish_seen_subcommand_from listen' -l count -x -d 'Exit after so many events'
 complete -c qorctl -n '__fish_seen_subcommand_from listen' -l exec -x -a '(__fish_complete_command)' -d 'Run on each event'

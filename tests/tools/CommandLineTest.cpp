@@ -43,6 +43,7 @@ TEST_F(CommandLine, MisuseIsNamed)
     Expect(64, "0x8 is not a whole number from 1 to 18446744073709551615", "get-policy 0x8");
     Expect(64, "18446744073709551616 is not", "get-policy 18446744073709551616");
     Expect(64, "NUMBER: 0 is not", "get-policy -- 0");
+    Expect(64, "unexpected argument 3", "diff 1 2 3");
     Expect(64, "0 is not a whole number", "restore 1 --wait=0");
     Expect(64, "0x2 is not", "--policy x --keep 0x2", QORD);
     Expect(1, "line 2, column 7: mismatched tag", "validate bad");
@@ -319,6 +320,36 @@ TEST_F(CommandLine, HealthIsAStatusWithReasons)
     EXPECT_EQ(problems[2], "there is no group no-such whose members could change the policy");
     EXPECT_EQ(CountOf(Qorctl({"status", "--check"}).out, "\n"), 3U);
     Expect(0, "Problem ", "status");
+}
+
+TEST_F(CommandLine, PoliciesAreCompared)
+{
+    auto qord = StartQord();
+    Expect(2, "the service has no policy yet", "diff 0");
+    EXPECT_EQ(Qorctl({"set-policy", "-"}, "<a>\n1\n</a>\n").exitCode, 0);
+    Expect(2, "keeps no policy beside the one in force", "diff");
+    EXPECT_EQ(Qorctl({"set-policy", "-"}, "<a>\n2\n</a>\n").exitCode, 0);
+    EXPECT_EQ(Qorctl({"set-policy", "-"}, "<a>\n3\n</a>\n").exitCode, 0);
+    const std::string latest =
+        "--- policy 2\n+++ the policy in force\n@@ -1,3 +1,3 @@\n <a>\n-2\n+3\n </a>\n";
+    const Outcome outcome = Qorctl({"diff"});
+    EXPECT_TRUE(outcome.exitCode == 1 && outcome.out == latest) << outcome.out << outcome.err;
+    Expect(1, "--- policy 1\n+++ the policy in force\n", "diff 1");
+    Expect(1, "--- policy 2\n+++ policy 1\n", "diff 2 1");
+    EXPECT_EQ(Qorctl({"diff", "2", "2"}).exitCode, 0);
+    Expect(2, "there is no policy 7", "diff 0 7");
+    Expect(74, "No space left", "diff >/dev/full");
+    const TJson told = TJson::parse(Qorctl({"diff", "--json", "2"}).out);
+    EXPECT_TRUE(told["from"] == 2 && told["to"] == 0 && told["same"] == false &&
+                told["diff"] == latest)
+        << told;
+
+    // On a terminal.
+    const std::string line = "-qec \"'" QORCTL "' diff\" /dev/null | cat -v; exit $PIPESTATUS";
+    m_options.environment = {{"TERM", "xterm"}, {"PAGER", "sed \"s/^/$LESS:/\""}, {"NO_COLOR", ""}};
+    Expect(1, "FRX:^[[31m-2", line, "script");
+    m_options.environment = {{"TERM", "xterm"}, {"PAGER", "no-such-pager"}, {"NO_COLOR", "1"}};
+    Expect(1, "\n-2^M\n", line, "script");
 }
 
 TEST_F(CommandLine, StrangeServicesAreNotBelieved)

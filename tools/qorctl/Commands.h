@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include <qor/IDbusClient.h>
+
 #include "qorctl/Options.h"
 
 namespace qorctl
@@ -12,6 +14,7 @@ namespace qorctl
 
 int SetPolicy(const TSOptions& options);
 int GetPolicy(const TSOptions& options);
+int Diff(const TSOptions& options);
 int Restore(const TSOptions& options);
 int History(const TSOptions& options);
 int Validate(const TSOptions& options);
@@ -25,6 +28,14 @@ std::string PolicyName(std::uint64_t number);
 
 /// Why the service does not give a policy away, for one of its errors; empty for any other.
 std::string ReadRefusal(const std::string& errorName, std::uint64_t number);
+
+/// Gets the policy of that number; says why not.
+///
+/// @return the exit status, EXIT_OK with the text
+int FetchPolicy(const TSOptions& options, std::uint64_t number, std::string& policy);
+
+/// Says why the service has not given one away, and returns the exit status.
+int SayNotRead(const qor::TSSendResult& result, const std::string& errorName, std::uint64_t number);
 
 /// Says on standard error where the text is not well-formed.
 bool IsWellFormed(const std::string& file, const std::string& text);

@@ -33,27 +33,6 @@ bool Write(const std::string& file, const std::string& text)
     return false;
 }
 
-// The exit status, or EXIT_OK with the text.
-int Fetch(const TSOptions& options, std::string& policy)
-{
-    const auto endpoint = Endpoint(options); // the control object shares it
-    auto answer = qor::api::GetPolicyControl()->GetPolicy(options.m_number, MillisecondsLeft(), {});
-    if (IsGood(answer.m_send))
-    {
-        policy.swap(answer.m_policy);
-        return tools::EXIT_OK;
-    }
-    const std::string words = ReadRefusal(answer.m_errorName, options.m_number);
-    if (!words.empty())
-    {
-        SayError(words);
-        return tools::EXIT_REFUSED;
-    }
-    const bool isBad = answer.m_send.m_code == G_IO_ERROR_INVALID_DATA;
-    SayError("there is no answer: " + WhyNot(answer.m_send));
-    return isBad ? tools::EXIT_BAD_ANSWER : tools::EXIT_NOT_DELIVERED;
-}
-
 } // namespace
 
 std::string PolicyName(std::uint64_t number)
@@ -78,10 +57,35 @@ std::string ReadRefusal(const std::string& errorName, std::uint64_t number)
                : "";
 }
 
+int SayNotRead(const qor::TSSendResult& result, const std::string& errorName, std::uint64_t number)
+{
+    const std::string words = ReadRefusal(errorName, number);
+    SayError(words.empty() ? "there is no answer: " + WhyNot(result) : words);
+    if (!words.empty())
+    {
+        return tools::EXIT_REFUSED;
+    }
+    const bool isBad = IsGood(result) || result.m_code == G_IO_ERROR_INVALID_DATA;
+    return isBad ? tools::EXIT_BAD_ANSWER : tools::EXIT_NOT_DELIVERED;
+}
+
+int FetchPolicy(const TSOptions& options, std::uint64_t number, std::string& policy)
+{
+    const auto endpoint = Endpoint(options); // the control object shares it
+    auto answer = qor::api::GetPolicyControl()->GetPolicy(number, MillisecondsLeft(), {});
+    if (!IsGood(answer.m_send))
+    {
+        return SayNotRead(answer.m_send, answer.m_errorName, number);
+    }
+    policy.swap(answer.m_policy);
+    return tools::EXIT_OK;
+}
+
 int GetPolicy(const TSOptions& options)
 {
     std::string policy;
-    if (const int exitStatus = Fetch(options, policy); exitStatus != tools::EXIT_OK)
+    if (const int exitStatus = FetchPolicy(options, options.m_number, policy);
+        exitStatus != tools::EXIT_OK)
     {
         return exitStatus;
     }

@@ -115,6 +115,19 @@ void AddPolicyCommands(CLI::App& app, TSOptions& options)
 
     AddCommand(app, options, "history", History, "List the policies that the service keeps",
                "Exit status: 0 listed, 1 refused, 2 no answer, 3 an answer that cannot be read.");
+    CLI::App* pDiff = AddCommand(
+        app, options, "diff", Diff, "Show what is different between two policies",
+        "Without a number: the latest kept one and the one in force; with one: that one and the "
+        "one in force. Exit status: 0 the same, 1 different, 2 no answer, a refusal, or no such "
+        "policy, 3 an answer that cannot be read.");
+    for (const char* name : {"NUMBER", "OTHER"})
+    {
+        pDiff
+            ->add_option_function<std::uint64_t>(
+                name, [&options](std::uint64_t number) { options.m_numbers.push_back(number); },
+                "Of a kept policy; 0: the one in force")
+            ->check(tools::Decimal(0, MAX_NUMBER));
+    }
     CLI::App* pRestore =
         AddCommand(app, options, "restore", Restore, "Put a kept policy in force again", statuses);
     pRestore->add_option("NUMBER", options.m_number, "Of a kept policy, as history prints it")

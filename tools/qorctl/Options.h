@@ -6,6 +6,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace qorctl
 {
@@ -23,6 +24,7 @@ struct TSOptions
     unsigned int m_waitSeconds = 0;       ///< Until all have heard of it; 0: not.
     std::optional<std::string> m_ifMatch; ///< The hash of what must be in force; empty: nothing.
     std::uint64_t m_number = 0;           ///< Of a kept policy; 0: the one in force.
+    std::vector<std::uint64_t> m_numbers; ///< Of those to compare, two at most.
     bool m_isHealthCheck = false;         ///< The status is asked for its problems.
     std::string m_outputFile;             ///< Empty: standard output.
     unsigned int m_eventCount = 0;        ///< 0: listen until a signal.
