@@ -365,7 +365,8 @@ TEST_F(CommandLine, StrangeServicesAreNotBelieved)
                 method == "GetAll"         ? "({'PolicySha256': <['a']>, 'PolicySetAt': <-1>, "
                                              "'PolicySetBy': <{'user': <'\033[31mred'>}>, "
                                              "'LastEvent': <{'missed': <7>, 'at': <@t "
-                                             "18446744073709551615>}>, 'Version': <(1.5, 'x')>},)"
+                                             "18446744073709551615>}>, 'Version': <(1.5, 'x')>, "
+                                             "'PolicyFile': <'here/policy.xml'>},)"
                 : method == "ListPolicies" ? "([{'number': <'one'>}],)"
                                            : "(@aa{sv} [{'types': <{'a': <1>}>}, {}],)");
         });
@@ -373,6 +374,10 @@ TEST_F(CommandLine, StrangeServicesAreNotBelieved)
     {
         Expect(0, "", line);
     }
+    boost::filesystem::create_directory(m_directory.Path("here"));
+    WriteFile(m_directory.Path("here/policy.xml"), ""); // another one
+    Expect(0, "here/policy.xml (unknown whether there is one)", "info");
+    Expect(0, "in the folder that the service was started in", "info");
     EXPECT_EQ(Qorctl({"status"}).out.find('\033'), std::string::npos);
     Expect(3, "does not tell whether it is healthy", "status --check");
     Expect(3, "cannot be read", "get-policy");

@@ -2,6 +2,8 @@
 #include <chrono>
 #include <string>
 
+#include <boost/filesystem/operations.hpp>
+
 #include <qor/QORCachingUtils.h>
 #include <qor/QORDirsManager.h>
 #include <qor/QORFileSystem.h>
@@ -18,7 +20,7 @@ namespace
 {
 
 constexpr int USB_TEST_MODE = 2;
-constexpr std::chrono::milliseconds PATIENCE(1000); // most of it is known without the service
+constexpr std::chrono::milliseconds PATIENCE(500); // most of it is known without the service
 
 // Of the file system that holds the directory, or will hold it.
 TJson FreeSpace(boost::filesystem::path directory)
@@ -43,31 +45,40 @@ TJson Number(system_info_key_e key)
     return qor::TCVelkinCachingUtils::GetSystemInfoKeyCached(key, value) ? TJson(value) : TJson();
 }
 
-// Where the service has it; empty where none is running or it does not tell.
-std::string ServicesPolicyFile(const TSOptions& options)
+// Null where this user may not look.
+TJson IsThere(const boost::filesystem::path& file)
 {
-    qor::TSMethodResult result;
-    return Text(AskProperties(options, result, PATIENCE), "PolicyFile");
+    boost::system::error_code error;
+    const auto type = boost::filesystem::status(file, error).type();
+    return type == boost::filesystem::status_error
+               ? TJson()
+               : TJson(type != boost::filesystem::file_not_found);
 }
 
 TJson Collect(const TSOptions& options)
 {
     qor::TCDirsManager::Initialize();
     const std::string platformFile = qor::TCDirsManager::GetPolicyXmlPath();
-    const std::string serviceFile = ServicesPolicyFile(options);
+    qor::TSMethodResult result;
+    const TJson told = AskProperties(options, result, PATIENCE);
+    const std::string serviceFile = Text(told, "PolicyFile");
     const std::string file = serviceFile.empty() ? platformFile : serviceFile;
-    return {{"policy_file", file},
-            {"policy_file_of", serviceFile.empty() ? "platform" : "service"},
-            {"policy_present", qor::TSFileSystem::FileExists(file)},
-            {"platform_policy_file", platformFile},
-            {"policy_mode", qor::TCDirsManager::QORMode == USB_TEST_MODE ? "USB test" : "normal"},
-            {"free_mib", FreeSpace(boost::filesystem::path(file).parent_path())},
-            {"model", Name(SYSTEM_INFO_KEY_MODEL)},
-            {"system", Name(SYSTEM_INFO_KEY_SYSTEM_NAME)},
-            {"version", Name(SYSTEM_INFO_KEY_SYSTEM_VERSION)},
-            {"kernel", Name(SYSTEM_INFO_KEY_KERNEL_RELEASE)},
-            {"processors", Number(SYSTEM_INFO_KEY_PROCESSOR_COUNT)},
-            {"memory_mib", Number(SYSTEM_INFO_KEY_MEMORY_MIB)}};
+    const bool isOthers = file.compare(0, 1, "/") != 0; // in a folder that only the service knows
+    const TJson hash = Part(told, "PolicySha256");
+    const TJson isThere = hash.is_string() ? TJson(hash != "") : isOthers ? TJson() : IsThere(file);
+    return {
+        {"policy_file", file},
+        {"policy_file_of", serviceFile.empty() ? "platform" : "service"},
+        {"policy_present", isThere},
+        {"platform_policy_file", platformFile},
+        {"policy_mode", qor::TCDirsManager::QORMode == USB_TEST_MODE ? "USB test" : "normal"},
+        {"free_mib", isOthers ? TJson() : FreeSpace(boost::filesystem::path(file).parent_path())},
+        {"model", Name(SYSTEM_INFO_KEY_MODEL)},
+        {"system", Name(SYSTEM_INFO_KEY_SYSTEM_NAME)},
+        {"version", Name(SYSTEM_INFO_KEY_SYSTEM_VERSION)},
+        {"kernel", Name(SYSTEM_INFO_KEY_KERNEL_RELEASE)},
+        {"processors", Number(SYSTEM_INFO_KEY_PROCESSOR_COUNT)},
+        {"memory_mib", Number(SYSTEM_INFO_KEY_MEMORY_MIB)}};
 }
 
 void PrintForPeople(const TJson& info)
@@ -78,11 +89,16 @@ void PrintForPeople(const TJson& info)
         return value.empty() ? "unknown" : value + unit;
     };
     const bool isServices = Part(info, "policy_file_of") == "service";
+    const bool isOthers = Text(info, "policy_file").compare(0, 1, "/") != 0;
+    const TJson isThere = Part(info, "policy_present");
     TCTable table;
-    table.Add({"Policy file", Text(info, "policy_file") +
-                                  (Part(info, "policy_present") == true ? "" : " (none yet)")});
-    table.Add({"", isServices ? "where the service that is running keeps it"
-                              : "the platform's place; no service is running or tells"});
+    table.Add({"Policy file",
+               Text(info, "policy_file") + (isThere.is_null()  ? " (unknown whether there is one)"
+                                            : isThere == false ? " (none yet)"
+                                                               : "")});
+    table.Add({"", isOthers     ? "in the folder that the service was started in"
+                   : isServices ? "where the service that is running keeps it"
+                                : "the platform's place; no service is running or tells"});
     table.Add({"Platform's place", Text(info, "platform_policy_file")});
     table.Add({"Policy mode", Text(info, "policy_mode")});
     table.Add({"Free space", known("free_mib", " MiB")});
