@@ -43,6 +43,7 @@ TEST_F(CommandLine, MisuseIsNamed)
     Expect(64, "0x8 is not a whole number from 1 to 18446744073709551615", "get-policy 0x8");
     Expect(64, "18446744073709551616 is not", "get-policy 18446744073709551616");
     Expect(64, "NUMBER: 0 is not", "get-policy -- 0");
+    Expect(64, "unknown command ?[31mred\n", "$'\\e[31mred'");
     Expect(64, "unexpected argument 3", "diff 1 2 3");
     Expect(64, "0 is not a whole number", "restore 1 --wait=0");
     Expect(64, "0x2 is not", "--policy x --keep 0x2", QORD);

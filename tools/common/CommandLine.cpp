@@ -9,6 +9,7 @@
 
 #include "common/ExitStatus.h"
 #include "common/Output.h"
+#include "common/Text.h"
 
 namespace tools
 {
@@ -116,7 +117,7 @@ bool ParseCommandLine(CLI::App& app, int count, char** pArguments, int& exitStat
             return false;
         }
         const std::string unknown = UnknownWord(app);
-        std::cerr << app.get_name() << ": " << (unknown.empty() ? error.what() : unknown)
+        std::cerr << app.get_name() << ": " << Printable(unknown.empty() ? error.what() : unknown)
                   << "\nRun with --help for more information.\n";
         exitStatus = EXIT_WRONG_USAGE;
         return false;
