@@ -89,19 +89,22 @@ int GetPolicy(const TSOptions& options)
     {
         return exitStatus;
     }
-    if (!options.m_outputFile.empty())
+    const bool isFile = !options.m_outputFile.empty();
+    if (isFile && !Write(options.m_outputFile, policy))
     {
-        return Write(options.m_outputFile, policy) ? tools::EXIT_OK : tools::EXIT_NO_OUTPUT;
+        return tools::EXIT_NO_OUTPUT;
     }
     if (options.m_json)
     {
         PrintJson({{"number", options.m_number},
                    {"bytes", policy.size()},
                    {"sha256", tools::Sha256(policy)},
-                   {"policy", policy}});
-        return tools::EXIT_OK;
+                   {isFile ? "file" : "policy", isFile ? options.m_outputFile : policy}});
     }
-    tools::Print(policy);
+    else if (!isFile)
+    {
+        tools::Print(policy);
+    }
     return tools::EXIT_OK;
 }
 

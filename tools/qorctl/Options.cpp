@@ -107,8 +107,9 @@ void AddPolicyCommands(CLI::App& app, TSOptions& options)
                                 "Write the policy in force, or a kept one",
                                 "Exit status: 0 written, 1 there is none or the service refused, "
                                 "2 no answer, 3 an answer that cannot be read.");
-    pGet->add_option("NUMBER", options.m_number, "Of a kept policy, as history prints it")
-        ->check(tools::Decimal(1, MAX_NUMBER));
+    pGet->add_option("NUMBER", options.m_number,
+                     "Of a kept policy, as history prints it; 0: the one in force")
+        ->check(tools::Decimal(0, MAX_NUMBER));
     pGet->add_option("--output", options.m_outputFile, "Write to a file instead")
         ->type_name("FILE")
         ->check(tools::NotEmpty("the name of a file"));
