@@ -34,6 +34,7 @@ protected:
 TEST_F(CommandLine, MisuseIsNamed)
 {
     WriteFile(m_directory.Path("bad"), "<a>\n <é></e>\n</a>");
+    WriteFile(m_directory.Path("wide"), "<a>\r <漢字e\u0301></e>\r</a>");
     Expect(64, "unknown command stauts; did you mean status?", "stauts");
     Expect(64, "unknown option --jsn; did you mean --json?", "status --jsn");
     Expect(64, "unexpected argument b", "set-policy a b");
@@ -48,11 +49,13 @@ TEST_F(CommandLine, MisuseIsNamed)
     Expect(64, "0x2 is not", "--policy x --keep 0x2", QORD);
     Expect(1, "line 2, column 7: mismatched tag", "validate bad");
     Expect(1, " <é></e>\n          ^\n", "validate bad");
+    Expect(1, " <漢字e\u0301></e>\n              ^\n", "validate wide");
     Expect(1, "line 2, column 7: mismatched tag", "set-policy bad");
     Expect(0, "well-formed (5188 bytes)", "validate '" SAMPLE_POLICY "'");
     const TJson verdict = TJson::parse(Qorctl({"validate", "--json", m_directory.Path("bad")}).out);
     EXPECT_TRUE(verdict["valid"] == false && verdict["line"] == 2 && verdict["column"] == 7)
         << verdict;
+    EXPECT_EQ(TJson::parse(Qorctl({"set-policy", "--json", m_directory.Path("bad")}).out), verdict);
     WriteFile(m_directory.Path("long"), "<a>" + std::string(1000000, 'x') + "</b>");
     EXPECT_LT(Qorctl({"validate", m_directory.Path("long")}).err.size(), 400U);
 }

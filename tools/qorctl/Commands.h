@@ -37,8 +37,8 @@ int FetchPolicy(const TSOptions& options, std::uint64_t number, std::string& pol
 /// Says why the service has not given one away, and returns the exit status.
 int SayNotRead(const qor::TSSendResult& result, const std::string& errorName, std::uint64_t number);
 
-/// Says on standard error where the text is not well-formed.
-bool IsWellFormed(const std::string& file, const std::string& text);
+/// Says where the text is not well-formed, with --json for programs too.
+bool IsWellFormed(const TSOptions& options, const std::string& text);
 
 } // namespace qorctl
 

@@ -7,6 +7,8 @@
 #include <memory>
 #include <system_error>
 
+#include <glib.h>
+
 #include <qor/PolicyMessage.h>
 
 #include "common/Text.h"
@@ -32,14 +34,29 @@ bool IsContinued(char byte) // within a character of UTF-8
     return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
 }
 
+// Lines end as the parser counts them: by a line feed, a carriage return, or both.
 std::size_t StartOfLine(const std::string& text, std::size_t line)
 {
     std::size_t start = 0;
     for (; line > 1 && start < text.size(); --line)
     {
-        start = std::min(text.find('\n', start), text.size() - 1) + 1;
+        start = std::min(text.find_first_of("\r\n", start), text.size() - 1) + 1;
+        start += text.compare(start - 1, 2, "\r\n") == 0 ? 1 : 0;
     }
     return start;
+}
+
+// How many columns of a terminal the text takes.
+std::size_t Width(const std::string& text)
+{
+    std::size_t width = 0;
+    for (const char* pNext = text.c_str(); *pNext != '\0'; pNext = g_utf8_next_char(pNext))
+    {
+        const gunichar character = g_utf8_get_char(pNext);
+        const bool isOnAnother = g_unichar_iszerowidth(character) != FALSE;
+        width += isOnAnother ? 0 : (g_unichar_iswide(character) != FALSE ? 2 : 1);
+    }
+    return width;
 }
 
 // Steps over so many characters.
@@ -102,9 +119,12 @@ std::string ShowPlace(const std::string& text, const tools::TSXmlPlace& place)
     const std::size_t before = std::min(place.m_column - 1, around);
     const std::size_t line = StartOfLine(text, place.m_line);
     const std::size_t start = Skip(text, line, place.m_column - 1 - before);
-    const std::size_t end = std::min(text.find('\n', start), Skip(text, start, before + around));
-    const std::string shown = tools::Printable(text.substr(start, end - start));
-    return "    " + shown + "\n    " + std::string(before, ' ') + "^\n";
+    const std::size_t middle = Skip(text, start, before);
+    const std::size_t end =
+        std::min(text.find_first_of("\r\n", middle), Skip(text, middle, around));
+    const std::string shown = tools::Printable(text.substr(start, middle - start));
+    return "    " + shown + tools::Printable(text.substr(middle, end - middle)) + "\n    " +
+           std::string(Width(shown), ' ') + "^\n";
 }
 
 } // namespace qorctl

@@ -268,7 +268,7 @@ int SetPolicy(const TSOptions& options)
         SayError(error);
         return tools::EXIT_WRONG_USAGE;
     }
-    if (options.m_isChecked && !IsWellFormed(options.m_policyFile, text))
+    if (options.m_isChecked && !IsWellFormed(options, text))
     {
         return tools::EXIT_REFUSED;
     }

@@ -11,7 +11,24 @@
 namespace qorctl
 {
 
-bool IsWellFormed(const std::string& file, const std::string& text)
+namespace
+{
+
+void PrintVerdict(const TSOptions& options, std::size_t size, const tools::TSXmlPlace* pPlace)
+{
+    TJson result = {{"file", options.m_policyFile}, {"valid", pPlace == nullptr}, {"bytes", size}};
+    if (pPlace != nullptr)
+    {
+        result["line"] = pPlace->m_line;
+        result["column"] = pPlace->m_column;
+        result["reason"] = pPlace->m_reason;
+    }
+    PrintJson(result);
+}
+
+} // namespace
+
+bool IsWellFormed(const TSOptions& options, const std::string& text)
 {
     std::string error;
     tools::TSXmlPlace place;
@@ -20,8 +37,12 @@ bool IsWellFormed(const std::string& file, const std::string& text)
     {
         return true;
     }
-    SayError(PolicyName(file) + " is not well-formed XML, " + error);
+    SayError(PolicyName(options.m_policyFile) + " is not well-formed XML, " + error);
     std::fputs(ShowPlace(text, place).c_str(), stderr);
+    if (options.m_json)
+    {
+        PrintVerdict(options, text.size(), &place);
+    }
     return false;
 }
 
@@ -34,32 +55,24 @@ int Validate(const TSOptions& options)
         SayError(error);
         return tools::EXIT_WRONG_USAGE;
     }
-    tools::TSXmlPlace place;
-    const int verdict =
-        text.size() > tools::MAX_POLICY_SIZE
-            ? qor::POLICY_TOO_LARGE
-            : tools::CheckPolicyXml(text, error, tools::POLICY_CHECK_MEMORY, &place);
-    const bool isGood = verdict == qor::POLICY_STORED;
-    if (verdict == qor::POLICY_TOO_LARGE)
+    const int verdict = text.size() > tools::MAX_POLICY_SIZE
+                            ? qor::POLICY_TOO_LARGE
+                            : tools::CheckPolicyXml(text, error, tools::POLICY_CHECK_MEMORY);
+    if (verdict == qor::POLICY_NOT_WELL_FORMED)
     {
-        place.m_reason = error.empty() ? "it has more than 16 MiB" : error;
-        SayError(PolicyName(options.m_policyFile) +
-                 " is too large for a service with the usual limits: " + place.m_reason);
+        IsWellFormed(options, text);
+        return tools::EXIT_REFUSED;
     }
-    else if (!isGood)
+    const bool isGood = verdict == qor::POLICY_STORED;
+    const tools::TSXmlPlace nowhere = {0, 0, error.empty() ? "it has more than 16 MiB" : error};
+    if (!isGood)
     {
-        IsWellFormed(options.m_policyFile, text);
+        SayError(PolicyName(options.m_policyFile) +
+                 " is too large for a service with the usual limits: " + nowhere.m_reason);
     }
     if (options.m_json)
     {
-        TJson result = {{"file", options.m_policyFile}, {"valid", isGood}, {"bytes", text.size()}};
-        if (!isGood)
-        {
-            result["line"] = place.m_line;
-            result["column"] = place.m_column;
-            result["reason"] = place.m_reason;
-        }
-        PrintJson(result);
+        PrintVerdict(options, text.size(), isGood ? nullptr : &nowhere);
     }
     else if (isGood)
     {
