@@ -55,7 +55,8 @@ TEST_F(CommandLine, MisuseIsNamed)
     const TJson verdict = TJson::parse(Qorctl({"validate", "--json", m_directory.Path("bad")}).out);
     EXPECT_TRUE(verdict["valid"] == false && verdict["line"] == 2 && verdict["column"] == 7)
         << verdict;
-    EXPECT_EQ(TJson::parse(Qorctl({"set-policy", "--json", m_directory.Path("bad")}).out), verdict);
+    EXPECT_EQ(Qorctl({"set-policy", "--json", m_directory.Path("bad")}).out,
+              Qorctl({"validate", "--json", m_directory.Path("bad")}).out);
     WriteFile(m_directory.Path("long"), "<a>" + std::string(1000000, 'x') + "</b>");
     EXPECT_LT(Qorctl({"validate", m_directory.Path("long")}).err.size(), 400U);
 }
@@ -172,7 +173,7 @@ TEST_F(CommandLine, PoliciesAreToldGotAndRestored)
     Expect(0, "stored", "set-policy '" SAMPLE_POLICY "'");
     EXPECT_EQ(Qorctl({"set-policy", "-"}, "<second/>").exitCode, 0);
     EXPECT_EQ(Qorctl({"get-policy", "--", "0"}).out, "<second/>");
-    const TJson written = Json({"get-policy", "--json", "--output", m_directory.Path("file")});
+    TJson written = Json({"get-policy", "--json", "--output", m_directory.Path("file")});
     EXPECT_TRUE(written["file"] == m_directory.Path("file") && !written.contains("policy"));
     EXPECT_EQ(ReadFile(m_directory.Path("file")), "<second/>");
     EXPECT_EQ(Qorctl({"get-policy", "1"}).out, ReadFile(SAMPLE_POLICY));
@@ -296,6 +297,10 @@ TEST_F(CommandLine, HealthIsAStatusWithReasons)
     silent.AnswerHeld({Answer::REPLY, {1}});
     EXPECT_TRUE(WaitUntil([] { return Qorctl({"status", "--check"}).exitCode == 0; }));
 
+    boost::filesystem::rename(m_policyFile, m_policyFile + "-away"); // none is kept yet
+    Expect(1, "the policy is missing, and there was one", "status --check");
+    boost::filesystem::rename(m_policyFile + "-away", m_policyFile);
+
     // No file of this process may have more than that.
     const auto limit = [&qord](rlim_t bytes)
     {
@@ -345,7 +350,7 @@ TEST_F(CommandLine, PoliciesAreCompared)
     EXPECT_EQ(Qorctl({"diff", "2", "2"}).exitCode, 0);
     Expect(2, "there is no policy 7", "diff 0 7");
     Expect(74, "No space left", "diff >/dev/full");
-    const TJson told = TJson::parse(Qorctl({"diff", "--json", "2"}).out);
+    TJson told = TJson::parse(Qorctl({"diff", "--json", "2"}).out);
     EXPECT_TRUE(told["from"] == 2 && told["to"] == 0 && told["same"] == false &&
                 told["diff"] == latest)
         << told;
