@@ -356,8 +356,10 @@ TEST_F(CommandLine, PoliciesAreCompared)
         << told;
 
     // On a terminal.
-    const std::string line = "-qec \"'" QORCTL "' diff\" /dev/null | cat -v; exit $PIPESTATUS";
-    m_options.environment = {{"TERM", "xterm"}, {"PAGER", "sed \"s/^/$LESS:/\""}, {"NO_COLOR", ""}};
+    const std::string line =
+        "-qec \"'" QORCTL "' diff --timeout 1\" /dev/null | cat -v; exit $PIPESTATUS";
+    m_options.environment = {
+        {"TERM", "xterm"}, {"PAGER", "sleep 1.5; sed \"s/^/$LESS:/\""}, {"NO_COLOR", ""}};
     Expect(1, "FRX:^[[31m-2", line, "script");
     m_options.environment = {{"TERM", "xterm"}, {"PAGER", "no-such-pager"}, {"NO_COLOR", "1"}};
     Expect(1, "\n-2^M\n", line, "script");

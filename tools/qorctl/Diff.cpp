@@ -146,6 +146,7 @@ void Show(const std::string& difference)
     // Ignored here and not there. Who leaves the pager early has seen enough.
     std::signal(SIGINT, [](int) {});
     std::signal(SIGPIPE, [](int) {});
+    // NOLINTNEXTLINE(cert-env33-c): a pager may be any command of the shell
     FILE* pPager = popen(("export LESS=\"${LESS-FRX}\"; " + pager).c_str(), "we");
     if (pPager != nullptr)
     {

@@ -65,7 +65,9 @@ TJson Collect(const TSOptions& options)
     const std::string file = serviceFile.empty() ? platformFile : serviceFile;
     const bool isOthers = file.compare(0, 1, "/") != 0; // in a folder that only the service knows
     const TJson hash = Part(told, "PolicySha256");
-    const TJson isThere = hash.is_string() ? TJson(hash != "") : isOthers ? TJson() : IsThere(file);
+    const TJson isThere = hash.is_string() ? TJson(!Text(told, "PolicySha256").empty())
+                          : isOthers       ? TJson()
+                                           : IsThere(file);
     return {
         {"policy_file", file},
         {"policy_file_of", serviceFile.empty() ? "platform" : "service"},
