@@ -234,7 +234,8 @@ void TCDbusServer::m_GiveUpName()
         return;
     }
     const bool isMute = m_pStop->m_isOver && !m_pStop->m_isWritten; // an ordered end has seen that
-    if (isClosed || (!isMute && session->Calls().IsAnsweredByBus("GetId", nullptr, RELEASE_LIMIT_US)) ||
+    if (isClosed ||
+        (!isMute && session->Calls().IsAnsweredByBus("GetId", nullptr, RELEASE_LIMIT_US)) ||
         session->IsClosed() || !UnownOnAThread(id))
     {
         g_bus_unown_name(id);
