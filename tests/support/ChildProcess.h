@@ -7,6 +7,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
@@ -135,9 +136,11 @@ public:
         return m_process && g_subprocess_get_identifier(m_process.get()) != nullptr;
     }
 
+    /// One that stops has stopped when this returns: its threads may run on for a moment.
     void Signal(int signal)
     {
         m_process ? g_subprocess_send_signal(m_process.get(), signal) : void();
+        signal == SIGSTOP ? void(WaitUntil([this] { return m_IsStopped(); })) : void();
     }
 
     /// Waits for the end; a program that still runs after the watchdog is killed.
@@ -184,6 +187,15 @@ public:
     }
 
 private:
+    bool m_IsStopped() const
+    {
+        const boost::filesystem::path tasks("/proc/" + std::to_string(m_pid) + "/task");
+        return std::all_of(
+            boost::filesystem::directory_iterator(tasks), {},
+            [](const boost::filesystem::path& task)
+            { return ReadFile((task / "stat").string()).find(") T ") != std::string::npos; });
+    }
+
     // Files in memory: a program is never held up by a reader.
     const int m_out = memfd_create("out", MFD_CLOEXEC);
     const int m_err = memfd_create("err", MFD_CLOEXEC);

@@ -135,6 +135,7 @@ TEST_F(Tools, ListenerSaysWhenTheServiceComesAndGoes)
     listener = StartListener({"--count", "1"});
     m_pBus->Kill();
     EXPECT_TRUE(listener->WaitForOut("bus lost"));
+    EXPECT_EQ(qord->Wait(), 1); // else it still keeps the file
     m_pBus->Restart();
     qord = StartQord();
     EXPECT_TRUE(listener->WaitForOut("bus found"));
