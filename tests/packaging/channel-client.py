@@ -17,14 +17,9 @@ from gi.repository import Gio, GLib
 INTERFACE = "com.norvane.qor.IControl"
 PATH = "/com/norvane/qor/CommunicationChannel"
 INTROSPECTION = """
-<node>
-  <interface name='com.norvane.qor.IControl'>
-    <method name='Send'>
-      <arg type='ay' name='data' direction='in'/>
-      <arg type='ay' name='response' direction='out'/>
-    </method>
-  </interface>
-</node>
+<node><interface name='com.norvane.qor.IControl'>
+  <method name='Send'><arg type='ay' direction='in'/><arg type='ay' direction='out'/></method>
+</interface></node>
 """
 
 SET_POLICY = 4  # to the service
@@ -50,9 +45,6 @@ class Archives:
         self.header = (struct.pack(self.word, len(SIGNATURE)) + SIGNATURE +
                        struct.pack("<H", ARCHIVE_VERSION) + self.layout)
 
-    def write_int(self, number):
-        return self.header + struct.pack("<i", number)
-
     def write_text(self, text):
         return self.header + struct.pack(self.word, len(text)) + text
 
@@ -66,23 +58,16 @@ class Archives:
         return struct.unpack_from("<i", data, len(self.header))[0]
 
 
-def envelope(message, archive):
-    is_async = False
-    return struct.pack("<i?", message, is_async) + archive
-
-
 class Client:
     def __init__(self, arguments):
+        self.arguments = arguments
         self.archives = Archives(arguments.word_size)
-        self.show_bytes = arguments.show_bytes
-        self.result_of_events = not arguments.refuse
         self.events_left = arguments.listen
         self.loop = GLib.MainLoop()
         self.bus = Gio.bus_get_sync(Gio.BusType.SYSTEM, None)
-        self.bus.set_exit_on_close(False)
 
     def show(self, what, data):
-        if self.show_bytes:
+        if self.arguments.show_bytes:
             print(what, data.hex(" "), flush=True)
 
     def call(self, method, data):
@@ -96,7 +81,8 @@ class Client:
 
     def set_policy(self, text):
         """Gives back the service's result code; None if the service could not take the request."""
-        answer = self.call("Send", envelope(SET_POLICY, self.archives.write_text(text)))
+        envelope = struct.pack("<i?", SET_POLICY, False)  # the type, and that it is synchronous
+        answer = self.call("Send", envelope + self.archives.write_text(text))
         if not answer:
             raise ProtocolError("an empty answer")
         return self.archives.read_int(answer[1:]) if answer[0] else None
@@ -118,7 +104,7 @@ class Client:
         self.show("> event", request)
         event = struct.unpack_from("<i?", request)[0] if len(request) >= 5 else 0
         known = event in EVENT_NAMES
-        answer = struct.pack("?", known and self.result_of_events)
+        answer = struct.pack("?", known and not self.arguments.refuse)
         self.show("< event", answer)
         invocation.return_value(wrap(answer))
         if known:
@@ -138,43 +124,26 @@ def unwrap(value):
     return value.get_child_value(0).get_data_as_bytes().get_data() or b""
 
 
-def parse_arguments():
-    parser = argparse.ArgumentParser(description="Hands the platform monitoring service a policy.")
-    parser.add_argument("file", nargs="?", metavar="FILE", help="the policy; none: only listen")
-    parser.add_argument("--listen", type=int, default=0, metavar="N",
-                        help="stay until N events have come")
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("file", help="the policy")
+    parser.add_argument("--listen", type=int, default=0, help="stay until so many events have come")
     parser.add_argument("--refuse", action="store_true", help="answer events with a false result")
     parser.add_argument("--show-bytes", action="store_true", help="print every envelope in hex")
     parser.add_argument("--word-size", type=int, choices=WORDS, default=struct.calcsize("@N"),
                         help="speak as a process whose words have so many bytes; default: its own")
     arguments = parser.parse_args()
-    if arguments.file is None and arguments.listen == 0:
-        parser.error("nothing to do: neither FILE nor --listen is given")
-    return arguments
-
-
-def run(arguments):
-    text = None
-    if arguments.file is not None:
+    try:
+        client = Client(arguments)
+        if arguments.listen:
+            client.listen()
         with open(arguments.file, "rb") as policy:
-            text = policy.read()
-    client = Client(arguments)
-    result = 0
-    if arguments.listen:
-        client.listen()
-    if text is not None:
-        result = client.set_policy(text)
+            result = client.set_policy(policy.read())
         print("the service could not take the request" if result is None else "result %d" % result,
               flush=True)
-    if arguments.listen:
-        client.loop.run()
-    return 0 if result == 0 else 1
-
-
-def main():
-    arguments = parse_arguments()
-    try:
-        return run(arguments)
+        if arguments.listen:
+            client.loop.run()
+        return 0 if result == 0 else 1
     except GLib.Error as error:
         print("not delivered:", error.message, file=sys.stderr)
         return 2
