@@ -1,7 +1,4 @@
 // The policy file, the copies and the record beside it.
-#include <future>
-#include <set>
-
 #include <fcntl.h>
 #include <grp.h>
 #include <sys/prctl.h>
@@ -214,24 +211,6 @@ TEST_F(PolicyStore, PlacesThatAreNoGoodAreFoundAtOnce)
     EXPECT_EQ(Open(m_path), "");
     EXPECT_EQ(store.Store("three").m_result, qor::POLICY_STORED);
     EXPECT_TRUE(has(Open(m_path), "keeps this file"));
-}
-
-// What a crash leaves is what a reader would have seen.
-TEST_F(PolicyStore, ReadersAlwaysSeeAWholeText)
-{
-    ASSERT_TRUE(Store(m_path, std::string(200000, 'x')));
-    auto writer = std::async(std::launch::async,
-                             [&]
-                             {
-                                 for (int i = 0; i < 200; ++i)
-                                 {
-                                     EXPECT_TRUE(Store(m_path, std::string(200000, 'x')));
-                                 }
-                             });
-    while (writer.wait_for(std::chrono::seconds(0)) != std::future_status::ready)
-    {
-        EXPECT_EQ(ReadFile(m_path).size(), 200000U);
-    }
 }
 
 TEST_F(PolicyStore, FileOfAnotherUserIsReplacedAndKept)
