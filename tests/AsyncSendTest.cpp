@@ -1,4 +1,5 @@
 // Sends with a reason: each status, cancellation, and asynchronous ones in every main context.
+#include <algorithm>
 #include <atomic>
 #include <future>
 #include <memory>
@@ -26,8 +27,6 @@ using qor::TCDbusClient;
 using qor::TSSendResult;
 using Clock = std::chrono::steady_clock;
 
-const Answer NEVER{Answer::NEVER, {}, ""};
-
 Answer DbusError(const std::string& name)
 {
     return {Answer::ERROR, {}, name};
@@ -45,18 +44,17 @@ class Results
 public:
     qor::TSendCallback Taker()
     {
-        return [state = m](const TSSendResult& result)
+        return [state = m_state](const TSSendResult& result)
         {
             const std::lock_guard<std::mutex> lock(state->mutex);
-            state->results.push_back(result);
-            state->threads.push_back(std::this_thread::get_id());
+            state->told.emplace_back(result, std::this_thread::get_id());
         };
     }
 
-    std::vector<TSSendResult> All() const
+    std::vector<std::pair<TSSendResult, std::thread::id>> All() const
     {
-        const std::lock_guard<std::mutex> lock(m->mutex);
-        return m->results;
+        const std::lock_guard<std::mutex> lock(m_state->mutex);
+        return m_state->told;
     }
     std::size_t Count() const
     {
@@ -64,22 +62,20 @@ public:
     }
     ESendStatus Status(std::size_t index = 0) const
     {
-        return All().at(index).m_status;
+        return All().at(index).first.m_status;
     }
     std::thread::id Thread(std::size_t index = 0) const
     {
-        const std::lock_guard<std::mutex> lock(m->mutex);
-        return m->threads.at(index);
+        return All().at(index).second;
     }
 
 private:
     struct State
     {
         std::mutex mutex;
-        std::vector<TSSendResult> results;
-        std::vector<std::thread::id> threads;
+        std::vector<std::pair<TSSendResult, std::thread::id>> told;
     };
-    std::shared_ptr<State> m = std::make_shared<State>();
+    std::shared_ptr<State> m_state = std::make_shared<State>();
 };
 
 // A main context that a thread of its own iterates.
@@ -119,7 +115,7 @@ protected:
         EXPECT_TRUE(PumpUntil([&] { return results.Count() != 0; }));
         PumpUntil([] { return false; }, 20);
         EXPECT_EQ(results.Count(), 1U);
-        return results.All().at(0);
+        return results.All().at(0).first;
     }
 };
 
@@ -154,10 +150,21 @@ TEST_F(Sends, EachOutcomeHasItsStatusCodeAndText)
         error(prefix + "LimitsExceededNot", ESendStatus::FAILED, G_IO_ERROR_DBUS_ERROR),
         error(prefix + "Failed", ESendStatus::FAILED, G_DBUS_ERROR_FAILED)};
     TCDbusClient client(false);
+    ASSERT_TRUE(PumpUntil([&] { return client.IsReady(); }));
     for (const Case& one : cases)
     {
         m_service->AnswerWith(one.answer);
-        for (const TSSendResult& result : {Call(client), Outcome(client)})
+        LogCapture::Clear();
+        EXPECT_EQ(EndpointLife::Sends(client), one.status == ESendStatus::ANSWERED_TRUE);
+        const std::vector<TSSendResult> results{Call(client), Outcome(client)};
+        // The same for each kind of send.
+        const std::string line = "> Sending message error, errno " + std::to_string(one.code);
+        const auto isLine = [&](const LogLine& logged)
+        { return logged.text.substr(logged.text.find('>')) == line; };
+        const auto lines = LogCapture::Lines();
+        EXPECT_EQ(lines.size(), one.text.empty() ? 0U : 3U) << one.text;
+        EXPECT_TRUE(std::all_of(lines.begin(), lines.end(), isLine)) << one.text;
+        for (const TSSendResult& result : results)
         {
             EXPECT_EQ(result.m_status, one.status) << one.text;
             EXPECT_EQ(result.m_code, one.code) << one.text;
@@ -166,8 +173,8 @@ TEST_F(Sends, EachOutcomeHasItsStatusCodeAndText)
         }
     }
     const auto sent = m_service->Calls("Send");
-    EXPECT_EQ(sent.at(0).bytes, Request(1, false, {7}));
-    EXPECT_EQ(sent.at(1).bytes, Request(1, true, {7})); // it can be called back meanwhile
+    EXPECT_EQ(sent.at(1).bytes, Request(1, false, {7}));
+    EXPECT_EQ(sent.at(2).bytes, Request(1, true, {7})); // it can be called back meanwhile
 }
 
 TEST_F(Sends, WhatNobodyAnswersHasItsReasonToo)
@@ -251,28 +258,6 @@ TEST_F(Sends, TextIsPrintableAndBounded)
     EXPECT_EQ(text(std::string(994, 'x') + "\u00e9"), "a.b: " + std::string(994, 'x')); // whole
 }
 
-TEST_F(Sends, LogSaysTheSameForEachKindOfSend)
-{
-    TCDbusClient client(false);
-    ASSERT_TRUE(PumpUntil([&] { return client.IsReady(); }));
-    m_service->AnswerWith(DbusError("org.freedesktop.DBus.Error.LimitsExceeded"));
-    const auto lines = [&](const std::function<void()>& send)
-    {
-        LogCapture::Clear();
-        send();
-        std::vector<std::string> texts;
-        for (const LogLine& line : LogCapture::Lines())
-        {
-            texts.push_back(line.text.substr(line.text.find('>')));
-        }
-        return texts;
-    };
-    const std::vector<std::string> expected{"> Sending message error, errno 8"};
-    EXPECT_EQ(lines([&] { EndpointLife::Sends(client); }), expected);
-    EXPECT_EQ(lines([&] { Call(client); }), expected);
-    EXPECT_EQ(lines([&] { Outcome(client); }), expected);
-}
-
 // --- Cancellation --------------------------------------------------------------------------------
 
 TEST_F(Sends, CancellationFromAnotherThreadEndsWhatWaits)
@@ -301,7 +286,7 @@ TEST_F(Sends, CancellationFromAnotherThreadEndsWhatWaits)
     EXPECT_EQ(Call(client, WATCHDOG_MS, cancellation).m_status, ESendStatus::CANCELLED);
     CallAsync(client, results, WATCHDOG_MS, cancellation);
     ASSERT_TRUE(PumpUntil([&] { return results.Count() == 3; }));
-    m_service->AnswerWith({Answer::REPLY, {1}, ""});
+    m_service->AnswerWith(YES);
     EXPECT_EQ(Call(client).m_status, ESendStatus::ANSWERED_TRUE);
     EXPECT_EQ(m_service->Count("Send"), 1U);
 }
@@ -348,10 +333,7 @@ TEST_F(Sends, ResultsComeInTheChosenContextExactlyOnce)
     const OtherContext other;
     Results here, there;
     std::atomic<int> count{0};
-    m_service->AnswerUsing(
-        [&](const IncomingCall&) {
-            return ++count % 3 == 0 ? NEVER : Answer{Answer::REPLY, {1}, ""};
-        });
+    m_service->AnswerUsing([&](const IncomingCall&) { return ++count % 3 == 0 ? NEVER : YES; });
     for (int i = 0; i < 60; ++i)
     {
         CallAsync(client, i % 2 == 0 ? here : there, 300, {}, i % 2 == 0 ? nullptr : other.Get());
@@ -420,7 +402,7 @@ TEST_F(Sends, NothingIsToldAfterTheEndpointIsGone)
     const OtherContext other;
     Results results;
     const auto held = std::make_shared<int>();
-    for (const Answer& answer : {NEVER, Answer{Answer::REPLY, {1}, ""}})
+    for (const Answer& answer : {NEVER, YES})
     {
         auto client = std::make_unique<TCDbusClient>(false);
         m_service->AnswerWith(answer);
@@ -478,10 +460,8 @@ TEST_F(Sends, ResultMayLetGoOfTheLastPointerToTheEndpoint)
 
 TEST_F(Sends, ThreadsSendCancelAndEndEndpointsAtWill)
 {
-    m_service->AnswerUsing(
-        [count = 0](const IncomingCall&) mutable {
-            return ++count % 4 == 0 ? NEVER : Answer{Answer::REPLY, {1}, ""};
-        });
+    m_service->AnswerUsing([count = 0](const IncomingCall&) mutable
+                           { return ++count % 4 == 0 ? NEVER : YES; });
     const OtherContext first, second;
     const BackgroundPump pump;
     Results results;
@@ -519,37 +499,38 @@ protected:
 
 TEST_F(Policies, ResultIsThatOfTheServiceOrTheReasonWhyThereIsNone)
 {
-    const auto set = [&]
+    struct Case
     {
+        Bytes reply;
+        ESendStatus status;
+        int code, result;
+        std::string text;
+    };
+    const std::vector<Case> cases{{PolicyReply(5), ESendStatus::ANSWERED_TRUE, 0, 5, ""},
+                                  {{1, 2, 3},
+                                   ESendStatus::FAILED,
+                                   G_IO_ERROR_INVALID_DATA,
+                                   -1,
+                                   "The answer cannot be read: "},
+                                  {{0}, ESendStatus::ANSWERED_FALSE, 0, -1, ""}};
+    for (const Case& one : cases)
+    {
+        m_service->AnswerWith({Answer::REPLY, one.reply, ""});
         std::promise<qor::TSPolicyResult> promise;
         m_control.SetPolicyAsync(
             "p", WATCHDOG_MS, {}, [&](const auto& result) { promise.set_value(result); }, nullptr);
-        std::vector<qor::TSPolicyResult> both{m_control.SetPolicy("p", WATCHDOG_MS, {})};
-        both.push_back(Await(promise.get_future()));
-        return both;
-    };
-    m_service->AnswerWith({Answer::REPLY, PolicyReply(5), ""});
-    for (const qor::TSPolicyResult& result : set())
-    {
-        EXPECT_EQ(result.m_send.m_status, ESendStatus::ANSWERED_TRUE);
-        EXPECT_EQ(result.m_result, 5);
+        const qor::TSPolicyResult direct = m_control.SetPolicy("p", WATCHDOG_MS, {});
+        for (const qor::TSPolicyResult& result : {direct, Await(promise.get_future())})
+        {
+            EXPECT_EQ(result.m_send.m_status, one.status);
+            EXPECT_EQ(result.m_send.m_code, one.code);
+            EXPECT_EQ(result.m_send.m_text.rfind(one.text, 0), 0U) << result.m_send.m_text;
+            EXPECT_EQ(result.m_send.m_text.empty(), one.text.empty());
+            EXPECT_EQ(result.m_result, one.result);
+        }
     }
     EXPECT_EQ(m_service->Calls("Send").at(0).bytes, Request(4, true, Archive("p")));
     EXPECT_EQ(m_service->Calls("Send").at(1).bytes, Request(4, false, Archive("p")));
-    m_service->AnswerWith({Answer::REPLY, {1, 2, 3}, ""});
-    for (const qor::TSPolicyResult& result : set())
-    {
-        EXPECT_EQ(result.m_send.m_status, ESendStatus::FAILED);
-        EXPECT_EQ(result.m_send.m_code, G_IO_ERROR_INVALID_DATA);
-        EXPECT_EQ(result.m_send.m_text.rfind("The answer cannot be read: ", 0), 0U);
-        EXPECT_EQ(result.m_result, -1);
-    }
-    m_service->AnswerWith({Answer::REPLY, {0}, ""});
-    for (const qor::TSPolicyResult& result : set())
-    {
-        EXPECT_EQ(result.m_send.m_status, ESendStatus::ANSWERED_FALSE);
-        EXPECT_EQ(result.m_result, -1);
-    }
 }
 
 TEST_F(BusTest, PolicyControlIsFinalLikeTheControlObject)

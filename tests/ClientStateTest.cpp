@@ -29,11 +29,6 @@ constexpr EClientState UNREGISTERED = EClientState::UNREGISTERED;
 constexpr EClientState LOST = EClientState::BUS_LOST;
 constexpr EClientState FOUND = EClientState::BUS_FOUND;
 
-bool Accept(const Bytes&, Bytes&)
-{
-    return true;
-}
-
 class States : public EndpointLife
 {
 protected:

@@ -1,6 +1,5 @@
 // Orders of life that endpoints must stand: successors, callbacks that iterate the main context or
 // own what they must not, forked children, and a bus that goes away and comes back.
-#include <dirent.h>
 #include <sys/wait.h>
 
 #include <atomic>
@@ -18,6 +17,7 @@
 #include <qor/api.h>
 
 #include "EndpointFixture.h"
+#include "FaultSupport.h"
 
 namespace
 {
@@ -28,22 +28,6 @@ using qor::TCDbusClientProvider;
 using qor::TCDbusServer;
 using Counts = std::pair<std::size_t, std::size_t>;
 using VariantPtr = qor::TGlibPtr<GVariant>;
-
-bool Accept(const Bytes&, Bytes&)
-{
-    return true;
-}
-
-std::size_t OpenFiles()
-{
-    const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir("/proc/self/fd"), &closedir);
-    std::size_t count = 0;
-    while (readdir(directory.get()) != nullptr)
-    {
-        ++count;
-    }
-    return count;
-}
 
 // --- Successors ----------------------------------------------------------------------------------
 
@@ -219,7 +203,7 @@ TEST_F(EndpointLife, EventsEndWithAnImpossibleTimeoutOrWhenTheyAreCancelled)
     TCDbusServer server(false);
     ASSERT_TRUE(PumpUntil([&] { return server.IsReady(); }));
     RawPeer client;
-    client.AnswerWith({Answer::NEVER, {}, ""});
+    client.AnswerWith(NEVER);
     client.PostHello(SERVICE_NAME, {2, 4});
     ASSERT_TRUE(PumpUntil([&] { return server.NumberOfClients() == 1; }));
     EXPECT_EQ(server.SendMessage(2, {}, -2), Counts(0, 1));
@@ -301,9 +285,9 @@ TEST_F(EndpointLife, ClientFindsTheBusAgainWithItsContextIterated)
         EXPECT_TRUE(Sends(client));
         EXPECT_EQ(m_service->Count("Send"), 1U); // nothing is sent again
         EXPECT_EQ(Await(Event(client.GetUniqueName(), 2)).bytes, (Bytes{1}));
-        files = i == 1 ? OpenFiles() : files;
+        files = i == 1 ? OpenFiles(getpid()) : files;
     }
-    EXPECT_LE(OpenFiles(), files);
+    EXPECT_LE(OpenFiles(getpid()), files);
 }
 
 TEST_F(EndpointLife, ClientFindsTheBusAgainByItsSendsAlone)
@@ -315,9 +299,9 @@ TEST_F(EndpointLife, ClientFindsTheBusAgainByItsSendsAlone)
         RestartBus();
         EXPECT_TRUE(WaitUntil([&] { return Sends(client); }));
         EXPECT_EQ(m_service->Count("Hello"), 0U); // before it can be called
-        files = i == 1 ? OpenFiles() : files;
+        files = i == 1 ? OpenFiles(getpid()) : files;
     }
-    EXPECT_LE(OpenFiles(), files);
+    EXPECT_LE(OpenFiles(getpid()), files);
     // Later the context runs, and the rest is made up for.
     client.SetCallback(2, Accept);
     ASSERT_TRUE(PumpUntil([&] { return client.IsReady(); }));
@@ -331,7 +315,7 @@ TEST_F(EndpointLife, SendsOfManyThreadsEndWhenTheBusDiesAndOneOfThemFindsItAgain
     TCDbusClient client(false);
     const BackgroundPump pump;
     ASSERT_TRUE(WaitUntil([&] { return client.IsReady(); })); // becoming so waits for sends
-    m_service->AnswerWith({Answer::NEVER, {}, ""});
+    m_service->AnswerWith(NEVER);
     std::vector<std::future<bool>> sends;
     for (int i = 0; i < 4; ++i)
     {

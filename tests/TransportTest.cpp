@@ -26,13 +26,7 @@ using qor::TCDbusClientProvider;
 using Clock = std::chrono::steady_clock;
 using Transport = EndpointLife;
 
-const Answer YES{Answer::REPLY, {1}, ""};
 const std::string NO_BUS = "Connecting to system bus error, errno ";
-
-bool Accept(const Bytes&, Bytes&)
-{
-    return true;
-}
 
 double SecondsSince(Clock::time_point start)
 {

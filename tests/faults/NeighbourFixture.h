@@ -25,8 +25,6 @@ using Clock = std::chrono::steady_clock;
 using Counts = std::pair<std::size_t, std::size_t>;
 using Peers = std::vector<std::unique_ptr<RawPeer>>;
 
-inline const Answer YES{Answer::REPLY, {1}, ""};
-inline const Answer NEVER{Answer::NEVER, {}, ""};
 inline const std::string REFUSED = "org.freedesktop.DBus.Error.LimitsExceeded";
 
 // A thread has a user of its own where the kernel is asked directly.

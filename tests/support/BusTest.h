@@ -19,6 +19,14 @@
 namespace qortest
 {
 
+inline const Answer YES{Answer::REPLY, {1}, ""};
+inline const Answer NEVER{Answer::NEVER, {}, ""};
+
+inline bool Accept(const Bytes&, Bytes&)
+{
+    return true;
+}
+
 /// Every test gets a bus of its own, and must leave no reference to the shared connection behind.
 class BusTest : public ::testing::Test
 {
