@@ -235,14 +235,14 @@ TEST_F(DbusServer, OnlyATrueResultIsASuccess)
     const std::string denied = "org.freedesktop.DBus.Error.AccessDenied";
     const std::pair<Answer, std::string> cases[] = {
         // and the line that a failure leaves
-        {{Answer::REPLY, {1}, ""}, ""},
+        {YES, ""},
         {{Answer::REPLY, {1, 5, 5}, ""}, ""},
-        {NO, "to % failed"},
+        {{Answer::REPLY, Bytes(1 << 20), ""}, "to % failed"},
         {{Answer::REPLY, {}, ""}, "to % failed"},
         {{Answer::WRONG_TYPE, {}, ""}, "to % failed"},
         {{Answer::NO_VALUE, {}, ""}, "to % failed"},
         {{Answer::ERROR, {}, denied}, "from % error, errno 9"},
-        {{Answer::NEVER, {}, ""}, "from % error, errno 24"},
+        {NEVER, "from % error, errno 24"},
         {{Answer::LEAVE, {}, ""}, "from % error, errno 4"},
     };
     const Peers clients = Clients(std::size(cases), {2});
@@ -279,7 +279,7 @@ TEST_F(DbusServer, SilentClientAmongTwentyDelaysNoOther)
     m_server->SetCallback(4, [](const Bytes&, Bytes&) { return true; });
     RawPeer other;
     EXPECT_EQ(Send(other, Request(4, false)), (Bytes{1}));
-    (*first)->AnswerHeld({Answer::REPLY, {1}, ""});
+    (*first)->AnswerHeld(YES);
     EXPECT_EQ(counts.get(), Counts(20, 0));
 }
 

@@ -110,29 +110,6 @@ TEST_F(Fault, CallsOfTheWrongShapeAreAnsweredWithErrors)
     EndCleanly(*qord);
 }
 
-TEST_F(Fault, EveryKindOfBadAnswerIsOneFailureAndTheOthersAreServed)
-{
-    auto qord = StartQuietQord({"--event-timeout", "500"});
-    auto listener = StartListener();
-    RawPeer peers[7];
-    const Bytes zeros(1 << 20, 0);
-    const Answer answers[] = {{Answer::WRONG_TYPE, {}, ""}, {Answer::NO_VALUE, {}, ""},
-                              {Answer::NEVER, {}, ""},      {Answer::ERROR, {}, "com.example.E"},
-                              {Answer::REPLY, {}, ""},      {Answer::REPLY, zeros, ""},
-                              {Answer::LEAVE, {}, ""}};
-    for (int i = 0; i < 7; ++i)
-    {
-        peers[i].AnswerWith(answers[i]);
-        peers[i].Call(SERVICE_NAME, SERVICE_PATH, "Hello", EventList({2, 4}));
-    }
-    ExpectResult(qor::POLICY_STORED, "<p/>");
-    EXPECT_TRUE(qord->WaitForOut("policy-update: 1 delivered, 7 failed")) << qord->Out();
-    qord->Signal(SIGUSR1); // the one that left is no longer there to be counted
-    EXPECT_TRUE(qord->WaitForOut("process-info: 1 delivered, 6 failed")) << qord->Out();
-    EXPECT_TRUE(listener->WaitForOut("process-info"));
-    EndCleanly(*qord);
-}
-
 // A client of the library that another process calls, which has taken the service's name.
 TEST_F(Fault, ClientHostStandsAServiceThatIsNone)
 {
