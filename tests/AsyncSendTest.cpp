@@ -381,8 +381,10 @@ TEST_F(Sends, BusThatDiesEndsWhatWaitsAndAsyncSendsDoNotLookForIt)
     Results results;
     CallAsync(client, results);
     CallAsync(client, results, WATCHDOG_MS, {}, other.Get());
-    ASSERT_TRUE(m_service->WaitForCalls("Send", 2));
+    auto waiting = std::async(std::launch::async, [&] { return Call(client); });
+    ASSERT_TRUE(m_service->WaitForCalls("Send", 3));
     m_bus.Kill();
+    EXPECT_EQ(waiting.get().m_status, ESendStatus::NO_BUS);
     ASSERT_TRUE(PumpUntil([&] { return results.Count() == 2; }));
     EXPECT_EQ(results.Status(0), ESendStatus::NO_BUS);
     EXPECT_EQ(results.Status(1), ESendStatus::NO_BUS);

@@ -310,38 +310,6 @@ TEST_F(EndpointLife, ClientFindsTheBusAgainByItsSendsAlone)
     EXPECT_TRUE(PumpUntil([&] { return client.IsReady() && Sends(client); }));
 }
 
-TEST_F(EndpointLife, SendsOfManyThreadsEndWhenTheBusDiesAndOneOfThemFindsItAgain)
-{
-    TCDbusClient client(false);
-    const BackgroundPump pump;
-    ASSERT_TRUE(WaitUntil([&] { return client.IsReady(); })); // becoming so waits for sends
-    m_service->AnswerWith(NEVER);
-    std::vector<std::future<bool>> sends;
-    for (int i = 0; i < 4; ++i)
-    {
-        sends.push_back(std::async(std::launch::async, [&] { return Sends(client); }));
-    }
-    ASSERT_TRUE(m_service->WaitForCalls("Send", 4));
-    const auto start = std::chrono::steady_clock::now();
-    m_bus.Kill();
-    for (auto& send : sends)
-    {
-        EXPECT_FALSE(send.get());
-    }
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)); // not the timeout
-    m_bus.Restart();
-    Serve();
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i)
-    {
-        threads.emplace_back([&] { EXPECT_TRUE(WaitUntil([&] { return Sends(client); })); });
-    }
-    for (std::thread& thread : threads)
-    {
-        thread.join();
-    }
-}
-
 TEST_F(EndpointLife, ProcessWideObjectsLiveOnAndAFailedStartStaysOne)
 {
     const auto control = qor::api::GetControl();
