@@ -96,26 +96,6 @@ TEST_F(Delivery, SilentClientHasOneCallOfEachTypeWaitingUpToItsShare)
     expectUnconfirmed(8, types.size());
 }
 
-TEST_F(Delivery, ClientHasNoMoreThanItsShareOnTheWayAtATime)
-{
-    Serve();
-    const Peers client = Clients(1, {Answer::HOLD, {}, ""}, 0, {1, 2, 3, 4, 5});
-    std::vector<std::future<Counts>> events;
-    for (int type = 1; type <= 5; ++type)
-    {
-        events.push_back(std::async(std::launch::async,
-                                    [=] { return m_server->SendMessage(type, {}, WATCHDOG_MS); }));
-    }
-    ASSERT_TRUE(client[0]->WaitForCalls("Send", 4));
-    EXPECT_FALSE(WaitUntil([&] { return client[0]->Count("Send") > 4; }, 200));
-    client[0]->AnswerWith(YES);
-    client[0]->AnswerHeld(YES);
-    for (auto& event : events)
-    {
-        EXPECT_EQ(event.get(), Counts(1, 0));
-    }
-}
-
 TEST_F(Delivery, EachFurtherSilentUserTakesHalfOfTheSlotsThatAreLeft)
 {
     if (geteuid() != 0)
