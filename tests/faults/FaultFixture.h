@@ -4,8 +4,6 @@
 
 #include <csignal>
 
-#include <qor/PolicyMessage.h>
-
 #include "FaultSupport.h"
 #include "ToolRunner.h"
 

@@ -10,34 +10,6 @@
 
 using namespace qortest;
 
-TEST_F(Fault, HostOutlivesTheBusAndANewServiceLearnsItAgain)
-{
-    std::size_t policies = 0;
-    Bytes response;
-    for (int round = 1; round <= 4; ++round)
-    {
-        auto qord = StartQord();
-        auto client = qor::TCDbusClientProvider::Get(false);
-        client->SetCallback(2, [&](const auto&, auto&) { return ++policies != 0; });
-        ASSERT_TRUE(PumpUntil([&] { return client->IsReady(); }));
-        client->SendMessage(99, {}, response, false); // answered after the registration
-        const std::size_t before = policies;
-        ASSERT_EQ(Qorctl({"set-policy", "-"}, "<a/>").exitCode, 0);
-        ASSERT_TRUE(PumpUntil([&] { return policies > before; }));
-        EXPECT_TRUE(qord->WaitForOut("policy-update: 1 delivered, 0 failed")) << qord->Out();
-        m_pBus->Kill();
-        EXPECT_EQ(qord->Wait(), 1);
-        EXPECT_EQ(CountOf(qord->Err(), "\n"), 1U) << qord->Err();
-        ASSERT_TRUE(PumpUntil([&] { return !client->IsReady(); }));
-        LogCapture::Clear();
-        EXPECT_FALSE(client->SendMessage(1, {}, response, false));
-        EXPECT_EQ(LogCapture::Count(LOG_ERROR, "Sending message error"), 1U);
-        client.reset();
-        ASSERT_TRUE(SharedConnectionIsLetGo());
-        m_pBus->Restart();
-    }
-}
-
 // The daemon closes the connection of who sends too much.
 TEST_F(Fault, WhoSendsMoreThanTheBusTakesIsCutOffAndTheNextOneWorks)
 {

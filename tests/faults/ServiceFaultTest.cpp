@@ -321,7 +321,7 @@ TEST_F(Fault, ServiceStopsInTimeAndAnnouncesWhatIsDue)
     }
 }
 
-TEST_F(Fault, ABusThatNeverAnswersDoesNotKeepTheServiceFromEnding)
+TEST_F(Fault, ABusThatNeverAnswersOrIsGoneDoesNotKeepTheServiceFromEnding)
 {
     const int mute = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const std::string path = m_directory.Path("mute");
@@ -350,6 +350,12 @@ TEST_F(Fault, ABusThatNeverAnswersDoesNotKeepTheServiceFromEnding)
         EXPECT_EQ(qord->Wait(), 0);
         m_pBus->Freeze(false);
     }
+
+    auto qord = StartQuietQord(); // and one that is gone ends it
+    m_pBus->Kill();
+    EXPECT_EQ(qord->Wait(), 1);
+    EXPECT_EQ(CountOf(qord->Err(), "\n"), 1U) << qord->Err();
+    m_pBus->Restart();
 }
 
 TEST_F(Fault, OutputThatNobodyReadsIsDroppedAndCounted)
