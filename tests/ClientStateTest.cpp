@@ -1,11 +1,8 @@
 // What a client's observers are told, and threads that iterate a context of their own.
-#include <algorithm>
 #include <atomic>
 #include <future>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
-#include <string>
 #include <vector>
 
 #include <qor/QORContextThread.h>

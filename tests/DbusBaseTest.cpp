@@ -1,6 +1,5 @@
 // What both endpoints share, seen from the wire: envelopes, dispatch and answers.
 #include <string>
-#include <vector>
 
 #include <qor/QORDbusClient.h>
 

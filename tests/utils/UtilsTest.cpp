@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cstring>
 #include <map>
-#include <random>
 #include <string>
 #include <thread>
 
