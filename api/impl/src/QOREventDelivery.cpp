@@ -79,7 +79,7 @@ int TCEventDelivery::m_Dispatch(GSource* /*pSource*/, GSourceFunc /*callback*/, 
 {
     auto& delivery = *static_cast<TCEventDelivery*>(pDelivery);
     delivery.m_isCalled = false; // first: who calls from here on is heard
-    delivery.m_Work();
+    delivery.m_Work(nullptr);
     return G_SOURCE_CONTINUE;
 }
 
@@ -156,7 +156,7 @@ void TCEventDelivery::DeliverAndWait(const TSEventPtr& pEvent, TCalls calls)
     Deliver(pEvent, std::move(calls));
     while (m_WaitForTurn(*pEvent))
     {
-        m_Work();
+        m_Work(pEvent.get());
     }
     bool isLeftOver = false;
     bool isAwaited = false;
@@ -229,7 +229,9 @@ TCEventDelivery::TSNews TCEventDelivery::TakeNews()
 
 // --- Turns ---------------------------------------------------------------------------------------
 
-void TCEventDelivery::m_Work()
+// A thread that waits for an event goes on until that has ended, and no longer: others may post
+// without end.
+void TCEventDelivery::m_Work(const TSEvent* pOwn)
 {
     TInbox inbox;
     if (!m_BeginTurn(inbox))
@@ -251,7 +253,7 @@ void TCEventDelivery::m_Work()
         }
         m_CheckIdle();
         inbox.clear();
-    } while (!m_EndTurn(inbox));
+    } while (!m_EndTurn(inbox, pOwn));
 }
 
 // False while another thread has the turn.
@@ -268,7 +270,7 @@ bool TCEventDelivery::m_BeginTurn(TInbox& inbox)
 }
 
 // False where more has come meanwhile.
-bool TCEventDelivery::m_EndTurn(TInbox& inbox)
+bool TCEventDelivery::m_EndTurn(TInbox& inbox, const TSEvent* pOwn)
 {
     const gint64 now = g_get_monotonic_time();
     gint64 next = NOT_DUE;
@@ -278,7 +280,8 @@ bool TCEventDelivery::m_EndTurn(TInbox& inbox)
                         now + (m_isHeldUp ? SENT_CHECK_US : CLOSED_CHECK_US));
     }
     const TCPosixLock lock(m_inboxMutex);
-    if (!m_inbox.empty())
+    const bool isOver = pOwn != nullptr && pOwn->m_isOver;
+    if (!m_inbox.empty() && !isOver)
     {
         inbox.swap(m_inbox);
         return false;

@@ -94,9 +94,9 @@ private:
     void m_Wake(bool isAwaited) QOR_EXCLUDES(m_inboxMutex);
     bool m_WaitForTurn(const TSEvent& event) QOR_EXCLUDES(m_inboxMutex);
     void m_EndWait(TSEvent& event) QOR_EXCLUDES(m_inboxMutex);
-    void m_Work() QOR_EXCLUDES(m_inboxMutex);
+    void m_Work(const TSEvent* pOwn) QOR_EXCLUDES(m_inboxMutex);
     bool m_BeginTurn(TInbox& inbox) QOR_EXCLUDES(m_inboxMutex);
-    bool m_EndTurn(TInbox& inbox) QOR_EXCLUDES(m_inboxMutex);
+    bool m_EndTurn(TInbox& inbox, const TSEvent* pOwn) QOR_EXCLUDES(m_inboxMutex);
     void m_Tell(const std::function<void(TSNews&)>& tell) QOR_EXCLUDES(m_inboxMutex);
 
     void m_SetUser(const TAccountPtr& pAccount, std::uint32_t userId);
