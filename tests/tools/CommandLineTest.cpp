@@ -275,9 +275,10 @@ TEST_F(CommandLine, PolicyThatSomebodyHasSpoiltIsSaid)
     EXPECT_EQ(Json({"status", "--json"})["policy"]["well_formed"], false);
     EXPECT_EQ(Qorctl({"get-policy"}).out, std::string("\xff\0\x01", 3));
     RawPeer peer;
-    EXPECT_EQ(peer.CallMethod("com.norvane.qor.Policy1", "GetPolicy", g_variant_new("(t)", 0UL))
-                  .errorName,
-              "com.norvane.qor.Error.NotText");
+    EXPECT_EQ(
+        peer.CallMethod("com.norvane.qor.Policy1", "GetPolicy", g_variant_new("(t)", guint64{0}))
+            .errorName,
+        "com.norvane.qor.Error.NotText");
 }
 
 TEST_F(CommandLine, StrangeServicesAreNotBelieved)

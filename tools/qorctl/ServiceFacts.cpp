@@ -24,6 +24,7 @@ std::string MemberName(std::string name)
     return name;
 }
 
+// NOLINTNEXTLINE(misc-no-recursion): a message nests values 64 deep at most
 TJson ToList(GVariant* pValue)
 {
     const bool isDictionary = g_variant_is_of_type(pValue, G_VARIANT_TYPE_DICTIONARY) != FALSE;
@@ -125,6 +126,7 @@ TJson AskList(const TSOptions& options, const char* method)
 
 } // namespace
 
+// NOLINTNEXTLINE(misc-no-recursion): as above
 TJson ToJson(GVariant* pValue)
 {
     switch (g_variant_classify(pValue))

@@ -157,7 +157,7 @@ std::string TCPolicyHandler::m_CheckInForce()
     std::string policy;
     std::string error;
     const bool isRead = m_store.Read(0, policy, m_maxPolicySize, error);
-    const std::string hash = isRead ? tools::Sha256(policy) : "";
+    std::string hash = isRead ? tools::Sha256(policy) : "";
     m_hasSeenPolicy = m_hasSeenPolicy || isRead;
     if (isRead &&
         tools::CheckPolicyXml(policy, error, tools::POLICY_CHECK_MEMORY) == qor::POLICY_STORED)

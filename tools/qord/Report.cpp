@@ -25,6 +25,7 @@ namespace
 {
 
 // A bus that starts services itself gives them no place for their lines.
+// NOLINTNEXTLINE(concurrency-mt-unsafe): no thread yet
 const bool g_isStartedByBus = std::getenv("DBUS_STARTER_BUS_TYPE") != nullptr;
 
 bool IsNullDevice(int descriptor)
