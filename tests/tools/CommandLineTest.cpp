@@ -159,7 +159,7 @@ TEST_F(CommandLine, EventsRunOneCommandAtATime)
         ASSERT_TRUE(WaitUntil([&] { return CountOf(listener->Out(), wanted) > std::size_t(i); }));
     }
     Expect(0, "stored", "set-policy '" SAMPLE_POLICY "'");
-    EXPECT_EQ(listener->Wait(), 0);
+    EXPECT_EQ(listener->Wait(), 0) << listener->Out() << qord->Out() << qord->Err();
     EXPECT_EQ(ReadFile(ran), "start process-info\nend\nstart process-info\nend\n"
                              "start policy-update\nend\n");
 }
