@@ -133,9 +133,10 @@ TEST_F(OwnInterface, SignalsReachWhoeverListens)
             *static_cast<std::string*>(pHeard) += text;
         },
         &heard, nullptr);
-    g_dbus_connection_call_sync(listener.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                "org.freedesktop.DBus", "GetId", nullptr, nullptr,
-                                G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+    const qor::TGlibPtr<GVariant> subscribed(g_dbus_connection_call_sync(
+        listener.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "GetId", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr));
+    EXPECT_TRUE(subscribed);
     const std::string large(qor::TCDbus::MaxPayload() + 1, 'x');
     EXPECT_FALSE(m_server->EmitSignal(OWN, "Told", g_variant_new("(s)", large.c_str())));
     EXPECT_TRUE(m_server->EmitSignal(OWN, "Told", g_variant_new("(s)", "news")));
