@@ -110,20 +110,19 @@ void TCPolicyInterface::m_Handle(GDBusMethodInvocation* pInvocation) noexcept
 void TCPolicyInterface::m_Answer(GDBusMethodInvocation* pInvocation)
 {
     const std::string method = g_dbus_method_invocation_get_method_name(pInvocation);
-    const TSAsker asker = m_service.m_asker();
     if (!m_service.m_isReady())
     {
         ReturnError(pInvocation, FAILED, "the service cannot serve, and ends");
     }
     else if (method == "SetPolicy")
     {
-        m_SetPolicy(pInvocation, asker);
+        m_SetPolicy(pInvocation, m_service.m_asker());
     }
     else if (method == "Restore")
     {
-        m_Restore(pInvocation, asker);
+        m_Restore(pInvocation, m_service.m_asker());
     }
-    else if (m_service.m_mayRead(asker))
+    else if (m_service.m_mayRead())
     {
         m_AnswerRead(pInvocation, method);
     }
@@ -284,9 +283,8 @@ GVariant* TCPolicyInterface::m_ReadProperty(const std::string& name) noexcept
 {
     try
     {
-        return m_service.m_isReady()
-                   ? m_facts.Property(name, m_service.m_mayRead(m_service.m_asker()), *m_pServer)
-                   : nullptr;
+        return m_service.m_isReady() ? m_facts.Property(name, m_service.m_mayRead(), *m_pServer)
+                                     : nullptr;
     }
     catch (const std::exception& exception)
     {

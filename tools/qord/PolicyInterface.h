@@ -27,8 +27,8 @@ public:
     /// What the service adds to a call.
     struct TSService
     {
-        std::function<TSAsker()> m_asker;              ///< Who calls.
-        std::function<bool(const TSAsker&)> m_mayRead; ///< What the service keeps.
+        std::function<TSAsker()> m_asker; ///< Who calls; may ask the user database.
+        std::function<bool()> m_mayRead;  ///< Whether the caller may read what is kept.
         std::function<bool()> m_isReady;
         std::function<void()> m_onStored; ///< A policy that may be in force now.
     };

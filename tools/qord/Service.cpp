@@ -197,8 +197,8 @@ void TCService::m_Fail(const std::string& reason)
 TCPolicyInterface::TSService TCService::m_ForInterface()
 {
     return {[this] { return m_Asker(); },
-            [this](const TSAsker& asker)
-            { return asker.m_mayChange || !m_options.m_permission.m_restrictReading; },
+            // For most services nobody has to be looked up.
+            [this] { return !m_options.m_permission.m_restrictReading || m_Asker().m_mayChange; },
             [this] { return m_Begin(); }, [this] { m_AnnounceAfterReply(); }};
 }
 
