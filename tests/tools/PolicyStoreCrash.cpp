@@ -33,6 +33,7 @@ Disk PolicyStoreCrash::Read() const
 void PolicyStoreCrash::Write(const Disk& disk)
 {
     m_pDirectory = std::make_unique<TemporaryDirectory>();
+    ForgetFiles(); // the system gives their numbers to those that are written here
     std::map<ino_t, std::string> written;
     for (const auto& [name, file] : disk)
     {

@@ -45,9 +45,15 @@ protected:
         {
             ASSERT_EQ(Store(text), qor::POLICY_STORED);
         }
-        SetWatch(&m_idle); // forgets the numbers of what has been created until now
-        SetWatch(nullptr);
+        ForgetFiles();
         m_before = Read();
+    }
+
+    /// The numbers of what has been created until now.
+    void ForgetFiles()
+    {
+        SetWatch(&m_idle);
+        SetWatch(nullptr);
     }
 
     /// What the record knows: the policy that was in force, and the new one.
