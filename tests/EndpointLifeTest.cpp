@@ -217,7 +217,7 @@ TEST_F(EndpointLife, EventsEndWithAnImpossibleTimeoutOrWhenTheyAreCancelled)
     const auto clients = server.Clients();
     ASSERT_EQ(clients.size(), 1U);
     EXPECT_EQ(clients[0].m_name, client.UniqueName());
-    EXPECT_EQ(clients[0].m_types, (std::set<int>{2, 4}));
+    EXPECT_EQ(clients[0].m_types, (std::vector<int>{2, 4}));
     EXPECT_TRUE(clients[0].m_isSuspended); // it has not answered yet
 }
 

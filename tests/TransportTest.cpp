@@ -183,7 +183,7 @@ TEST_F(BusTest, TypeIsRegisteredInTheEndThoughTheServiceWasTooBusy)
     const auto isRegistered = [&]
     {
         const auto clients = server.Clients();
-        return clients.size() == 1 && clients[0].m_types == std::set<int>{2};
+        return clients.size() == 1 && clients[0].m_types == std::vector<int>{2};
     };
     EXPECT_TRUE(PumpUntil(isRegistered, 15000));
 }

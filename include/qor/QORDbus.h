@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <cstddef>
-#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -23,6 +22,7 @@ namespace qor
 class TCDbusEntry;
 class TCDbusSession;
 class TCDbusTimer;
+class TCDbusTurns;
 struct TSDbusLink;
 
 /// An endpoint on the D-Bus system bus. It exports one object with the interface
@@ -43,8 +43,8 @@ struct TSDbusLink;
 /// Losing the bus never ends the process: calls then fail with a log line. A client finds the bus
 /// again (see TCDbusClient); a service ends and is started anew.
 ///
-/// Limits: build options bound the calls, and their bytes, that one sender may have waiting in the
-/// main context; file descriptors are not accepted (docs/operations.md). A call over a limit is
+/// Limits: build options bound the calls, and their bytes, that one sender (in a server: one user)
+/// may have open; file descriptors are not accepted (docs/operations.md). A call over a limit is
 /// answered with the error LimitsExceeded before it is queued.
 ///
 /// Fork: a child process inherits no connection to the bus. An endpoint that it finds belongs to
@@ -132,6 +132,9 @@ protected:
     /// handler may need them to finish.
     void t_StopHandlers();
 
+    /// Looks again for calls that may be handled now. Inside a handler.
+    void t_TryWaitingCalls();
+
     /// Whether t_SeverHandlers has been called.
     bool t_IsSevered() const;
 
@@ -196,7 +199,7 @@ private:
     void m_HandleMessage(const char* sender, GVariant* pParameters,
                          GDBusMethodInvocation* pInvocation);
 
-    void m_Handle(std::function<void()> work, bool isNested);
+    void m_Handle(std::function<void()> work, GDBusMessage* pCall, bool isNested);
     void m_HandleNext();
     static int m_NextTurn(void* pUserData);
 
@@ -207,9 +210,8 @@ private:
     unsigned int m_registrationId QOR_GUARDED_BY(t_watchMutex);
     TSessionPtr m_pExportedOn QOR_GUARDED_BY(t_watchMutex);
     std::map<std::string, TMethodHandler> m_methodHandlers; ///< Complete before the export.
-    /// What is to be handled, in order. Only on the thread that handles messages.
-    std::deque<std::function<void()>> m_postponed;
-    std::unique_ptr<TCDbusTimer> m_pNextTurn; ///< For the rest of what was postponed.
+    std::unique_ptr<TCDbusTurns> m_pTurns;    ///< What is to be handled.
+    std::unique_ptr<TCDbusTimer> m_pNextTurn; ///< For the rest of it.
     TSDbusLink* m_pLink;
 };
 

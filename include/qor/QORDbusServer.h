@@ -3,6 +3,8 @@
 #define QOR_QORDBUSSERVER_H
 
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <list>
 #include <map>
 #include <memory>
@@ -29,7 +31,8 @@ struct TSEventAccount;
 /// The server endpoint. The service constructs one and keeps it for its lifetime.
 ///
 /// It owns the well-known name, registers every client that says Hello with the types it wants, and
-/// forgets it when it leaves the bus. See TCDbus for the main context and the lifetime: the service
+/// forgets it when it leaves the bus. A build option bounds the clients of one user, but not of root
+/// and of the service's own user; a Hello of one more is answered with LimitsExceeded. See TCDbus for the main context and the lifetime: the service
 /// must iterate that context, until then the server does not become ready and learns of no client.
 /// A thread of the server's own carries the outgoing event calls.
 ///
@@ -85,13 +88,37 @@ public:
     /// A client as the registry has it.
     struct TSClientInfo
     {
-        std::string m_name;    ///< Unique name on the bus, which tells user and process of it.
-        std::set<int> m_types; ///< What it asked for.
-        bool m_isSuspended;    ///< It has let a call time out and is not called for that type.
+        std::string m_name;          ///< Unique name on the bus, which tells user and process of it.
+        std::vector<int> m_types;    ///< What it asked for, ascending; the first eight.
+        std::size_t m_numberOfTypes; ///< Of all that it asked for.
+        bool m_isSuspended; ///< It has let a call time out and is not called for that type.
     };
 
-    /// The clients of this moment, ordered by name; none in a forked child. Any thread.
+    /// The clients of this moment, ordered by name; none in a forked child. What it costs grows
+    /// with their number, and not with what they registered. Any thread; does not block.
     std::vector<TSClientInfo> Clients();
+
+    /// Whether the client (its unique name) is registered for the type. Any thread; does not block.
+    bool IsRegistered(const std::string& client, int type);
+
+    /// How many clients are suspended; appends the names of the first of them, ordered. Any thread;
+    /// does not block.
+    std::size_t SuspendedClients(std::size_t atMost, std::vector<std::string>& names);
+
+    /// What others cost the server.
+    struct TSServerLoad
+    {
+        std::size_t m_clients = 0; ///< Those that are registered.
+        std::size_t m_types = 0;   ///< All types that they asked for; 4 bytes each.
+        /// Clients by user id; of users that have any. The bus has told nothing of those that are
+        /// missing here.
+        std::map<unsigned int, std::size_t> m_clientsByUser;
+        std::uint64_t m_refusedCalls = 0; ///< Calls that were over a limit, since the start.
+    };
+
+    /// Writes no log line. What it costs does not grow with the number of clients. Any thread; does
+    /// not block.
+    TSServerLoad Load();
 
 protected:
     bool t_Start();
@@ -102,12 +129,18 @@ private:
     friend struct TSEventUser;
     struct TSClient
     {
-        std::set<int> m_events;
+        bool Wants(int type) const;
+
+        std::vector<int> m_events; ///< Ascending.
         TGlibPtr<GDBusProxy> m_pProxy;
         unsigned int m_watcherId = 0;
         boost::shared_ptr<TSEventAccount> m_pAccount;
+        std::int64_t m_since = 0; ///< Monotonic time.
+        bool m_hasUser = false;
+        unsigned int m_userId = 0; ///< Where the bus has told.
     };
     struct TSAsyncMessage;
+    struct TSLoad;
     struct TSStop;
     using TEventPtr = std::shared_ptr<TSEvent>;
     using TClients = std::map<std::string, TSClient>;
@@ -138,8 +171,9 @@ private:
 
     void m_HandleHelloMessage(const char* sender, GVariant* pParameters,
                               GDBusMethodInvocation* pInvocation);
-    bool m_Register(const std::string& client, std::set<int> events) QOR_EXCLUDES(t_stateMutex);
-    bool m_AddClient(const std::string& name) QOR_REQUIRES(t_stateMutex);
+    bool m_Register(const std::string& client, std::vector<int> events)
+        QOR_EXCLUDES(t_stateMutex);
+    bool m_AddClient(const TSPeer& peer) QOR_REQUIRES(t_stateMutex);
     static void m_ClientNameVanished(GDBusConnection* pConnection, const char* name,
                                      void* pUserData);
     void m_ClientNameVanished(GDBusConnection* pConnection, const char* name);
@@ -147,6 +181,14 @@ private:
     static void m_DestroyClient(TSClient& client);
     void m_HandleNews() QOR_EXCLUDES(m_resumeCallbackMutex);
     void m_ForgetClients(const std::vector<std::string>& names) QOR_EXCLUDES(t_stateMutex);
+
+    void m_LookAtLoad() QOR_EXCLUDES(t_stateMutex);
+    void m_AskWhetherItReads(const std::string& name);
+    void m_AskWhoIsThere();
+    void m_ForgetAbsentClients(const std::set<std::string>& present, std::int64_t time)
+        QOR_EXCLUDES(t_stateMutex);
+    void m_SweepClients() QOR_EXCLUDES(t_stateMutex);
+    void m_SweepLater() QOR_EXCLUDES(t_stateMutex);
 
     TEventPtr m_NewEvent(int type, const TByteArray& data, int timeout) const;
     bool m_Choose(const TEventPtr& pEvent, const std::vector<std::string>* pClients,
@@ -158,6 +200,8 @@ private:
 
     unsigned int m_ownNameId QOR_GUARDED_BY(t_stateMutex);
     TClients m_clients QOR_GUARDED_BY(t_stateMutex);
+    std::size_t m_numberOfTypes QOR_GUARDED_BY(t_stateMutex); ///< Of all clients.
+    std::map<unsigned int, std::size_t> m_clientsByUser QOR_GUARDED_BY(t_stateMutex);
     boost::thread m_thread;
     std::unique_ptr<TCDbusServerInterfaces> m_pInterfaces;
     // Set by the start, before the object is exported:
@@ -167,6 +211,7 @@ private:
     std::unique_ptr<TCDbusTimer> m_pNews; ///< Due when the delivery has something to tell.
     std::unique_ptr<TCEventDelivery> m_pDelivery;
     std::unique_ptr<TSStop> m_pStop;
+    std::unique_ptr<TSLoad> m_pLoad;
     TGlibPtr<GSource> m_pHangUp; ///< Sees the connection close.
 
     EServiceState m_state QOR_GUARDED_BY(t_stateMutex);

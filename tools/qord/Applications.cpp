@@ -29,9 +29,9 @@ std::string MarkOfPolicyInForce(const TCPolicyStore& store)
            std::to_string(file.st_mtim.tv_sec) + ' ' + std::to_string(file.st_mtim.tv_nsec);
 }
 
-bool IsListening(const qor::TCDbusServer::TSClientInfo& client)
+bool IsListening(qor::TCDbusServer& server, const std::string& client)
 {
-    return client.m_types.count(qor::ICallbacks::POLICY_UPDATE) != 0;
+    return server.IsRegistered(client, qor::ICallbacks::POLICY_UPDATE);
 }
 
 TApplications Look(qor::TCDbusServer& server, const TApplications& before)

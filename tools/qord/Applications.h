@@ -31,7 +31,7 @@ struct TSApplication
 };
 
 /// Whether the client wants to hear of new policies.
-bool IsListening(const qor::TCDbusServer::TSClientInfo& client);
+bool IsListening(qor::TCDbusServer& server, const std::string& client);
 
 /// By their unique names, which are never given again.
 using TApplications = std::map<std::string, std::shared_ptr<TSApplication>>;

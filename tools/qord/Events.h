@@ -70,6 +70,12 @@ public:
         return m_applications;
     }
 
+    /// As they were at the last look; there was one for each event.
+    const TApplications& Known() const
+    {
+        return m_applications;
+    }
+
 private:
     struct TSSent
     {

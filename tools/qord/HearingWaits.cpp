@@ -99,7 +99,8 @@ bool TCHearingWaits::m_Answer(TSWait& wait, bool isLast)
     for (const auto& client : m_pServer->Clients())
     {
         const auto found = applications.find(client.m_name);
-        if (client.m_name == caller || found == applications.end() || !IsListening(client))
+        if (client.m_name == caller || found == applications.end() ||
+            !IsListening(*m_pServer, client.m_name))
         {
             continue;
         }

@@ -4,7 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <ctime>
+#include <functional>
+#include <map>
+#include <utility>
 
 #include <boost/filesystem/operations.hpp>
 
@@ -20,8 +24,8 @@ namespace qord
 namespace
 {
 
-// So many of a client's types are told: it chooses them.
-constexpr std::size_t MAX_TYPES = 8;
+// So many users are told of.
+constexpr std::size_t MAX_USERS = 16;
 // So many of those that are suspended are named.
 constexpr std::size_t MAX_SUSPENDED = 8;
 
@@ -59,26 +63,47 @@ void AddFile(TCDictionary& about, const struct stat& file, const TCPolicyHistory
     }
 }
 
-GVariant* Types(const std::set<int>& types)
+GVariant* Types(const std::vector<int>& types)
 {
     GVariantBuilder builder;
     g_variant_builder_init(&builder, G_VARIANT_TYPE("ai"));
-    std::size_t count = 0;
-    for (auto type = types.begin(); type != types.end() && count < MAX_TYPES; ++type, ++count)
+    for (const int type : types)
     {
-        g_variant_builder_add(&builder, "i", *type);
+        g_variant_builder_add(&builder, "i", type);
     }
     return g_variant_builder_end(&builder);
 }
 
-GVariant* Client(const qor::TCDbusServer::TSClientInfo& client, TSApplication& application,
-                 const std::string& policy)
+// Of the users that have most.
+GVariant* ByUser(const std::map<unsigned int, std::size_t>& clients)
+{
+    std::vector<std::pair<std::size_t, unsigned int>> users;
+    for (const auto& [user, count] : clients)
+    {
+        users.emplace_back(count, user);
+    }
+    const std::size_t told = std::min(users.size(), MAX_USERS);
+    std::partial_sort(users.begin(), users.begin() + static_cast<std::ptrdiff_t>(told), users.end(),
+                      std::greater<>());
+    GVariantBuilder builder;
+    g_variant_builder_init(&builder, G_VARIANT_TYPE("a{uu}"));
+    for (std::size_t i = 0; i < told; ++i)
+    {
+        g_variant_builder_add(&builder, "{uu}", users[i].second,
+                              static_cast<guint32>(users[i].first));
+    }
+    return g_variant_builder_end(&builder);
+}
+
+GVariant* Client(const qor::TCDbusServer::TSClientInfo& client, bool isListening,
+                 TSApplication& application, const std::string& policy)
 {
     TCDictionary about;
     about.Add("name", client.m_name);
     about.Add("types", Types(client.m_types));
-    about.Add("number-of-types", g_variant_new_uint32(static_cast<guint32>(client.m_types.size())));
-    about.Add("listens", g_variant_new_boolean(IsListening(client)));
+    about.Add("number-of-types",
+              g_variant_new_uint32(static_cast<guint32>(client.m_numberOfTypes)));
+    about.Add("listens", g_variant_new_boolean(isListening));
     about.Add("suspended", g_variant_new_boolean(client.m_isSuspended));
     about.Add("heard", g_variant_new_boolean(!policy.empty() && application.m_heard == policy));
     if (application.m_heardAt != 0)
@@ -109,6 +134,13 @@ GVariant* Event(const TSEventResult& result)
         about.Add("missed", NotHeard(result.m_missed));
     }
     return about.End();
+}
+
+// Others' clients are for those who may change the policy.
+bool MaySee(const TSAsker& asker, const TSApplication& application)
+{
+    return asker.m_mayChange || (asker.m_peer.m_isKnown && application.m_isKnown &&
+                                 asker.m_peer.m_userId == application.m_sender.m_userId);
 }
 
 bool IsSameFile(const struct stat& left, const struct stat& right)
@@ -192,80 +224,67 @@ GVariant* TCPolicyFacts::Details()
     return about.End();
 }
 
+// Anybody may know what is of the service; what is of the policy, those who may read it.
 GVariant* TCPolicyFacts::Property(const std::string& name, bool mayRead, qor::TCDbusServer& server)
 {
+    using TFact = std::function<GVariant*(TCPolicyFacts&, qor::TCDbusServer&)>;
+    using TServer = qor::TCDbusServer;
+    static const std::map<std::string, TFact> s_ofService = {
+        {"Version", [](TCPolicyFacts&, TServer&) { return g_variant_new_string(QOR_VERSION); }},
+        {"ProcessId", [](TCPolicyFacts&, TServer&)
+         { return g_variant_new_uint32(static_cast<guint32>(getpid())); }},
+        {"User", [](TCPolicyFacts&, TServer&)
+         { return g_variant_new_string(tools::UserName(geteuid()).c_str()); }},
+        {"UpSince", [](TCPolicyFacts& facts, TServer&)
+         { return g_variant_new_uint64(static_cast<guint64>(facts.m_upSince)); }},
+        {"MayChange", [](TCPolicyFacts& facts, TServer&) { return facts.m_MayChange(); }},
+        {"PoliciesKept", [](TCPolicyFacts& facts, TServer&)
+         { return g_variant_new_uint32(facts.m_options.m_storeRules.m_copies); }},
+        {"Clients", [](TCPolicyFacts&, TServer& service)
+         { return g_variant_new_uint32(static_cast<guint32>(service.Load().m_clients)); }},
+        {"RegisteredTypes", [](TCPolicyFacts&, TServer& service)
+         { return g_variant_new_uint64(service.Load().m_types); }},
+        {"CallsRefused", [](TCPolicyFacts&, TServer& service)
+         { return g_variant_new_uint64(service.Load().m_refusedCalls); }},
+        {"PoliciesStored", [](TCPolicyFacts& facts, TServer&)
+         { return g_variant_new_uint64(facts.m_handler.NumberOfStored()); }},
+        {"PoliciesRefused", [](TCPolicyFacts& facts, TServer&)
+         { return g_variant_new_uint64(facts.m_handler.NumberOfRefused()); }},
+        {"EventsDelivered", [](TCPolicyFacts& facts, TServer&)
+         { return g_variant_new_uint64(facts.m_events.NumberOfDelivered()); }},
+        {"EventsFailed", [](TCPolicyFacts& facts, TServer&)
+         { return g_variant_new_uint64(facts.m_events.NumberOfFailed()); }}};
+    static const std::map<std::string, TFact> s_ofPolicy = {
+        {"PolicyFile", [](TCPolicyFacts& facts, TServer&)
+         { return g_variant_new_string(tools::Printable(facts.m_policyFile).c_str()); }},
+        {"PolicySha256", [](TCPolicyFacts& facts, TServer&)
+         { return g_variant_new_string(tools::Printable(facts.HashInForce()).c_str()); }},
+        {"PolicySize", [](TCPolicyFacts& facts, TServer&)
+         { return g_variant_new_uint64(static_cast<guint64>(facts.m_Look().m_file.st_size)); }},
+        {"PolicySetAt",
+         [](TCPolicyFacts& facts, TServer&) {
+             return g_variant_new_uint64(
+                 static_cast<guint64>(facts.m_Look().m_file.st_mtim.tv_sec));
+         }},
+        {"PolicySetBy",
+         [](TCPolicyFacts& facts, TServer&) { return Setter(facts.m_Look().m_entry.m_setter); }},
+        {"PolicyWellFormed", [](TCPolicyFacts& facts, TServer&)
+         { return g_variant_new_boolean(facts.m_Look().m_isGood); }},
+        {"ClientsByUser",
+         [](TCPolicyFacts&, TServer& service) { return ByUser(service.Load().m_clientsByUser); }},
+        {"LastEvent",
+         [](TCPolicyFacts& facts, TServer&) { return Event(facts.m_events.Last()); }}};
     if (name == "Problems")
     {
         return Texts(m_Problems(mayRead, server));
     }
-    GVariant* pValue = m_OfService(name, server);
-    return pValue != nullptr || !mayRead ? pValue : m_OfPolicy(name);
-}
-
-GVariant* TCPolicyFacts::m_OfPolicy(const std::string& name)
-{
-    const TSInForce& inForce = m_Look();
-    if (name == "PolicyFile")
+    auto fact = s_ofService.find(name);
+    if (fact == s_ofService.end() && mayRead)
     {
-        return g_variant_new_string(tools::Printable(m_policyFile).c_str());
+        fact = s_ofPolicy.find(name);
     }
-    if (name == "PolicySha256")
-    {
-        return g_variant_new_string(tools::Printable(inForce.m_entry.m_sha256).c_str());
-    }
-    if (name == "PolicySize")
-    {
-        return g_variant_new_uint64(static_cast<guint64>(inForce.m_file.st_size));
-    }
-    if (name == "PolicySetAt")
-    {
-        return g_variant_new_uint64(static_cast<guint64>(inForce.m_file.st_mtim.tv_sec));
-    }
-    if (name == "PolicySetBy")
-    {
-        return Setter(inForce.m_entry.m_setter);
-    }
-    if (name == "PolicyWellFormed")
-    {
-        return g_variant_new_boolean(inForce.m_isGood);
-    }
-    return name == "LastEvent" ? Event(m_events.Last()) : nullptr;
-}
-
-// What anybody may know; null for anything else.
-GVariant* TCPolicyFacts::m_OfService(const std::string& name, qor::TCDbusServer& server) const
-{
-    const auto number = [&name](const char* meant, std::uint64_t value)
-    { return name == meant ? g_variant_new_uint64(value) : nullptr; };
-    const auto smallNumber = [&name](const char* meant, std::size_t value)
-    { return name == meant ? g_variant_new_uint32(static_cast<guint32>(value)) : nullptr; };
-    if (name == "Version")
-    {
-        return g_variant_new_string(QOR_VERSION);
-    }
-    if (name == "User")
-    {
-        return g_variant_new_string(tools::UserName(geteuid()).c_str());
-    }
-    if (name == "MayChange")
-    {
-        return m_MayChange();
-    }
-    for (GVariant* pValue : {smallNumber("ProcessId", static_cast<std::size_t>(getpid())),
-                             number("UpSince", static_cast<std::uint64_t>(m_upSince)),
-                             smallNumber("PoliciesKept", m_options.m_storeRules.m_copies),
-                             smallNumber("Clients", server.Clients().size()),
-                             number("PoliciesStored", m_handler.NumberOfStored()),
-                             number("PoliciesRefused", m_handler.NumberOfRefused()),
-                             number("EventsDelivered", m_events.NumberOfDelivered()),
-                             number("EventsFailed", m_events.NumberOfFailed())})
-    {
-        if (pValue != nullptr)
-        {
-            return pValue;
-        }
-    }
-    return nullptr;
+    const bool isTold = fact != s_ofService.end() && fact != s_ofPolicy.end();
+    return isTold ? fact->second(*this, server) : nullptr;
 }
 
 GVariant* TCPolicyFacts::m_MayChange() const
@@ -320,29 +339,30 @@ std::vector<std::string> TCPolicyFacts::m_Problems(bool isDetailed, qor::TCDbusS
 // Empty where none is.
 std::string TCPolicyFacts::m_Suspended(bool isDetailed, qor::TCDbusServer& server)
 {
-    const auto clients = server.Clients();
-    std::string names;
-    std::size_t count = 0;
-    for (const auto& client : clients)
+    std::vector<std::string> suspended;
+    const std::size_t count = server.SuspendedClients(MAX_SUSPENDED, suspended);
+    if (count == 0)
     {
-        if (client.m_isSuspended && ++count <= MAX_SUSPENDED && isDetailed)
-        {
-            const TApplications& applications = m_events.Applications(server);
-            const auto found = applications.find(client.m_name);
-            names += (names.empty() ? ": " : ", ") +
-                     (found != applications.end() && found->second->m_isKnown
-                          ? found->second->m_sender.m_program + " (process " +
-                                std::to_string(found->second->m_sender.m_processId) + ", " +
-                                client.m_name + ")"
-                          : client.m_name);
-        }
+        return "";
     }
-    names += isDetailed && count > MAX_SUSPENDED ? " and others" : "";
-    return count == 0 ? ""
-                      : std::to_string(count) +
-                            (count == 1 ? " client is suspended, having"
-                                        : " clients are suspended, having") +
-                            " left an event unanswered" + names;
+    std::string words = std::to_string(count) + (count == 1 ? " client is suspended, having"
+                                                            : " clients are suspended, having") +
+                        " left an event unanswered";
+    if (!isDetailed)
+    {
+        return words;
+    }
+    const TApplications& applications = m_events.Known();
+    for (const std::string& name : suspended)
+    {
+        const auto found = applications.find(name);
+        words += (name == suspended.front() ? ": " : ", ") +
+                 (found != applications.end() && found->second->m_isKnown
+                      ? found->second->m_sender.m_program + " (process " +
+                            std::to_string(found->second->m_sender.m_processId) + ", " + name + ")"
+                      : name);
+    }
+    return words + (count > MAX_SUSPENDED ? " and others" : "");
 }
 
 GVariant* TCPolicyFacts::Policies()
@@ -361,7 +381,7 @@ GVariant* TCPolicyFacts::Policies()
     return g_variant_builder_end(&builder);
 }
 
-GVariant* TCPolicyFacts::Clients(qor::TCDbusServer& server)
+GVariant* TCPolicyFacts::Clients(const TSAsker& asker, qor::TCDbusServer& server)
 {
     const std::string policy = MarkOfPolicyInForce(m_handler.Store());
     const TApplications& applications = m_events.Applications(server);
@@ -370,9 +390,11 @@ GVariant* TCPolicyFacts::Clients(qor::TCDbusServer& server)
     for (const auto& client : server.Clients())
     {
         const auto found = applications.find(client.m_name);
-        if (found != applications.end())
+        if (found != applications.end() && MaySee(asker, *found->second))
         {
-            g_variant_builder_add_value(&builder, Client(client, *found->second, policy));
+            g_variant_builder_add_value(
+                &builder,
+                Client(client, IsListening(server, client.m_name), *found->second, policy));
         }
     }
     return g_variant_builder_end(&builder);
@@ -386,7 +408,7 @@ std::string TCPolicyFacts::Summary(qor::TCDbusServer& server)
         inForce.m_isThere ? "a policy of " + std::to_string(inForce.m_file.st_size) + " bytes"
                           : "no policy yet";
     return policy + (inForce.m_isThere && !inForce.m_isGood ? " that is no good, " : ", ") +
-           std::to_string(server.Clients().size()) + " clients";
+           std::to_string(server.Load().m_clients) + " clients";
 }
 
 } // namespace qord

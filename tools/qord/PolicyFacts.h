@@ -32,7 +32,9 @@ public:
     GVariant* Property(const std::string& name, bool mayRead, qor::TCDbusServer& server);
 
     GVariant* Policies();
-    GVariant* Clients(qor::TCDbusServer& server);
+
+    /// The applications that the asker may see: its own user's, or all.
+    GVariant* Clients(const TSAsker& asker, qor::TCDbusServer& server);
 
     /// The hash of the policy in force; empty where there is none.
     const std::string& HashInForce();
@@ -55,8 +57,6 @@ private:
 
     const TSInForce& m_Look();
     bool m_IsGood(const std::string& sha256) const;
-    GVariant* m_OfPolicy(const std::string& name);
-    GVariant* m_OfService(const std::string& name, qor::TCDbusServer& server) const;
     GVariant* m_MayChange() const;
     std::vector<std::string> m_Problems(bool isDetailed, qor::TCDbusServer& server);
     std::string m_Suspended(bool isDetailed, qor::TCDbusServer& server);

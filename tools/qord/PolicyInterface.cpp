@@ -143,7 +143,7 @@ void TCPolicyInterface::m_AnswerRead(GDBusMethodInvocation* pInvocation, const s
     }
     else if (method == "ListClients")
     {
-        pValue = m_facts.Clients(*m_pServer);
+        pValue = m_facts.Clients(m_service.m_asker(), *m_pServer);
     }
     else if (!m_ReadPolicy(pInvocation, policy))
     {

@@ -15,6 +15,7 @@
 #include "QORDbusContext.h"
 #include "QORDbusLink.h"
 #include "QORDbusSession.h"
+#include "QORDbusTurns.h"
 #include "QOREnvelope.h"
 #include "QORFork.h"
 #include "QORGlibCompat.h"
@@ -56,6 +57,7 @@ TCDbus::TCDbus(bool testMode)
       t_isReady(false),
       t_isCurrentMessageAsync(false),
       m_registrationId(0),
+      m_pTurns(std::make_unique<TCDbusTurns>()),
       m_pLink(NewDbusLink(this))
 {
 }
@@ -257,138 +259,13 @@ void TCDbus::t_Abandon() QOR_NOT_ANALYSED
     MakeAnew(t_pMainContext);
     MakeAnew(m_pNodeInfo);
     MakeAnew(m_pExportedOn);
-    MakeAnew(m_postponed);
+    MakeAnew(m_pTurns);
     MakeAnew(m_pNextTurn);
 }
 
 void* TCDbus::t_NewUserData()
 {
     return g_atomic_rc_box_acquire(m_pLink);
-}
-
-// --- Dispatch ------------------------------------------------------------------------------------
-
-void TCDbus::m_HandleMethodCall(GDBusConnection* pConnection, const char* /*sender*/,
-                                const char* /*objectPath*/, const char* /*interfaceName*/,
-                                const char* /*methodName*/, GVariant* /*pParameters*/,
-                                GDBusMethodInvocation* pInvocation, void* pUserData)
-{
-    const boost::shared_ptr<GDBusMethodInvocation> pOwned(pInvocation, TSGlibRelease());
-    const TCDbusEntry entry(pUserData);
-    if (entry.Endpoint() == nullptr || pConnection == nullptr)
-    {
-        QOR_LOG_ERROR("Connection %p, user_data %p", static_cast<void*>(pConnection),
-                      static_cast<void*>(entry.Endpoint()));
-        return;
-    }
-    entry.Run<TCDbus>([pOwned](TCDbus& dbus) { dbus.m_HandleMethodCall(pOwned.get()); });
-}
-
-void TCDbus::m_HandleMethodCall(GDBusMethodInvocation* pInvocation)
-{
-    if (std::strcmp(g_dbus_method_invocation_get_object_path(pInvocation), t_objectPath) != 0)
-    {
-        return;
-    }
-    g_object_ref(pInvocation); // which the answer takes over
-    const char* methodName = g_dbus_method_invocation_get_method_name(pInvocation);
-    const auto handler = m_methodHandlers.find(methodName);
-    if (handler == m_methodHandlers.end())
-    {
-        QOR_LOG_DEBUG("No message handler for %s", methodName);
-        g_dbus_method_invocation_return_value(pInvocation, nullptr);
-        return;
-    }
-    QOR_LOG_DEBUG("->Invoke message handler %s", methodName);
-    handler->second(g_dbus_method_invocation_get_sender(pInvocation),
-                    g_dbus_method_invocation_get_parameters(pInvocation), pInvocation);
-}
-
-// What comes while a callback iterates the main context waits until that has returned.
-void TCDbus::m_Handle(std::function<void()> work, bool isNested)
-{
-    m_postponed.push_back(std::move(work));
-    if (!isNested)
-    {
-        m_HandleNext();
-    }
-}
-
-// One in a turn of the main context: under steady traffic the context's other work, such as the end
-// of its loop, has its turn as well.
-void TCDbus::m_HandleNext()
-{
-    if (t_IsSevered())
-    {
-        m_postponed.clear();
-        return;
-    }
-    if (!m_postponed.empty())
-    {
-        const std::function<void()> work = std::move(m_postponed.front());
-        m_postponed.pop_front();
-        work();
-    }
-    if (!m_postponed.empty())
-    {
-        m_pNextTurn->SetIn(0);
-    }
-}
-
-int TCDbus::m_NextTurn(void* pUserData)
-{
-    const TCDbusEntry entry(pUserData);
-    if (entry.Endpoint() != nullptr && !entry.IsNested()) // else the outer one sees to it
-    {
-        entry.Endpoint()->m_HandleNext();
-    }
-    return G_SOURCE_CONTINUE;
-}
-
-void TCDbus::m_HandleMessage(const char* sender, GVariant* pParameters,
-                             GDBusMethodInvocation* pInvocation)
-{
-    int type = 0;
-    bool isAsync = false;
-    TByteArray payload;
-    TByteArray output;
-    t_ConvertBytes(pParameters, type, isAsync, payload);
-    {
-        const TExclusiveLock lock(t_stateMutex);
-        t_isCurrentMessageAsync = isAsync;
-        t_currentSender = sender;
-    }
-
-    bool result = false;
-    {
-        const TSharedLock lock(t_callbacksMutex);
-        const auto found = t_callbacks.find(type);
-        if (found != t_callbacks.end())
-        {
-            result = found->second(payload, output);
-        }
-        else
-        {
-            QOR_LOG_DEBUG("Callback for type %d is not registered", type);
-        }
-    }
-
-    if (t_Fits(output.size()))
-    {
-        GVariant* pReply = nullptr;
-        t_ConvertBytes(output, result, pReply);
-        g_dbus_method_invocation_return_value(pInvocation, pReply);
-    }
-    else
-    {
-        // Sending it would make the bus close our connection.
-        g_dbus_method_invocation_return_error_literal(pInvocation, G_DBUS_ERROR,
-                                                      G_DBUS_ERROR_LIMITS_EXCEEDED,
-                                                      "The reply is too large for the bus");
-    }
-
-    const TExclusiveLock lock(t_stateMutex);
-    t_currentSender.clear();
 }
 
 void TCDbus::t_ConvertBytes(GVariant* pValue, TByteArray& bytes) const

@@ -1,12 +1,14 @@
-// Admission control of an endpoint's object: which calls of others may be queued.
+// Admission control of an endpoint's object: which calls of others may be queued, which handled.
 #include "QORDbusAdmission.h"
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <utility>
 
 #include <qor/GlibTypes.h>
+#include <qor/IDbusService.h>
 
 #include "QORDbusMessage.h"
 #include "QOREnvelope.h"
@@ -22,10 +24,15 @@ namespace qor
 namespace
 {
 
-// Refusals of one sender that are less than this apart are one burst, and one log line.
+// Refusals of one user that are less than this apart are one burst, and one log line.
 constexpr gint64 BURST_GAP_US = 10 * G_TIME_SPAN_SECOND;
-// How many senders are kept before the first look for those that are quiet.
-constexpr std::size_t FIRST_SWEEP = 64;
+// How many senders are kept before the first look for those that are gone, and how often that is.
+constexpr std::size_t FIRST_SWEEP = 256;
+constexpr gint64 SWEEP_GAP_US = G_TIME_SPAN_SECOND;
+// So long a call waits for the bus to tell who sends it.
+constexpr gint64 PEER_WAIT_US = 5 * G_TIME_SPAN_SECOND;
+// So long answers go out one by one after a large one.
+constexpr gint64 LARGE_ANSWER_US = 10 * G_TIME_SPAN_SECOND;
 
 // No object's is nearly as long, of whomever in the process.
 constexpr std::size_t MAX_PATH_LENGTH = 4096;
@@ -40,31 +47,18 @@ bool IsText(const char* text, const char* expected)
 
 } // namespace
 
-TCDbusAdmission::TSHeldCall::TSHeldCall(GDBusMessage* pMessage, std::size_t size)
-    : m_message(), m_size(size)
-{
-    g_weak_ref_init(&m_message, pMessage);
-}
-
-TCDbusAdmission::TSHeldCall::~TSHeldCall()
-{
-    g_weak_ref_clear(&m_message);
-}
-
-bool TCDbusAdmission::TSHeldCall::IsGone()
-{
-    const TGlibPtr<GDBusMessage> pMessage(static_cast<GDBusMessage*>(g_weak_ref_get(&m_message)));
-    return pMessage == nullptr;
-}
-
 TCDbusAdmission::TCDbusAdmission(GDBusConnection* pConnection, const char* objectPath)
     : m_pConnection(pConnection),
       m_objectPath(objectPath),
       m_admits(true),
       m_isClosed(false),
       m_sendersAtNextSweep(FIRST_SWEEP),
-      m_calls(0),
-      m_bytes(0)
+      m_lastSweep(0),
+      m_lastLargeAnswer(-LARGE_ANSWER_US),
+      m_isSweepDue(false),
+      m_isSomebodyLate(false),
+      m_refused(0),
+      m_unwrittenRefusals(0)
 {
 }
 
@@ -80,14 +74,15 @@ void TCDbusAdmission::Close()
     m_isClosed = true;
 }
 
-void TCDbusAdmission::TellSenders(TOnSender onSender)
+void TCDbusAdmission::Serve(TOnSender onSender, TOnNews onNews)
 {
     const TCPosixLock lock(m_mutex);
     m_onSender = std::move(onSender);
+    m_onNews = std::move(onNews);
 }
 
 // Every call to our object counts, not only those of our interface: GDBus queues reads of
-// properties too. What it answers by itself is gone by the next look.
+// properties too. Calls to other paths of a service's connection cost it their answers.
 bool TCDbusAdmission::Admit(GDBusMessage* pCall)
 {
     if (std::strlen(g_dbus_message_get_path(pCall)) > MAX_PATH_LENGTH)
@@ -96,69 +91,82 @@ bool TCDbusAdmission::Admit(GDBusMessage* pCall)
         m_Refuse(pCall, LIMITS_EXCEEDED, "The object path is too long");
         return false;
     }
-    if (!IsText(g_dbus_message_get_path(pCall), m_objectPath.c_str()))
-    {
-        return true;
-    }
     const char* name = g_dbus_message_get_sender(pCall);
     if (name == nullptr)
     {
         return true; // no bus in between: there is nobody to be protected from
     }
-    const char* objection = nullptr;
-    bool isClosed = false;
-    bool isNewBurst = false;
-    TOnSender onNewSender;
+    TSVerdict verdict;
     {
         const TCPosixLock lock(m_mutex);
-        if (!m_admits)
+        const bool isOurs = IsText(g_dbus_message_get_path(pCall), m_objectPath.c_str());
+        if (!m_admits || (!isOurs && !m_onSender))
         {
             return true;
         }
-        TSSender& sender = m_Sender(name);
-        m_DropHandled(sender);
-        const std::size_t size = BodySize(pCall);
-        isClosed = m_isClosed;
-        objection = isClosed ? "The service is ending" : m_Objection(pCall, sender, size);
-        if (objection == nullptr)
-        {
-            m_Add(sender, pCall, size);
-            onNewSender = std::exchange(sender.m_isTold, true) ? nullptr : m_onSender;
-        }
-        else
-        {
-            const gint64 now = g_get_monotonic_time();
-            isNewBurst = sender.m_lastRefusal == 0 || now - sender.m_lastRefusal > BURST_GAP_US;
-            sender.m_lastRefusal = now;
-        }
+        m_Judge(pCall, name, isOurs, verdict);
     }
-    if (objection == nullptr)
+    if (verdict.m_onSender)
     {
-        if (onNewSender)
-        {
-            onNewSender(name);
-        }
+        verdict.m_onSender(name);
+    }
+    if (verdict.m_objection == nullptr)
+    {
         return true;
     }
-    if (isNewBurst)
+    if (verdict.m_isNewBurst)
     {
-        QOR_LOG_ERROR("Refusing calls of %s: %s", name, objection);
+        QOR_LOG_ERROR("Refusing calls of %s: %s", name, verdict.m_objection);
     }
-    m_Refuse(pCall, isClosed ? NO_SERVICE : LIMITS_EXCEEDED, objection);
+    if (!verdict.m_isSilent)
+    {
+        m_Refuse(pCall, verdict.m_errorName, verdict.m_objection);
+    }
     return false;
 }
 
-void TCDbusAdmission::m_Add(TSSender& sender, GDBusMessage* pCall, std::size_t size)
+void TCDbusAdmission::m_Judge(GDBusMessage* pCall, const char* name, bool isOurs,
+                              TSVerdict& verdict)
 {
-    sender.m_calls.emplace_back(pCall, size);
-    sender.m_bytes += size;
-    ++m_calls;
-    m_bytes += size;
+    m_accounts.DropSilent(false);
+    TSender& sender = m_Sender(name);
+    const std::size_t size = BodySize(pCall);
+    verdict.m_onSender = std::exchange(sender.m_isAsked, true) ? nullptr : m_onSender;
+    verdict.m_errorName = LIMITS_EXCEEDED;
+    if (!isOurs)
+    {
+        verdict.m_objection = m_IsDeaf(sender) ? "It does not read the answers"
+                              : m_accounts.Foreign() >= MAX_FOREIGN_CALLS
+                                  ? "Too many calls are waiting"
+                                  : nullptr;
+    }
+    else if (m_isClosed)
+    {
+        verdict.m_objection = "The service is ending";
+        verdict.m_errorName = NO_SERVICE;
+    }
+    else
+    {
+        verdict.m_objection = m_Objection(pCall, sender, size);
+    }
+    if (verdict.m_objection == nullptr)
+    {
+        m_accounts.Open(sender, pCall, size, isOurs);
+        return;
+    }
+    const gint64 now = g_get_monotonic_time();
+    const gint64 last = sender.Account().m_lastRefusal;
+    verdict.m_isNewBurst = last == 0 || now - last > BURST_GAP_US;
+    sender.Account().m_lastRefusal = now;
+    sender.m_own.m_lastRefusal = now;
+    ++m_refused;
+    verdict.m_isSilent = m_IsDeaf(sender) || m_unwrittenRefusals >= MAX_UNWRITTEN_REFUSALS;
+    const bool isAnswered = !verdict.m_isSilent && WantsAnswer(pCall);
+    m_unwrittenRefusals += isAnswered ? 1 : 0;
 }
 
 // Null when the call may pass.
-const char* TCDbusAdmission::m_Objection(GDBusMessage* pCall, const TSSender& sender,
-                                         std::size_t size)
+const char* TCDbusAdmission::m_Objection(GDBusMessage* pCall, TSender& sender, std::size_t size)
 {
     if (g_dbus_message_get_num_unix_fds(pCall) != 0 ||
         g_dbus_message_get_unix_fd_list(pCall) != nullptr)
@@ -170,16 +178,21 @@ const char* TCDbusAdmission::m_Objection(GDBusMessage* pCall, const TSSender& se
     {
         return "Too many message types";
     }
-    if (sender.m_calls.size() >= MAX_QUEUED_CALLS || sender.m_bytes + size > MAX_QUEUED_BYTES)
+    const TSDbusAccount& account = sender.Account();
+    if (account.m_calls >= MAX_QUEUED_CALLS || account.m_bytes + size > MAX_QUEUED_BYTES)
     {
-        return "Too many calls are waiting";
+        m_accounts.DropSilent(true);
+        if (account.m_calls >= MAX_QUEUED_CALLS || account.m_bytes + size > MAX_QUEUED_BYTES)
+        {
+            return "Too many calls are waiting";
+        }
     }
     if (m_IsFull(size))
     {
-        m_DropAllHandled();
-        const bool isFirst =
-            sender.m_calls.empty() && size <= SMALL_CALL && m_calls < MAX_SMALL_CALLS;
-        if (m_IsFull(size) && !isFirst)
+        m_accounts.DropSilent(true);
+        const bool isOneOfFew = account.m_calls < FEW_CALLS && size <= SMALL_CALL &&
+                                m_accounts.All().m_calls < MAX_SMALL_CALLS;
+        if (m_IsFull(size) && !isOneOfFew)
         {
             return "Too much is waiting";
         }
@@ -189,12 +202,24 @@ const char* TCDbusAdmission::m_Objection(GDBusMessage* pCall, const TSSender& se
 
 bool TCDbusAdmission::m_IsFull(std::size_t size) const
 {
-    return m_calls >= MAX_QUEUED_CALLS_IN_ALL || m_bytes + size > MAX_QUEUED_BYTES_IN_ALL;
+    const TSDbusAccount& all = m_accounts.All();
+    return all.m_calls >= MAX_QUEUED_CALLS_IN_ALL || all.m_bytes + size > MAX_QUEUED_BYTES_IN_ALL;
+}
+
+std::size_t TCDbusAdmission::m_FreeUnread() const
+{
+    return MAX_UNREAD_BYTES - std::min(MAX_UNREAD_BYTES, m_accounts.All().m_unread);
+}
+
+// Whether its user has more answers unread than there is room for those of others.
+bool TCDbusAdmission::m_IsDeaf(TSender& sender) const
+{
+    return m_onSender && sender.Account().m_unread > m_FreeUnread();
 }
 
 void TCDbusAdmission::m_Refuse(GDBusMessage* pCall, const char* errorName, const char* reason)
 {
-    if ((g_dbus_message_get_flags(pCall) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) != 0)
+    if (!WantsAnswer(pCall))
     {
         return;
     }
@@ -204,47 +229,202 @@ void TCDbusAdmission::m_Refuse(GDBusMessage* pCall, const char* errorName, const
                                    nullptr, nullptr);
 }
 
-TCDbusAdmission::TSSender& TCDbusAdmission::m_Sender(const char* name)
+TCDbusAdmission::TSender& TCDbusAdmission::m_Sender(const char* name)
 {
-    if (m_senders.size() >= m_sendersAtNextSweep && m_senders.count(name) == 0)
+    if (m_accounts.Senders().size() >= m_sendersAtNextSweep && m_accounts.Find(name) == nullptr)
     {
-        m_DropQuietSenders();
-        m_sendersAtNextSweep = std::max(FIRST_SWEEP, 2 * m_senders.size());
+        m_accounts.DropQuiet(BURST_GAP_US);
+        m_isSweepDue = m_isSweepDue || m_accounts.Senders().size() >= m_sendersAtNextSweep;
+        m_sendersAtNextSweep = std::max(FIRST_SWEEP, 2 * m_accounts.Senders().size());
     }
-    return m_senders[name];
+    return m_accounts.Get(name);
 }
 
-// Takes off the account what has been handled. Calls are handled in order, so the first ones go
-// first.
-void TCDbusAdmission::m_DropHandled(TSSender& sender)
+void TCDbusAdmission::NoteAnswer(GDBusMessage* pAnswer)
 {
-    while (!sender.m_calls.empty() && sender.m_calls.front().IsGone())
+    const char* name = g_dbus_message_get_destination(pAnswer);
+    if (name == nullptr)
     {
-        sender.m_bytes -= sender.m_calls.front().m_size;
-        --m_calls;
-        m_bytes -= sender.m_calls.front().m_size;
-        sender.m_calls.pop_front();
+        return;
+    }
+    TOnNews onNews;
+    {
+        const TCPosixLock lock(m_mutex);
+        TSender* const pSender = m_accounts.Find(name);
+        if (pSender == nullptr)
+        {
+            return;
+        }
+        if (!m_accounts.Close(*pSender, g_dbus_message_get_reply_serial(pAnswer)))
+        {
+            m_unwrittenRefusals -= std::min<std::size_t>(m_unwrittenRefusals, 1);
+        }
+        if (m_onSender)
+        {
+            m_CountUnread(*pSender, BodySize(pAnswer));
+            onNews = m_News(m_IsPingDue(*pSender));
+        }
+    }
+    if (onNews)
+    {
+        onNews();
     }
 }
 
-void TCDbusAdmission::m_DropAllHandled()
+void TCDbusAdmission::m_CountUnread(TSender& sender, std::size_t size)
 {
-    for (auto& entry : m_senders)
-    {
-        m_DropHandled(entry.second);
-    }
-}
-
-void TCDbusAdmission::m_DropQuietSenders()
-{
-    m_DropAllHandled();
     const gint64 now = g_get_monotonic_time();
-    for (auto i = m_senders.begin(); i != m_senders.end();)
+    m_accounts.AddUnread(sender, size + ANSWER_OVERHEAD);
+    m_lastLargeAnswer = size >= LARGE_ANSWER ? now : m_lastLargeAnswer;
+    m_isSweepDue = m_isSweepDue || m_accounts.All().m_unread > MAX_UNREAD_BYTES / 4;
+}
+
+// Of a sender that has much unread; or anything, where its user has much.
+bool TCDbusAdmission::m_IsPingDue(TSender& sender) const
+{
+    const TSDbusAccount& account = sender.Account();
+    const std::size_t unread = sender.m_own.m_unread;
+    return m_onSender && sender.m_isTold && !sender.m_isPinged && unread > 0 &&
+           (unread >= UNREAD_AT_PING || account.m_unread > m_FreeUnread() / 2) &&
+           account.m_pings + m_accounts.All().m_pings < PING_SLOTS;
+}
+
+// What is to be told to whoever waits for it; nothing where nobody does.
+TCDbusAdmission::TOnNews TCDbusAdmission::m_News(bool isPingDue)
+{
+    const bool isSweepDue =
+        m_isSweepDue && g_get_monotonic_time() - m_lastSweep > SWEEP_GAP_US;
+    const bool isDue = std::exchange(m_isSomebodyLate, false) || isPingDue || isSweepDue;
+    return isDue ? m_onNews : nullptr;
+}
+
+void TCDbusAdmission::SetPeer(const TSPeer& peer)
+{
+    TOnNews onNews;
     {
-        const bool isQuiet =
-            i->second.m_calls.empty() && now - i->second.m_lastRefusal > BURST_GAP_US;
-        i = isQuiet ? m_senders.erase(i) : std::next(i);
+        const TCPosixLock lock(m_mutex);
+        TSender* const pSender = m_accounts.Find(peer.m_name);
+        if (pSender == nullptr)
+        {
+            return;
+        }
+        pSender->m_isTold = true;
+        // Who may do anything to the service has no share: one program of theirs that sends too
+        // much is not to lock out the others.
+        if (peer.m_isKnown && peer.m_userId != 0 && peer.m_userId != geteuid())
+        {
+            m_accounts.SetUser(*pSender, peer.m_userId);
+        }
+        onNews = m_News(false);
     }
+    if (onNews)
+    {
+        onNews();
+    }
+}
+
+TCDbusAdmission::ETurn TCDbusAdmission::MayHandle(GDBusMessage* pCall)
+{
+    const TCPosixLock lock(m_mutex);
+    const char* name = g_dbus_message_get_sender(pCall);
+    TSender* const pSender = m_onSender && name != nullptr ? m_accounts.Find(name) : nullptr;
+    if (pSender == nullptr)
+    {
+        return ETurn::NOW;
+    }
+    const gint64 now = g_get_monotonic_time();
+    ETurn turn = ETurn::NOW;
+    if ((!pSender->m_isTold && now - pSender->m_since < PEER_WAIT_US) || m_IsDeaf(*pSender))
+    {
+        turn = ETurn::LATER;
+    }
+    else
+    {
+        const bool isLarge = now - m_lastLargeAnswer < LARGE_ANSWER_US;
+        turn = m_accounts.Unwritten() < (isLarge ? 1 : MAX_UNWRITTEN) ? ETurn::NOW : ETurn::NOBODYS;
+    }
+    m_isSomebodyLate = m_isSomebodyLate || turn != ETurn::NOW;
+    if (turn == ETurn::NOW)
+    {
+        m_accounts.SetHandled(*pSender, g_dbus_message_get_serial(pCall));
+    }
+    return turn;
+}
+
+std::vector<std::string> TCDbusAdmission::TakePings()
+{
+    const TCPosixLock lock(m_mutex);
+    std::vector<std::string> names;
+    for (auto& entry : m_accounts.Senders())
+    {
+        if (m_IsPingDue(entry.second))
+        {
+            m_accounts.SetPinged(entry.second, true);
+            names.push_back(entry.first);
+        }
+    }
+    return names;
+}
+
+void TCDbusAdmission::Pinged(const std::string& name, bool isGone)
+{
+    TOnNews onNews;
+    {
+        const TCPosixLock lock(m_mutex);
+        TSender* const pSender = m_accounts.Find(name);
+        if (pSender == nullptr || !pSender->m_isPinged)
+        {
+            return;
+        }
+        m_accounts.SubtractUnread(*pSender, isGone ? pSender->m_own.m_unread : pSender->m_atPing);
+        m_accounts.SetPinged(*pSender, false);
+        onNews = m_News(m_accounts.All().m_unread > UNREAD_AT_PING);
+    }
+    if (onNews)
+    {
+        onNews();
+    }
+}
+
+bool TCDbusAdmission::TakeSweep()
+{
+    const TCPosixLock lock(m_mutex);
+    const gint64 now = g_get_monotonic_time();
+    if (!m_isSweepDue || now - m_lastSweep < SWEEP_GAP_US)
+    {
+        return false;
+    }
+    m_lastSweep = now;
+    m_isSweepDue = false;
+    return true;
+}
+
+void TCDbusAdmission::Keep(const std::set<std::string>& names, gint64 time)
+{
+    TOnNews onNews;
+    {
+        const TCPosixLock lock(m_mutex);
+        for (auto& [name, sender] : m_accounts.Senders())
+        {
+            if (sender.m_since < time && names.count(name) == 0)
+            {
+                m_accounts.SubtractUnread(sender, sender.m_own.m_unread);
+            }
+        }
+        m_accounts.DropQuiet(BURST_GAP_US);
+        m_sendersAtNextSweep = std::max(FIRST_SWEEP, 2 * m_accounts.Senders().size());
+        onNews = m_News(false);
+    }
+    if (onNews)
+    {
+        onNews();
+    }
+}
+
+std::uint64_t TCDbusAdmission::NumberOfRefused()
+{
+    const TCPosixLock lock(m_mutex);
+    return m_refused;
 }
 
 } // namespace qor

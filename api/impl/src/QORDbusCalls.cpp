@@ -80,9 +80,11 @@ std::uint32_t TCDbusCalls::m_Send(const TCallPtr& call, GDBusMessage* pMessage, 
         m_unsentBytes += call->m_size;
     }
     std::uint32_t serial = 0;
+    const auto flags = g_dbus_message_get_serial(pMessage) == 0
+                           ? G_DBUS_SEND_MESSAGE_FLAGS_NONE
+                           : G_DBUS_SEND_MESSAGE_FLAGS_PRESERVE_SERIAL;
     const bool isQueued =
-        g_dbus_connection_send_message(m_pConnection, pMessage, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
-                                       &serial, ppError) != FALSE;
+        g_dbus_connection_send_message(m_pConnection, pMessage, flags, &serial, ppError) != FALSE;
     const TCPosixLock lock(m_mutex);
     call->m_serial = serial;
     if (!isQueued)

@@ -35,7 +35,7 @@ public:
     TCDbusCalls& operator=(const TCDbusCalls&) = delete;
 
     // Sends a call; its answer goes to the handler, in place of GDBus. Any thread. The serial of
-    // the call, or 0 with an error.
+    // the call, which is the message's own where it has one, or 0 with an error.
     std::uint32_t Call(GDBusMessage* pCall, const TAnswerHandler& handler, GError** ppError)
         QOR_EXCLUDES(m_mutex);
     // An answer that comes from here on is not awaited any more.

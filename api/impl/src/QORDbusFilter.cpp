@@ -49,20 +49,29 @@ GDBusMessage* TCDbusFilter::m_Filter(GDBusConnection* /*pConnection*/, GDBusMess
                                      int isIncoming, void* pFilter)
 {
     auto& filter = *static_cast<TCDbusFilter*>(pFilter);
-    if (!isIncoming)
-    {
-        filter.m_calls.NoteSent(pMessage);
-        return pMessage;
-    }
     bool isTaken = false;
     switch (g_dbus_message_get_message_type(pMessage))
     {
     case G_DBUS_MESSAGE_TYPE_METHOD_RETURN:
     case G_DBUS_MESSAGE_TYPE_ERROR:
-        isTaken = filter.m_calls.TakeAnswer(pMessage);
+        if (isIncoming)
+        {
+            isTaken = filter.m_calls.TakeAnswer(pMessage);
+        }
+        else
+        {
+            filter.m_admission.NoteAnswer(pMessage);
+        }
         break;
     case G_DBUS_MESSAGE_TYPE_METHOD_CALL:
-        isTaken = !filter.m_admission.Admit(pMessage);
+        if (isIncoming)
+        {
+            isTaken = !filter.m_admission.Admit(pMessage);
+        }
+        else
+        {
+            filter.m_calls.NoteSent(pMessage);
+        }
         break;
     default:
         break;

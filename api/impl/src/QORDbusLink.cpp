@@ -74,9 +74,9 @@ TCDbusHold::~TCDbusHold()
     pthread_cond_broadcast(&m_pLink->m_changed);
 }
 
-void TCDbusEntry::m_Run(std::function<void()> work) const
+void TCDbusEntry::m_Run(std::function<void()> work, GDBusMessage* pCall) const
 {
-    Endpoint()->m_Handle(std::move(work), IsNested());
+    Endpoint()->m_Handle(std::move(work), pCall, IsNested());
 }
 
 } // namespace qor

@@ -12,7 +12,7 @@
 #include <functional>
 #include <utility>
 
-#include <glib.h>
+#include <gio/gio.h>
 
 #include <qor/Mutex.h>
 
@@ -97,14 +97,15 @@ public:
     }
 
     // Runs the work with the endpoint, if there is one: at once, or, inside a callback that
-    // iterates the main context, after that has returned and in its turn.
+    // iterates the main context, after that has returned and in its turn. A call, which the work
+    // holds, waits until it may be handled.
     template <class TEndpoint, class TWork>
-    void Run(TWork work) const
+    void Run(TWork work, GDBusMessage* pCall = nullptr) const
     {
         if (Endpoint() != nullptr)
         {
             m_Run([pEndpoint = static_cast<TEndpoint*>(Endpoint()), work = std::move(work)]
-                  { work(*pEndpoint); });
+                  { work(*pEndpoint); }, pCall);
         }
     }
 
@@ -118,7 +119,7 @@ public:
     }
 
 private:
-    void m_Run(std::function<void()> work) const;
+    void m_Run(std::function<void()> work, GDBusMessage* pCall) const;
 
     TCDbusHold m_hold;
 };

@@ -39,6 +39,11 @@ std::size_t BodySize(GDBusMessage* pMessage)
     return pBody == nullptr ? 0 : g_variant_get_size(pBody);
 }
 
+bool WantsAnswer(GDBusMessage* pCall)
+{
+    return (g_dbus_message_get_flags(pCall) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0;
+}
+
 bool IsErrorReply(GDBusMessage* pMessage, int& code)
 {
     if (g_dbus_message_get_message_type(pMessage) != G_DBUS_MESSAGE_TYPE_ERROR)

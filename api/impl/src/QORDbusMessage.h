@@ -12,6 +12,9 @@ namespace qor
 // The bytes of its arguments.
 std::size_t BodySize(GDBusMessage* pMessage);
 
+// Whether the sender of a call waits for an answer.
+bool WantsAnswer(GDBusMessage* pCall);
+
 // Whether it is an error reply, and then its code in GIO's terms: that of a name which the bus
 // library knows, else G_IO_ERROR_DBUS_ERROR. GIO's own function for this keeps each new name for
 // good, and names are the sender's choice.

@@ -71,6 +71,7 @@ void TCDbusPeers::Ask(const std::string& name, const TOnAnswer& onAnswer)
         }
         TSEntry& entry = m_entries[name];
         entry.m_lastUse = g_get_monotonic_time();
+        entry.m_askedAt = entry.m_askedAt == 0 ? entry.m_lastUse : entry.m_askedAt;
         if (!entry.m_isAnswered && onAnswer)
         {
             entry.m_waiting.push_back(onAnswer);
@@ -125,8 +126,9 @@ void TCDbusPeers::m_Answered(const std::string& name, GDBusMessage* pAnswer)
 TSPeer TCDbusPeers::Find(const std::string& name)
 {
     Ask(name, nullptr);
-    const gint64 end = g_get_monotonic_time() + WAIT_US;
     TCPosixLock lock(m_mutex);
+    const auto asked = m_entries.find(name);
+    const gint64 end = WAIT_US + (asked == m_entries.end() ? 0 : asked->second.m_askedAt);
     for (;;)
     {
         const auto found = m_entries.find(name);

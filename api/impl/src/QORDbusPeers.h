@@ -37,7 +37,7 @@ public:
     // the worker thread.
     void Ask(const std::string& name, const TOnAnswer& onAnswer) QOR_EXCLUDES(m_mutex);
 
-    // The same, and waits for an answer that is on its way.
+    // The same, and waits for an answer that is on its way; a second at most, since the question.
     TSPeer Find(const std::string& name) QOR_EXCLUDES(m_mutex);
 
     // A client is remembered until it is forgotten; others until they have been quiet for a while.
@@ -50,7 +50,8 @@ private:
         TSPeer m_peer;
         bool m_isAnswered = false;
         bool m_isKept = false;
-        gint64 m_lastUse = 0;             // monotonic time
+        gint64 m_lastUse = 0;             // monotonic times
+        gint64 m_askedAt = 0;
         std::vector<TOnAnswer> m_waiting; // until it is answered
     };
 

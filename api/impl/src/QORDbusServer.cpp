@@ -14,6 +14,7 @@
 #include "QORDbusLink.h"
 #include "QORDbusPeers.h"
 #include "QORDbusServerInterfaces.h"
+#include "QORDbusServerLoad.h"
 #include "QORDbusServerStop.h"
 #include "QORDbusSession.h"
 #include "QOREventDelivery.h"
@@ -56,6 +57,7 @@ TCDbusServer::TCDbusServer(bool testMode) : TCDbusServer(testMode, {}) {}
 TCDbusServer::TCDbusServer(bool testMode, const std::vector<TSServiceInterface>& interfaces)
     : TCDbus(testMode),
       m_ownNameId(0),
+      m_numberOfTypes(0),
       m_pInterfaces(std::make_unique<TCDbusServerInterfaces>()),
       m_state(EServiceState::STARTING),
       m_toldState(EServiceState::STARTING),
@@ -94,6 +96,7 @@ TCDbusServer::~TCDbusServer()
         MakeAnew(m_pNews);
         MakeAnew(m_pDelivery);
         MakeAnew(m_pStop);
+        MakeAnew(m_pLoad);
         MakeAnew(m_pHangUp);
         MakeAnew(m_stateCallback);
         MakeAnew(m_stateCallbackMutex);
@@ -141,7 +144,15 @@ bool TCDbusServer::t_Start()
     m_pDelivery = std::make_unique<TCEventDelivery>(m_pContext.get(), *session, *m_pPeers,
                                                     [this] { m_pNews->SetIn(0); });
     m_pStop = std::make_unique<TSStop>(m_NewTimer<&TCDbusServer::m_GoOnStopping>());
-    session->Admission().TellSenders([this](const char* name) { m_pPeers->Ask(name, nullptr); });
+    m_pLoad = std::make_unique<TSLoad>();
+    m_pLoad->m_pNews = m_NewTimer<&TCDbusServer::m_LookAtLoad>();
+    m_pLoad->m_pSweep = m_NewTimer<&TCDbusServer::m_SweepClients>();
+    session->Admission().Serve(
+        [this, &admission = session->Admission()](const std::string& name) {
+            m_pPeers->Ask(name,
+                          [&admission](const TSPeer& peer) { admission.SetPeer(peer); });
+        },
+        [this] { m_pLoad->m_pNews->SetIn(0); });
     if (!t_Export(session) ||
         !m_pInterfaces->Export(session->Connection(), t_objectPath, m_ownInterfaceVtable,
                                [this] { return t_NewUserData(); }))
@@ -204,6 +215,7 @@ void TCDbusServer::t_Stop()
         pTimer->reset();
     }
     m_pStop.reset();
+    m_pLoad.reset();
     m_pDelivery.reset();
     m_pPeers.reset();
     m_pMainLoop.reset();

@@ -1,4 +1,7 @@
 // The service's registry of clients.
+#include <unistd.h>
+
+#include <algorithm>
 #include <utility>
 
 #include <gio/gio.h>
@@ -13,6 +16,7 @@
 #include "QOREnvelope.h"
 #include "QOREventDelivery.h"
 #include "QORGlibError.h"
+#include "QORLimits.h"
 #include "QORLocks.h"
 #include "QORLog.h"
 
@@ -20,6 +24,11 @@
 
 namespace qor
 {
+
+bool TCDbusServer::TSClient::Wants(int type) const
+{
+    return std::binary_search(m_events.begin(), m_events.end(), type);
+}
 
 std::size_t TCDbusServer::NumberOfClients()
 {
@@ -31,22 +40,6 @@ std::size_t TCDbusServer::NumberOfClients()
     const std::size_t count = m_clients.size();
     QOR_LOG_DEBUG("Number of clients %zu", count);
     return count;
-}
-
-std::vector<TCDbusServer::TSClientInfo> TCDbusServer::Clients()
-{
-    std::vector<TSClientInfo> clients;
-    if (!t_IsInOwnProcess())
-    {
-        return clients;
-    }
-    const TSharedLock lock(t_stateMutex);
-    for (const auto& entry : m_clients)
-    {
-        clients.push_back(
-            {entry.first, entry.second.m_events, entry.second.m_pAccount->m_isSuspended});
-    }
-    return clients;
 }
 
 TSPeer TCDbusServer::CurrentPeer()
@@ -84,25 +77,39 @@ void TCDbusServer::m_HandleHelloMessage(const char* sender, GVariant* pParameter
 }
 
 // The answer comes after, since it confirms the registration: who gets none says Hello again.
-bool TCDbusServer::m_Register(const std::string& client, std::set<int> events)
+bool TCDbusServer::m_Register(const std::string& client, std::vector<int> events)
 {
-    const TExclusiveLock lock(t_stateMutex);
-    const auto found = m_clients.find(client);
-    if (found != m_clients.end())
+    const TSPeer peer = m_pPeers->Find(client);
     {
-        m_pDelivery->RenewClient(found->second.m_pAccount);
+        const TExclusiveLock lock(t_stateMutex);
+        const auto found = m_clients.find(client);
+        if (found != m_clients.end())
+        {
+            m_pDelivery->RenewClient(found->second.m_pAccount);
+        }
+        else if (!m_AddClient(peer))
+        {
+            return false;
+        }
+        std::vector<int>& present = m_clients[client].m_events;
+        m_numberOfTypes = m_numberOfTypes - present.size() + events.size();
+        present = std::move(events);
     }
-    else if (!m_AddClient(client))
-    {
-        return false;
-    }
-    m_clients[client].m_events = std::move(events);
+    m_SweepLater();
     return true;
 }
 
-bool TCDbusServer::m_AddClient(const std::string& name)
+// The user of a client is known, or the bus does not tell.
+bool TCDbusServer::m_AddClient(const TSPeer& peer)
 {
+    const std::string& name = peer.m_name;
     QOR_LOG_DEBUG("A new client %s", name.c_str());
+    const bool isBounded =
+        peer.m_isKnown && peer.m_userId != 0 && peer.m_userId != geteuid();
+    if (isBounded && m_clientsByUser[peer.m_userId] >= MAX_CLIENTS_PER_USER)
+    {
+        return false;
+    }
     TCGlibError error;
     TGlibPtr<GDBusProxy> pProxy;
     if (HasFreeDescriptors(error.Out()))
@@ -123,6 +130,13 @@ bool TCDbusServer::m_AddClient(const std::string& name)
     // The thread that iterates the context need not have it as its default.
     const TCThreadDefaultContext context(t_pMainContext.get());
     TSClient& client = m_clients[name];
+    client.m_since = g_get_monotonic_time();
+    client.m_hasUser = peer.m_isKnown;
+    client.m_userId = peer.m_userId;
+    if (peer.m_isKnown)
+    {
+        ++m_clientsByUser[peer.m_userId];
+    }
     client.m_pProxy = std::move(pProxy);
     client.m_pAccount = m_pDelivery->AddClient(name);
     client.m_watcherId = g_bus_watch_name_on_connection(
@@ -155,8 +169,15 @@ void TCDbusServer::m_ClientNameVanished(GDBusConnection* /*pConnection*/, const 
 
 void TCDbusServer::m_ForgetClient(TClients::iterator client)
 {
-    m_pDelivery->RemoveClient(client->second.m_pAccount);
-    m_DestroyClient(client->second);
+    TSClient& record = client->second;
+    const auto user = m_clientsByUser.find(record.m_userId);
+    if (record.m_hasUser && --user->second == 0)
+    {
+        m_clientsByUser.erase(user);
+    }
+    m_numberOfTypes -= record.m_events.size();
+    m_pDelivery->RemoveClient(record.m_pAccount);
+    m_DestroyClient(record);
     m_clients.erase(client);
 }
 

@@ -146,7 +146,7 @@ void TCDbusServer::m_AddCall(const TEventPtr& pEvent, const TSClient& client,
                              std::list<TSAsyncMessage>& calls)
 {
     const char* name = g_dbus_proxy_get_name(client.m_pProxy.get());
-    if (client.m_events.count(pEvent->m_type) == 0)
+    if (!client.Wants(pEvent->m_type))
     {
         QOR_LOG_DEBUG("Client %s is not registered for event %d", name, pEvent->m_type);
         return;

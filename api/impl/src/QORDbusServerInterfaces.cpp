@@ -164,7 +164,8 @@ void TCDbusServer::m_HandleInterfaceCall(GDBusConnection* /*pConnection*/, const
     const boost::shared_ptr<GDBusMethodInvocation> pOwned(pInvocation, TSGlibRelease());
     const TCDbusEntry entry(pUserData);
     entry.Run<TCDbusServer>([pOwned](TCDbusServer& server)
-                            { server.m_HandleInterfaceCall(pOwned.get()); });
+                            { server.m_HandleInterfaceCall(pOwned.get()); },
+                            g_dbus_method_invocation_get_message(pInvocation));
 }
 
 void TCDbusServer::m_HandleInterfaceCall(GDBusMethodInvocation* pInvocation)

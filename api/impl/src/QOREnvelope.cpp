@@ -1,6 +1,7 @@
 // The wire format: request envelope, reply envelope and event list.
 #include "QOREnvelope.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include <glib.h>
@@ -176,16 +177,19 @@ GVariant* WriteEventList(const std::map<int, TMessageCallback>& callbacks)
     return writer.Wrap();
 }
 
-std::set<int> ReadEventList(GVariant* pValue)
+std::vector<int> ReadEventList(GVariant* pValue)
 {
     const TCByteView view(pValue);
-    std::set<int> events;
+    std::vector<int> events;
+    events.reserve(view.Size() / TYPE_SIZE);
     for (std::size_t i = 0; i + TYPE_SIZE <= view.Size(); i += TYPE_SIZE)
     {
         int type = 0;
         std::memcpy(&type, view.Begin() + i, TYPE_SIZE);
-        events.insert(type);
+        events.push_back(type);
     }
+    std::sort(events.begin(), events.end());
+    events.erase(std::unique(events.begin(), events.end()), events.end());
     return events;
 }
 

@@ -6,7 +6,7 @@
 
 #include <cstddef>
 #include <map>
-#include <set>
+#include <vector>
 
 #include <qor/GlibTypes.h>
 #include <qor/Types.h>
@@ -33,8 +33,8 @@ bool ReadReplyResult(GVariant* pValue, bool& result);
 
 // The argument of Hello: the types that a client has callbacks for, four bytes each.
 GVariant* WriteEventList(const std::map<int, TMessageCallback>& callbacks);
-// Bytes at the end that do not fill a type are ignored.
-std::set<int> ReadEventList(GVariant* pValue);
+// Ascending, each once. Bytes at the end that do not fill a type are ignored.
+std::vector<int> ReadEventList(GVariant* pValue);
 // How many types the value carries, some of them perhaps twice.
 std::size_t EventListLength(GVariant* pValue);
 

@@ -7,18 +7,37 @@
 namespace qor
 {
 
-// Calls of one sender that wait in the main context, and their bytes.
+// Calls of one user that are open, and their bytes.
 constexpr std::size_t MAX_QUEUED_CALLS = QOR_MAX_QUEUED_CALLS;
 constexpr std::size_t MAX_QUEUED_BYTES = QOR_MAX_QUEUED_BYTES;
-// Those of all senders: one user may have hundreds of connections. One small call of a sender who
-// has nothing waiting passes all the same, so that nobody can lock others out; up to as many as the
-// bytes of all allow.
+// Those of all users. A few small calls of a user pass all the same, so that nobody can lock others
+// out; up to as many as the bytes of all allow.
 constexpr std::size_t MAX_QUEUED_CALLS_IN_ALL = std::size_t{2} * MAX_QUEUED_CALLS;
 constexpr std::size_t MAX_QUEUED_BYTES_IN_ALL = std::size_t{4} * MAX_QUEUED_BYTES;
+constexpr std::size_t FEW_CALLS = 8;
 constexpr std::size_t SMALL_CALL = 65536;
 constexpr std::size_t MAX_SMALL_CALLS = MAX_QUEUED_BYTES_IN_ALL / SMALL_CALL;
+// Calls to other paths of the connection, which are not the endpoint's.
+constexpr std::size_t MAX_FOREIGN_CALLS = std::size_t{16} * MAX_QUEUED_CALLS;
+
+// Bytes of answers that nobody has been seen to read. A user may have as many as are left: half,
+// where nobody else has any. A bus with stock limits keeps about twice as many, and a largest
+// message beside them.
+constexpr std::size_t MAX_UNREAD_BYTES = QOR_MAX_QUEUED_BYTES;
+// From here on one sender is asked whether it reads.
+constexpr std::size_t UNREAD_AT_PING = MAX_UNREAD_BYTES / 64;
+// So many questions wait at a time; beside the event calls, the bus has room for these.
+constexpr std::size_t PING_SLOTS = 8;
+// What an answer costs beside its arguments.
+constexpr std::size_t ANSWER_OVERHEAD = 256;
+
+// Answers that wait to be written. After a large one, one at a time.
+constexpr std::size_t MAX_UNWRITTEN = 16;
+constexpr std::size_t LARGE_ANSWER = 65536;
+constexpr std::size_t MAX_UNWRITTEN_REFUSALS = 1024;
 
 constexpr std::size_t MAX_HELLO_TYPES = QOR_MAX_HELLO_TYPES;
+constexpr std::size_t MAX_CLIENTS_PER_USER = QOR_MAX_CLIENTS_PER_USER;
 
 // Event calls without an answer: of all clients, and of one client.
 constexpr std::size_t EVENT_SLOTS = QOR_EVENT_SLOTS;

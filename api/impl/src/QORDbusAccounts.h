@@ -1,0 +1,120 @@
+// What the senders of calls, and their users, cost an endpoint.
+#ifndef QOR_QORDBUSACCOUNTS_H
+#define QOR_QORDBUSACCOUNTS_H
+
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+
+#include <gio/gio.h>
+
+namespace qor
+{
+
+// What counts for one sender, or for all senders of one user.
+struct TSDbusAccount
+{
+    std::size_t m_calls = 0; // that are open
+    std::size_t m_bytes = 0; // of those
+    // Bytes of answers that their receiver has not been seen to read; the bus may still have them.
+    std::size_t m_unread = 0;
+    std::size_t m_pings = 0;  // without an answer
+    gint64 m_lastRefusal = 0; // monotonic time; 0: never
+};
+
+// The accounts of a connection's senders. A call is open until its answer is written; one that wants
+// no answer, until its message is gone. Used under the lock of admission.
+class TCDbusAccounts
+{
+public:
+    struct TSOpenCall
+    {
+        TSOpenCall(GDBusMessage* pMessage, std::string sender, std::size_t size, bool isForeign);
+        ~TSOpenCall();
+        TSOpenCall(const TSOpenCall&) = delete;
+        TSOpenCall& operator=(const TSOpenCall&) = delete;
+
+        bool IsGone();
+
+        GWeakRef m_message;
+        const std::string m_sender;
+        const std::size_t m_size;
+        const bool m_isForeign;
+        bool m_isHandled = false;
+    };
+    struct TSSender
+    {
+        TSDbusAccount& Account()
+        {
+            return m_pUser != nullptr ? *m_pUser : m_own;
+        }
+
+        TSDbusAccount m_own;
+        std::shared_ptr<TSDbusAccount> m_pUser; // once the bus has told who it is
+        std::multimap<std::uint32_t, TSOpenCall> m_open; // by serial, which the sender chooses
+        gint64 m_since = 0;                              // monotonic time
+        std::size_t m_atPing = 0;                        // bytes that were unread then
+        bool m_isAsked = false;                          // the bus, who it is
+        bool m_isTold = false;                           // by the bus, perhaps that it is gone
+        bool m_isPinged = false;
+    };
+    using TSenders = std::map<std::string, TSSender>; // by unique name
+
+    TSSender& Get(const std::string& name);
+    TSSender* Find(const std::string& name);
+    TSenders& Senders()
+    {
+        return m_senders;
+    }
+    // Of all senders together.
+    const TSDbusAccount& All() const
+    {
+        return m_all;
+    }
+
+    // Calls to other paths: they count only together.
+    std::size_t Foreign() const
+    {
+        return m_foreign;
+    }
+
+    // Adds the call to the accounts.
+    void Open(TSSender& sender, GDBusMessage* pCall, std::size_t size, bool isOurs);
+    // An answer to the call is being written: the call goes. False where there is none.
+    bool Close(TSSender& sender, std::uint32_t serial);
+    // The call that is handled now.
+    void SetHandled(TSSender& sender, std::uint32_t serial);
+    // How many have been answered, with answers that are yet to be written. The others are held by
+    // somebody who will answer them later.
+    std::size_t Unwritten();
+    // Takes off the accounts what wanted no answer and is gone: the first ones, or all.
+    void DropSilent(bool isWhole);
+
+    void AddUnread(TSSender& sender, std::size_t size);
+    void SubtractUnread(TSSender& sender, std::size_t size);
+    void SetPinged(TSSender& sender, bool isPinged);
+
+    // Moves what the sender costs to its user's account.
+    void SetUser(TSSender& sender, std::uint32_t userId);
+
+    // Those that have nothing open or unread, and were not refused within that time.
+    void DropQuiet(gint64 microseconds);
+
+private:
+    void m_Count(TSSender& sender, std::size_t size);
+    void m_Discount(TSSender& sender, std::size_t size);
+
+    TSenders m_senders;
+    std::map<std::uint32_t, std::shared_ptr<TSDbusAccount>> m_users;
+    std::list<TSOpenCall> m_silent;   // that want no answer
+    std::list<TSOpenCall*> m_handled; // of those that do
+    TSDbusAccount m_all;
+    std::size_t m_foreign = 0;
+};
+
+} // namespace qor
+
+#endif

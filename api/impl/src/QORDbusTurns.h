@@ -1,0 +1,63 @@
+// What an endpoint has yet to handle, and in which order.
+#ifndef QOR_QORDBUSTURNS_H
+#define QOR_QORDBUSTURNS_H
+
+#include <deque>
+#include <functional>
+#include <list>
+#include <map>
+#include <string>
+
+#include <gio/gio.h>
+
+namespace qor
+{
+
+class TCDbusAdmission;
+
+// Calls of others are handled in the order in which they came, but that those wait, in their order,
+// whose senders cannot be handled yet. The endpoint's own work goes first: nobody else decides how
+// much that is. Only on the thread that handles messages.
+class TCDbusTurns
+{
+public:
+    using TWork = std::function<void()>;
+
+    void Add(TWork work);
+    // The work holds the call.
+    void AddCall(GDBusMessage* pCall, TWork work);
+
+    // Runs one. What runs may add more, and may destroy this.
+    void RunNext(TCDbusAdmission* pAdmission);
+    // Those that were found to wait are tried again.
+    void TryWaiting();
+    void Clear();
+
+    // Whether there may be something to run now; or later, of what waits.
+    bool HasMore() const;
+    bool HasWaiting() const;
+    // Whether calls have taken their share of this round of the main context, whose other work,
+    // timers among it, is to have its turn.
+    bool IsRoundOver();
+
+private:
+    struct TSCall
+    {
+        GDBusMessage* m_pCall;
+        TWork m_work;
+    };
+    using TCalls = std::list<TSCall>;
+
+    TWork m_TakeCall(TCDbusAdmission* pAdmission);
+
+    std::deque<TWork> m_own;
+    TCalls m_calls;
+    std::map<std::string, TCalls> m_waiting; // by sender
+    bool m_isBlocked = false;                // no call can be handled just now
+    gint64 m_round = 0;                      // monotonic times
+    gint64 m_endOfRound = 0;
+};
+
+} // namespace qor
+
+#endif
