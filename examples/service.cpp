@@ -55,8 +55,10 @@ private:
         const qor::TSPeer peer = m_bus.CurrentPeer();
         if (!MayChange(peer))
         {
-            std::cerr << "user " << peer.m_userId << " may not" << std::endl;
-            qor::WritePolicyReply(qor::POLICY_NOT_PERMITTED, request, reply);
+            // Of whom the bus has told nothing yet may be one who may: let them try again.
+            qor::WritePolicyReply(peer.m_isKnown ? qor::POLICY_NOT_PERMITTED
+                                                 : qor::POLICY_NOT_STORED,
+                                  request, reply);
             return true;
         }
         std::string_view policy;

@@ -97,12 +97,14 @@ public:
                              const TEventDone& onDone) = 0;
 
     /// Who sent the message whose callback is running; for the callback itself, on its thread. The
-    /// bus is asked when a sender's first call comes in, so the answer is usually there; where it
-    /// is not, this waits for it, one second at most. Anywhere else a peer without a name.
+    /// bus is asked when a sender's first call comes in, and a call is not handled before the
+    /// answer is there, or has not come for 5 seconds; so this does not block, but for a sender of
+    /// whom nothing was heard for a while: it is asked for again, one second at most. Anywhere else
+    /// a peer without a name.
     virtual TSPeer CurrentPeer() = 0;
 
     /// Who is behind a unique name. Known at once for clients and recent senders; else the bus is
-    /// asked, and this waits as CurrentPeer does. Any thread but the server's own. Names that have
+    /// asked, and this waits, one second at most. Any thread but the server's own. Names that have
     /// left are forgotten after a while: what is not known says so.
     virtual TSPeer Peer(const std::string& uniqueName) = 0;
 
