@@ -210,8 +210,8 @@ private:
     unsigned int m_registrationId QOR_GUARDED_BY(t_watchMutex);
     TSessionPtr m_pExportedOn QOR_GUARDED_BY(t_watchMutex);
     std::map<std::string, TMethodHandler> m_methodHandlers; ///< Complete before the export.
-    std::unique_ptr<TCDbusTurns> m_pTurns;    ///< What is to be handled.
-    std::unique_ptr<TCDbusTimer> m_pNextTurn; ///< For the rest of it.
+    std::unique_ptr<TCDbusTurns> m_pTurns;                  ///< What is to be handled.
+    std::unique_ptr<TCDbusTimer> m_pNextTurn;               ///< For the rest of it.
     TSDbusLink* m_pLink;
 };
 

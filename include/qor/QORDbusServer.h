@@ -31,10 +31,11 @@ struct TSEventAccount;
 /// The server endpoint. The service constructs one and keeps it for its lifetime.
 ///
 /// It owns the well-known name, registers every client that says Hello with the types it wants, and
-/// forgets it when it leaves the bus. A build option bounds the clients of one user, but not of root
-/// and of the service's own user; a Hello of one more is answered with LimitsExceeded. See TCDbus for the main context and the lifetime: the service
-/// must iterate that context, until then the server does not become ready and learns of no client.
-/// A thread of the server's own carries the outgoing event calls.
+/// forgets it when it leaves the bus. A build option bounds the clients of one user, but not of
+/// root and of the service's own user; a Hello of one more is answered with LimitsExceeded. See
+/// TCDbus for the main context and the lifetime: the service must iterate that context, until then
+/// the server does not become ready and learns of no client. A thread of the server's own carries
+/// the outgoing event calls.
 ///
 /// The server must not be destroyed while a SendMessage is waiting (CancelMessages ends the wait),
 /// nor on its own thread. Stop ends it in order; without that, the destructor drops what is under
@@ -88,8 +89,8 @@ public:
     /// A client as the registry has it.
     struct TSClientInfo
     {
-        std::string m_name;          ///< Unique name on the bus, which tells user and process of it.
-        std::vector<int> m_types;    ///< What it asked for, ascending; the first eight.
+        std::string m_name;       ///< Unique name on the bus, which tells user and process of it.
+        std::vector<int> m_types; ///< What it asked for, ascending; the first eight.
         std::size_t m_numberOfTypes; ///< Of all that it asked for.
         bool m_isSuspended; ///< It has let a call time out and is not called for that type.
     };
@@ -171,8 +172,7 @@ private:
 
     void m_HandleHelloMessage(const char* sender, GVariant* pParameters,
                               GDBusMethodInvocation* pInvocation);
-    bool m_Register(const std::string& client, std::vector<int> events)
-        QOR_EXCLUDES(t_stateMutex);
+    bool m_Register(const std::string& client, std::vector<int> events) QOR_EXCLUDES(t_stateMutex);
     bool m_AddClient(const TSPeer& peer) QOR_REQUIRES(t_stateMutex);
     static void m_ClientNameVanished(GDBusConnection* pConnection, const char* name,
                                      void* pUserData);

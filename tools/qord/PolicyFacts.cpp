@@ -272,8 +272,7 @@ GVariant* TCPolicyFacts::Property(const std::string& name, bool mayRead, qor::TC
          { return g_variant_new_boolean(facts.m_Look().m_isGood); }},
         {"ClientsByUser",
          [](TCPolicyFacts&, TServer& service) { return ByUser(service.Load().m_clientsByUser); }},
-        {"LastEvent",
-         [](TCPolicyFacts& facts, TServer&) { return Event(facts.m_events.Last()); }}};
+        {"LastEvent", [](TCPolicyFacts& facts, TServer&) { return Event(facts.m_events.Last()); }}};
     if (name == "Problems")
     {
         return Texts(m_Problems(mayRead, server));
@@ -345,9 +344,10 @@ std::string TCPolicyFacts::m_Suspended(bool isDetailed, qor::TCDbusServer& serve
     {
         return "";
     }
-    std::string words = std::to_string(count) + (count == 1 ? " client is suspended, having"
-                                                            : " clients are suspended, having") +
-                        " left an event unanswered";
+    std::string words =
+        std::to_string(count) +
+        (count == 1 ? " client is suspended, having" : " clients are suspended, having") +
+        " left an event unanswered";
     if (!isDetailed)
     {
         return words;
@@ -392,9 +392,8 @@ GVariant* TCPolicyFacts::Clients(const TSAsker& asker, qor::TCDbusServer& server
         const auto found = applications.find(client.m_name);
         if (found != applications.end() && MaySee(asker, *found->second))
         {
-            g_variant_builder_add_value(
-                &builder,
-                Client(client, IsListening(server, client.m_name), *found->second, policy));
+            g_variant_builder_add_value(&builder, Client(client, IsListening(server, client.m_name),
+                                                         *found->second, policy));
         }
     }
     return g_variant_builder_end(&builder);

@@ -12,6 +12,16 @@
 namespace qor
 {
 
+namespace
+{
+
+// An answer that is not written by then is not waited for, and one that is not written by then will
+// never be.
+constexpr gint64 WRITE_US = 2 * G_TIME_SPAN_SECOND;
+constexpr gint64 LOST_US = 60 * G_TIME_SPAN_SECOND;
+
+} // namespace
+
 TCDbusAccounts::TSOpenCall::TSOpenCall(GDBusMessage* pMessage, std::string sender, std::size_t size,
                                        bool isForeign)
     : m_message(), m_sender(std::move(sender)), m_size(size), m_isForeign(isForeign)
@@ -95,8 +105,8 @@ bool TCDbusAccounts::Close(TSSender& sender, std::uint32_t serial)
 void TCDbusAccounts::SetHandled(TSSender& sender, std::uint32_t serial)
 {
     const auto [first, last] = sender.m_open.equal_range(serial);
-    const auto call = std::find_if(first, last,
-                                   [](const auto& open) { return !open.second.m_isHandled; });
+    const auto call =
+        std::find_if(first, last, [](const auto& open) { return !open.second.m_isHandled; });
     if (call != last)
     {
         call->second.m_isHandled = true;
@@ -104,11 +114,41 @@ void TCDbusAccounts::SetHandled(TSSender& sender, std::uint32_t serial)
     }
 }
 
+bool TCDbusAccounts::m_IsGoneFor(TSOpenCall& call, gint64 microseconds)
+{
+    const gint64 now = g_get_monotonic_time();
+    if (call.m_goneSince == 0 && call.IsGone())
+    {
+        call.m_goneSince = now;
+    }
+    return call.m_goneSince != 0 && now - call.m_goneSince >= microseconds;
+}
+
 std::size_t TCDbusAccounts::Unwritten()
 {
     return static_cast<std::size_t>(std::count_if(m_handled.begin(), m_handled.end(),
-                                                  [](TSOpenCall* pCall)
-                                                  { return pCall->IsGone(); }));
+                                                  [](TSOpenCall* pCall) {
+                                                      return m_IsGoneFor(*pCall, 0) &&
+                                                             !m_IsGoneFor(*pCall, WRITE_US);
+                                                  }));
+}
+
+void TCDbusAccounts::DropLost()
+{
+    const std::list<TSOpenCall*> handled = m_handled;
+    for (TSOpenCall* pCall : handled)
+    {
+        if (m_IsGoneFor(*pCall, LOST_US))
+        {
+            auto& open = m_senders[pCall->m_sender].m_open;
+            const auto found =
+                std::find_if(open.begin(), open.end(),
+                             [pCall](const auto& call) { return &call.second == pCall; });
+            m_handled.remove(pCall);
+            m_Discount(m_senders[pCall->m_sender], pCall->m_size);
+            open.erase(found);
+        }
+    }
 }
 
 void TCDbusAccounts::DropSilent(bool isWhole)
@@ -182,12 +222,14 @@ void TCDbusAccounts::SetUser(TSSender& sender, std::uint32_t userId)
 void TCDbusAccounts::DropQuiet(gint64 microseconds)
 {
     DropSilent(true);
+    DropLost();
     const gint64 end = g_get_monotonic_time() - microseconds;
     for (auto i = m_senders.begin(); i != m_senders.end();)
     {
         const TSDbusAccount& own = i->second.m_own;
-        const bool isQuiet = own.m_calls == 0 && i->second.m_open.empty() && own.m_unread == 0 && !i->second.m_isPinged &&
-                             own.m_lastRefusal < end && i->second.m_since < end;
+        const bool isQuiet = own.m_calls == 0 && i->second.m_open.empty() && own.m_unread == 0 &&
+                             !i->second.m_isPinged && own.m_lastRefusal < end &&
+                             i->second.m_since < end;
         i = isQuiet ? m_senders.erase(i) : std::next(i);
     }
     for (auto i = m_users.begin(); i != m_users.end();)

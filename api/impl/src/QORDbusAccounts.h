@@ -25,8 +25,8 @@ struct TSDbusAccount
     gint64 m_lastRefusal = 0; // monotonic time; 0: never
 };
 
-// The accounts of a connection's senders. A call is open until its answer is written; one that wants
-// no answer, until its message is gone. Used under the lock of admission.
+// The accounts of a connection's senders. A call is open until its answer is written; one that
+// wants no answer, until its message is gone. Used under the lock of admission.
 class TCDbusAccounts
 {
 public:
@@ -44,6 +44,7 @@ public:
         const std::size_t m_size;
         const bool m_isForeign;
         bool m_isHandled = false;
+        gint64 m_goneSince = 0; // monotonic time, when that was seen; 0: never
     };
     struct TSSender
     {
@@ -53,7 +54,7 @@ public:
         }
 
         TSDbusAccount m_own;
-        std::shared_ptr<TSDbusAccount> m_pUser; // once the bus has told who it is
+        std::shared_ptr<TSDbusAccount> m_pUser;          // once the bus has told who it is
         std::multimap<std::uint32_t, TSOpenCall> m_open; // by serial, which the sender chooses
         gint64 m_since = 0;                              // monotonic time
         std::size_t m_atPing = 0;                        // bytes that were unread then
@@ -88,10 +89,12 @@ public:
     // The call that is handled now.
     void SetHandled(TSSender& sender, std::uint32_t serial);
     // How many have been answered, with answers that are yet to be written. The others are held by
-    // somebody who will answer them later.
+    // somebody who will answer them later, or were dropped by somebody who never will.
     std::size_t Unwritten();
     // Takes off the accounts what wanted no answer and is gone: the first ones, or all.
     void DropSilent(bool isWhole);
+    // Takes off the accounts what should have been answered, was not, and is gone.
+    void DropLost();
 
     void AddUnread(TSSender& sender, std::size_t size);
     void SubtractUnread(TSSender& sender, std::size_t size);
@@ -106,6 +109,7 @@ public:
 private:
     void m_Count(TSSender& sender, std::size_t size);
     void m_Discount(TSSender& sender, std::size_t size);
+    static bool m_IsGoneFor(TSOpenCall& call, gint64 microseconds);
 
     TSenders m_senders;
     std::map<std::uint32_t, std::shared_ptr<TSDbusAccount>> m_users;

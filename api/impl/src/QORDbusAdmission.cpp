@@ -182,6 +182,7 @@ const char* TCDbusAdmission::m_Objection(GDBusMessage* pCall, TSender& sender, s
     if (account.m_calls >= MAX_QUEUED_CALLS || account.m_bytes + size > MAX_QUEUED_BYTES)
     {
         m_accounts.DropSilent(true);
+        m_accounts.DropLost();
         if (account.m_calls >= MAX_QUEUED_CALLS || account.m_bytes + size > MAX_QUEUED_BYTES)
         {
             return "Too many calls are waiting";
@@ -292,8 +293,7 @@ bool TCDbusAdmission::m_IsPingDue(TSender& sender) const
 // What is to be told to whoever waits for it; nothing where nobody does.
 TCDbusAdmission::TOnNews TCDbusAdmission::m_News(bool isPingDue)
 {
-    const bool isSweepDue =
-        m_isSweepDue && g_get_monotonic_time() - m_lastSweep > SWEEP_GAP_US;
+    const bool isSweepDue = m_isSweepDue && g_get_monotonic_time() - m_lastSweep > SWEEP_GAP_US;
     const bool isDue = std::exchange(m_isSomebodyLate, false) || isPingDue || isSweepDue;
     return isDue ? m_onNews : nullptr;
 }

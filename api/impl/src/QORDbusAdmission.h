@@ -55,9 +55,9 @@ public:
 
     enum class ETurn
     {
-        NOW,      // it counts as handled from here on
-        LATER,    // other senders may have their turn
-        NOBODYS   // answers wait to be written
+        NOW,    // it counts as handled from here on
+        LATER,  // other senders may have their turn
+        NOBODYS // answers wait to be written
     };
     // Whether a call that has passed may be handled. On the main context's thread.
     ETurn MayHandle(GDBusMessage* pCall) QOR_EXCLUDES(m_mutex);
@@ -108,10 +108,10 @@ private:
     TOnNews m_onNews QOR_GUARDED_BY(m_mutex);
     TCDbusAccounts m_accounts QOR_GUARDED_BY(m_mutex);
     std::size_t m_sendersAtNextSweep QOR_GUARDED_BY(m_mutex);
-    gint64 m_lastSweep QOR_GUARDED_BY(m_mutex);      // monotonic times
+    gint64 m_lastSweep QOR_GUARDED_BY(m_mutex); // monotonic times
     gint64 m_lastLargeAnswer QOR_GUARDED_BY(m_mutex);
     bool m_isSweepDue QOR_GUARDED_BY(m_mutex);
-    bool m_isSomebodyLate QOR_GUARDED_BY(m_mutex);   // waits for what the next news may bring
+    bool m_isSomebodyLate QOR_GUARDED_BY(m_mutex); // waits for what the next news may bring
     std::uint64_t m_refused QOR_GUARDED_BY(m_mutex);
     std::size_t m_unwrittenRefusals QOR_GUARDED_BY(m_mutex);
 };

@@ -105,7 +105,8 @@ public:
         if (Endpoint() != nullptr)
         {
             m_Run([pEndpoint = static_cast<TEndpoint*>(Endpoint()), work = std::move(work)]
-                  { work(*pEndpoint); }, pCall);
+                  { work(*pEndpoint); },
+                  pCall);
         }
     }
 

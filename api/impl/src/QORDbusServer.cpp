@@ -148,10 +148,8 @@ bool TCDbusServer::t_Start()
     m_pLoad->m_pNews = m_NewTimer<&TCDbusServer::m_LookAtLoad>();
     m_pLoad->m_pSweep = m_NewTimer<&TCDbusServer::m_SweepClients>();
     session->Admission().Serve(
-        [this, &admission = session->Admission()](const std::string& name) {
-            m_pPeers->Ask(name,
-                          [&admission](const TSPeer& peer) { admission.SetPeer(peer); });
-        },
+        [this, &admission = session->Admission()](const std::string& name)
+        { m_pPeers->Ask(name, [&admission](const TSPeer& peer) { admission.SetPeer(peer); }); },
         [this] { m_pLoad->m_pNews->SetIn(0); });
     if (!t_Export(session) ||
         !m_pInterfaces->Export(session->Connection(), t_objectPath, m_ownInterfaceVtable,

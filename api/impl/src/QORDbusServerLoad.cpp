@@ -94,8 +94,8 @@ void TCDbusServer::m_LookAtLoad()
 void TCDbusServer::m_AskWhetherItReads(const std::string& name)
 {
     const TSessionPtr session = t_Session();
-    const TGlibPtr<GDBusMessage> pCall(g_dbus_message_new_method_call(
-        name.c_str(), "/", "org.freedesktop.DBus.Peer", "Ping"));
+    const TGlibPtr<GDBusMessage> pCall(
+        g_dbus_message_new_method_call(name.c_str(), "/", "org.freedesktop.DBus.Peer", "Ping"));
     g_dbus_message_set_flags(pCall.get(), G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
     g_dbus_message_set_serial(pCall.get(), UnforeseenSerial());
     TCDbusAdmission& admission = session->Admission();

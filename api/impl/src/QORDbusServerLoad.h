@@ -19,9 +19,10 @@ namespace qor
 
 struct TCDbusServer::TSLoad
 {
-    std::unique_ptr<TCDbusTimer> m_pNews;  // due when admission has something to do
-    std::unique_ptr<TCDbusTimer> m_pSweep; // due when it is to be seen which clients are still there
-    bool m_isSweepSet = false;             // in the main context
+    std::unique_ptr<TCDbusTimer> m_pNews; // due when admission has something to do
+    std::unique_ptr<TCDbusTimer>
+        m_pSweep;              // due when it is to be seen which clients are still there
+    bool m_isSweepSet = false; // in the main context
     TSPosixMutex m_mutex;
     // The names on the bus, as it has told; and when it was asked (monotonic time).
     std::set<std::string> m_names QOR_GUARDED_BY(m_mutex);
