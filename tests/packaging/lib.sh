@@ -4,7 +4,6 @@
 
 work=$(mktemp -d)
 chmod 755 "$work"
-# shellcheck disable=SC2034 # for the callers
 user=$(id -un)
 pids=()
 failures=0
@@ -27,15 +26,23 @@ clean_up() {
 trap clean_up EXIT
 trap 'exit 130' INT TERM
 
-# start_bus: a bus that allows what the files in $work/system.d do.
+# launch LOG COMMAND...: in the background; its process is $started.
+launch() {
+    "${@:2}" >"$1" 2>&1 &
+    started=$!
+    pids+=("$started")
+}
+
+# start_bus POLICY-TEMPLATE [USER]: a bus that allows what the shipped file does, with the service of
+# that user, and what others in $work/system.d do.
 start_bus() {
     local here
     here=$(dirname "${BASH_SOURCE[0]}")
     . "$here/../../scripts/closed-bus"
-    mkdir -p "$work/system.d" "$work/services"
+    mkdir -p "$work/system.d" "$work/services" "$work/state"
+    sed "s/@QOR_SERVICE_USER@/${2:-$user}/g" "$1" >"$work/system.d/com.norvane.qor.IControl.conf"
     closed_bus "$work" >"$work/bus.conf"
-    "${QOR_TEST_BUS:-dbus-daemon}" --config-file="$work/bus.conf" --nofork >"$work/bus.log" 2>&1 &
-    pids+=($!)
+    launch "$work/bus.log" "${QOR_TEST_BUS:-dbus-daemon}" --config-file="$work/bus.conf" --nofork
     wait_for "the bus" test -S "$work/bus"
     export DBUS_SYSTEM_BUS_ADDRESS="unix:path=$work/bus"
 }
@@ -90,27 +97,6 @@ ends_with() {
     shift
     "$@" || status=$?
     [[ $status -eq $wanted ]]
-}
-
-# npm_package NAME@VERSION FOLDER: has it in FOLDER/node_modules, without what would have to be
-# compiled. Where that cannot be, $npm_reason says why; otherwise it is empty.
-npm_package() {
-    local options=(--no-save --omit=optional --ignore-scripts --no-audit --no-fund --fetch-retries=1)
-    npm_reason=
-    if ! command -v node >/dev/null || ! command -v npm >/dev/null; then
-        npm_reason="node and npm are not installed"
-        return
-    fi
-    mkdir -p "$2"
-    # Two tests may want it at a time.
-    exec {npm_lock}<"$2"
-    flock "$npm_lock"
-    if [[ ! -e $2/node_modules/${1%@*}/package.json ]] &&
-        ! timeout 90 npm install --prefix "$2" "${options[@]}" "$1" >"$work/npm.log" 2>&1; then
-        # shellcheck disable=SC2034 # for the callers
-        npm_reason="npm does not get $1: $(grep -m 1 -E 'npm (ERR!|error)' "$work/npm.log" || true)"
-    fi
-    exec {npm_lock}<&-
 }
 
 finish() {
