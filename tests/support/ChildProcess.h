@@ -62,6 +62,14 @@ public:
         return name.empty() ? m_path : m_path + "/" + name;
     }
 
+    /// A file, with the directories above it; returns its path.
+    std::string Write(const std::string& name, const std::string& content = "x") const
+    {
+        boost::filesystem::create_directories(boost::filesystem::path(Path(name)).parent_path());
+        WriteFile(Path(name), content);
+        return Path(name);
+    }
+
 private:
     std::string m_path = (boost::filesystem::temp_directory_path() / "qortest-XXXXXX").string();
 };
@@ -139,8 +147,14 @@ public:
     /// One that stops has stopped when this returns: its threads may run on for a moment.
     void Signal(int signal)
     {
-        m_process ? g_subprocess_send_signal(m_process.get(), signal) : void();
-        signal == SIGSTOP ? void(WaitUntil([this] { return m_IsStopped(); })) : void();
+        if (m_process)
+        {
+            g_subprocess_send_signal(m_process.get(), signal);
+        }
+        if (signal == SIGSTOP)
+        {
+            WaitUntil([this] { return m_IsStopped(); });
+        }
     }
 
     /// Waits for the end; a program that still runs after the watchdog is killed.

@@ -10,8 +10,8 @@
 #include <usb_device.h>
 #include <vconf.h>
 
+#include "ChildProcess.h"
 #include "LogCapture.h"
-#include "Tree.h"
 
 namespace fs = boost::filesystem;
 
@@ -33,7 +33,7 @@ static std::string Take(char* pText)
     return text;
 }
 
-struct HostLayer : testing::Test, qortest::Tree
+struct HostLayer : testing::Test, qortest::TemporaryDirectory
 {
     void AddDisk(const std::string& bus, const std::string& name) const
     {

@@ -21,8 +21,8 @@
 #include <qor/QORDirsManager.h>
 #include <qor/QORFileSystem.h>
 
+#include "ChildProcess.h"
 #include "LogCapture.h"
-#include "Tree.h"
 
 namespace fs = boost::filesystem;
 using qor::TSFileSystem;
@@ -173,7 +173,7 @@ TEST(DirsManager, PolicyOnTheFirstStickIsUsedOnDebugImages)
 {
     const std::string standard = "/opt/usr/share/vantorix/velkin_qor_policy.xml";
     EXPECT_EQ(qor::TCDirsManager::GetPolicyXmlPath(), standard);
-    const qortest::Tree tree;
+    const qortest::TemporaryDirectory tree;
     const std::string policy = tree.Write("velkin/velkin_qor_policy.xml"), stick = tree.Path();
     const std::string mounted = "init list first path fini", unlisted = "init list fini";
     const struct
@@ -205,7 +205,7 @@ TEST(DirsManager, PolicyOnTheFirstStickIsUsedOnDebugImages)
 
 using Names = std::multiset<fs::path>;
 
-struct FileSystem : testing::Test, qortest::Tree
+struct FileSystem : testing::Test, qortest::TemporaryDirectory
 {
     Names Files(const std::string& extension) const
     {
