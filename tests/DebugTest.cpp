@@ -174,10 +174,17 @@ TEST_F(Debug, HostKeepsTheSignalForWhatItHasPrintedItself)
         int ends[2];
         const bool isReady = pipe(ends) == 0 && close(ends[0]) == 0 && dup2(ends[1], 1) == 1 &&
                              setvbuf(stdout, nullptr, _IOFBF, BUFSIZ) == 0;
-        const auto print = [] { printf("of the host"); };
-        isFirst ? print() : void();
-        m_debug.External("C", "F", 1, "of the library");
-        isFirst ? void() : print();
+        for (const bool isOfHost : {isFirst, !isFirst})
+        {
+            if (isOfHost)
+            {
+                printf("of the host");
+            }
+            else
+            {
+                m_debug.External("C", "F", 1, "of the library");
+            }
+        }
         std::exit(isReady ? 0 : 99);
     };
     for (const bool isFirst : {true, false})

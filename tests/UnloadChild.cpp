@@ -64,8 +64,18 @@ void Teardown()
 {
     printf("function %p %s\n", reinterpret_cast<void*>(&Teardown<N>), pPolicyPath().c_str());
     const auto refused = [] { pRegister(&Teardown<100>); }; // without blocking
-    hasOther ? std::thread(refused).join() : refused();
-    other.joinable() ? other.join() : void();
+    if (hasOther)
+    {
+        std::thread(refused).join();
+    }
+    else
+    {
+        refused();
+    }
+    if (other.joinable())
+    {
+        other.join();
+    }
 }
 
 struct User : qor::TIDestroyCallback
@@ -75,7 +85,12 @@ struct User : qor::TIDestroyCallback
         printf("user\n");
         if (hasOther)
         {
-            other = std::thread([this] { isOtherBack = (pUnregisterUser(*this), true); });
+            const auto unregister = [this]
+            {
+                pUnregisterUser(*this);
+                isOtherBack = true;
+            };
+            other = std::thread(unregister);
             usleep(50000);
             printf("the other one waits %d\n", !isOtherBack);
         }

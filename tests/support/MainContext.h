@@ -84,7 +84,14 @@ class Repeat
 {
 public:
     explicit Repeat(const std::function<void()>& step)
-        : m_thread([this, step] { WaitUntil([&] { return step(), m_stop.load(); }, LONG, [] {}); })
+        : m_thread(
+              [this, step]
+              {
+                  while (!m_stop)
+                  {
+                      step();
+                  }
+              })
     {
     }
     ~Repeat()
@@ -94,8 +101,6 @@ public:
     }
 
 private:
-    static constexpr int LONG = 1 << 30;
-
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
 };

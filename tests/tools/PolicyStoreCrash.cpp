@@ -38,9 +38,14 @@ void PolicyStoreCrash::Write(const Disk& disk)
     for (const auto& [name, file] : disk)
     {
         const std::string path = m_pDirectory->Path(name);
-        written.emplace(file.first, path).second
-            ? WriteFile(path, file.second)
-            : boost::filesystem::create_hard_link(written[file.first], path);
+        if (written.emplace(file.first, path).second)
+        {
+            WriteFile(path, file.second);
+        }
+        else
+        {
+            boost::filesystem::create_hard_link(written[file.first], path);
+        }
     }
     // The files have other numbers here, and one has such a number in its name.
     for (const auto& [name, file] : disk)
@@ -129,7 +134,11 @@ std::set<Disk> PolicyStoreCrash::DisksAfterPowerLoss(const std::vector<Change>& 
             }
             for (const auto& [name, file] : changes[i].names)
             {
-                file == 0 ? void(disk.erase(name)) : void(disk[name] = {file, ""});
+                disk[name] = {file, ""};
+                if (file == 0)
+                {
+                    disk.erase(name);
+                }
             }
         }
         for (auto& [name, file] : disk)
@@ -139,7 +148,10 @@ std::set<Disk> PolicyStoreCrash::DisksAfterPowerLoss(const std::vector<Change>& 
             const auto before = std::find_if(m_before.begin(), m_before.end(), isSame);
             file.second = before == m_before.end() ? written[file.first] : before->second.second;
         }
-        isPossible ? void(disks.insert(disk)) : void();
+        if (isPossible)
+        {
+            disks.insert(disk);
+        }
     }
     return disks;
 }
