@@ -20,17 +20,6 @@ struct Endpoint : qor::TCDbusClient
 {
     Endpoint() : TCDbusClient(false) {}
 
-    // Whether that is what goes on the wire.
-    template <class... T>
-    bool Makes(const char* text, const T&... parts) const
-    {
-        GVariant* pValue = nullptr;
-        t_ConvertBytes(parts..., pValue);
-        const bool isFloating = g_variant_is_floating(pValue);
-        const VariantPtr owned(g_variant_ref_sink(pValue));
-        return isFloating && g_variant_equal(pValue, Value(text).get());
-    }
-
     // Not analysed: the tests look while nothing changes them.
     std::string CurrentSender() const QOR_NOT_ANALYSED
     {
@@ -57,15 +46,6 @@ protected:
     RawPeer m_peer;
     Endpoint m_endpoint;
 };
-
-TEST_F(DbusBase, EnvelopesAreHeaderThenBytes)
-{
-    EXPECT_TRUE(m_endpoint.Makes("([byte 2, 1, 0, 0, 1, 0xAA],)", 258, true, Bytes{0xAA}));
-    EXPECT_TRUE(m_endpoint.Makes("([byte 0xFE, 0xFF, 0xFF, 0xFF, 0],)", -2, false, Bytes()));
-    EXPECT_TRUE(m_endpoint.Makes("([byte 1, 7, 8],)", Bytes{7, 8}, true));
-    EXPECT_TRUE(m_endpoint.Makes("([byte 0],)", Bytes(), false));
-    EXPECT_TRUE(m_endpoint.Makes("(@ay [],)", Bytes()));
-}
 
 TEST_F(DbusBase, ReadingReplacesTheOutputsUnlessItIsNone)
 {
@@ -96,23 +76,6 @@ TEST_F(DbusBase, ReadingReplacesTheOutputsUnlessItIsNone)
     }
 }
 
-TEST_F(DbusBase, PayloadsOfAllSizesReachTheCallbackAndComeBack)
-{
-    m_endpoint.SetCallback(-5, [](const Bytes& in, Bytes& out) { return out = in, true; });
-    for (const std::size_t size : {0UL, 1UL << 20, 16UL << 20})
-    {
-        Bytes payload(size);
-        for (std::size_t i = 0; i < size; ++i)
-        {
-            payload[i] = static_cast<unsigned char>(i * 31 + i / 251);
-        }
-        const CallResult result = Send(Request(-5, false, payload));
-        EXPECT_EQ(result.signature, "(ay)");
-        payload.insert(payload.begin(), 1);
-        EXPECT_TRUE(result.bytes == payload) << size << result.errorName;
-    }
-}
-
 TEST_F(DbusBase, MessagesAreDispatchedByTypeWithSenderAndFlag)
 {
     std::string seen;
@@ -121,7 +84,8 @@ TEST_F(DbusBase, MessagesAreDispatchedByTypeWithSenderAndFlag)
         EXPECT_EQ(m_endpoint.CurrentSender(), m_peer.UniqueName());
         seen = m_endpoint.IsCurrentMessageAsync() ? "async " : "sync ";
         seen += std::to_string(in.size());
-        return out = {7, 8}, false; // and yet the output goes out
+        out = {7, 8};
+        return false; // and yet the output goes out
     };
     m_endpoint.SetCallback(0, note);
     m_endpoint.SetCallback(1, note);
@@ -156,10 +120,17 @@ TEST_F(DbusBase, OtherMethodsAreAnsweredEmptyAndOtherPathsNotAtAll)
 TEST_F(DbusBase, ReplyOverTheLimitIsAnErrorAndTheNextCallSucceeds)
 {
     std::size_t size = qor::TCDbus::MaxPayload() + 1;
-    m_endpoint.SetCallback(1, [&](const Bytes&, Bytes& out) { return out.resize(size), true; });
+    const auto fill = [&](const Bytes&, Bytes& out)
+    {
+        out.resize(size, 0x5A);
+        return true;
+    };
+    m_endpoint.SetCallback(1, fill);
     EXPECT_EQ(Send(Request(1, false)).errorName, "org.freedesktop.DBus.Error.LimitsExceeded");
     --size;
-    EXPECT_EQ(Send(Request(1, false)).bytes.size(), size + 1);
+    Bytes whole(size + 1, 0x5A);
+    whole[0] = 1;
+    EXPECT_TRUE(Send(Request(1, false)).bytes == whole);
 }
 
 } // namespace

@@ -225,8 +225,12 @@ TEST_F(DbusClient, ClientWhoseStartFailedSkipsItsCalls)
     g_isProxyRefused = false;
     EXPECT_EQ(m_service.Count("Send"), 0U);
     ASSERT_TRUE(SharedConnectionIsLetGo());
+    const std::string address = getenv("DBUS_SYSTEM_BUS_ADDRESS");
     LeaveTheBus();
     skips("Connecting to system bus error, errno ");
+    TCDbusClient failed(false);
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
+    EXPECT_FALSE(Sends(failed)); // for good
 }
 
 TEST_F(DbusClient, ProviderSharesOneEndpointWhileItIsHeld)

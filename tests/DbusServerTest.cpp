@@ -1,21 +1,18 @@
 // The server endpoint: its name, its registry, its events and its stop, with raw peers as clients.
 #include <dlfcn.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <future>
-#include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include <boost/thread/thread.hpp>
 
 #include <qor/QORDbusServer.h>
 
-#include "BusTest.h"
+#include "ServerFixture.h"
 
 bool g_isProxyRefused = false;
 static std::atomic<int> proxyDelayMs{0};
@@ -50,49 +47,20 @@ namespace
 
 using namespace qortest;
 using qor::TCDbusServer;
-using Counts = std::pair<std::size_t, std::size_t>;
-using Peers = std::vector<std::unique_ptr<RawPeer>>;
 
-const Answer NO{Answer::REPLY, {0}, ""};
-
-class DbusServer : public BusTest
+class DbusServer : public ServerTest
 {
 protected:
     DbusServer()
     {
-        EXPECT_FALSE(m_server->IsReady()); // its context has not run
-        EXPECT_TRUE(PumpUntil([&] { return m_server->IsReady(); }));
-    }
-
-    bool HasClients(std::size_t count)
-    {
-        return PumpUntil([&] { return m_server->NumberOfClients() == count; });
-    }
-
-    Peers Clients(std::size_t count, const std::vector<std::int32_t>& types)
-    {
-        Peers clients;
-        const std::size_t before = m_server->NumberOfClients();
-        for (std::size_t i = 0; i < count; ++i)
-        {
-            clients.push_back(std::make_unique<RawPeer>());
-            clients.back()->PostHello(SERVICE_NAME, types);
-        }
-        EXPECT_TRUE(HasClients(before + count));
-        return clients;
-    }
-
-    Counts Deliver(int type, const Bytes& payload = {}, int timeoutMs = WATCHDOG_MS)
-    {
-        return m_server->SendMessage(type, payload, timeoutMs);
+        Start();
+        m_server->UnSetCallback(4);
     }
 
     static Bytes Send(RawPeer& client, const Bytes& bytes)
     {
         return Await(client.StartCall(SERVICE_NAME, SERVICE_PATH, "Send", bytes)).bytes;
     }
-
-    std::unique_ptr<TCDbusServer> m_server = std::make_unique<TCDbusServer>(false);
 };
 
 // --- The registry --------------------------------------------------------------------------------
@@ -137,28 +105,6 @@ TEST_F(DbusServer, HelloNamesTheTypesOfTheClientUntilItLeaves)
     EXPECT_EQ(LogCapture::Count(LOG_ERROR, ""), 0U);
 }
 
-TEST_F(DbusServer, NameThatIsTakenIsAcquiredWhenItBecomesFree)
-{
-    RawPeer owner;
-    ASSERT_TRUE(owner.OwnName(TEST_SERVICE_NAME));
-    TCDbusServer server(true);
-    const auto isLost = [](const char* name, std::size_t times)
-    {
-        const std::string line = std::string("Name ") + name + " has been lost";
-        return PumpUntil([&] { return LogCapture::Count(LOG_DEBUG, line) == times; });
-    };
-    ASSERT_TRUE(isLost(TEST_SERVICE_NAME, 1));
-    EXPECT_EQ(LogCapture::Count(LOG_ERROR, "QORDbusServer.cpp file in line "), 1U);
-    EXPECT_FALSE(server.IsReady());
-    ASSERT_TRUE(owner.ReleaseName(TEST_SERVICE_NAME));
-    EXPECT_TRUE(PumpUntil([&] { return server.IsReady(); }));
-    owner.Leave();
-    m_bus.Kill();
-    EXPECT_TRUE(isLost(SERVICE_NAME, 1) && isLost(TEST_SERVICE_NAME, 2));
-    EXPECT_EQ(LogCapture::Count(LOG_ERROR, "QORDbusServer.cpp file in line "), 3U);
-    EXPECT_TRUE(server.IsReady() && m_server->IsReady()); // for a service that ends anyway
-}
-
 // Its answer confirms that: who gets it does not say Hello again.
 TEST_F(DbusServer, HelloIsAnsweredWhenTheClientIsRegisteredAndNotBefore)
 {
@@ -176,7 +122,7 @@ TEST_F(DbusServer, HelloIsAnsweredWhenTheClientIsRegisteredAndNotBefore)
 TEST_F(DbusServer, RefusalsOfTheSystemLeaveNoTraces)
 {
     RawPeer client;
-    m_server->SetCallback(4, [](const Bytes&, Bytes&) { return true; });
+    m_server->SetCallback(4, Accept);
     g_isProxyRefused = true;
     auto hello = client.StartCall(SERVICE_NAME, SERVICE_PATH, "Hello", EventList({2}));
     EXPECT_EQ(Await(std::move(hello)).errorName, "org.freedesktop.DBus.Error.LimitsExceeded");
@@ -198,7 +144,7 @@ TEST_F(DbusServer, RefusalsOfTheSystemLeaveNoTraces)
 
 TEST_F(DbusServer, StopsWithClientsOrBeforeItsLoopHasRun)
 {
-    const Peers clients = Clients(3, {2, 4});
+    const Peers clients = Clients(3, YES, {2, 4});
     m_server.reset();
     EXPECT_TRUE(SharedConnectionIsLetGo());
     EXPECT_TRUE(clients[0]->OwnName(SERVICE_NAME)); // it is free again
@@ -213,14 +159,15 @@ TEST_F(DbusServer, StopsWithClientsOrBeforeItsLoopHasRun)
 TEST_F(DbusServer, EventIsASynchronousRequestAtTheObjectOfTheRegistered)
 {
     EXPECT_EQ(Deliver(2), Counts(0, 0));
-    const Peers others = Clients(2, {4});
+    const Peers others = Clients(2, YES, {4});
     EXPECT_EQ(Deliver(-300), Counts(0, 0));
-    const Peers clients = Clients(1, {-300});
+    const Peers clients = Clients(1, YES, {-300});
     const Bytes payload(1 << 20, 0x33);
-    EXPECT_EQ(Deliver(-300, payload), Counts(1, 0));
-    EXPECT_EQ(Deliver(-300, {}, -1), Counts(1, 0));
-    EXPECT_EQ(Deliver(-300, Bytes(qor::TCDbus::MaxPayload() + 1)), Counts(0, 1)); // unsent
-    EXPECT_EQ(Deliver(-300, {7}), Counts(1, 0));
+    EXPECT_EQ(Deliver(-300, WATCHDOG_MS, payload), Counts(1, 0));
+    EXPECT_EQ(Deliver(-300, -1), Counts(1, 0));
+    EXPECT_EQ(Deliver(-300, WATCHDOG_MS, Bytes(qor::TCDbus::MaxPayload() + 1)),
+              Counts(0, 1)); // unsent
+    EXPECT_EQ(Deliver(-300, WATCHDOG_MS, {7}), Counts(1, 0));
     const std::vector<IncomingCall> calls = clients[0]->Calls("Send");
     ASSERT_EQ(calls.size(), 3U);
     EXPECT_TRUE(calls[0].bytes == Request(-300, false, payload));
@@ -232,7 +179,6 @@ TEST_F(DbusServer, EventIsASynchronousRequestAtTheObjectOfTheRegistered)
 
 TEST_F(DbusServer, OnlyATrueResultIsASuccess)
 {
-    const std::string denied = "org.freedesktop.DBus.Error.AccessDenied";
     const std::pair<Answer, std::string> cases[] = {
         // and the line that a failure leaves
         {YES, ""},
@@ -240,17 +186,25 @@ TEST_F(DbusServer, OnlyATrueResultIsASuccess)
         {{Answer::REPLY, Bytes(1 << 20), ""}, "to % failed"},
         {{Answer::REPLY, {}, ""}, "to % failed"},
         {{Answer::WRONG_TYPE, {}, ""}, "to % failed"},
-        {{Answer::NO_VALUE, {}, ""}, "to % failed"},
-        {{Answer::ERROR, {}, denied}, "from % error, errno 9"},
+        {NO_VALUE, "to % failed"},
+        {DbusError("AccessDenied"), "from % error, errno 9"},
         {NEVER, "from % error, errno 24"},
-        {{Answer::LEAVE, {}, ""}, "from % error, errno 4"},
+        {LEAVE, "from % error, errno 4"},
     };
-    const Peers clients = Clients(std::size(cases), {2});
+    const Peers clients = Clients(std::size(cases));
     for (std::size_t i = 0; i < clients.size(); ++i)
     {
         clients[i]->AnswerWith(cases[i].first);
     }
-    EXPECT_EQ(Deliver(2, {}, 500), Counts(2, 7));
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(Deliver(2, 500), Counts(2, 7));
+    fflush(stdout);
+    std::istringstream out(testing::internal::GetCapturedStdout());
+    for (std::string line; std::getline(out, line);)
+    {
+        const bool isAssertion = line.find("QOR >qor::TCDebug:Assert") == 0;
+        EXPECT_TRUE(isAssertion || line.find("QOR >qor::TCDbusServer:") == 0) << line;
+    }
     for (std::size_t i = 2; i < clients.size(); ++i)
     {
         std::string line = "Sending message " + cases[i].second;
@@ -258,36 +212,18 @@ TEST_F(DbusServer, OnlyATrueResultIsASuccess)
         EXPECT_EQ(LogCapture::Count(i < 6 ? LOG_DEBUG : LOG_ERROR, line), 1U) << line;
     }
     EXPECT_EQ(LogCapture::Count(LOG_DEBUG, "Callback result: success 2, fails 7"), 1U);
-    EXPECT_EQ(Deliver(2, {}, 500), Counts(2, 7)); // who left is registered until that is seen
-}
-
-TEST_F(DbusServer, SilentClientAmongTwentyDelaysNoOther)
-{
-    const Peers clients = Clients(20, {2});
-    // Unique names are ordered as text: whichever the server calls first is the silent one.
-    const auto first =
-        std::min_element(clients.begin(), clients.end(),
-                         [](auto& a, auto& b) { return a->UniqueName() < b->UniqueName(); });
-    (*first)->AnswerWith({Answer::HOLD, {}, ""});
-    auto counts = std::async(std::launch::async, [&] { return Deliver(2); });
-    for (const auto& client : clients)
-    {
-        EXPECT_TRUE(client->WaitForCalls("Send", 1));
-    }
-    // The delivery still waits, and meanwhile the server serves others.
-    EXPECT_NE(counts.wait_for(std::chrono::seconds(0)), std::future_status::ready);
-    m_server->SetCallback(4, [](const Bytes&, Bytes&) { return true; });
-    RawPeer other;
-    EXPECT_EQ(Send(other, Request(4, false)), (Bytes{1}));
-    (*first)->AnswerHeld(YES);
-    EXPECT_EQ(counts.get(), Counts(20, 0));
+    EXPECT_EQ(Deliver(2, 500), Counts(2, 7)); // who left is registered until that is seen
 }
 
 TEST_F(DbusServer, ClientThatWaitsForItsOwnReplyIsSkipped)
 {
-    const Peers clients = Clients(3, {2});
+    const Peers clients = Clients(3);
     Counts counts;
-    const auto deliver = [&](const Bytes&, Bytes&) { return counts = Deliver(2), true; };
+    const auto deliver = [&](const Bytes&, Bytes&)
+    {
+        counts = Deliver();
+        return true;
+    };
     EXPECT_TRUE(m_server->SetCallback(4, deliver));
     EXPECT_FALSE(m_server->SetCallback(4, [](const Bytes&, Bytes&) { return false; }));
     EXPECT_EQ(Send(*clients[1], Request(4, false)), (Bytes{1}));
@@ -301,44 +237,6 @@ TEST_F(DbusServer, ClientThatWaitsForItsOwnReplyIsSkipped)
     EXPECT_EQ(Deliver(2), Counts(3, 0));
     EXPECT_TRUE(m_server->UnSetCallback(4));
     EXPECT_EQ(Send(*clients[1], Request(4, false)), (Bytes{0}));
-}
-
-TEST_F(DbusServer, ManyClientsAndThreadsKeepTheirCountsWhileOthersComeAndGo)
-{
-    const Peers clients = Clients(32, {1, 2}); // three events at once are what a bus takes
-    for (std::size_t i = 0; i < clients.size(); i += 4)
-    {
-        clients[i]->AnswerWith(NO);
-    }
-    EXPECT_EQ(Deliver(1, {1, 2, 3}), Counts(24, 8));
-    const auto deliver = [&](int type)
-    {
-        std::size_t wrong = 0;
-        for (int i = 0; i < 20; ++i)
-        {
-            const Counts counts = Deliver(type);
-            wrong += counts.first == 24 && (type == 2 || counts.second == 8) ? 0 : 1;
-        }
-        return wrong;
-    };
-    {
-        const Repeat churn(
-            []
-            {
-                RawPeer passing;
-                passing.AnswerWith({Answer::LEAVE, {}, ""});
-                passing.PostHello(SERVICE_NAME, {2});
-                passing.Sync();
-            });
-        auto first = std::async(std::launch::async, deliver, 1);
-        auto second = std::async(std::launch::async, deliver, 2);
-        EXPECT_EQ(Await(std::async(std::launch::async, deliver, 2)), 0U);
-        EXPECT_EQ(Await(std::move(first)) + Await(std::move(second)), 0U);
-    }
-    EXPECT_TRUE(HasClients(32));
-    EXPECT_EQ(clients[0]->Count("Send"), 61U);
-    // Who leaves is known until then: no line of a failed check.
-    EXPECT_EQ(LogCapture::Count(LOG_ERROR, "QORDbusServerClients.cpp file in line "), 0U);
 }
 
 } // namespace

@@ -58,8 +58,8 @@ protected:
         g_dbus_method_invocation_return_value(pInvocation, g_variant_new("(i)", 2 * number));
     }
 
-    std::future<MethodResult> Start(const std::string& interface, const std::string& method,
-                                    GVariant* pArguments = nullptr)
+    std::future<CallResult> Start(const std::string& interface, const std::string& method,
+                                  GVariant* pArguments = nullptr)
     {
         return std::async(std::launch::async,
                           [=] { return m_peer.CallMethod(interface, method, pArguments); });
@@ -117,34 +117,13 @@ TEST_F(OwnInterface, CallsMayBeAnsweredLaterAndHoldNobodyUp)
 
 TEST_F(OwnInterface, SignalsReachWhoeverListens)
 {
-    ObjectPtr<GDBusConnection> listener(g_dbus_connection_new_for_address_sync(
-        getenv("DBUS_SYSTEM_BUS_ADDRESS"),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, nullptr));
-    std::string heard;
-    const guint id = g_dbus_connection_signal_subscribe(
-        listener.get(), nullptr, OWN, "Told", SERVICE_PATH, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
-        [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
-           GVariant* pArguments, gpointer pHeard)
-        {
-            const char* text = nullptr;
-            g_variant_get(pArguments, "(&s)", &text);
-            *static_cast<std::string*>(pHeard) += text;
-        },
-        &heard, nullptr);
-    const qor::TGlibPtr<GVariant> subscribed(g_dbus_connection_call_sync(
-        listener.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "GetId", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr));
-    EXPECT_TRUE(subscribed);
+    const std::string destination = m_server->GetUniqueName();
+    ChildProcess listener({"gdbus", "monitor", "--system", "--dest", destination});
+    ASSERT_TRUE(listener.WaitForOut("is owned by"));
     const std::string large(qor::TCDbus::MaxPayload() + 1, 'x');
     EXPECT_FALSE(m_server->EmitSignal(OWN, "Told", g_variant_new("(s)", large.c_str())));
     EXPECT_TRUE(m_server->EmitSignal(OWN, "Told", g_variant_new("(s)", "news")));
-    EXPECT_TRUE(PumpUntil([&] { return !heard.empty(); }));
-    EXPECT_EQ(heard, "news");
-    g_dbus_connection_signal_unsubscribe(listener.get(), id);
-    g_dbus_connection_close_sync(listener.get(), nullptr, nullptr);
-    listener.reset();
+    EXPECT_TRUE(listener.WaitForOut("com.example.Own1.Told ('news',)")) << listener.Out();
 }
 
 TEST_F(OwnInterface, DescriptionsThatAreNoneAreRefused)

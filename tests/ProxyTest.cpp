@@ -2,14 +2,11 @@
 #include <atomic>
 #include <cstdlib>
 #include <future>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <boost/archive/archive_exception.hpp>
-#include <boost/archive/binary_iarchive.hpp>
 #include <boost/make_shared.hpp>
-#include <boost/serialization/string.hpp>
 
 #include <qor/QORCallbacksProxy.h>
 #include <qor/QORDbusClient.h>
@@ -20,6 +17,7 @@
 #include "BusTest.h"
 #include "FaultSupport.h"
 #include "QORControlProxy.h"
+#include "QORPolicyControlProxy.h"
 
 namespace
 {
@@ -30,14 +28,6 @@ using qor::TCControlProxy;
 
 constexpr int POLICY_UPDATE = 2;
 constexpr int REQUEST_PROCESS_INFO = 4;
-
-std::string PolicyIn(const Bytes& request)
-{
-    std::istringstream stream(std::string(request.begin() + 5, request.end()));
-    std::string policy;
-    boost::archive::binary_iarchive(stream) >> policy;
-    return policy;
-}
 
 class Proxy : public BusTest
 {
@@ -86,23 +76,6 @@ TEST_F(Proxy, SinksSayWhoseLineItIs)
     }
 }
 
-TEST_F(ControlProxy, PolicyTravelsInAnArchiveAndTheCodeComesBack)
-{
-    TCControlProxy proxy;
-    int code = -2;
-    for (const std::string& policy :
-         {std::string(), std::string("a\0b\n\xff", 5), std::string(5 << 20, 'x')})
-    {
-        m_service.ForgetCalls();
-        m_service.AnswerWith({Answer::REPLY, PolicyReply(code), ""});
-        EXPECT_EQ(proxy.SetPolicy(policy), code);
-        const Bytes request = m_service.Calls("Send").at(0).bytes;
-        EXPECT_EQ(Bytes(request.begin(), request.begin() + 5), Request(4, false));
-        EXPECT_TRUE(PolicyIn(request) == policy);
-        code += 1000;
-    }
-}
-
 TEST_F(ControlProxy, BadRepliesFailOrThrowAndTheProxyGoesOn)
 {
     TCControlProxy proxy;
@@ -126,6 +99,7 @@ TEST_F(ControlProxy, BadRepliesFailOrThrowAndTheProxyGoesOn)
     EXPECT_EQ(proxy.SetPolicy(std::string(40 << 20, 'x')), -1); // over the bus's limit
     m_service.AnswerWith({Answer::REPLY, whole, ""});
     EXPECT_EQ(proxy.SetPolicy("p"), 7);
+    EXPECT_EQ(m_service.Calls("Send").back().bytes, Request(4, false, Archive("p")));
 }
 
 TEST_F(CallbacksProxy, FirstFunctionOfItsTypeIsCalledUntilItIsReset)
@@ -134,8 +108,13 @@ TEST_F(CallbacksProxy, FirstFunctionOfItsTypeIsCalledUntilItIsReset)
     std::string called;
     EXPECT_TRUE(proxy->SetPolicyUpdateCb([&] { called += "a"; }));
     EXPECT_FALSE(proxy->SetPolicyUpdateCb([&] { called += "b"; }));
-    EXPECT_TRUE(proxy->SetRequestProcessInfoCb([&] { return called += "c", false; }));
-    EXPECT_FALSE(proxy->SetRequestProcessInfoCb([&] { return called += "d", true; }));
+    const auto note = [&](const char* name, bool result)
+    {
+        called += name;
+        return result;
+    };
+    EXPECT_TRUE(proxy->SetRequestProcessInfoCb([&] { return note("c", false); }));
+    EXPECT_FALSE(proxy->SetRequestProcessInfoCb([&] { return note("d", true); }));
     EXPECT_EQ(Fire(POLICY_UPDATE, Bytes(1000, 0xFF)), (Bytes{1})); // whatever the bytes
     EXPECT_EQ(Fire(REQUEST_PROCESS_INFO), (Bytes{1})); // true, whatever the function says
     EXPECT_EQ(Fire(3), (Bytes{0}));
@@ -177,14 +156,19 @@ TEST_F(CallbacksProxy, EndpointThatLivesOnKeepsItsOwnTypesAndCallsNoProxyThatIsG
 {
     auto proxy = boost::make_shared<TCCallbacksProxy>();
     const auto endpoint = qor::TCDbusClientProvider::Get(false);
-    endpoint->SetCallback(POLICY_UPDATE, [](const Bytes&, Bytes& out) { return out = {7}, true; });
+    const auto answer = [](const Bytes&, Bytes& out)
+    {
+        out = {7};
+        return true;
+    };
+    endpoint->SetCallback(POLICY_UPDATE, answer);
     int calls = 0;
     EXPECT_FALSE(proxy->SetPolicyUpdateCb([&] { ++calls; }));
     EXPECT_EQ(Fire(POLICY_UPDATE), (Bytes{1, 7}));
     EXPECT_TRUE(proxy->ResetPolicyUpdateCb()); // asks the endpoint although nothing is registered
     EXPECT_EQ(Fire(POLICY_UPDATE), (Bytes{0}));
     proxy->SetPolicyUpdateCb([&] { ++calls; });
-    proxy->SetRequestProcessInfoCb([&] { return ++calls, true; });
+    proxy->SetRequestProcessInfoCb([&] { return ++calls > 0; });
     proxy.reset();
     EXPECT_EQ(Fire(POLICY_UPDATE), (Bytes{0}));
     EXPECT_EQ(Fire(REQUEST_PROCESS_INFO), (Bytes{0}));
@@ -198,7 +182,11 @@ TEST_F(CallbacksProxy, ResetReturnsAfterTheRunningFunctionHasFinished)
     std::atomic<bool> resetting(false);
     std::atomic<bool> finished(false);
     std::future<bool> finishedFirst;
-    const auto reset = [&] { return resetting = true, proxy->ResetPolicyUpdateCb() && finished; };
+    const auto reset = [&]
+    {
+        resetting = true;
+        return proxy->ResetPolicyUpdateCb() && finished;
+    };
     proxy->SetPolicyUpdateCb(
         [&]
         {
@@ -222,6 +210,8 @@ TEST_F(Proxy, DestroyIsFinalButHoldersKeepWorkingObjects)
         auto other = std::async(std::launch::async, [] { return qor::api::GetControl(); });
         boost::shared_ptr<qor::IControl> control = qor::api::GetControl();
         boost::shared_ptr<qor::ICallbacks> callbacks = TCCallbacksProxy::Instance();
+        boost::shared_ptr<qor::IPolicyControl> policyControl = qor::api::GetPolicyControl();
+        EXPECT_EQ(qor::api::GetPolicyControl(), policyControl);
         EXPECT_EQ(other.get(), control); // one object for threads that ask at once
         EXPECT_EQ(LogCapture::Count(LOG_DEBUG, "Working with unique name"), 1U);
         EXPECT_EQ(TCCallbacksProxy::Instance(), callbacks);
@@ -229,27 +219,20 @@ TEST_F(Proxy, DestroyIsFinalButHoldersKeepWorkingObjects)
         {
             TCControlProxy::Destroy();
             TCCallbacksProxy::Destroy();
+            qor::TCPolicyControlProxy::Destroy();
         }
+        EXPECT_FALSE(qor::api::GetPolicyControl());
         EXPECT_FALSE(TCCallbacksProxy::Instance());
         EXPECT_FALSE(qor::api::GetControl());
         int updates = 0;
         EXPECT_TRUE(callbacks->SetPolicyUpdateCb([&] { ++updates; }));
         EXPECT_EQ(control->SetPolicy("p"), 9);
+        EXPECT_EQ(policyControl->SetPolicy("p", WATCHDOG_MS, {}).m_result, 9);
         EXPECT_EQ(Fire(POLICY_UPDATE), (Bytes{1}));
         EXPECT_EQ(updates, 1);
         control.reset();
+        policyControl.reset();
         callbacks.reset();
-        EXPECT_TRUE(SharedConnectionIsLetGo());
-    });
-}
-
-TEST_F(Proxy, InstanceMayRaceWithDestroy)
-{
-    QORTEST_IN_CHILD({
-        auto other = std::async(std::launch::async, &TCCallbacksProxy::Destroy);
-        TCCallbacksProxy::Instance();
-        other.get();
-        EXPECT_FALSE(TCCallbacksProxy::Instance());
         EXPECT_TRUE(SharedConnectionIsLetGo());
     });
 }

@@ -12,13 +12,17 @@
 #include <qor/api.h>
 
 #include "FaultSupport.h"
-#include "NeighbourFixture.h"
+#include "ServerFixture.h"
 #include "ToolRunner.h"
 
 namespace
 {
 
 using namespace qortest;
+
+class Neighbour : public ServerTest
+{
+};
 
 std::size_t Scale()
 {
@@ -31,11 +35,11 @@ std::size_t Scale()
 TEST_F(Neighbour, SilentClientCostsOneCallAndTheOtherHearsEveryEvent)
 {
     Serve();
-    const Peers silent = Clients(1, {Answer::HOLD, {}, ""}), good = Clients(1, YES);
+    const Peers silent = Clients(1, HOLD), good = Clients(1, YES);
     const std::size_t events = 200 * Scale();
     for (std::size_t i = 0; i < events; ++i)
     {
-        ASSERT_EQ(Deliver(i == 0 ? 100 : WATCHDOG_MS), Counts(1, 1)) << i;
+        ASSERT_EQ(Deliver(2, i == 0 ? 100 : WATCHDOG_MS), Counts(1, 1)) << i;
     }
     EXPECT_EQ(silent[0]->Count("Send"), 1U);
     EXPECT_EQ(good[0]->Count("Send"), events);
@@ -48,7 +52,7 @@ TEST_F(Neighbour, SilentClientCostsOneCallAndTheOtherHearsEveryEvent)
         silent[0]->PostHello(SERVICE_NAME, {2});
         silent[0]->Sync();
         Send(other);
-        const auto deliver = [&] { return Deliver(i < 3 ? 50 : WATCHDOG_MS); };
+        const auto deliver = [&] { return Deliver(2, i < 3 ? 50 : WATCHDOG_MS); };
         EXPECT_LT(Seconds([&] { EXPECT_EQ(deliver(), Counts(1, 1)); }), 15); // not the watchdog
     }
     EXPECT_EQ(silent[0]->Count("Send"), 4U + 3U);
@@ -65,24 +69,30 @@ TEST_F(Neighbour, SilentClientsOfOneUserTakeThatUsersShareOnly)
         GTEST_SKIP() << "only root can act as several users";
     }
     Serve();
-    const Peers good = Clients(5, YES, 2);
+    const Peers good = Clients(5, YES, {2}, 2);
     for (const std::string mode : {"at once", "after one event", "with Hello again and again"})
     {
         LogCapture::Clear();
         const bool isLate = mode == "after one event";
-        const Peers silent = Clients(150, isLate ? YES : NEVER, 1);
-        EXPECT_EQ(Deliver(isLate ? WATCHDOG_MS : 1500).first, isLate ? 155U : 5U) << mode;
+        const Peers silent = Clients(150, isLate ? YES : NEVER, {2}, 1);
+        EXPECT_EQ(Deliver(2, isLate ? WATCHDOG_MS : 1500).first, isLate ? 155U : 5U) << mode;
         for (const auto& client : silent)
         {
-            isLate ? client->ForgetCalls() : void();
+            if (isLate)
+            {
+                client->ForgetCalls();
+            }
             client->AnswerWith(NEVER);
         }
-        isLate ? Deliver(1500) : Counts();
+        if (isLate)
+        {
+            Deliver(2, 1500);
+        }
         for (int i = 0; i < 5; ++i)
         {
-            for (const auto& client : silent)
+            for (std::size_t client = 0; mode[0] == 'w' && client < silent.size(); ++client)
             {
-                mode[0] == 'w' ? client->PostHello(SERVICE_NAME, {2}) : void();
+                silent[client]->PostHello(SERVICE_NAME, {2});
             }
             EXPECT_EQ(Deliver(), Counts(5, 150)) << mode; // at once, or the watchdog barks
         }
@@ -99,10 +109,31 @@ TEST_F(Neighbour, SilentClientsOfOneUserTakeThatUsersShareOnly)
     }
 }
 
+TEST_F(Neighbour, EachFurtherSilentUserTakesHalfOfTheSlotsThatAreLeft)
+{
+    if (geteuid() != 0)
+    {
+        GTEST_SKIP() << "only root can act as several users";
+    }
+    Serve();
+    const Peers good = Clients(5, YES, {2}, 2);
+    std::vector<Peers> silent;
+    std::size_t share = 60, others = 0;
+    for (const unsigned int user : {1U, 3U, 4U})
+    {
+        silent.push_back(Clients(share + 10, NEVER, {2}, user));
+        Deliver(2, 500);
+        EXPECT_EQ(CallsTo(silent.back()), share) << "user " << user;
+        others += share + 10;
+        share /= 2;
+    }
+    EXPECT_LT(Seconds([&] { EXPECT_EQ(Deliver(), Counts(5, others)); }), 15); // not the watchdog
+}
+
 TEST_F(Neighbour, MoreClientsThanTheBusHasSlotsHearEveryEvent)
 {
     Serve();
-    Peers clients = Clients(220, {Answer::HOLD, {}, ""});
+    Peers clients = Clients(220, HOLD);
     {
         const Repeat answers( // not so fast that few calls are on the way
             [&]
@@ -148,7 +179,7 @@ TEST_F(Neighbour, EventsThatTheBusDoesNotReadOrThatItTakesAlongAreNotHeldWithout
     const Peers clients = Clients(40, YES);
     const std::size_t before = ResidentKilobytes(getpid());
     m_bus.Freeze(true);
-    EXPECT_EQ(Deliver(1000, Bytes(8 << 20)), Counts(0, 40));
+    EXPECT_EQ(Deliver(2, 1000, Bytes(8 << 20)), Counts(0, 40));
     if (!IS_SANITIZED)
     {
         EXPECT_LT(ResidentKilobytes(getpid()), before + 200000);
@@ -304,7 +335,10 @@ TEST_F(AttackedService, MemoryStaysBoundedAndGoodPoliciesAreStored)
     for (std::size_t i = 0; i < policies; ++i)
     {
         greedy.Post(SERVICE_NAME, SERVICE_PATH, "Send", request);
-        i % 50 == 0 ? greedy.Sync() : void();
+        if (i % 50 == 0)
+        {
+            greedy.Sync();
+        }
     }
     greedy.Sync();
     expectMemory(200);

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "FaultSupport.h"
-#include "NeighbourFixture.h"
+#include "ServerFixture.h"
 
 static thread_local bool isSlow = false;
 static std::atomic<bool> isWaiting{false};
@@ -39,7 +39,7 @@ using States = std::vector<EServiceState>;
 const auto FAIL = [] { ADD_FAILURE(); };
 std::atomic<int> questions{0}, calls{0}, delayMs{0};
 
-class Service : public Neighbour
+class Service : public ServerTest
 {
 protected:
     // Another filter of the host's, behind the server's: counts what the bus is asked of peers, and
@@ -78,9 +78,12 @@ protected:
     void FreezeFor(unsigned int milliseconds)
     {
         m_bus.Freeze(true);
-        m_thaw =
-            std::async(std::launch::async, [this, time = std::chrono::milliseconds(milliseconds)]
-                       { std::this_thread::sleep_for(time), m_bus.Freeze(false); });
+        m_thaw = std::async(std::launch::async,
+                            [this, time = std::chrono::milliseconds(milliseconds)]
+                            {
+                                std::this_thread::sleep_for(time);
+                                m_bus.Freeze(false);
+                            });
     }
 
     ObjectPtr<GDBusConnection> m_shared;
@@ -94,8 +97,13 @@ TEST_F(Service, SenderIsKnownAndTheBusIsAskedOnce)
 {
     qor::TSPeer seen, elsewhere;
     const auto look = [&] { return m_server->CurrentPeer(); };
-    Serve([&](const auto&, auto&)
-          { return seen = look(), elsewhere = std::async(look).get(), true; });
+    const auto see = [&](const auto&, auto&)
+    {
+        seen = look();
+        elsewhere = std::async(look).get();
+        return true;
+    };
+    Serve(see);
     AddFilter();
     std::vector<gid_t> others(64);
     others.resize(static_cast<std::size_t>(getgroups(64, others.data())));
@@ -104,7 +112,7 @@ TEST_F(Service, SenderIsKnownAndTheBusIsAskedOnce)
     for (const unsigned int user : {geteuid(), geteuid() == 0 ? 7U : geteuid()})
     {
         questions = 0;
-        const Peers client = Clients(1, YES, user);
+        const Peers client = Clients(1, YES, {2}, user);
         Send(*client[0]);
         Send(*client[0]);
         EXPECT_TRUE(m_server->Peer(client[0]->UniqueName()).m_isKnown);
@@ -144,10 +152,15 @@ TEST_F(Service, StateIsToldFromTheQueueToTheEndOfTheBus)
     RawPeer owner;
     ASSERT_TRUE(owner.OwnName(SERVICE_NAME));
     m_server = std::make_unique<TCDbusServer>(false);
+    const auto losses = [] {
+        return LogCapture::Count(LOG_DEBUG, std::string("Name ") + SERVICE_NAME + " has been lost");
+    };
     EXPECT_EQ(m_server->State(), EServiceState::STARTING);
     EXPECT_FALSE(TCDbusServer(false).Stop(0, FAIL)); // the path is the first one's
     TellStates();
     ExpectStates({EServiceState::QUEUED});
+    EXPECT_TRUE(losses() == 1 && !m_server->IsReady());
+    EXPECT_EQ(LogCapture::Count(LOG_ERROR, "QORDbusServer.cpp file in line "), 1U);
     std::size_t entries = 1;
     m_server->SendEventTo({":9.9"}, 2, {}, 0, [&](const Entries& told) { entries = told.size(); });
     EXPECT_TRUE(PumpUntil([&] { return entries == 0; }));
@@ -176,6 +189,7 @@ TEST_F(Service, StateIsToldFromTheQueueToTheEndOfTheBus)
     m_bus.Kill();
     all.push_back(EServiceState::BUS_CLOSED);
     ExpectStates(all);
+    EXPECT_TRUE(losses() > 1 && m_server->IsReady()); // for a service that ends anyway
     bool isStopped = false;
     EXPECT_TRUE(m_server->Stop(0, [&] { isStopped = true; }));
     EXPECT_TRUE(PumpUntil([&] { return isStopped; }));
@@ -205,9 +219,8 @@ TEST_F(Service, StopAnswersWhatWaitsAndCancelsWhatHangs)
 {
     for (const bool isInTime : {false, true})
     {
-        Serve();
-        const Peers hung = Clients(1, {Answer::HOLD, {}, ""}), good = Clients(1, YES);
-        m_pump.reset();
+        Start();
+        const Peers hung = Clients(1, HOLD), good = Clients(1);
         const guint filter = AddFilter();
         RawPeer caller, late, next;
         auto waiting = caller.StartCall(SERVICE_NAME, SERVICE_PATH, "Send", Request(4, false));
@@ -221,9 +234,12 @@ TEST_F(Service, StopAnswersWhatWaitsAndCancelsWhatHangs)
         EXPECT_FALSE(m_server->Stop(0, FAIL));
         EXPECT_EQ(Send(late).errorName, "org.freedesktop.DBus.Error.ServiceUnknown");
         m_server->SendEvent(2, {}, G_MAXINT, onDone);
-        EXPECT_EQ(Deliver(G_MAXINT), Counts(0, 2));
+        EXPECT_EQ(Deliver(2, G_MAXINT), Counts(0, 2));
         EXPECT_TRUE(PumpUntil([&] { return told.size() == 1 && good[0]->Count("Send") == 1; }));
-        isInTime ? hung[0]->AnswerHeld(YES) : void();
+        if (isInTime)
+        {
+            hung[0]->AnswerHeld(YES);
+        }
         EXPECT_TRUE(PumpUntil([&] { return stops != 0; }, 15000));
         EXPECT_LT(Seconds([&] { m_server.reset(); }), 10);
         EXPECT_TRUE(waiting.get().ok);
@@ -248,8 +264,7 @@ TEST_F(Service, StopAnswersWhatWaitsAndCancelsWhatHangs)
 TEST_F(Service, StopWaitsForACallThatIsJustComingIn)
 {
     bool isStopped = false;
-    Serve([&](const auto&, auto&) { return !isStopped; });
-    m_pump.reset();
+    Start([&](const auto&, auto&) { return !isStopped; });
     AddFilter();
     delayMs = 500;
     RawPeer caller;
@@ -266,12 +281,14 @@ TEST_F(Service, StopWaitsForACallThatIsJustComingIn)
 
 TEST_F(Service, StopDoesNotWaitForAFrozenBus)
 {
-    Serve();
-    m_pump.reset();
+    Start();
     m_bus.Freeze(true);
     bool isStopped = false;
     const auto stop = [&]
-    { return isSlow = true, m_server->Stop(60000, [&] { isStopped = true; }); };
+    {
+        isSlow = true;
+        return m_server->Stop(60000, [&] { isStopped = true; });
+    };
     auto result = std::async(std::launch::async, stop);
     EXPECT_TRUE(PumpUntil([&] { return isStopped; }, 15000));
     EXPECT_TRUE(result.get());
@@ -281,8 +298,7 @@ TEST_F(Service, StopDoesNotWaitForAFrozenBus)
 
 TEST_F(Service, EndWithoutStopDoesNotWaitForAFrozenBusAndGivesTheNameUp)
 {
-    Serve();
-    m_pump.reset();
+    Start();
     m_bus.Freeze(true);
     EXPECT_LT(Seconds([&] { m_server.reset(); }), 6);
     m_bus.Freeze(false);

@@ -19,9 +19,6 @@
 namespace qortest
 {
 
-inline const Answer YES{Answer::REPLY, {1}, ""};
-inline const Answer NEVER{Answer::NEVER, {}, ""};
-
 inline bool Accept(const Bytes&, Bytes&)
 {
     return true;

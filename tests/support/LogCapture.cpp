@@ -10,8 +10,6 @@
 
 #include <dlog.h>
 
-#include "MainContext.h"
-
 namespace
 {
 
@@ -56,11 +54,6 @@ std::size_t LogCapture::Count(int priority, const std::string& messagePart)
         count += line.priority == priority && line.text.find(messagePart) != std::string::npos;
     }
     return count;
-}
-
-bool LogCapture::WaitFor(int priority, const std::string& messagePart, int timeoutMs)
-{
-    return WaitUntil([&] { return Count(priority, messagePart) > 0; }, timeoutMs);
 }
 
 } // namespace qortest

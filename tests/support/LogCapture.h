@@ -29,9 +29,6 @@ public:
 
     /// How many lines of that priority contain the text.
     static std::size_t Count(int priority, const std::string& messagePart);
-
-    /// Waits for such a line, iterating nothing; false after the timeout.
-    static bool WaitFor(int priority, const std::string& messagePart, int timeoutMs = 10000);
 };
 
 } // namespace qortest

@@ -1,4 +1,4 @@
-// A bus that hangs.
+// Local sockets of the test: in the place of a log or a service manager, and of a bus that hangs.
 #ifndef QORTEST_MUTEBUS_H
 #define QORTEST_MUTEBUS_H
 
@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -16,16 +17,24 @@
 namespace qortest
 {
 
+/// One with that path.
+inline int BoundSocket(int type, const std::string& path)
+{
+    const int bound = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(bind(bound, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << path;
+    return bound;
+}
+
 /// In the place of a bus: takes connections, and never says a word.
 class MuteBus
 {
 public:
-    MuteBus() : m_socket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0))
+    explicit MuteBus(std::string path = getenv("DBUS_SYSTEM_BUS_ADDRESS") + sizeof "unix:path")
+        : m_path(std::move(path)), m_socket(BoundSocket(SOCK_STREAM | SOCK_NONBLOCK, m_path))
     {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        m_path.copy(address.sun_path, sizeof address.sun_path - 1);
-        EXPECT_EQ(bind(m_socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
         EXPECT_EQ(listen(m_socket, 9), 0);
     }
     ~MuteBus()
@@ -38,12 +47,15 @@ public:
     std::size_t Connections()
     {
         const int next = accept4(m_socket, nullptr, nullptr, SOCK_CLOEXEC);
-        next < 0 ? void() : m_taken.push_back(next);
+        if (next >= 0)
+        {
+            m_taken.push_back(next);
+        }
         return m_taken.size();
     }
 
 private:
-    const std::string m_path = getenv("DBUS_SYSTEM_BUS_ADDRESS") + sizeof "unix:path";
+    const std::string m_path;
     const int m_socket;
     std::vector<int> m_taken;
 };

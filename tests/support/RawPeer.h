@@ -1,61 +1,20 @@
-// A second participant on the bus that speaks the wire format byte by byte.
+// A second participant on the bus: what it is asked, and what it answers.
 #ifndef QORTEST_RAWPEER_H
 #define QORTEST_RAWPEER_H
 
 #include <algorithm>
-#include <atomic>
-#include <cstdint>
-#include <cstdlib>
 #include <functional>
-#include <future>
 #include <iterator>
 #include <memory>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include <gio/gio.h>
-#include <gio/gunixfdlist.h>
-
-#include <qor/GlibTypes.h>
-
-#include "MainContext.h"
+#include "RawCaller.h"
 
 namespace qortest
 {
-
-using Bytes = std::vector<unsigned char>;
-
-constexpr const char* SERVICE_NAME = "com.norvane.qor.IControl";
-constexpr const char* SERVICE_PATH = "/com/norvane/qor/CommunicationChannel";
-constexpr const char* TEST_SERVICE_NAME = "com.norvane.qor.IControlTest";
-constexpr const char* TEST_SERVICE_PATH = "/com/norvane/qor/CommunicationChannelTest";
-constexpr const char* INTERFACE_NAME = "com.norvane.qor.IControl";
-
-/// The bytes of a Hello, built apart from the code under test.
-inline Bytes EventList(const std::vector<std::int32_t>& types)
-{
-    Bytes bytes;
-    for (const std::int32_t type : types)
-    {
-        for (unsigned int shift = 0; shift < 32; shift += 8)
-        {
-            bytes.push_back(static_cast<unsigned char>(static_cast<std::uint32_t>(type) >> shift));
-        }
-    }
-    return bytes;
-}
-
-/// A request envelope.
-inline Bytes Request(std::int32_t type, bool isAsync, const Bytes& payload = {})
-{
-    Bytes bytes = EventList({type});
-    bytes.push_back(isAsync ? 1 : 0);
-    bytes.insert(bytes.end(), payload.begin(), payload.end());
-    return bytes;
-}
 
 /// A method call that a peer has received.
 struct IncomingCall
@@ -87,77 +46,37 @@ struct Answer
     std::string errorName = "org.freedesktop.DBus.Error.Failed";
 };
 
-/// What came back for a call of the peer's own.
-struct CallResult
-{
-    bool ok = false;
-    Bytes bytes;           // of the reply's byte array, if it has one
-    std::string signature; // of the reply: "(ay)"
-    std::string errorName; // if not ok, the remote error's name, else empty
-    int errorCode = 0;     // if not ok, the GLib error's code
-};
+inline const Answer YES{Answer::REPLY, {1}, ""};
+inline const Answer NO{Answer::REPLY, {0}, ""};
+inline const Answer NEVER{Answer::NEVER, {}, ""};
+inline const Answer HOLD{Answer::HOLD, {}, ""};
+inline const Answer LEAVE{Answer::LEAVE, {}, ""};
+inline const Answer NO_VALUE{Answer::NO_VALUE, {}, ""};
 
-/// What came back for a call with named arguments.
-struct MethodResult
+inline Answer DbusError(const std::string& name)
 {
-    bool ok = false;
-    qor::TGlibPtr<GVariant> value;
-    std::string text;      // of the value, as g_variant_print has it without types
-    std::string errorName; // if not ok, as above
-    std::string words;
-};
+    return {Answer::ERROR, {}, "org.freedesktop.DBus.Error." + name};
+}
 
-/// A separate private connection to the bus at DBUS_SYSTEM_BUS_ADDRESS. It needs no main context:
-/// calls are recorded and answered as they arrive, on GDBus's own thread. Send and Hello at any
+/// Calls are recorded and answered as they arrive, on GDBus's own thread. Send and Hello at any
 /// path are answered; Hello with an empty reply, unless somebody else decides on it.
-class RawPeer
+class RawPeer : public RawCaller
 {
 public:
     using TAnswerer = std::function<Answer(const IncomingCall&)>;
 
     RawPeer() : m(std::make_shared<State>())
     {
-        AnswerWith({Answer::REPLY, {1}, ""});
-        GError* pError = nullptr;
-        m->connection.reset(g_dbus_connection_new_for_address_sync(
-            getenv("DBUS_SYSTEM_BUS_ADDRESS"),
-            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-            nullptr, nullptr, &pError));
-        if (!m->connection)
-        {
-            const qor::TGlibPtr<GError> error(pError);
-            throw std::runtime_error(std::string("a peer cannot connect: ") + error->message);
-        }
-        m->filter = g_dbus_connection_add_filter(
-            m->connection.get(), &State::Filter, new std::shared_ptr<State>(m),
+        AnswerWith(YES);
+        m->connection = m_connection.get();
+        m_filter = g_dbus_connection_add_filter(
+            m_connection.get(), &State::Filter, new std::shared_ptr<State>(m),
             [](gpointer pUserData) { delete static_cast<std::shared_ptr<State>*>(pUserData); });
     }
 
     ~RawPeer()
     {
-        g_dbus_connection_remove_filter(m->connection.get(), m->filter);
-        g_dbus_connection_close_sync(m->connection.get(), nullptr, nullptr);
-        KeepAddress(m->connection.get());
-    }
-
-    std::string UniqueName() const
-    {
-        return g_dbus_connection_get_unique_name(m->connection.get());
-    }
-
-    /// Asks the bus for a well-known name; true if this peer owns it now.
-    bool OwnName(const std::string& name)
-    {
-        const VariantPtr reply = CallBus("RequestName", g_variant_new("(su)", name.c_str(), 4U));
-        guint32 code = 0;
-        reply ? g_variant_get(reply.get(), "(u)", &code) : void();
-        return code == 1 || code == 4; // the owner now, or already
-    }
-
-    bool ReleaseName(const std::string& name)
-    {
-        return CallBus("ReleaseName", g_variant_new("(s)", name.c_str())) != nullptr;
+        g_dbus_connection_remove_filter(m_connection.get(), m_filter);
     }
 
     /// The answer to every Send from now on, at first a reply of the single byte 1; or who decides
@@ -224,160 +143,32 @@ public:
         return WaitUntil([&] { return Count(method) >= count; });
     }
 
-    /// Calls a method with one byte array and waits, iterating nothing: the receiver must be
-    /// dispatched by somebody else.
-    CallResult Call(const std::string& destination, const std::string& path,
-                    const std::string& method, const Bytes& bytes, int timeoutMs = WATCHDOG_MS,
-                    GUnixFDList* pDescriptors = nullptr)
-    {
-        GError* pError = nullptr;
-        const VariantPtr reply(g_dbus_connection_call_with_unix_fd_list_sync(
-            m->connection.get(), destination.c_str(), path.c_str(), INTERFACE_NAME, method.c_str(),
-            Wrap(bytes), nullptr, G_DBUS_CALL_FLAGS_NONE, timeoutMs, pDescriptors, nullptr, nullptr,
-            &pError));
-        if (reply)
-        {
-            return {true, Unwrap(reply.get()), g_variant_get_type_string(reply.get()), "", 0};
-        }
-        const qor::TGlibPtr<GError> error(pError);
-        const std::unique_ptr<gchar, void (*)(gpointer)> name(g_dbus_error_get_remote_error(pError),
-                                                              &g_free);
-        return {false, {}, "", Text(name.get()), pError->code};
-    }
-
-    /// Calls a method of another interface of the service, likewise.
-    MethodResult CallMethod(const std::string& interface, const std::string& method,
-                            GVariant* pArguments)
-    {
-        GError* pError = nullptr;
-        MethodResult result;
-        result.value.reset(g_dbus_connection_call_sync(
-            m->connection.get(), SERVICE_NAME, SERVICE_PATH, interface.c_str(), method.c_str(),
-            pArguments, nullptr, G_DBUS_CALL_FLAGS_NONE, WATCHDOG_MS, nullptr, &pError));
-        result.ok = result.value != nullptr;
-        const std::unique_ptr<gchar, void (*)(gpointer)> text(
-            result.ok ? g_variant_print(result.value.get(), FALSE)
-                      : g_dbus_error_get_remote_error(pError),
-            &g_free);
-        (result.ok ? result.text : result.errorName) = Text(text.get());
-        if (!result.ok)
-        {
-            g_dbus_error_strip_remote_error(pError);
-            result.words = pError->message;
-            g_error_free(pError);
-        }
-        return result;
-    }
-
-    /// The same without waiting here. The future is ready when the reply has come; it must not
-    /// outlive the peer.
-    std::future<CallResult> StartCall(const std::string& destination, const std::string& path,
-                                      const std::string& method, const Bytes& bytes,
-                                      int timeoutMs = WATCHDOG_MS)
-    {
-        return std::async(std::launch::async,
-                          [=] { return Call(destination, path, method, bytes, timeoutMs); });
-    }
-
-    /// Calls and drops the reply.
-    void Post(const std::string& destination, const std::string& path, const std::string& method,
-              const Bytes& bytes)
-    {
-        g_dbus_connection_call(m->connection.get(), destination.c_str(), path.c_str(),
-                               INTERFACE_NAME, method.c_str(), Wrap(bytes), nullptr,
-                               G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr, nullptr);
-    }
-
-    /// Announces types to a service at the normal path, without waiting.
-    void PostHello(const std::string& destination, const std::vector<std::int32_t>& types)
-    {
-        Post(destination, SERVICE_PATH, "Hello", EventList(types));
-    }
-
-    /// Waits until everything sent so far has reached the bus daemon.
-    void Sync()
-    {
-        CallBus("GetId", nullptr);
-    }
-
-    /// Breaks the connection, as if the process had died.
-    void Leave()
-    {
-        m->Break();
-    }
-
 private:
     using MessagePtr = ObjectPtr<GDBusMessage>;
-    using VariantPtr = qor::TGlibPtr<GVariant>;
-
-    // GDBus's thread may be about to tell a connection, which it knows by its address alone, that
-    // it is closed. A new one at that address would take it for its own end: so the address stays
-    // in use until the next peer has gone.
-    static void KeepAddress(GDBusConnection* pConnection)
-    {
-        static std::atomic<GDBusConnection*> last{nullptr};
-        ObjectPtr<GDBusConnection>(
-            last.exchange(static_cast<GDBusConnection*>(g_object_ref(pConnection))));
-    }
-
-    static std::string Text(const char* text)
-    {
-        return text == nullptr ? "" : text;
-    }
-
-    static GVariant* Wrap(const Bytes& bytes)
-    {
-        GVariant* const pArray =
-            g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, bytes.data(), bytes.size(), 1);
-        return g_variant_new_tuple(&pArray, 1);
-    }
-
-    static Bytes Unwrap(GVariant* pTuple)
-    {
-        if (pTuple == nullptr || !g_variant_is_of_type(pTuple, G_VARIANT_TYPE("(ay)")))
-        {
-            return {};
-        }
-        const VariantPtr array(g_variant_get_child_value(pTuple, 0));
-        gsize size = 0;
-        const auto* const pData = static_cast<const unsigned char*>(
-            g_variant_get_fixed_array(array.get(), &size, sizeof(unsigned char)));
-        return Bytes(pData, pData + size);
-    }
-
-    VariantPtr CallBus(const char* method, GVariant* pArguments)
-    {
-        return VariantPtr(g_dbus_connection_call_sync(
-            m->connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-            "org.freedesktop.DBus", method, pArguments, nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
-            nullptr, nullptr));
-    }
 
     struct State
     {
-        ObjectPtr<GDBusConnection> connection;
-        guint filter = 0;
+        GDBusConnection* connection = nullptr; // outlives its filter
         mutable std::mutex mutex;
         std::vector<IncomingCall> calls;
         TAnswerer answerer;
-        TAnswerer greeter = [](const IncomingCall&) { return Answer{Answer::NO_VALUE, {}, ""}; };
+        TAnswerer greeter = [](const IncomingCall&) { return NO_VALUE; };
         TMethods methods;
         std::vector<MessagePtr> held;
-
-        void Break() const
-        {
-            GIOStream* const pStream = g_dbus_connection_get_stream(connection.get());
-            g_socket_shutdown(g_socket_connection_get_socket(G_SOCKET_CONNECTION(pStream)), TRUE,
-                              TRUE, nullptr);
-        }
 
         // Called with the mutex held.
         void Handle(MessagePtr call, const Answer& answer)
         {
+            if (answer.kind == Answer::LEAVE)
+            {
+                Break(connection);
+            }
+            if (answer.kind == Answer::HOLD)
+            {
+                held.push_back(std::move(call));
+            }
             if (answer.kind >= Answer::NEVER)
             {
-                answer.kind == Answer::LEAVE ? Break() : void();
-                answer.kind == Answer::HOLD ? held.push_back(std::move(call)) : void();
                 return;
             }
             const std::string text(answer.bytes.begin(), answer.bytes.end());
@@ -392,8 +183,7 @@ private:
                 g_dbus_message_set_body(reply.get(), isRight ? Wrap(answer.bytes)
                                                              : g_variant_new("(s)", "not bytes"));
             }
-            g_dbus_connection_send_message(connection.get(), reply.get(),
-                                           G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+            Send(reply);
         }
 
         GDBusMessage* Return(MessagePtr call, const std::string& method) const
@@ -403,10 +193,18 @@ private:
                                        ? g_dbus_message_new_method_error_literal(
                                              call.get(), "com.norvane.qor.Error.NotStored", "test")
                                        : g_dbus_message_new_method_reply(call.get()));
-            pValue == nullptr ? void() : g_dbus_message_set_body(reply.get(), pValue);
-            g_dbus_connection_send_message(connection.get(), reply.get(),
-                                           G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+            if (pValue != nullptr)
+            {
+                g_dbus_message_set_body(reply.get(), pValue);
+            }
+            Send(reply);
             return nullptr;
+        }
+
+        void Send(const MessagePtr& reply) const
+        {
+            g_dbus_connection_send_message(connection, reply.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                           nullptr, nullptr);
         }
 
         static GDBusMessage* Filter(GDBusConnection*, GDBusMessage* pMessage, gboolean isIncoming,
@@ -438,6 +236,7 @@ private:
     };
 
     std::shared_ptr<State> m; // which a call that is just coming in also holds
+    guint m_filter = 0;
 };
 
 } // namespace qortest

@@ -5,12 +5,11 @@
 
 #include <grp.h>
 #include <pwd.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
 
-#include "MainContext.h"
+#include "MuteBus.h"
 #include "RawPeer.h"
 #include "ToolRunner.h"
 #include "common/Text.h"
@@ -109,9 +108,7 @@ TEST_F(CommandLine, WaitsEndInTime)
     Expect(2, "the time is over", "set-policy --timeout 1 -");
 
     // A bus that accepts, and never answers.
-    const int bus = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    Bind(bus, m_directory.Path("bus"));
-    ASSERT_EQ(listen(bus, 10), 0);
+    const MuteBus bus(m_directory.Path("bus"));
     m_options.environment["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=" + m_directory.Path("bus");
     Expect(2, "the system bus does not answer", "status --timeout 1");
     Expect(2, "the system bus does not answer", "listen --timeout 1");
@@ -120,7 +117,6 @@ TEST_F(CommandLine, WaitsEndInTime)
     EXPECT_FALSE(WaitUntil([&] { return !listener->IsRunning(); }, 300));
     listener->Signal(SIGTERM);
     EXPECT_EQ(listener->Wait(2000), 128 + SIGTERM);
-    close(bus);
 }
 
 // Neither by --timeout nor by a signal; nor does what it has started itself.
@@ -135,7 +131,10 @@ TEST_F(CommandLine, NoCommandOutlivesItsListener)
         auto listener = StartListener({"--timeout", timeout, "--exec", "sh " + hook});
         qord->Signal(SIGUSR1);
         ASSERT_TRUE(WaitUntil([&] { return ReadFile(ran).find('\n') != std::string::npos; }));
-        timeout == std::string("99") ? listener->Signal(SIGTERM) : void();
+        if (timeout == std::string("99"))
+        {
+            listener->Signal(SIGTERM);
+        }
         EXPECT_EQ(listener->Wait(), 0);
         std::istringstream processes(ReadFile(ran));
         for (std::string process; processes >> process;)
@@ -150,7 +149,7 @@ TEST_F(CommandLine, EventsRunOneCommandAtATime)
 {
     auto qord = StartQuietQord();
     const std::string hook = m_directory.Path("hook"), ran = m_directory.Path("ran");
-    WriteFile(hook, "echo \"start $QOR_EVENT\" >>" + ran + "; sleep 1; echo end >>" + ran);
+    WriteFile(hook, "echo \"start $QOR_EVENT\" >>" + ran + "; sleep .4; echo end >>" + ran);
     auto listener = StartListener({"--count", "6", "--exec", "sh " + hook});
     for (int i = 0; i < 5; ++i)
     {
@@ -204,6 +203,16 @@ TEST_F(CommandLine, PoliciesAreToldGotAndRestored)
     EXPECT_EQ(status["policy"]["sha256"], history["policy"]["sha256"]) << status;
     EXPECT_TRUE(status["policy"]["set_by"].is_null()) << status;
     EXPECT_EQ(Qorctl({"get-policy", "2"}).out, "<other/>");
+    EXPECT_EQ(status["policy"]["well_formed"], true);
+
+    const std::string spoilt("\xff\0\x01", 3); // by somebody else
+    WriteFile(m_policyFile, spoilt);
+    Expect(0, "it is no good", "status");
+    EXPECT_EQ(Json({"status", "--json"})["policy"]["well_formed"], false);
+    EXPECT_EQ(Qorctl({"get-policy"}).out, spoilt);
+    GVariant* const pNumber = g_variant_new("(t)", guint64{0});
+    EXPECT_EQ(RawPeer().CallMethod("com.norvane.qor.Policy1", "GetPolicy", pNumber).errorName,
+              "com.norvane.qor.Error.NotText");
 }
 
 TEST_F(CommandLine, SettingAPolicyWaitsUntilAllHaveHeard)
@@ -214,10 +223,7 @@ TEST_F(CommandLine, SettingAPolicyWaitsUntilAllHaveHeard)
     auto listener = StartListener();
     RawPeer silent;
     std::atomic<bool> answers{false};
-    silent.AnswerUsing(
-        [&](const IncomingCall&) {
-            return Answer{answers ? Answer::REPLY : Answer::HOLD, {1}};
-        });
+    silent.AnswerUsing([&](const IncomingCall&) { return answers ? YES : HOLD; });
     silent.PostHello(SERVICE_NAME, {2});
     RawPeer other;
     other.PostHello(SERVICE_NAME, {4}); // it does not want to hear of policies
@@ -240,7 +246,7 @@ TEST_F(CommandLine, SettingAPolicyWaitsUntilAllHaveHeard)
     EXPECT_EQ(waiting->Wait(), 4);
     EXPECT_NE(waiting->Err().find("another policy has come into force"), std::string::npos);
     answers = true;
-    silent.AnswerHeld({Answer::REPLY, {1}});
+    silent.AnswerHeld(YES);
     silent.Sync();
     Expect(0, "2 applications heard of it", "set-policy - --wait");
     EXPECT_EQ(Json({"clients", "--json"})[1]["heard"], true);
@@ -263,22 +269,6 @@ TEST_F(CommandLine, TheLaterOfTwoDoesNotWinUnseen)
     EXPECT_EQ(StoredPolicy(), "<a/>");
     Expect(1, "there is no policy 77777777777", "restore 77777777777");
     EXPECT_EQ(Json({"status", "--json"})["since_start"]["refused"], 2);
-}
-
-TEST_F(CommandLine, PolicyThatSomebodyHasSpoiltIsSaid)
-{
-    auto qord = StartQuietQord();
-    Expect(0, "stored", "set-policy '" SAMPLE_POLICY "'");
-    EXPECT_EQ(Json({"status", "--json"})["policy"]["well_formed"], true);
-    WriteFile(m_policyFile, std::string("\xff\0\x01", 3));
-    Expect(0, "it is no good", "status");
-    EXPECT_EQ(Json({"status", "--json"})["policy"]["well_formed"], false);
-    EXPECT_EQ(Qorctl({"get-policy"}).out, std::string("\xff\0\x01", 3));
-    RawPeer peer;
-    EXPECT_EQ(
-        peer.CallMethod("com.norvane.qor.Policy1", "GetPolicy", g_variant_new("(t)", guint64{0}))
-            .errorName,
-        "com.norvane.qor.Error.NotText");
 }
 
 TEST_F(CommandLine, StrangeServicesAreNotBelieved)

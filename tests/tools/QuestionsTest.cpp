@@ -3,7 +3,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "MainContext.h"
 #include "RawPeer.h"
 #include "ToolRunner.h"
 
@@ -20,14 +19,14 @@ TEST_F(Questions, HealthIsAStatusWithReasons)
     auto qord = StartQuietQord({"--event-timeout", "100"});
     EXPECT_EQ(Qorctl({"status", "--check"}).out, "The service is healthy.\n"); // never had a policy
     RawPeer silent;
-    silent.AnswerWith({Answer::HOLD, {}});
+    silent.AnswerWith(HOLD);
     silent.Call(SERVICE_NAME, SERVICE_PATH, "Hello", EventList({2}));
     Expect(0, "stored", "set-policy '" SAMPLE_POLICY "'");
     ASSERT_TRUE(qord->WaitForOut("0 delivered, 1 failed")) << qord->Out();
     Expect(1, silent.UniqueName() + ")\n", "status --check");
     EXPECT_EQ(CountOf(Qorctl({"status", "--check"}).out, "1 client is suspended, having left"), 1U);
-    silent.AnswerWith({Answer::REPLY, {1}});
-    silent.AnswerHeld({Answer::REPLY, {1}});
+    silent.AnswerWith(YES);
+    silent.AnswerHeld(YES);
     EXPECT_TRUE(WaitUntil([] { return Qorctl({"status", "--check"}).exitCode == 0; }));
 
     boost::filesystem::rename(m_policyFile, m_policyFile + "-away"); // none is kept yet

@@ -28,9 +28,6 @@ std::unique_ptr<ChildProcess> StartTool(const std::string& program, const Argume
 
 std::size_t CountOf(const std::string& text, const std::string& part);
 
-/// Gives a local socket a path.
-void Bind(int socket, const std::string& path);
-
 /// A bus for the whole suite, since a process keeps its connection; a policy file for each test.
 class ToolTest : public testing::Test
 {

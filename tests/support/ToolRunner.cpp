@@ -1,9 +1,6 @@
 // Runs qord and qorctl on a bus of the test's own.
 #include "ToolRunner.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
-
 #include "RawPeer.h"
 
 namespace qortest
@@ -42,13 +39,6 @@ std::size_t CountOf(const std::string& text, const std::string& part)
         ++count;
     }
     return count;
-}
-
-void Bind(int socket, const std::string& path)
-{
-    sockaddr_un address = {AF_UNIX, {}};
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    ASSERT_EQ(bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
 }
 
 void ToolTest::SetUpTestSuite()

@@ -1,6 +1,6 @@
-// A service on a bus with stock limits, and neighbours who are raw peers.
-#ifndef QORTEST_NEIGHBOURFIXTURE_H
-#define QORTEST_NEIGHBOURFIXTURE_H
+// A server endpoint on a bus with stock limits, and raw peers for its clients.
+#ifndef QORTEST_SERVERFIXTURE_H
+#define QORTEST_SERVERFIXTURE_H
 
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -52,26 +52,32 @@ inline std::size_t CallsTo(const Peers& peers)
                            [](std::size_t sum, auto& peer) { return sum + peer->Count("Send"); });
 }
 
-class Neighbour : public BusTest
+/// A context that is iterated by the test, where it waits, or with Serve by a thread.
+class ServerTest : public BusTest
 {
 protected:
-    void Serve(const qor::TMessageCallback& callback = [](const auto&, auto&) { return true; })
+    void Start(const qor::TMessageCallback& callback = &Accept)
     {
         m_server = std::make_unique<qor::TCDbusServer>(false);
         m_server->SetCallback(4, callback);
         ASSERT_TRUE(PumpUntil([&] { return m_server->IsReady(); }));
+    }
+
+    void Serve(const qor::TMessageCallback& callback = &Accept)
+    {
+        Start(callback);
         m_pump = std::make_unique<BackgroundPump>();
     }
 
-    Peers Clients(std::size_t count, const Answer& answer, unsigned int user = 0,
-                  const std::vector<std::int32_t>& types = {2})
+    Peers Clients(std::size_t count, const Answer& answer = YES,
+                  const std::vector<std::int32_t>& types = {2}, unsigned int user = geteuid())
     {
         Peers clients;
         const auto connect = [&] { clients.push_back(std::make_unique<RawPeer>()); };
         const std::size_t before = m_server->NumberOfClients();
         for (std::size_t i = 0; i < count; ++i)
         {
-            user == 0 ? connect() : AsUser(user, connect);
+            AsUser(user, connect);
             clients.back()->AnswerWith(answer);
             clients.back()->PostHello(SERVICE_NAME, types);
         }
@@ -81,12 +87,13 @@ protected:
 
     bool HasClients(std::size_t count)
     {
-        return WaitUntil([&] { return m_server->NumberOfClients() == count; });
+        return WaitUntil([&] { return m_server->NumberOfClients() == count; }, WATCHDOG_MS,
+                         m_pump ? &Pause : &Pump);
     }
 
-    Counts Deliver(int timeoutMs = WATCHDOG_MS, const Bytes& payload = {})
+    Counts Deliver(int type = 2, int timeoutMs = WATCHDOG_MS, const Bytes& payload = {})
     {
-        return m_server->SendMessage(2, payload, timeoutMs);
+        return m_server->SendMessage(type, payload, timeoutMs);
     }
 
     static CallResult Send(RawPeer& peer, const Bytes& payload = {}, GUnixFDList* pFiles = nullptr)
