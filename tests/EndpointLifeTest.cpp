@@ -23,24 +23,6 @@ using qor::TCDbusServer;
 
 // --- Successors ----------------------------------------------------------------------------------
 
-TEST_F(EndpointLife, WhatTheProviderGivesWorksWhoeverLetsGoMeanwhile)
-{
-    const BackgroundPump pump;
-    std::atomic<int> failed{0};
-    const auto takeSendAndDrop = [&failed]
-    {
-        for (int i = 0; i < 400; ++i)
-        {
-            failed += Sends(*TCDbusClientProvider::Get(false)) ? 0 : 1;
-        }
-    };
-    std::thread other(takeSendAndDrop);
-    takeSendAndDrop();
-    other.join();
-    EXPECT_EQ(failed, 0);
-    EXPECT_EQ(LogCapture::Count(LOG_ERROR, ""), 0U);
-}
-
 TEST_F(EndpointLife, SuccessorWorksWhileACallbackOfTheLastOneStillRuns)
 {
     const BackgroundPump pump;

@@ -104,7 +104,7 @@ class Client:
         self.show("> event", request)
         event = struct.unpack_from("<i?", request)[0] if len(request) >= 5 else 0
         known = event in EVENT_NAMES
-        answer = struct.pack("?", known and not self.arguments.refuse)
+        answer = struct.pack("?", known)
         self.show("< event", answer)
         invocation.return_value(wrap(answer))
         if known:
@@ -128,7 +128,6 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("file", help="the policy")
     parser.add_argument("--listen", type=int, default=0, help="stay until so many events have come")
-    parser.add_argument("--refuse", action="store_true", help="answer events with a false result")
     parser.add_argument("--show-bytes", action="store_true", help="print every envelope in hex")
     parser.add_argument("--word-size", type=int, choices=WORDS, default=struct.calcsize("@N"),
                         help="speak as a process whose words have so many bytes; default: its own")

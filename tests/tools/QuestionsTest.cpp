@@ -51,9 +51,10 @@ TEST_F(Questions, HealthIsAStatusWithReasons)
     boost::filesystem::remove(m_policyFile);
     qord.reset();
     m_options.workingDirectory = m_directory.Path();
-    qord = StartTool(
-        QORD, {"--policy", "policy.xml", "--min-free", "1000000", "--allow-group", "no-such"},
-        m_options);
+    qord = StartTool(QORD,
+                     {"--policy", "policy.xml", "--min-free", "1000000", "--allow-group", "no-such",
+                      "--allow-group", "daemon"},
+                     m_options);
     ASSERT_TRUE(qord->WaitForOut("qord: ready")) << qord->Err();
     const Outcome outcome = Qorctl({"--json", "status", "--check"});
     const TJson problems = TJson::parse(outcome.out)["problems"];

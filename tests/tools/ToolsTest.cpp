@@ -11,6 +11,14 @@
 
 using namespace qortest;
 
+// One message, or none.
+static std::string Received(int socket)
+{
+    char message[512];
+    const ssize_t size = recv(socket, message, sizeof message, MSG_DONTWAIT);
+    return std::string(message, size > 0 ? static_cast<std::size_t>(size) : 0);
+}
+
 class Tools : public ToolTest
 {
 protected:
@@ -128,10 +136,7 @@ TEST_F(Tools, ListenerSaysWhenTheServiceComesAndGoes)
 TEST_F(Tools, PlacesThatAreNoGoodAreSaidAtTheStart)
 {
     WriteFile(m_policyFile, "<unfinished>");
-    auto qord = StartQord({"--test-bus-names", "--min-free", "1000000", "--allow-group", "daemon",
-                           "--allow-group", "no-such-group"});
-    EXPECT_EQ(CountOf(qord->Err(), "there is no group "), 1U) << qord->Err();
-    EXPECT_EQ(CountOf(qord->Err(), "there is no group no-such-group whose"), 1U) << qord->Err();
+    auto qord = StartQord({"--test-bus-names", "--min-free", "1000000"});
     EXPECT_NE(qord->Err().find("MiB are left"), std::string::npos) << qord->Err();
     EXPECT_NE(qord->Err().find("no good: line 1, column 13"), std::string::npos) << qord->Err();
     Expect(1, "process " + std::to_string(qord->Pid()) + " (", "--policy policy.xml", QORD);
@@ -154,15 +159,12 @@ TEST_F(Tools, ServiceManagerAndStatusKnowWhenTheServiceIsThere)
     std::string told;
     const auto isTold = [&](const std::string& words)
     {
-        char message[256];
-        const ssize_t size = recv(notified, message, sizeof message, MSG_DONTWAIT);
-        told.append(message, size > 0 ? static_cast<std::size_t>(size) : 0);
+        told += Received(notified);
         return told.find(words) != std::string::npos;
     };
     EXPECT_TRUE(WaitUntil([&] { return isTold("WATCHDOG=1"); })) << told;
     qord->Signal(SIGTERM);
-    EXPECT_TRUE(WaitUntil([&] { return isTold("STOPPING=1"); }))
-        << told; // who does not listen blocks
+    EXPECT_TRUE(WaitUntil([&] { return isTold("STOPPING=1"); })) << told; // or the socket blocks
     EXPECT_EQ(qord->Wait(), 0);
     Expect(2, "", "status --test-bus-names");
     EXPECT_EQ(told.find("READY=1\nSTATUS=no policy yet, 0 clients"), 0U) << told;
@@ -260,12 +262,8 @@ TEST_F(Tools, ServiceThatABusHasStartedWritesToTheSystemsLog)
                   {"-m", "bash", "-c",
                    "exec >/dev/null 2>&1; " + mount + "; exec '" QORD "' --policy " + m_policyFile},
                   m_options);
-    const auto isTold = [&](const std::string& begin)
-    {
-        char line[512]; // the library's lines come here, too
-        const ssize_t size = recv(log, line, sizeof line, MSG_DONTWAIT);
-        return size > 0 && std::string(line, static_cast<std::size_t>(size)).find(begin) == 0;
-    };
+    const auto isTold = [&](const std::string& begin) // the library's lines come here, too
+    { return Received(log).rfind(begin, 0) == 0; };
     const std::string qordIs = "qord[" + std::to_string(qord->Pid()) + "]: ";
     EXPECT_TRUE(WaitUntil([&] { return isTold("<30>" + qordIs + "ready as "); }));
     SetPolicy(1, "not well-formed", "<a>");
