@@ -78,7 +78,12 @@ TEST_F(LifetimeStress, ClientsComeAndGoWhileMessagesAndNameEventsAreDispatched)
     RawPeer service;
     const BackgroundPump pump;
     const auto messages = Sending("Send", Request(2, false, {1}));
-    const Repeat names([&] { service.OwnName(SERVICE_NAME), service.ReleaseName(SERVICE_NAME); });
+    const Repeat names(
+        [&]
+        {
+            service.OwnName(SERVICE_NAME);
+            service.ReleaseName(SERVICE_NAME);
+        });
     Rounds(
         [&](int i)
         {

@@ -185,7 +185,7 @@ class Checks:
 
     def at_the_limit(self):
         """Whatever a caller may still send, the answer must fit into a message of the bus, too."""
-        for room in range(120, 420, 60):
+        for room in range(120, 420, 20):
             text = "x" * (32 * MEBIBYTE - room)
             option = {text: GLib.Variant("i", 1)}
             for arguments in (("SetPolicy", GLib.Variant("(sa{sv})", ("<a/>", option))),

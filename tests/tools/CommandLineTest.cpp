@@ -3,8 +3,6 @@
 #include <csignal>
 #include <sstream>
 
-#include <grp.h>
-#include <pwd.h>
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
@@ -12,8 +10,6 @@
 #include "MuteBus.h"
 #include "RawPeer.h"
 #include "ToolRunner.h"
-#include "common/Text.h"
-#include "qord/Permission.h"
 
 using namespace qortest;
 using TJson = nlohmann::json;
@@ -305,33 +301,4 @@ TEST_F(CommandLine, StrangeServicesAreNotBelieved)
     Expect(3, "cannot be read", "status");
     service.AnswerMethodsUsing([](const std::string&) -> GVariant* { return nullptr; });
     Expect(1, "refused policy 1: test", "restore 1");
-}
-
-TEST(Text, EveryTimeOfAFileHasWords)
-{
-    EXPECT_EQ(tools::LocalTime(1764000000).substr(0, 9), "2025-11-2");
-    EXPECT_EQ(tools::LocalTime(253402300800 + 86400), "unknown"); // in the year 10000
-}
-
-TEST(Permission, RootTheServicesUserAndGroupsMayChange)
-{
-    qord::TSPermissionRules rules;
-    rules.m_groups = {"no-such-group", "daemon"};
-    const qord::TCPermission permission(rules);
-    qor::TSPeer peer;
-    peer.m_isKnown = true;
-    EXPECT_TRUE(permission.MayChange(peer));
-    peer.m_userId = geteuid() + 12345;
-    EXPECT_FALSE(permission.MayChange(peer));
-    peer.m_userId = getpwnam("daemon")->pw_uid; // whose groups the bus may leave out
-    EXPECT_TRUE(permission.MayChange(peer));
-    peer.m_hasGroups = true;
-    EXPECT_FALSE(permission.MayChange(peer));
-    peer.m_groupIds = {99999, getgrnam("daemon")->gr_gid};
-    EXPECT_TRUE(permission.MayChange(peer));
-    peer.m_groupIds.clear();
-    rules.m_everyone = true;
-    EXPECT_TRUE(qord::TCPermission(rules).MayChange(peer));
-    peer.m_isKnown = false;
-    EXPECT_FALSE(qord::TCPermission(rules).MayChange(peer));
 }

@@ -36,8 +36,10 @@ TEST(BufferProperties, OrderIsByUnsignedIdThenBySignedSecondaryId)
     {
         for (const auto& high : ascending)
         {
-            a.SetBufferId(low.first), a.SetSecondaryId(low.second);
-            b.SetBufferId(high.first), b.SetSecondaryId(high.second);
+            a.SetBufferId(low.first);
+            a.SetSecondaryId(low.second);
+            b.SetBufferId(high.first);
+            b.SetSecondaryId(high.second);
             EXPECT_EQ(a(&a, &b), &low < &high);
         }
     }
