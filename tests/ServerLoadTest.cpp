@@ -110,7 +110,7 @@ TEST_F(ServerLoad, CallsThatAServiceDropsHoldUpNobody)
 {
     m_server.SetCallback(1, Accept);
     RawPeer dropped, good;
-    std::vector<std::future<MethodResult>> answers(20);
+    std::vector<std::future<CallResult>> answers(20);
     for (auto& answer : answers)
     {
         answer = std::async(std::launch::async,

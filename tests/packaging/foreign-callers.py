@@ -1,14 +1,20 @@
 #!/usr/bin/python3
-"""Calls every member of qord's interface with good, wrong and hostile arguments, by GDBus and by what
-shares no code with it: what comes back is the right answer or the right error, and afterwards qord is
+"""Calls every member of qord's interface as other implementations of D-Bus do, with good, wrong and
+hostile arguments: what comes back is the right answer or the right error, and afterwards qord is
 the same process with the same policy.
 
-    foreign-callers.py
+    foreign-callers.py FOLDER-WITH-dbus-next      or -, where there is none
 """
 
 import hashlib
+import json
+import os
+import re
+import shutil
+import subprocess
 import sys
 
+import dbus
 import jeepney
 import jeepney.io.blocking
 from gi.repository import Gio, GLib
@@ -21,6 +27,7 @@ INVALID = STANDARD + "InvalidArgs"
 IN_FORCE = "<policy>in force</policy>"
 HASH = hashlib.sha256(IN_FORCE.encode()).hexdigest()
 LAST = 2**64 - 1
+COMMAND_LINE = 100_000  # bytes that an argument of a program may have
 MEBIBYTE = 1 << 20
 
 
@@ -67,13 +74,24 @@ BAD = [
     set_policy("<a/>", "'': <[<1>, <2>]>", INVALID),
     set_policy("<a/>", ", ".join("'%d': <%d>" % (i, i) for i in range(5000)), INVALID),
     set_policy("<a/>", quoted("\x01" * 9 * MEBIBYTE) + ": <1>", INVALID),
+    call(POLICY, "SetPolicy", "()", INVALID),
+    call(POLICY, "SetPolicy", "('<a/>',)", INVALID),
+    call(POLICY, "SetPolicy", "('<a/>', @a{ss} {})", INVALID),
+    call(POLICY, "SetPolicy", "([byte 60, 97, 47, 62], @a{sv} {})", INVALID),
     call(POLICY, "SetPolicy", "('<a/>', @a{sv} {}, 'more')", INVALID),
     call(POLICY, "Restore", "(uint64 %d, @a{sv} {})" % LAST, OWN + "NoSuchPolicy"),
     call(POLICY, "Restore", "(uint64 999, @a{sv} {})", OWN + "NoSuchPolicy"),
     call(POLICY, "Restore", "(uint64 1, {'force': <true>})", INVALID),
+    call(POLICY, "Restore", "(-1, @a{sv} {})", INVALID),
     *(row for get in ("GetPolicy", "GetPolicyBytes") for row in (
         call(POLICY, get, "(uint64 %d,)" % LAST, OWN + "NoSuchPolicy"),
-        call(POLICY, get, "(uint64 999,)", OWN + "NoSuchPolicy"))),
+        call(POLICY, get, "(uint64 999,)", OWN + "NoSuchPolicy"),
+        call(POLICY, get, "(-1,)", INVALID),
+        call(POLICY, get, "('0',)", INVALID),
+        call(POLICY, get, "()", INVALID))),
+    call(POLICY, "ListPolicies", "('',)", INVALID),
+    call(POLICY, "ListClients", "(uint64 0,)", INVALID),
+    call(POLICY, "Forget", "()", STANDARD + "UnknownMethod"),
     call(POLICY, "PolicyChanged", "('', @a{sv} {})", STANDARD + "UnknownMethod"),
     call(PROPERTIES, "Get", "('%s', 'Nothing')" % POLICY, INVALID),
     call(PROPERTIES, "Get", "('%s', '')" % POLICY, INVALID),
@@ -100,6 +118,64 @@ class Gdbus:
                                                  60000, files)
         except GLib.Error as error:
             return Gio.DBusError.get_remote_error(error) or error.message
+        return ""
+
+
+class Busctl:
+    """sd-bus, by busctl call."""
+
+    def words(self, value):
+        kind = value.get_type_string()
+        if kind == "v":
+            inner = value.get_variant()
+            return [inner.get_type_string(), *self.words(inner)]
+        if kind[0] in "a({":
+            count = [str(value.n_children())] if kind[0] == "a" else []
+            return count + [word for part in parts(value) for word in self.words(part)]
+        return [value.get_string() if kind == "s" else str(int(value.unpack()))]
+
+    def call(self, interface, member, arguments):
+        signature = arguments.get_type_string()[1:-1]
+        words = [signature, *self.words(arguments)] if signature else []
+        command = ["busctl", "--system", "call", "--", NAME, PATH, interface, member, *words]
+        if sum(map(len, command)) > COMMAND_LINE:
+            return None
+        done = subprocess.run(command, capture_output=True, text=True, timeout=90, check=False,
+                              env={**os.environ, "SYSTEMD_LOG_LEVEL": "debug"})  # tells the name
+        found = re.search(r"type=error .* error-name=(\S+) ", done.stderr)
+        if found:
+            return found[1]
+        return "" if done.returncode == 0 else "no name in: " + done.stderr[-300:]
+
+
+class DbusPython:
+    """libdbus, by its bindings."""
+
+    def __init__(self):
+        self.bus = dbus.SystemBus()
+
+    def value(self, value, level=0):
+        kind = value.get_type_string()
+        if kind == "v":
+            return self.value(value.get_variant(), level + 1)
+        if kind.startswith("a{"):
+            return dbus.Dictionary({key.unpack(): self.value(inner) for key, inner in
+                                    map(parts, parts(value))}, kind[2:-1], variant_level=level)
+        if kind[0] == "a":
+            return dbus.Array(map(self.value, parts(value)), kind[1:], variant_level=level)
+        types = {"s": dbus.String, "y": dbus.Byte, "b": dbus.Boolean, "i": dbus.Int32,
+                 "u": dbus.UInt32, "t": dbus.UInt64}
+        return types[kind](value.unpack(), variant_level=level)
+
+    def call(self, interface, member, arguments):
+        signature = arguments.get_type_string()[1:-1]
+        return self.send(interface, member, signature, map(self.value, parts(arguments)))
+
+    def send(self, interface, member, signature, arguments):
+        try:
+            self.bus.call_blocking(NAME, PATH, interface, member, signature, tuple(arguments), 60.0)
+        except dbus.DBusException as error:
+            return error.get_dbus_name()
         return ""
 
 
@@ -143,6 +219,37 @@ class Jeepney:
             return False
 
 
+class DbusNext:
+    """dbus-next, in a process of its own, which reads calls and writes the names of errors."""
+
+    def __init__(self, folder):
+        script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "foreign-caller.js")
+        self.node = subprocess.Popen(["node", script], stdin=subprocess.PIPE, text=True,
+                                     stdout=subprocess.PIPE,
+                                     env={**os.environ, "NODE_PATH": folder + "/node_modules"})
+
+    def value(self, value):
+        kind = value.get_type_string()
+        if kind == "v":
+            inner = value.get_variant()
+            return {"signature": inner.get_type_string(), "value": self.value(inner)}
+        if kind.startswith("a{"):
+            return {key.unpack(): self.value(inner) for key, inner in map(parts, parts(value))}
+        if kind[0] == "a":
+            return [self.value(part) for part in parts(value)]
+        return {"big": str(value.unpack())} if kind == "t" else value.unpack()
+
+    def call(self, interface, member, arguments):
+        if arguments.get_size() > 12 * MEBIBYTE:
+            return None  # it takes minutes to pack such a text
+        json.dump({"destination": NAME, "path": PATH, "interface": interface, "member": member,
+                   "signature": arguments.get_type_string()[1:-1],
+                   "body": [self.value(part) for part in parts(arguments)]}, self.node.stdin)
+        self.node.stdin.write("\n")
+        self.node.stdin.flush()
+        return self.node.stdout.readline().strip()
+
+
 class Checks:
     def __init__(self):
         self.gdbus = Gdbus()
@@ -165,30 +272,35 @@ class Checks:
         print("FAILED: %s: %s: %r and not %r" % (who, what[:200], seen, wanted))
 
     def run(self, caller):
-        who = type(caller).__name__
+        who, calls = type(caller).__name__, 0
         for interface, member, arguments, error in GOOD + BAD:
             seen = caller.call(interface, member, arguments)
+            if seen is None:
+                continue
+            calls += 1
             shown = arguments.print_(False) if arguments.get_size() < 1000 else "(much)"
             self.expect(who, member + " " + shown, seen, error)
             if error:
                 self.expect(who, "afterwards " + member, self.state(), (self.process, HASH))
-        print("%s: %d calls" % (who, len(GOOD + BAD)))
+        print("%s: %d calls" % (who, calls))
+        self.expect(who, "calls", calls > 5, True)
 
     def descriptors(self):
         files = Gio.UnixFDList.new()
         files.append(0)
-        for kind, policy in (("s", "<a/>"), ("h", 0)):  # beside the policy, or as one
-            arguments = GLib.Variant("(%sa{sv})" % kind, (policy, {}))
-            seen = self.gdbus.call(POLICY, "SetPolicy", arguments, files)
-            self.expect("Gdbus", "a descriptor", seen, STANDARD + "LimitsExceeded")
-        self.expect("Gdbus", "afterwards", self.state(), (self.process, HASH))
+        limit = STANDARD + "LimitsExceeded"
+        arguments = GLib.Variant("(sa{sv})", ("<a/>", {}))
+        seen = self.gdbus.call(POLICY, "SetPolicy", arguments, files)
+        self.expect("Gdbus", "a descriptor beside", seen, limit)
+        seen = DbusPython().send(POLICY, "SetPolicy", "ha{sv}", (dbus.types.UnixFd(0), {}))
+        self.expect("DbusPython", "a descriptor as policy", seen, limit)
+        self.expect("both", "afterwards", self.state(), (self.process, HASH))
 
     def at_the_limit(self):
         """Whatever a caller may still send, the answer must fit into a message of the bus, too."""
         for room in range(120, 420, 20):
             text = "x" * (32 * MEBIBYTE - room)
-            option = {text: GLib.Variant("i", 1)}
-            for arguments in (("SetPolicy", GLib.Variant("(sa{sv})", ("<a/>", option))),
+            for arguments in (("SetPolicy", set_policy("<a/>", quoted(text) + ": <1>")[2]),
                               ("Get", GLib.Variant("(ss)", (POLICY, text))),
                               ("GetAll", GLib.Variant("(s)", (text,)))):
                 self.send_alone(PATH, *arguments)
@@ -212,9 +324,16 @@ class Checks:
 def main():
     checks = Checks()
     checks.process = checks.property("ProcessId")
+    callers = [checks.gdbus, DbusPython(), Jeepney()]
+    if shutil.which("busctl"):
+        callers.append(Busctl())
+    else:
+        print("not checked: sd-bus: busctl is not installed")
+    if sys.argv[1] != "-":
+        callers.append(DbusNext(sys.argv[1]))
     for interface, member, arguments, _ in GOOD[-2:]:
         checks.gdbus.call(interface, member, arguments)
-    for caller in (checks.gdbus, Jeepney()):
+    for caller in callers:
         checks.run(caller)
     checks.descriptors()
     for broken in (b"\xff\xfe\xfd", b"x\0x", b"\xed\xa0\x80"):

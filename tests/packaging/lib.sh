@@ -99,6 +99,27 @@ ends_with() {
     [[ $status -eq $wanted ]]
 }
 
+# npm_package NAME@VERSION FOLDER: has it in FOLDER/node_modules, without what would have to be
+# compiled. Where that cannot be, $npm_reason says why; otherwise it is empty.
+npm_package() {
+    local options=(--no-save --omit=optional --ignore-scripts --no-audit --no-fund --fetch-retries=1)
+    npm_reason=
+    if ! command -v node >/dev/null || ! command -v npm >/dev/null; then
+        npm_reason="node and npm are not installed"
+        return
+    fi
+    mkdir -p "$2"
+    # Two tests may want it at a time.
+    exec {npm_lock}<"$2"
+    flock "$npm_lock"
+    if [[ ! -e $2/node_modules/${1%@*}/package.json ]] &&
+        ! timeout 90 npm install --prefix "$2" "${options[@]}" "$1" >"$work/npm.log" 2>&1; then
+        # shellcheck disable=SC2034 # for the callers
+        npm_reason="npm does not get $1: $(grep -m 1 -E 'npm (ERR!|error)' "$work/npm.log" || true)"
+    fi
+    exec {npm_lock}<&-
+}
+
 finish() {
     echo "$passes passed, $failures failed"
     ((passes > 0 && failures == 0))
