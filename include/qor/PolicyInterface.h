@@ -15,7 +15,7 @@ constexpr char POLICY_INTERFACE[] = "com.norvane.qor.Policy1";
 constexpr char ERROR_NOT_WELL_FORMED[] = "com.norvane.qor.Error.NotWellFormed";
 /// The sender may not do that.
 constexpr char ERROR_NOT_PERMITTED[] = "com.norvane.qor.Error.NotPermitted";
-/// The text, or the memory to check it, is over a limit.
+/// The text, or the memory or work to check it, is over a limit.
 constexpr char ERROR_TOO_LARGE[] = "com.norvane.qor.Error.TooLarge";
 /// The policy could not be stored; the old one is in force.
 constexpr char ERROR_NOT_STORED[] = "com.norvane.qor.Error.NotStored";

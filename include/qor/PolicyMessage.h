@@ -25,7 +25,7 @@ enum EPolicyResult
     POLICY_STORED = 0,          ///< The policy is in force and synced to disk.
     POLICY_NOT_WELL_FORMED = 1, ///< The text is not well-formed XML.
     POLICY_NOT_STORED = 2,      ///< The policy could not be stored.
-    POLICY_TOO_LARGE = 3,       ///< The text, or the memory to check it, is over a limit.
+    POLICY_TOO_LARGE = 3,       ///< The text, or the memory or work to check it, is over a limit.
     POLICY_STATE_UNKNOWN = 4,   ///< The disk failed half-way and the old policy could not be put
                                 ///< back: nobody knows which one the next start will find.
     POLICY_NOT_PERMITTED = 5    ///< The sender may not change the policy; its text was not read.

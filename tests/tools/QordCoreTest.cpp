@@ -1,6 +1,9 @@
 // What the service is made of: the check of XML.
+#include <dlfcn.h>
+
 #include <random>
 
+#include <expat.h>
 #include <gtest/gtest.h>
 #include <libxml/parser.h>
 
@@ -10,6 +13,19 @@
 #include <qor/PolicyMessage.h>
 
 using namespace std::string_literals;
+
+// The checks of a text so far: each makes a parser.
+static int g_checks = 0;
+
+extern "C" XML_Parser XML_ParserCreate_MM(const XML_Char* encoding,
+                                          const XML_Memory_Handling_Suite* pMemory,
+                                          const XML_Char* separator)
+{
+    ++g_checks;
+    const auto pReal =
+        reinterpret_cast<decltype(&XML_ParserCreate_MM)>(dlsym(RTLD_NEXT, "XML_ParserCreate_MM"));
+    return pReal(encoding, pMemory, separator);
+}
 
 static int Check(const std::string& text, std::string& error, std::size_t memory = 4 << 20)
 {
@@ -37,6 +53,39 @@ TEST(PolicyHandler, AsksWhoSendsBeforeItLooksAtTheText)
     EXPECT_EQ(handler.HashInForce(), handler.Set("<a/>", asker, std::nullopt).m_sha256);
 }
 
+// Also at a start: a policy that takes long to check must not make each start long.
+TEST(PolicyHandler, ChecksNoTextTwice)
+{
+    const qortest::TemporaryDirectory directory;
+    const std::string file = directory.Path("policy.xml");
+    qord::TSAsker asker;
+    asker.m_peer.m_isKnown = true;
+    asker.m_mayChange = true;
+    g_checks = 0;
+    const auto open = [&](int checks)
+    {
+        auto handler = std::make_unique<qord::TCPolicyHandler>(qord::TCPolicyStore(file), 100);
+        handler->Open();
+        EXPECT_EQ(handler->IsGood(handler->HashInForce()), qortest::ReadFile(file) != "<c>");
+        EXPECT_EQ(g_checks, checks);
+        return handler;
+    };
+    qortest::WriteFile(file, "<a/>");
+    auto handler = open(1);
+    for (const auto& [policy, checks] : {std::pair("<a/>", 1), std::pair("<b/>", 2)})
+    {
+        EXPECT_EQ(handler->Set(policy, asker, std::nullopt).m_result, qor::POLICY_STORED);
+        EXPECT_EQ(g_checks, checks);
+    }
+    handler.reset();
+    handler = open(2);
+    qortest::WriteFile(file, "<c>"); // by somebody else, whose texts have not been checked
+    handler->LookAtForeignPolicy();
+    EXPECT_EQ(g_checks, 3);
+    handler.reset();
+    open(5);
+}
+
 TEST(PolicyXml, RefusalsSayWhereAndWhat)
 {
     std::string error, bomb = "<!DOCTYPE a [<!ENTITY e0 'xx'>";
@@ -45,7 +94,7 @@ TEST(PolicyXml, RefusalsSayWhereAndWhat)
         const std::string inner = "&e" + std::to_string(i) + ";";
         bomb += "<!ENTITY e" + std::to_string(i + 1) + " '" + inner + inner + "'>";
     }
-    EXPECT_EQ(Check(bomb + "]><a>&e40;</a>", error), qor::POLICY_NOT_WELL_FORMED);
+    EXPECT_EQ(Check(bomb + "]><a>&e40;</a>", error), qor::POLICY_TOO_LARGE);
     EXPECT_NE(error.find("amplification"), std::string::npos) << error;
     EXPECT_EQ(Check("<a>\n <b></a>", error), qor::POLICY_NOT_WELL_FORMED);
     EXPECT_EQ(error.find("line 2, column 7: mismatched tag"), 0U) << error;
@@ -76,6 +125,49 @@ TEST(PolicyXml, RefusalsSayWhereAndWhat)
     EXPECT_EQ(Check(deep, error), qor::POLICY_TOO_LARGE) << error;
     EXPECT_EQ(Check(wide + "/>", error), qor::POLICY_TOO_LARGE) << error;
     EXPECT_EQ(Check(deep, error, 100 << 20), qor::POLICY_NOT_WELL_FORMED) << error; // not closed
+}
+
+// @param text  with its number in the place of a '@'
+static std::string Times(std::size_t count, const std::string& text)
+{
+    const std::size_t at = text.find('@');
+    std::string all;
+    for (std::size_t i = 0; i < count; ++i)
+    {
+        all += at == std::string::npos
+                   ? text
+                   : text.substr(0, at) + std::to_string(i) + text.substr(at + 1);
+    }
+    return all;
+}
+
+// Each of them would take the parser seconds or minutes, or would were it a little longer.
+TEST(PolicyXml, WhatTakesTooLongToCheckIsRefused)
+{
+    const auto document = [](const std::string& declarations, const std::string& content)
+    { return "<!DOCTYPE a [" + declarations + "]><a>" + content + "</a>"; };
+    const auto attributes = [](const std::string& list) { return "<!ATTLIST b" + list + ">"; };
+    const std::string many = Times(2000, " a@ CDATA ''");
+    const std::string bees = "<!ENTITY e '" + Times(1000, "<b/>") + "'>";
+    std::string error;
+    for (const std::string& hostile :
+         {document(attributes(many), Times(40000, "<b/>")),
+          document(attributes(many) + bees, Times(40, "&e;")),
+          document(attributes(Times(2000, " a CDATA #IMPLIED")), Times(40000, "<b/>")),
+          document(attributes(many + Times(40000, " a1999 CDATA ''")), ""),
+          document(Times(8000, "<!ATTLIST b@ a CDATA ''>"), Times(40000, "<b7999/>")),
+          document("<!ENTITY e '" + Times(10000, "x") + "'>", Times(250, "&e;"))})
+    {
+        EXPECT_EQ(Check(hostile, error), qor::POLICY_TOO_LARGE) << hostile.substr(0, 60) << error;
+        EXPECT_NE(error.find("too long to check"), std::string::npos) << error;
+    }
+    // A usual one of the largest size is no such text.
+    const std::string rule = "<rule id='@' action='allow'><app>com.example.app</app>&e;</rule>\n";
+    EXPECT_EQ(Check(document("<!ATTLIST rule" + Times(12, " a@ CDATA ''") + "><!ENTITY e 'x'>",
+                             Times((31 << 20) / rule.size(), rule)),
+                    error),
+              qor::POLICY_STORED)
+        << error;
 }
 
 // Only what stands behind a bracket is changed: before it, the second judge is known to be lenient.

@@ -1,11 +1,16 @@
 // Says whether a policy text is well-formed XML.
 #include "common/PolicyXml.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <new>
+#include <unordered_map>
 
+// The header shows the limits of entities only to those who say that their library has them.
+#define XML_DTD // NOLINT(cppcoreguidelines-macro-usage)
 #include <expat.h>
 #include <strings.h>
 
@@ -15,6 +20,13 @@ namespace
 {
 
 constexpr std::size_t g_pieceSize = std::size_t{64} * 1024;
+constexpr std::size_t g_largestPiece = std::size_t{256} * 1024;
+
+// A usual document takes far less of each; a hostile one is through these within half a second.
+constexpr std::uint64_t g_maxSteps = 64 << 20; // the parser's, through lists of attributes
+constexpr std::uint64_t g_maxExpansion = 2
+                                         << 20; // of entities, in bytes, and a quarter of the text
+constexpr std::size_t g_maxElementTypes = 4096; // that are counted one by one
 
 // What the parser of this thread holds; it hands nothing of ours to its allocator.
 struct TSMemory
@@ -83,16 +95,112 @@ bool IsUtf16(std::string_view text)
     return begin == "\xff\xfe" || begin == "\xfe\xff" || begin.find('\0') != std::string_view::npos;
 }
 
-// The parser does not look at the version, and is told to take the text as UTF-8 whatever it says.
-void CheckDeclaration(void* pParser, const char* version, const char* encoding, int)
+// One check of one text.
+class TCCheck
 {
-    const bool isOtherVersion = version != nullptr && !IsVersion1(version);
-    const bool isOtherEncoding = encoding != nullptr && strcasecmp(encoding, "UTF-8") != 0;
-    if (isOtherVersion || isOtherEncoding)
+public:
+    explicit TCCheck(std::size_t size)
+        : m_parser(XML_ParserCreate_MM("UTF-8", &g_memoryFunctions, nullptr), XML_ParserFree)
     {
-        XML_StopParser(static_cast<XML_Parser>(pParser), XML_FALSE);
+        if (!m_parser)
+        {
+            throw std::bad_alloc();
+        }
+        XML_SetUserData(m_parser.get(), this);
+        XML_SetXmlDeclHandler(m_parser.get(), m_OnDeclaration);
+        XML_SetAttlistDeclHandler(m_parser.get(), m_OnAttribute);
+        // Those of the document itself: without a handler, external ones are not loaded.
+        XML_SetParamEntityParsing(m_parser.get(), XML_PARAM_ENTITY_PARSING_ALWAYS);
+        // The least factor, from where the text and what it may expand to are together: the usual
+        // limit is a factor alone, from a fixed size on.
+        XML_SetBillionLaughsAttackProtectionMaximumAmplification(m_parser.get(), 1.0F);
+        XML_SetBillionLaughsAttackProtectionActivationThreshold(m_parser.get(),
+                                                                size + size / 4 + g_maxExpansion);
     }
-}
+
+    XML_Parser Parser() const
+    {
+        return m_parser.get();
+    }
+    bool IsTooMuchWork() const
+    {
+        return m_steps > g_maxSteps;
+    }
+
+    bool Parse(std::string_view text)
+    {
+        // In pieces, since the parser copies each of them. It begins an unfinished comment or tag
+        // anew with each piece: the longer that is, the more comes at once.
+        XML_Status status = XML_STATUS_OK;
+        XML_Index given = 0;
+        do
+        {
+            const XML_Index done = std::max(XML_GetCurrentByteIndex(m_parser.get()), XML_Index{0});
+            const auto unfinished = static_cast<std::size_t>(given - done);
+            const std::string_view piece =
+                text.substr(0, std::clamp(unfinished, g_pieceSize, g_largestPiece));
+            text.remove_prefix(piece.size());
+            given += static_cast<XML_Index>(piece.size());
+            status = XML_Parse(m_parser.get(), piece.data(), static_cast<int>(piece.size()),
+                               text.empty() ? XML_TRUE : XML_FALSE);
+        } while (status == XML_STATUS_OK && !text.empty());
+        return status == XML_STATUS_OK;
+    }
+
+private:
+    // The parser does not look at the version, and is told to take the text as UTF-8 whatever it
+    // says.
+    static void m_OnDeclaration(void* pCheck, const char* version, const char* encoding, int)
+    {
+        const bool isOtherVersion = version != nullptr && !IsVersion1(version);
+        const bool isOtherEncoding = encoding != nullptr && strcasecmp(encoding, "UTF-8") != 0;
+        if (isOtherVersion || isOtherEncoding)
+        {
+            XML_StopParser(static_cast<TCCheck*>(pCheck)->m_parser.get(), XML_FALSE);
+        }
+    }
+
+    // The parser goes through all attributes that an element type has declared, for each one that
+    // is declared and for each element of the type.
+    static void m_OnAttribute(void* pCheck, const char* element, const char*, const char*,
+                              const char*, int)
+    {
+        auto* pThis = static_cast<TCCheck*>(pCheck);
+        const bool isFull = pThis->m_declared.size() >= g_maxElementTypes;
+        const std::size_t key = Key(element);
+        pThis->m_others += isFull && pThis->m_declared.count(key) == 0 ? 1 : 0;
+        pThis->m_Count(isFull && pThis->m_declared.count(key) == 0 ? pThis->m_others
+                                                                   : ++pThis->m_declared[key]);
+        XML_SetStartElementHandler(pThis->m_parser.get(), m_OnElement);
+    }
+
+    static void m_OnElement(void* pCheck, const char* element, const char**)
+    {
+        auto* pThis = static_cast<TCCheck*>(pCheck);
+        const auto found = pThis->m_declared.find(Key(element));
+        pThis->m_Count(found == pThis->m_declared.end() ? pThis->m_others : found->second);
+    }
+
+    // Types of one key share their count, which errs to the safe side.
+    static std::size_t Key(std::string_view element)
+    {
+        return std::hash<std::string_view>()(element);
+    }
+
+    void m_Count(std::uint64_t steps)
+    {
+        m_steps += steps;
+        if (IsTooMuchWork())
+        {
+            XML_StopParser(m_parser.get(), XML_FALSE);
+        }
+    }
+
+    std::unique_ptr<XML_ParserStruct, void (*)(XML_Parser)> m_parser;
+    std::unordered_map<std::size_t, std::uint64_t> m_declared; ///< Attributes of element types.
+    std::uint64_t m_others = 0;                                ///< Those of types beyond the limit.
+    std::uint64_t m_steps = 0;
+};
 
 TSXmlPlace Place(XML_Parser pParser, const char* reason)
 {
@@ -118,9 +226,18 @@ qor::EPolicyResult RefuseAt(const TSXmlPlace& place, std::string& error, TSXmlPl
     return qor::POLICY_NOT_WELL_FORMED;
 }
 
-qor::EPolicyResult Refuse(XML_Parser pParser, std::string& error, TSXmlPlace* pPlace)
+qor::EPolicyResult Refuse(const TCCheck& check, std::string& error, TSXmlPlace* pPlace)
 {
-    const XML_Error code = XML_GetErrorCode(pParser);
+    const XML_Error code = XML_GetErrorCode(check.Parser());
+    if (check.IsTooMuchWork() || code == XML_ERROR_AMPLIFICATION_LIMIT_BREACH)
+    {
+        error = check.IsTooMuchWork()
+                    ? "it takes too long to check: too many attributes are declared for elements "
+                      "that stand in it too often"
+                    : "it takes too long to check: its entities expand to too much text (limit on "
+                      "amplification)";
+        return qor::POLICY_TOO_LARGE;
+    }
     if (code == XML_ERROR_NO_MEMORY)
     {
         error = t_memory.m_isOverLimit ? "it nests too deeply, has too many different names, or "
@@ -128,10 +245,11 @@ qor::EPolicyResult Refuse(XML_Parser pParser, std::string& error, TSXmlPlace* pP
                                        : "no memory is left to check it";
         return t_memory.m_isOverLimit ? qor::POLICY_TOO_LARGE : qor::POLICY_NOT_STORED;
     }
-    return RefuseAt(Place(pParser, code == XML_ERROR_ABORTED
-                                       ? "it declares an encoding other than UTF-8, or no XML 1"
-                                       : XML_ErrorString(code)),
-                    error, pPlace);
+    return RefuseAt(
+        Place(check.Parser(), code == XML_ERROR_ABORTED
+                                  ? "it declares an encoding other than UTF-8, or no XML 1"
+                                  : XML_ErrorString(code)),
+        error, pPlace);
 }
 
 } // namespace
@@ -144,26 +262,8 @@ qor::EPolicyResult CheckPolicyXml(std::string_view text, std::string& error, std
         return RefuseAt({1, 1, "it is UTF-16 or binary, not UTF-8"}, error, pPlace);
     }
     t_memory = {0, maxMemory, false};
-    const std::unique_ptr<XML_ParserStruct, void (*)(XML_Parser)> parser(
-        XML_ParserCreate_MM("UTF-8", &g_memoryFunctions, nullptr), XML_ParserFree);
-    if (!parser)
-    {
-        throw std::bad_alloc();
-    }
-    XML_UseParserAsHandlerArg(parser.get());
-    XML_SetXmlDeclHandler(parser.get(), CheckDeclaration);
-    // Those of the document itself: without a handler, external ones are not loaded.
-    XML_SetParamEntityParsing(parser.get(), XML_PARAM_ENTITY_PARSING_ALWAYS);
-    // In pieces, since the parser copies each of them.
-    XML_Status status = XML_STATUS_OK;
-    do
-    {
-        const std::string_view piece = text.substr(0, g_pieceSize);
-        text.remove_prefix(piece.size());
-        status = XML_Parse(parser.get(), piece.data(), static_cast<int>(piece.size()),
-                           text.empty() ? XML_TRUE : XML_FALSE);
-    } while (status == XML_STATUS_OK && !text.empty());
-    return status == XML_STATUS_OK ? qor::POLICY_STORED : Refuse(parser.get(), error, pPlace);
+    TCCheck check(text.size());
+    return check.Parse(text) ? qor::POLICY_STORED : Refuse(check, error, pPlace);
 }
 
 } // namespace tools

@@ -29,11 +29,13 @@ struct TSXmlPlace
 
 /// Whether the text is a well-formed XML document. Policies are UTF-8: a document in another
 /// encoding, or one that says so, is not well-formed here. What a document type names outside the
-/// document is never fetched; entities that multiply without end are refused.
+/// document is never fetched.
 ///
 /// The check keeps no tree. Where it would need more than maxMemory bytes, because elements nest
 /// too deeply, have too many different names, or too much stands in one of them, the text is too
-/// large.
+/// large. So it is where the check would take more than about a second, because entities expand to
+/// too much, or elements for which many attributes are declared stand there too often: that work is
+/// counted, and no time measured, so that the verdict is the same on every machine.
 ///
 /// @param error   where it is not well-formed: line, column and reason
 /// @param pPlace  the same in parts, where wanted; untouched for every other verdict

@@ -59,7 +59,7 @@ std::string Words(const TSOptions& options, const TSOutcome& outcome)
         return "it could not store it; its log says why";
     case qor::POLICY_TOO_LARGE:
         return "its " + std::to_string(outcome.m_size) +
-               " bytes, or the depth of its elements, are more than the service accepts";
+               " bytes, or the work to check them, are more than the service accepts";
     case qor::POLICY_STATE_UNKNOWN:
         return "its disk failed half-way, and which policy is in force is not known; "
                "set it again, or look with qorctl get-policy";

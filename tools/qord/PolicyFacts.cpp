@@ -15,7 +15,6 @@
 #include <qor/ICallbacks.h>
 
 #include "common/Events.h"
-#include "common/PolicyXml.h"
 #include "common/Text.h"
 #include "qord/Dictionary.h"
 
@@ -195,18 +194,9 @@ const TCPolicyFacts::TSInForce& TCPolicyFacts::m_Look()
         m_inForce.m_isThere = true;
         m_inForce.m_file = policies.back().m_status;
         m_inForce.m_entry = m_handler.History().Find(m_handler.Store(), policies.back());
-        m_inForce.m_isGood = m_IsGood(m_inForce.m_entry.m_sha256);
+        m_inForce.m_isGood = m_handler.IsGood(m_inForce.m_entry.m_sha256);
     }
     return m_inForce;
-}
-
-bool TCPolicyFacts::m_IsGood(const std::string& sha256) const
-{
-    std::string policy;
-    std::string error;
-    return m_handler.IsKnownGood(sha256) ||
-           (m_handler.Store().Read(0, policy, m_handler.MaxPolicySize(), error) &&
-            tools::CheckPolicyXml(policy, error, tools::POLICY_CHECK_MEMORY) == qor::POLICY_STORED);
 }
 
 const std::string& TCPolicyFacts::HashInForce()

@@ -56,7 +56,6 @@ private:
     };
 
     const TSInForce& m_Look();
-    bool m_IsGood(const std::string& sha256) const;
     GVariant* m_MayChange() const;
     std::vector<std::string> m_Problems(bool isDetailed, qor::TCDbusServer& server);
     std::string m_Suspended(bool isDetailed, qor::TCDbusServer& server);

@@ -1,6 +1,7 @@
 // Answers the requests that carry a new policy.
 #include "qord/PolicyHandler.h"
 
+#include <algorithm>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -11,6 +12,12 @@
 
 namespace qord
 {
+namespace
+{
+
+constexpr std::size_t MAX_GOOD = 64;
+
+} // namespace
 
 // One request, and the line about it.
 class TCPolicyHandler::TCAttempt
@@ -135,8 +142,8 @@ void TCPolicyHandler::Open()
     {
         ReportError("beside the policy, not all is well: %s", warning.c_str());
     }
-    m_CheckInForce();
     m_history.Load(m_store);
+    m_CheckInForce();
 }
 
 void TCPolicyHandler::LookAtForeignPolicy()
@@ -159,10 +166,9 @@ std::string TCPolicyHandler::m_CheckInForce()
     const bool isRead = m_store.Read(0, policy, m_maxPolicySize, error);
     std::string hash = isRead ? tools::Sha256(policy) : "";
     m_hasSeenPolicy = m_hasSeenPolicy || isRead;
-    if (isRead &&
-        tools::CheckPolicyXml(policy, error, tools::POLICY_CHECK_MEMORY) == qor::POLICY_STORED)
+    if (isRead)
     {
-        m_knownGood = hash;
+        m_Check(policy, hash, error);
     }
     if (!error.empty())
     {
@@ -235,6 +241,39 @@ int TCPolicyHandler::m_Decide(const TCAttempt& attempt, const std::optional<std:
     return result;
 }
 
+bool TCPolicyHandler::IsGood(const std::string& sha256)
+{
+    std::string policy;
+    std::string error;
+    return m_IsKnownGood(sha256) ||
+           (m_store.Read(0, policy, m_maxPolicySize, error) &&
+            m_Check(policy, tools::Sha256(policy), error) == qor::POLICY_STORED);
+}
+
+// Only what was checked has ever been stored.
+bool TCPolicyHandler::m_IsKnownGood(const std::string& sha256) const
+{
+    return std::find(m_good.begin(), m_good.end(), sha256) != m_good.end() ||
+           m_history.HasStored(sha256);
+}
+
+qor::EPolicyResult TCPolicyHandler::m_Check(std::string_view policy, const std::string& sha256,
+                                            std::string& error)
+{
+    if (m_IsKnownGood(sha256))
+    {
+        return qor::POLICY_STORED;
+    }
+    const qor::EPolicyResult verdict =
+        tools::CheckPolicyXml(policy, error, tools::POLICY_CHECK_MEMORY);
+    if (verdict == qor::POLICY_STORED)
+    {
+        m_good.push_back(sha256);
+        m_good.size() > MAX_GOOD ? m_good.pop_front() : void();
+    }
+    return verdict;
+}
+
 int TCPolicyHandler::m_CheckAndStore(const TCAttempt& attempt)
 {
     if (attempt.Policy().size() > m_maxPolicySize)
@@ -244,8 +283,7 @@ int TCPolicyHandler::m_CheckAndStore(const TCAttempt& attempt)
         return qor::POLICY_TOO_LARGE;
     }
     std::string error;
-    const qor::EPolicyResult verdict =
-        tools::CheckPolicyXml(attempt.Policy(), error, tools::POLICY_CHECK_MEMORY);
+    const qor::EPolicyResult verdict = m_Check(attempt.Policy(), attempt.Hash(), error);
     if (verdict != qor::POLICY_STORED)
     {
         attempt.Report(verdict, (verdict == qor::POLICY_NOT_WELL_FORMED ? "is not well-formed: "
@@ -270,7 +308,6 @@ int TCPolicyHandler::m_Store(const TCAttempt& attempt)
                                              outcome.m_words);
         return outcome.m_result;
     }
-    m_knownGood = attempt.Hash();
     m_hasSeenPolicy = true;
     attempt.Report(outcome.m_result, outcome.m_wasInForce ? "is in force already" : "is stored");
     if (!outcome.m_words.empty())

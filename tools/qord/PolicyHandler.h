@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -70,12 +71,9 @@ public:
     /// The hash of the policy in force; empty where there is none.
     std::string HashInForce();
 
-    /// Whether the text of that hash has been checked and found good, as the last one that was
-    /// stored or found at the start.
-    bool IsKnownGood(const std::string& sha256) const
-    {
-        return !sha256.empty() && sha256 == m_knownGood;
-    }
+    /// Whether the policy in force, of that hash, is well-formed. It is read and checked where its
+    /// text has not been found good before, also by a service before this one.
+    bool IsGood(const std::string& sha256);
 
     /// Whether there was a policy since the start that could be read.
     bool HasSeenPolicy() const
@@ -116,6 +114,9 @@ private:
     class TCAttempt;
 
     std::string m_CheckInForce();
+    bool m_IsKnownGood(const std::string& sha256) const;
+    qor::EPolicyResult m_Check(std::string_view policy, const std::string& sha256,
+                               std::string& error);
     int m_Decide(const TCAttempt& attempt, const std::optional<std::string>& ifMatch);
     int m_CheckAndStore(const TCAttempt& attempt);
     int m_Store(const TCAttempt& attempt);
@@ -123,7 +124,7 @@ private:
     TCPolicyStore m_store;
     TCPolicyHistory m_history;
     std::size_t m_maxPolicySize;
-    std::string m_knownGood;
+    std::deque<std::string> m_good; ///< Hashes of texts that were found good; the latest ones.
     bool m_hasSeenPolicy = false;
     std::string m_notStored;
     std::uint64_t m_stored = 0;

@@ -112,6 +112,14 @@ TCPolicyHistory::TSEntry TCPolicyHistory::Find(const TCPolicyStore& store,
     return record.m_entry;
 }
 
+// What somebody else has put there has no setter.
+bool TCPolicyHistory::HasStored(const std::string& sha256) const
+{
+    return std::any_of(m_records.begin(), m_records.end(),
+                       [&sha256](const TSRecord& record)
+                       { return record.m_entry.m_setter && record.m_entry.m_sha256 == sha256; });
+}
+
 TCPolicyHistory::TSRecord TCPolicyHistory::m_RecordOf(const struct stat& file)
 {
     TSRecord record;

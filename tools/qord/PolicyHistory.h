@@ -39,6 +39,10 @@ public:
     void Remember(const TCPolicyStore& store, const struct stat& file, const std::string& sha256,
                   const std::optional<TSSender>& setter);
 
+    /// Whether a policy of that hash was stored by this service or one before it, and is still
+    /// there.
+    bool HasStored(const std::string& sha256) const;
+
     /// What is known of one file; reads it for its hash where that is not.
     TSEntry Find(const TCPolicyStore& store, const TSStoredPolicy& policy);
 
