@@ -74,9 +74,11 @@ bool Answers(const qor::TByteArray& reply, const qor::TByteArray& request, std::
 int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t size)
 {
     static const TCDirectory directory;
-    static qord::TCPolicyHandler handler(qord::TCPolicyStore(directory.File()), g_maxPolicySize);
+    static qord::TCUserDatabase users;
+    static qord::TCPolicyHandler handler(qord::TCPolicyStore(directory.File()), g_maxPolicySize,
+                                         users);
     qord::TSAsker asker;
-    asker.m_mayChange = true;
+    asker.m_permission = qord::EPermission::GRANTED;
     const qor::TByteArray request = qorfuzz::Bytes(pData, size);
     const std::string before = ReadFile(directory.File());
 

@@ -25,7 +25,8 @@ constexpr char ERROR_STATE_UNKNOWN[] = "com.norvane.qor.Error.StateUnknown";
 constexpr char ERROR_CHANGED[] = "com.norvane.qor.Error.Changed";
 /// None is in force, or none of that number is kept.
 constexpr char ERROR_NO_SUCH_POLICY[] = "com.norvane.qor.Error.NoSuchPolicy";
-/// It is there, but cannot be read or does not fit into a message.
+/// It is there, but cannot be read or does not fit into a message; or it is not known just now
+/// whether the caller may read it.
 constexpr char ERROR_NOT_READ[] = "com.norvane.qor.Error.NotRead";
 /// It is not UTF-8, which a D-Bus string must be; its bytes can be had.
 constexpr char ERROR_NOT_TEXT[] = "com.norvane.qor.Error.NotText";

@@ -58,6 +58,72 @@ TEST_F(Fault, TheLargestPolicyTakesLessThanFourTimesItsSize)
     }
 }
 
+// The mounts are the service's own and end with it.
+TEST_F(Fault, FullAndReadOnlyFileSystemsKeepTheOldPolicy)
+{
+    const std::string mountPoint = m_directory.Path();
+    auto qord = StartTool("unshare", {"--mount", "sh", "-c",
+                                      "mount -t tmpfs -o size=128k none " + mountPoint +
+                                          " && exec '" QORD "' --policy " + m_policyFile});
+    if (!qord->WaitForOut("ready"))
+    {
+        GTEST_SKIP() << "mounting takes privileges: " << qord->Err();
+    }
+    const std::string pid = std::to_string(qord->Pid()), seen = "/proc/" + pid + "/root";
+    const auto remount = [&](const std::string& how)
+    {
+        const std::string options = "remount," + how;
+        RunTool("nsenter", {"--mount", "--target", pid, "mount", "-o", options, mountPoint});
+    };
+    const std::string old = "<a>" + std::string(100000, 'x') + "</a>";
+    ExpectResult(qor::POLICY_STORED, old);
+    ExpectResult(qor::POLICY_NOT_STORED, old + "<!-- does not fit beside the old one -->");
+    remount("ro");
+    ExpectResult(qor::POLICY_NOT_STORED, "<c/>");
+    EXPECT_EQ(ReadFile(seen + m_policyFile), old);
+    remount("rw");
+    ExpectResult(qor::POLICY_STORED, "<c/>");
+    EXPECT_EQ(ReadFile(seen + m_policyFile), "<c/>");
+}
+
+TEST_F(Fault, AUserDatabaseThatHangsHoldsUpNobodyAndRefusesNobody)
+{
+    if (IS_SANITIZED || geteuid() != 0)
+    {
+        GTEST_SKIP() << "a sanitizer wants to be loaded first, and only root acts as another user";
+    }
+    const std::string hang = m_directory.Path("hang");
+    ChildProcess::Options options;
+    options.environment = {{"LD_PRELOAD", HANGING_USERS}, {"QOR_TEST_USERS", m_directory.Path()}};
+    WriteFile(hang, "");
+    auto qord =
+        StartTool(QORD, {"--policy", m_policyFile, "--restrict-reading", "--keep", "0"}, options);
+    ASSERT_TRUE(qord->WaitForOut("qord: event policy-update: 0 delivered")) << qord->Err();
+    std::unique_ptr<RawPeer> other;
+    AsUser(2, [&] { other = std::make_unique<RawPeer>(); });
+    const auto read = [&]
+    {
+        return other->CallMethod("com.norvane.qor.Policy1", "GetPolicy", g_variant_new("(t)", 0UL))
+            .errorName;
+    };
+    const auto start = Clock::now();
+    ExpectResult(qor::POLICY_STORED, "<a/>");
+    for (int i = 0; i < 20; ++i)
+    {
+        EXPECT_EQ(SendPolicy(*other, "<b/>"), qor::POLICY_NOT_STORED);
+        EXPECT_EQ(read(), "com.norvane.qor.Error.NotRead");
+    }
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
+    EXPECT_NE(qord->Out().find("; user 0, process "), std::string::npos) << qord->Out();
+    EXPECT_NE(qord->Err().find("try again (user 2, process"), std::string::npos) << qord->Err();
+    fs::remove(hang);
+    EXPECT_TRUE(WaitUntil([&] { return SendPolicy(*other, "<b/>") == qor::POLICY_NOT_PERMITTED; }));
+    EXPECT_EQ(read(), "com.norvane.qor.Error.NotPermitted");
+    WriteFile(hang, "");
+    EXPECT_EQ(SendPolicy(*other, "<b/>"), qor::POLICY_NOT_PERMITTED); // as was known last
+    EndCleanly(*qord);
+}
+
 static nlohmann::json Status()
 {
     return nlohmann::json::parse(Qorctl({"status", "--json"}).out);

@@ -18,21 +18,23 @@ TEST(Permission, RootTheServicesUserAndGroupsMayChange)
 {
     qord::TSPermissionRules rules;
     rules.m_groups = {"no-such-group", "daemon"};
-    const qord::TCPermission permission(rules);
+    qord::TCUserDatabase users;
+    const qord::TCPermission permission(rules, users);
+    constexpr auto YES = qord::EPermission::GRANTED;
     qor::TSPeer peer;
     peer.m_isKnown = true;
-    EXPECT_TRUE(permission.MayChange(peer));
+    EXPECT_EQ(permission.MayChange(peer), YES);
     peer.m_userId = geteuid() + 12345;
-    EXPECT_FALSE(permission.MayChange(peer));
+    EXPECT_EQ(permission.MayChange(peer), qord::EPermission::REFUSED);
     peer.m_userId = getpwnam("daemon")->pw_uid; // whose groups the bus may leave out
-    EXPECT_TRUE(permission.MayChange(peer));
+    EXPECT_EQ(permission.MayChange(peer), YES);
     peer.m_hasGroups = true;
-    EXPECT_FALSE(permission.MayChange(peer));
+    EXPECT_EQ(permission.MayChange(peer), qord::EPermission::REFUSED);
     peer.m_groupIds = {99999, getgrnam("daemon")->gr_gid};
-    EXPECT_TRUE(permission.MayChange(peer));
+    EXPECT_EQ(permission.MayChange(peer), YES);
     peer.m_groupIds.clear();
     rules.m_everyone = true;
-    EXPECT_TRUE(qord::TCPermission(rules).MayChange(peer));
+    EXPECT_EQ(qord::TCPermission(rules, users).MayChange(peer), YES);
     peer.m_isKnown = false;
-    EXPECT_FALSE(qord::TCPermission(rules).MayChange(peer));
+    EXPECT_EQ(qord::TCPermission(rules, users).MayChange(peer), qord::EPermission::UNKNOWN);
 }

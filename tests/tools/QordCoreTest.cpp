@@ -1,6 +1,9 @@
-// What the service is made of: the check of XML.
+// What the service is made of: its questions to the user database, its lines about refusals, the
+// check of XML.
 #include <dlfcn.h>
+#include <grp.h>
 
+#include <chrono>
 #include <random>
 
 #include <expat.h>
@@ -33,22 +36,79 @@ static int Check(const std::string& text, std::string& error, std::size_t memory
     return tools::CheckPolicyXml(text, error, memory);
 }
 
+TEST(UserDatabase, NobodyWaitsForOneThatHangs)
+{
+    const qortest::TemporaryDirectory directory;
+    setenv("QOR_TEST_USERS", directory.Path().c_str(), 1);
+    const std::string hang = directory.Path("hang");
+    qor::TSPeer peer;
+    peer.m_isKnown = peer.m_hasGroups = true;
+    peer.m_userId = geteuid() + 12345;
+    peer.m_groupIds = {getgrnam("daemon")->gr_gid};
+    qord::TSPermissionRules rules;
+    rules.m_groups = {"made-later", "late"};
+    const auto start = std::chrono::steady_clock::now();
+    auto users = std::make_unique<qord::TCUserDatabase>();
+    {
+        const qord::TCPermission permission(rules, *users);
+        EXPECT_EQ(permission.MayChange(peer), qord::EPermission::REFUSED);
+        EXPECT_EQ(permission.MissingGroups(), rules.m_groups);
+        qortest::WriteFile(directory.Path("made-later"), ""); // an answer is not kept for long
+        EXPECT_EQ(permission.MayChange(peer), qord::EPermission::GRANTED);
+        EXPECT_EQ(users->UserName(0), "root");
+        qortest::WriteFile(hang, "");
+        EXPECT_EQ(users->NameOrNumber(peer.m_userId), std::to_string(peer.m_userId));
+        for (uid_t id = 1000; id < 3000; ++id) // and not for each of many
+        {
+            EXPECT_EQ(users->UserName(id), std::nullopt);
+        }
+        EXPECT_EQ(permission.MayChange(peer), qord::EPermission::GRANTED); // as was known last
+        EXPECT_EQ(users->UserName(0), "root");
+        peer.m_hasGroups = false;
+        EXPECT_EQ(permission.MayChange(peer), qord::EPermission::UNKNOWN);
+        boost::filesystem::remove(hang);
+        EXPECT_TRUE(qortest::WaitUntil(
+            [&] { return permission.MayChange(peer) == qord::EPermission::REFUSED; }));
+        EXPECT_EQ(users->UserName(peer.m_userId), std::to_string(peer.m_userId));
+        qortest::WriteFile(hang, "");
+        EXPECT_EQ(users->UserName(2999), std::nullopt); // there were too many questions before it
+        boost::filesystem::remove(hang);
+        EXPECT_TRUE(qortest::WaitUntil([&] { return users->UserName(2999).has_value(); }));
+        for (uid_t id = 1000; id < 1300; ++id) // more answers than are kept
+        {
+            EXPECT_TRUE(users->UserName(id));
+        }
+        qortest::WriteFile(hang, "");
+        EXPECT_EQ(users->UserName(1000), std::nullopt);
+        EXPECT_EQ(users->UserName(1299), "1299");
+    }
+    users.reset(); // which leaves the question behind
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    boost::filesystem::remove(hang);
+}
+
 // A slow bus is no reason to tell root that it may not; and nobody's text is worth hashing who may
 // not set it.
 TEST(PolicyHandler, AsksWhoSendsBeforeItLooksAtTheText)
 {
     const qortest::TemporaryDirectory directory;
-    qord::TCPolicyHandler handler(qord::TCPolicyStore(directory.Path("policy.xml")), 100);
+    qord::TCUserDatabase users;
+    qord::TCPolicyHandler handler(qord::TCPolicyStore(directory.Path("policy.xml")), 100, users);
     handler.Open();
     qord::TSAsker asker;
     auto verdict = handler.Set("<a/>", asker, std::nullopt);
     EXPECT_EQ(verdict.m_result, qor::POLICY_NOT_STORED);
     EXPECT_NE(verdict.m_words.find("try again"), std::string::npos);
     asker.m_peer.m_isKnown = true;
+    asker.m_permission = qord::EPermission::UNKNOWN; // nor is a slow user database
+    verdict = handler.Set("<a/>", asker, std::nullopt);
+    EXPECT_EQ(verdict.m_result, qor::POLICY_NOT_STORED);
+    EXPECT_NE(verdict.m_words.find("database has not told"), std::string::npos);
+    asker.m_permission = qord::EPermission::REFUSED;
     verdict = handler.Set("<a/>", asker, std::nullopt);
     EXPECT_EQ(verdict.m_result, qor::POLICY_NOT_PERMITTED);
     EXPECT_EQ(verdict.m_sha256, "");
-    asker.m_mayChange = true;
+    asker.m_permission = qord::EPermission::GRANTED;
     EXPECT_EQ(handler.Set("<a/>", asker, "").m_result, qor::POLICY_STORED);
     EXPECT_EQ(handler.HashInForce(), handler.Set("<a/>", asker, std::nullopt).m_sha256);
 }
@@ -58,13 +118,15 @@ TEST(PolicyHandler, ChecksNoTextTwice)
 {
     const qortest::TemporaryDirectory directory;
     const std::string file = directory.Path("policy.xml");
+    qord::TCUserDatabase users;
     qord::TSAsker asker;
     asker.m_peer.m_isKnown = true;
-    asker.m_mayChange = true;
+    asker.m_permission = qord::EPermission::GRANTED;
     g_checks = 0;
     const auto open = [&](int checks)
     {
-        auto handler = std::make_unique<qord::TCPolicyHandler>(qord::TCPolicyStore(file), 100);
+        auto handler =
+            std::make_unique<qord::TCPolicyHandler>(qord::TCPolicyStore(file), 100, users);
         handler->Open();
         EXPECT_EQ(handler->IsGood(handler->HashInForce()), qortest::ReadFile(file) != "<c>");
         EXPECT_EQ(g_checks, checks);

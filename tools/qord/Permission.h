@@ -7,6 +7,8 @@
 
 #include <qor/IDbusService.h>
 
+#include "qord/UserDatabase.h"
+
 namespace qord
 {
 
@@ -18,20 +20,29 @@ struct TSPermissionRules
     bool m_restrictReading = false;    ///< Only those who may change the policy may read it.
 };
 
-/// Root and the service's own user always may.
+enum class EPermission
+{
+    REFUSED,
+    GRANTED,
+    UNKNOWN ///< Just now: the bus or the user database does not answer.
+};
+
+/// Root and the service's own user always may. Groups are looked up each time: one may be made
+/// while the service runs.
 class TCPermission
 {
 public:
-    explicit TCPermission(TSPermissionRules rules);
+    TCPermission(TSPermissionRules rules, TCUserDatabase& users);
 
-    /// Who is not known may not. Where the bus does not tell groups, the user database is asked.
-    bool MayChange(const qor::TSPeer& peer) const;
+    /// Where the bus does not tell groups, the user database is asked.
+    EPermission MayChange(const qor::TSPeer& peer) const;
 
     /// Those of the groups that somebody has asked for and that do not exist just now.
     std::vector<std::string> MissingGroups() const;
 
 private:
     TSPermissionRules m_rules;
+    TCUserDatabase& m_users;
 };
 
 } // namespace qord

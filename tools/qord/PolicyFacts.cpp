@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <ctime>
 #include <functional>
@@ -22,6 +23,8 @@ namespace qord
 {
 namespace
 {
+
+using TClock = std::chrono::steady_clock;
 
 // So many users are told of.
 constexpr std::size_t MAX_USERS = 16;
@@ -45,7 +48,7 @@ GVariant* Setter(const std::optional<TSSender>& setter)
     if (setter)
     {
         about.Add("user-id", g_variant_new_uint32(setter->m_userId));
-        about.Add("user", setter->m_userName);
+        about.Add("user", UserOf(*setter));
         about.Add("process-id", g_variant_new_int32(setter->m_processId));
         about.Add("program", setter->m_program);
     }
@@ -95,7 +98,7 @@ GVariant* ByUser(const std::map<unsigned int, std::size_t>& clients)
 }
 
 GVariant* Client(const qor::TCDbusServer::TSClientInfo& client, bool isListening,
-                 TSApplication& application, const std::string& policy)
+                 const TSApplication& application, const std::string& policy)
 {
     TCDictionary about;
     about.Add("name", client.m_name);
@@ -111,10 +114,9 @@ GVariant* Client(const qor::TCDbusServer::TSClientInfo& client, bool isListening
     }
     if (application.m_isKnown)
     {
-        TSSender& sender = application.m_sender;
-        AskForUserName(sender);
+        const TSSender& sender = application.m_sender;
         about.Add("user-id", g_variant_new_uint32(sender.m_userId));
-        about.Add("user", sender.m_userName);
+        about.Add("user", UserOf(sender));
         about.Add("process-id", g_variant_new_int32(sender.m_processId));
         about.Add("program", sender.m_program);
     }
@@ -168,11 +170,12 @@ GVariant* NotHeard(const std::vector<TSMissed>& missed)
 }
 
 TCPolicyFacts::TCPolicyFacts(const TSOptions& options, TCPolicyHandler& handler, TCEvents& events,
-                             const TCPermission& permission)
+                             const TCPermission& permission, TCUserDatabase& users)
     : m_options(options),
       m_handler(handler),
       m_events(events),
       m_permission(permission),
+      m_users(users),
       m_policyFile(boost::filesystem::absolute(options.m_policyFile).string()),
       m_upSince(std::time(nullptr))
 {
@@ -223,8 +226,8 @@ GVariant* TCPolicyFacts::Property(const std::string& name, bool mayRead, qor::TC
         {"Version", [](TCPolicyFacts&, TServer&) { return g_variant_new_string(QOR_VERSION); }},
         {"ProcessId", [](TCPolicyFacts&, TServer&)
          { return g_variant_new_uint32(static_cast<guint32>(getpid())); }},
-        {"User", [](TCPolicyFacts&, TServer&)
-         { return g_variant_new_string(tools::UserName(geteuid()).c_str()); }},
+        {"User", [](TCPolicyFacts& facts, TServer&)
+         { return g_variant_new_string(facts.m_users.NameOrNumber(geteuid()).c_str()); }},
         {"UpSince", [](TCPolicyFacts& facts, TServer&)
          { return g_variant_new_uint64(static_cast<guint64>(facts.m_upSince)); }},
         {"MayChange", [](TCPolicyFacts& facts, TServer&) { return facts.m_MayChange(); }},
@@ -278,10 +281,10 @@ GVariant* TCPolicyFacts::Property(const std::string& name, bool mayRead, qor::TC
 
 GVariant* TCPolicyFacts::m_MayChange() const
 {
-    std::vector<std::string> users = {tools::UserName(0)};
+    std::vector<std::string> users = {m_users.NameOrNumber(0)};
     if (geteuid() != 0)
     {
-        users.push_back(tools::UserName(geteuid()));
+        users.push_back(m_users.NameOrNumber(geteuid()));
     }
     TCDictionary about;
     about.Add("everyone", g_variant_new_boolean(m_options.m_permission.m_everyone));
@@ -375,6 +378,7 @@ GVariant* TCPolicyFacts::Clients(const TSAsker& asker, qor::TCDbusServer& server
 {
     const std::string policy = MarkOfPolicyInForce(m_handler.Store());
     const TApplications& applications = m_events.Applications(server);
+    const auto end = TClock::now() + TCUserDatabase::PATIENCE; // for all names together
     GVariantBuilder builder;
     g_variant_builder_init(&builder, G_VARIANT_TYPE("aa{sv}"));
     for (const auto& client : server.Clients())
@@ -382,8 +386,10 @@ GVariant* TCPolicyFacts::Clients(const TSAsker& asker, qor::TCDbusServer& server
         const auto found = applications.find(client.m_name);
         if (found != applications.end() && MaySee(asker, *found->second))
         {
-            g_variant_builder_add_value(&builder, Client(client, IsListening(server, client.m_name),
-                                                         *found->second, policy));
+            AskForUserName(found->second->m_sender, m_users,
+                           std::chrono::duration_cast<TCUserDatabase::TPatience>(
+                               std::max(end - TClock::now(), TClock::duration::zero())));
+            g_variant_builder_add_value(&builder, Client(client, IsListening(server, client.m_name), *found->second, policy));
         }
     }
     return g_variant_builder_end(&builder);

@@ -24,7 +24,7 @@ class TCPolicyFacts
 {
 public:
     TCPolicyFacts(const TSOptions& options, TCPolicyHandler& handler, TCEvents& events,
-                  const TCPermission& permission);
+                  const TCPermission& permission, TCUserDatabase& users);
 
     /// One of the interface's properties.
     ///
@@ -64,6 +64,7 @@ private:
     TCPolicyHandler& m_handler;
     TCEvents& m_events;
     const TCPermission& m_permission;
+    TCUserDatabase& m_users;
     std::string m_policyFile; ///< Absolute: whoever is told has another working directory.
     std::int64_t m_upSince;
     TSInForce m_inForce;

@@ -23,28 +23,34 @@ constexpr std::size_t MAX_GOOD = 64;
 class TCPolicyHandler::TCAttempt
 {
 public:
-    TCAttempt(const qor::TByteArray& request, const TSAsker& asker)
-        : m_asker(asker),
-          m_sender(m_Find(asker.m_peer)),
+    TCAttempt(TCPolicyHandler& handler, const qor::TByteArray& request, const TSAsker& asker)
+        : m_handler(handler),
+          m_asker(asker),
+          m_sender(m_Find()),
           m_size(request.size()),
           m_isPolicy(qor::ReadPolicyRequest(request, m_policy, m_error) ==
                      qor::EPolicyRequest::GOOD),
-          m_sha256(m_isPolicy && asker.m_mayChange ? tools::Sha256(m_policy) : "")
+          m_sha256(m_isPolicy && IsPermitted() ? tools::Sha256(m_policy) : "")
     {
     }
-    TCAttempt(std::string_view policy, const TSAsker& asker)
-        : m_asker(asker),
-          m_sender(m_Find(asker.m_peer)),
+    TCAttempt(TCPolicyHandler& handler, std::string_view policy, const TSAsker& asker)
+        : m_handler(handler),
+          m_asker(asker),
+          m_sender(m_Find()),
           m_size(policy.size()),
           m_policy(policy),
           m_isPolicy(true),
-          m_sha256(asker.m_mayChange ? tools::Sha256(policy) : "")
+          m_sha256(IsPermitted() ? tools::Sha256(policy) : "")
     {
     }
 
     bool IsPermitted() const
     {
-        return m_asker.m_mayChange;
+        return m_asker.m_permission == EPermission::GRANTED;
+    }
+    bool IsRefused() const
+    {
+        return m_asker.m_permission == EPermission::REFUSED;
     }
     const std::optional<TSSender>& Sender() const
     {
@@ -89,14 +95,14 @@ public:
     }
 
 private:
-    static std::optional<TSSender> m_Find(const qor::TSPeer& peer)
+    std::optional<TSSender> m_Find() const
     {
-        if (!peer.m_isKnown)
+        if (!m_asker.m_peer.m_isKnown)
         {
             return std::nullopt;
         }
-        TSSender sender = SenderOf(peer);
-        AskForUserName(sender);
+        TSSender sender = SenderOf(m_asker.m_peer);
+        AskForUserName(sender, m_handler.m_users);
         return sender;
     }
 
@@ -115,6 +121,7 @@ private:
         return fields;
     }
 
+    TCPolicyHandler& m_handler;
     const TSAsker& m_asker;
     std::optional<TSSender> m_sender; ///< Nothing where the bus has not told.
     std::size_t m_size;
@@ -125,8 +132,9 @@ private:
     mutable std::string m_words;
 };
 
-TCPolicyHandler::TCPolicyHandler(TCPolicyStore store, std::size_t maxPolicySize)
-    : m_store(std::move(store)), m_maxPolicySize(maxPolicySize)
+TCPolicyHandler::TCPolicyHandler(TCPolicyStore store, std::size_t maxPolicySize,
+                                 TCUserDatabase& users)
+    : m_store(std::move(store)), m_maxPolicySize(maxPolicySize), m_users(users)
 {
 }
 
@@ -180,7 +188,7 @@ std::string TCPolicyHandler::m_CheckInForce()
 bool TCPolicyHandler::Handle(const qor::TByteArray& request, const TSAsker& asker,
                              qor::TByteArray& reply, int& result)
 {
-    const TCAttempt attempt(request, asker);
+    const TCAttempt attempt(*this, request, asker);
     if (attempt.IsPermitted() && !attempt.IsPolicy())
     {
         attempt.Report(-1, "is not a policy: " + attempt.Error());
@@ -195,7 +203,7 @@ bool TCPolicyHandler::Handle(const qor::TByteArray& request, const TSAsker& aske
 TSVerdict TCPolicyHandler::Set(std::string_view policy, const TSAsker& asker,
                                const std::optional<std::string>& ifMatch)
 {
-    const TCAttempt attempt(policy, asker);
+    const TCAttempt attempt(*this, policy, asker);
     TSVerdict verdict;
     verdict.m_result = m_Decide(attempt, ifMatch);
     verdict.m_sha256 = attempt.Hash();
@@ -222,7 +230,13 @@ int TCPolicyHandler::m_Decide(const TCAttempt& attempt, const std::optional<std:
         result = qor::POLICY_NOT_STORED; // it may be one who may
         attempt.Report(result, "is not stored: the bus has not told who sends it; try again");
     }
-    else if (!attempt.IsPermitted())
+    else if (!attempt.IsPermitted() && !attempt.IsRefused())
+    {
+        result = qor::POLICY_NOT_STORED;
+        attempt.Report(result, "is not stored: the user database has not told whether its sender "
+                               "may change the policy; try again");
+    }
+    else if (attempt.IsRefused())
     {
         result = qor::POLICY_NOT_PERMITTED;
         attempt.Report(result, "is refused: its sender may not change the policy");

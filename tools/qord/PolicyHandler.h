@@ -13,9 +13,11 @@
 #include <qor/PolicyMessage.h>
 #include <qor/Types.h>
 
+#include "qord/Permission.h"
 #include "qord/PolicyHistory.h"
 #include "qord/PolicyStore.h"
 #include "qord/Sender.h"
+#include "qord/UserDatabase.h"
 
 namespace qord
 {
@@ -24,7 +26,7 @@ namespace qord
 struct TSAsker
 {
     qor::TSPeer m_peer;
-    bool m_mayChange = false; ///< The policy.
+    EPermission m_permission = EPermission::REFUSED; ///< To change the policy.
 };
 
 /// What has come of a policy.
@@ -46,7 +48,7 @@ constexpr int POLICY_CHANGED = 6;
 class TCPolicyHandler
 {
 public:
-    TCPolicyHandler(TCPolicyStore store, std::size_t maxPolicySize);
+    TCPolicyHandler(TCPolicyStore store, std::size_t maxPolicySize, TCUserDatabase& users);
 
     /// Makes the policy's place ready and says what is wrong there, also with the policy itself.
     ///
@@ -124,6 +126,7 @@ private:
     TCPolicyStore m_store;
     TCPolicyHistory m_history;
     std::size_t m_maxPolicySize;
+    TCUserDatabase& m_users;
     std::deque<std::string> m_good; ///< Hashes of texts that were found good; the latest ones.
     bool m_hasSeenPolicy = false;
     std::string m_notStored;

@@ -122,21 +122,37 @@ void TCPolicyInterface::m_Answer(GDBusMethodInvocation* pInvocation)
     {
         m_Restore(pInvocation, m_service.m_asker());
     }
-    else if (m_service.m_mayRead())
+    else
     {
         m_AnswerRead(pInvocation, method);
     }
-    else
+}
+
+bool TCPolicyInterface::m_MayRead(GDBusMethodInvocation* pInvocation) const
+{
+    const EPermission permission = m_service.m_mayRead();
+    if (permission == EPermission::REFUSED)
     {
         ReturnError(pInvocation, qor::ERROR_NOT_PERMITTED,
                     "only those who may change the policy may read that");
     }
+    else if (permission == EPermission::UNKNOWN)
+    {
+        ReturnError(pInvocation, qor::ERROR_NOT_READ,
+                    "the bus or the user database has not told whether the caller may read that; "
+                    "try again");
+    }
+    return permission == EPermission::GRANTED;
 }
 
 void TCPolicyInterface::m_AnswerRead(GDBusMethodInvocation* pInvocation, const std::string& method)
 {
     GVariant* pValue = nullptr;
     std::string policy;
+    if (!m_MayRead(pInvocation))
+    {
+        return;
+    }
     if (method == "ListPolicies")
     {
         pValue = m_facts.Policies();
@@ -244,7 +260,7 @@ void TCPolicyInterface::m_Restore(GDBusMethodInvocation* pInvocation, const TSAs
 {
     TSOptions options;
     std::string policy;
-    if (asker.m_peer.m_isKnown && !asker.m_mayChange)
+    if (asker.m_permission == EPermission::REFUSED)
     {
         ReturnError(pInvocation, qor::ERROR_NOT_PERMITTED, "the sender may not change the policy");
     }
@@ -283,8 +299,10 @@ GVariant* TCPolicyInterface::m_ReadProperty(const std::string& name) noexcept
 {
     try
     {
-        return m_service.m_isReady() ? m_facts.Property(name, m_service.m_mayRead(), *m_pServer)
-                                     : nullptr;
+        return m_service.m_isReady()
+                   ? m_facts.Property(name, m_service.m_mayRead() == EPermission::GRANTED,
+                                      *m_pServer)
+                   : nullptr;
     }
     catch (const std::exception& exception)
     {

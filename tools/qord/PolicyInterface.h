@@ -27,8 +27,8 @@ public:
     /// What the service adds to a call.
     struct TSService
     {
-        std::function<TSAsker()> m_asker; ///< Who calls; may ask the user database.
-        std::function<bool()> m_mayRead;  ///< Whether the caller may read what is kept.
+        std::function<TSAsker()> m_asker;       ///< Who calls; may ask the user database.
+        std::function<EPermission()> m_mayRead; ///< Whether the caller may read what is kept.
         std::function<bool()> m_isReady;
         std::function<void()> m_onStored; ///< A policy that may be in force now.
     };
@@ -59,6 +59,7 @@ private:
 
     void m_Handle(GDBusMethodInvocation* pInvocation) noexcept;
     void m_Answer(GDBusMethodInvocation* pInvocation);
+    bool m_MayRead(GDBusMethodInvocation* pInvocation) const;
     void m_AnswerRead(GDBusMethodInvocation* pInvocation, const std::string& method);
     void m_SetPolicy(GDBusMethodInvocation* pInvocation, const TSAsker& asker);
     void m_Restore(GDBusMethodInvocation* pInvocation, const TSAsker& asker);

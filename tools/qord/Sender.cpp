@@ -30,17 +30,23 @@ TSSender SenderOf(const qor::TSPeer& peer)
     return sender;
 }
 
-void AskForUserName(TSSender& sender)
+void AskForUserName(TSSender& sender, TCUserDatabase& users, TCUserDatabase::TPatience patience)
 {
     if (sender.m_userName.empty())
     {
-        sender.m_userName = tools::UserName(sender.m_userId);
+        sender.m_userName = users.UserName(sender.m_userId, patience).value_or("");
     }
+}
+
+std::string UserOf(const TSSender& sender)
+{
+    return sender.m_userName.empty() ? std::to_string(sender.m_userId) : sender.m_userName;
 }
 
 std::string Describe(const TSSender& sender)
 {
-    return "user " + std::to_string(sender.m_userId) + " (" + sender.m_userName + "), process " +
+    const std::string name = sender.m_userName.empty() ? "" : " (" + sender.m_userName + ")";
+    return "user " + std::to_string(sender.m_userId) + name + ", process " +
            std::to_string(sender.m_processId) + " (" + sender.m_program + ")";
 }
 

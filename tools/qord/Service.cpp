@@ -31,8 +31,9 @@ constexpr unsigned int g_registrationMs = 1000; // the clients of a predecessor 
 TCService::TCService(const TSOptions& options)
     : m_stopSignals([this] { m_Stop(); }, g_stopLimitMs), // now, so that none is missed
       m_options(options),
-      m_handler(TCPolicyStore(options.m_policyFile, options.m_storeRules), options.m_maxPolicySize),
-      m_permission(options.m_permission),
+      m_handler(TCPolicyStore(options.m_policyFile, options.m_storeRules), options.m_maxPolicySize,
+                m_users),
+      m_permission(options.m_permission, m_users),
       m_events(m_handler.Store(), options.m_eventTimeoutMs,
                [this]
                {
@@ -40,7 +41,7 @@ TCService::TCService(const TSOptions& options)
                    m_waits.Look();
                }),
       m_waits(m_handler.Store(), m_events),
-      m_facts(m_options, m_handler, m_events, m_permission),
+      m_facts(m_options, m_handler, m_events, m_permission, m_users),
       m_interface(m_ForInterface(), m_handler, m_facts, m_waits)
 {
 }
@@ -198,7 +199,11 @@ TCPolicyInterface::TSService TCService::m_ForInterface()
 {
     return {[this] { return m_Asker(); },
             // For most services nobody has to be looked up.
-            [this] { return !m_options.m_permission.m_restrictReading || m_Asker().m_mayChange; },
+            [this]
+            {
+                return m_options.m_permission.m_restrictReading ? m_Asker().m_permission
+                                                                : EPermission::GRANTED;
+            },
             [this] { return m_Begin(); }, [this] { m_AnnounceAfterReply(); }};
 }
 
@@ -206,7 +211,7 @@ TSAsker TCService::m_Asker()
 {
     TSAsker asker;
     asker.m_peer = m_server->CurrentPeer();
-    asker.m_mayChange = m_permission.MayChange(asker.m_peer);
+    asker.m_permission = m_permission.MayChange(asker.m_peer);
     return asker;
 }
 

@@ -17,6 +17,7 @@
 #include "qord/PolicyInterface.h"
 #include "qord/PolicyWatch.h"
 #include "qord/StopSignals.h"
+#include "qord/UserDatabase.h"
 #include "qord/Watchdog.h"
 
 namespace qord
@@ -59,6 +60,7 @@ private:
 
     TCStopSignals m_stopSignals; ///< First: its limit holds until everything else has ended.
     TSOptions m_options;
+    TCUserDatabase m_users;
     TCPolicyHandler m_handler;
     TCPermission m_permission;
     TCEvents m_events;
