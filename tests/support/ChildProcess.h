@@ -40,6 +40,16 @@ inline std::string ReadFile(const std::string& path)
     return isText ? std::string(std::istreambuf_iterator<char>(file), {}) : "";
 }
 
+inline std::size_t CountOf(const std::string& text, const std::string& part)
+{
+    std::size_t count = 0;
+    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+    {
+        ++count;
+    }
+    return count;
+}
+
 /// A fresh directory under the system's temporary directory, removed with all its content.
 class TemporaryDirectory
 {

@@ -44,16 +44,6 @@ inline Outcome Qorctl(const Arguments& arguments, const std::string& input = "")
     return RunTool(QORCTL, arguments, options);
 }
 
-inline std::size_t CountOf(const std::string& text, const std::string& part)
-{
-    std::size_t count = 0;
-    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
-    {
-        ++count;
-    }
-    return count;
-}
-
 /// A bus for the whole suite, since a process keeps its connection; a policy file for each test.
 class ToolTest : public testing::Test
 {

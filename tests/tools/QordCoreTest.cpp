@@ -36,11 +36,44 @@ static int Check(const std::string& text, std::string& error, std::size_t memory
     return tools::CheckPolicyXml(text, error, memory);
 }
 
+class PolicyHandler : public testing::Test
+{
+protected:
+    PolicyHandler()
+    {
+        m_asker.m_peer.m_isKnown = true;
+        m_asker.m_permission = qord::EPermission::GRANTED;
+        Open();
+    }
+
+    void Open()
+    {
+        m_handler.reset(); // which keeps the file for itself
+        m_handler =
+            std::make_unique<qord::TCPolicyHandler>(qord::TCPolicyStore(m_file), 100, m_users);
+        m_handler->Open();
+    }
+
+    int Set(const std::string& policy, const std::optional<std::string>& ifMatch = {})
+    {
+        m_verdict = m_handler->Set(policy, m_asker, ifMatch);
+        return m_verdict.m_result;
+    }
+
+    qortest::TemporaryDirectory m_directory;
+    const std::string m_file = m_directory.Path("policy.xml");
+    qord::TCUserDatabase m_users;
+    std::unique_ptr<qord::TCPolicyHandler> m_handler;
+    qord::TSAsker m_asker;
+    qord::TSVerdict m_verdict;
+};
+
 TEST(UserDatabase, NobodyWaitsForOneThatHangs)
 {
     const qortest::TemporaryDirectory directory;
     setenv("QOR_TEST_USERS", directory.Path().c_str(), 1);
-    const std::string hang = directory.Path("hang");
+    const auto hang = [file = directory.Path("hang")](bool isHanging)
+    { isHanging ? qortest::WriteFile(file, "") : void(boost::filesystem::remove(file)); };
     qor::TSPeer peer;
     peer.m_isKnown = peer.m_hasGroups = true;
     peer.m_userId = geteuid() + 12345;
@@ -48,103 +81,129 @@ TEST(UserDatabase, NobodyWaitsForOneThatHangs)
     qord::TSPermissionRules rules;
     rules.m_groups = {"made-later", "late"};
     const auto start = std::chrono::steady_clock::now();
-    auto users = std::make_unique<qord::TCUserDatabase>();
     {
-        const qord::TCPermission permission(rules, *users);
+        qord::TCUserDatabase users;
+        const qord::TCPermission permission(rules, users);
         EXPECT_EQ(permission.MayChange(peer), qord::EPermission::REFUSED);
         EXPECT_EQ(permission.MissingGroups(), rules.m_groups);
         qortest::WriteFile(directory.Path("made-later"), ""); // an answer is not kept for long
         EXPECT_EQ(permission.MayChange(peer), qord::EPermission::GRANTED);
-        EXPECT_EQ(users->UserName(0), "root");
-        qortest::WriteFile(hang, "");
-        EXPECT_EQ(users->NameOrNumber(peer.m_userId), std::to_string(peer.m_userId));
-        for (uid_t id = 1000; id < 3000; ++id) // and not for each of many
+        hang(true);
+        for (uid_t id = 1000; id < 3000; ++id)
         {
-            EXPECT_EQ(users->UserName(id), std::nullopt);
+            EXPECT_EQ(users.UserName(id), std::nullopt);
         }
         EXPECT_EQ(permission.MayChange(peer), qord::EPermission::GRANTED); // as was known last
-        EXPECT_EQ(users->UserName(0), "root");
         peer.m_hasGroups = false;
         EXPECT_EQ(permission.MayChange(peer), qord::EPermission::UNKNOWN);
-        boost::filesystem::remove(hang);
+        hang(false);
         EXPECT_TRUE(qortest::WaitUntil(
             [&] { return permission.MayChange(peer) == qord::EPermission::REFUSED; }));
-        EXPECT_EQ(users->UserName(peer.m_userId), std::to_string(peer.m_userId));
-        qortest::WriteFile(hang, "");
-        EXPECT_EQ(users->UserName(2999), std::nullopt); // there were too many questions before it
-        boost::filesystem::remove(hang);
-        EXPECT_TRUE(qortest::WaitUntil([&] { return users->UserName(2999).has_value(); }));
-        for (uid_t id = 1000; id < 1300; ++id) // more answers than are kept
+        hang(true);
+        EXPECT_EQ(users.UserName(2999), std::nullopt); // too many questions were before it
+        hang(false);
+        qortest::WaitUntil([&] { return users.UserName(2999).has_value(); });
+        for (uid_t id = 1001; id < 1300; ++id) // more answers than are kept
         {
-            EXPECT_TRUE(users->UserName(id));
+            EXPECT_TRUE(users.UserName(id));
         }
-        qortest::WriteFile(hang, "");
-        EXPECT_EQ(users->UserName(1000), std::nullopt);
-        EXPECT_EQ(users->UserName(1299), "1299");
-    }
-    users.reset(); // which leaves the question behind
+        hang(true);
+        EXPECT_EQ(users.UserName(1001), std::nullopt);
+        EXPECT_EQ(users.UserName(1299), "1299");
+    } // and the question is left behind
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
-    boost::filesystem::remove(hang);
+    hang(false);
 }
 
 // A slow bus is no reason to tell root that it may not; and nobody's text is worth hashing who may
 // not set it.
-TEST(PolicyHandler, AsksWhoSendsBeforeItLooksAtTheText)
+TEST_F(PolicyHandler, AsksWhoSendsBeforeItLooksAtTheText)
 {
-    const qortest::TemporaryDirectory directory;
+    m_asker.m_peer.m_isKnown = false;
+    EXPECT_EQ(Set("<a/>"), qor::POLICY_NOT_STORED);
+    EXPECT_NE(m_verdict.m_words.find("try again"), std::string::npos);
+    m_asker.m_peer.m_isKnown = true;
+    m_asker.m_permission = qord::EPermission::UNKNOWN; // nor is a slow user database
+    EXPECT_EQ(Set("<a/>"), qor::POLICY_NOT_STORED);
+    EXPECT_NE(m_verdict.m_words.find("database has not told"), std::string::npos);
+    m_asker.m_permission = qord::EPermission::REFUSED;
+    EXPECT_EQ(Set("<a/>"), qor::POLICY_NOT_PERMITTED);
+    EXPECT_EQ(m_verdict.m_sha256, "");
+    m_asker.m_permission = qord::EPermission::GRANTED;
+    EXPECT_EQ(Set("<a/>", ""), qor::POLICY_STORED);
+    EXPECT_EQ(m_handler->HashInForce(), m_verdict.m_sha256);
+}
+
+TEST_F(PolicyHandler, RefusalsAreAFewLinesAndWhatIsStoredHasAllOfThem)
+{
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    for (int i = 0, result = 0; i < 20; ++i)
+    {
+        qor::TByteArray reply;
+        EXPECT_FALSE(m_handler->Handle({}, m_asker, reply, result));
+        EXPECT_EQ(Set("<a>"), qor::POLICY_NOT_WELL_FORMED);
+        EXPECT_EQ(Set("<a/>"), qor::POLICY_STORED);
+    }
+    m_handler->Refusals().End();
+    const std::string errors = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(qortest::CountOf(errors, "user 0 (root), process 0"), 5U) << errors;
+    EXPECT_EQ(qortest::CountOf(errors, "35 more of user 0 (root) were refused in the last 10"), 1U);
+    EXPECT_EQ(qortest::CountOf(testing::internal::GetCapturedStdout(), "(SHA-256"), 20U);
+}
+
+TEST(RefusalLog, CountsUsersApartTellsWhenTheTimeIsOverAndIsQuietThen)
+{
     qord::TCUserDatabase users;
-    qord::TCPolicyHandler handler(qord::TCPolicyStore(directory.Path("policy.xml")), 100, users);
-    handler.Open();
-    qord::TSAsker asker;
-    auto verdict = handler.Set("<a/>", asker, std::nullopt);
-    EXPECT_EQ(verdict.m_result, qor::POLICY_NOT_STORED);
-    EXPECT_NE(verdict.m_words.find("try again"), std::string::npos);
-    asker.m_peer.m_isKnown = true;
-    asker.m_permission = qord::EPermission::UNKNOWN; // nor is a slow user database
-    verdict = handler.Set("<a/>", asker, std::nullopt);
-    EXPECT_EQ(verdict.m_result, qor::POLICY_NOT_STORED);
-    EXPECT_NE(verdict.m_words.find("database has not told"), std::string::npos);
-    asker.m_permission = qord::EPermission::REFUSED;
-    verdict = handler.Set("<a/>", asker, std::nullopt);
-    EXPECT_EQ(verdict.m_result, qor::POLICY_NOT_PERMITTED);
-    EXPECT_EQ(verdict.m_sha256, "");
-    asker.m_permission = qord::EPermission::GRANTED;
-    EXPECT_EQ(handler.Set("<a/>", asker, "").m_result, qor::POLICY_STORED);
-    EXPECT_EQ(handler.HashInForce(), handler.Set("<a/>", asker, std::nullopt).m_sha256);
+    qord::TCRefusalLog log(users, 1);
+    const auto isIdle = [&]
+    { return g_main_context_find_source_by_user_data(nullptr, &log) == nullptr; };
+    for (int round = 0; round < 2; ++round)
+    {
+        testing::internal::CaptureStderr();
+        for (int i = 0; i < 8; ++i)
+        {
+            EXPECT_EQ(isIdle(), i <= 5) << i;
+            log.Write(500000, {}, "the user's");
+            log.Write({}, {}, "unknown");
+        }
+        for (uid_t user = 0; user < 300; ++user) // more than have accounts
+        {
+            log.Write(user, {}, "another's");
+        }
+        EXPECT_TRUE(qortest::PumpUntil(isIdle));
+        const std::string errors = testing::internal::GetCapturedStderr();
+        for (const auto& [words, lines] :
+             {std::pair("the user's\n", 5U), std::pair("3 more of user 500000 (500000) were", 1U),
+              std::pair("unknown\n", 5U), std::pair("3 more of senders of whom the bus", 1U),
+              std::pair("another's\n", 254U + 5U), std::pair("41 more of other users were", 1U)})
+        {
+            EXPECT_EQ(qortest::CountOf(errors, words), lines) << words << '\n' << errors;
+        }
+    }
 }
 
 // Also at a start: a policy that takes long to check must not make each start long.
-TEST(PolicyHandler, ChecksNoTextTwice)
+TEST_F(PolicyHandler, ChecksNoTextTwice)
 {
-    const qortest::TemporaryDirectory directory;
-    const std::string file = directory.Path("policy.xml");
-    qord::TCUserDatabase users;
-    qord::TSAsker asker;
-    asker.m_peer.m_isKnown = true;
-    asker.m_permission = qord::EPermission::GRANTED;
+    qortest::WriteFile(m_file, "<a/>");
     g_checks = 0;
     const auto open = [&](int checks)
     {
-        auto handler =
-            std::make_unique<qord::TCPolicyHandler>(qord::TCPolicyStore(file), 100, users);
-        handler->Open();
-        EXPECT_EQ(handler->IsGood(handler->HashInForce()), qortest::ReadFile(file) != "<c>");
+        Open();
+        EXPECT_EQ(m_handler->IsGood(m_handler->HashInForce()), qortest::ReadFile(m_file) != "<c>");
         EXPECT_EQ(g_checks, checks);
-        return handler;
     };
-    qortest::WriteFile(file, "<a/>");
-    auto handler = open(1);
+    open(1);
     for (const auto& [policy, checks] : {std::pair("<a/>", 1), std::pair("<b/>", 2)})
     {
-        EXPECT_EQ(handler->Set(policy, asker, std::nullopt).m_result, qor::POLICY_STORED);
+        EXPECT_EQ(Set(policy), qor::POLICY_STORED);
         EXPECT_EQ(g_checks, checks);
     }
-    handler.reset();
-    handler = open(2);
-    qortest::WriteFile(file, "<c>"); // by somebody else, whose texts have not been checked
-    handler->LookAtForeignPolicy();
+    open(2);
+    qortest::WriteFile(m_file, "<c>"); // by somebody else, whose texts have not been checked
+    m_handler->LookAtForeignPolicy();
     EXPECT_EQ(g_checks, 3);
-    handler.reset();
     open(5);
 }
 
@@ -189,16 +248,13 @@ TEST(PolicyXml, RefusalsSayWhereAndWhat)
     EXPECT_EQ(Check(deep, error, 100 << 20), qor::POLICY_NOT_WELL_FORMED) << error; // not closed
 }
 
-// @param text  with its number in the place of a '@'
-static std::string Times(std::size_t count, const std::string& text)
+// With a number between both halves, where there is a second one.
+static std::string Times(std::size_t count, const std::string& text, const std::string& rest = "")
 {
-    const std::size_t at = text.find('@');
     std::string all;
     for (std::size_t i = 0; i < count; ++i)
     {
-        all += at == std::string::npos
-                   ? text
-                   : text.substr(0, at) + std::to_string(i) + text.substr(at + 1);
+        all += text + (rest.empty() ? "" : std::to_string(i) + rest);
     }
     return all;
 }
@@ -209,7 +265,7 @@ TEST(PolicyXml, WhatTakesTooLongToCheckIsRefused)
     const auto document = [](const std::string& declarations, const std::string& content)
     { return "<!DOCTYPE a [" + declarations + "]><a>" + content + "</a>"; };
     const auto attributes = [](const std::string& list) { return "<!ATTLIST b" + list + ">"; };
-    const std::string many = Times(2000, " a@ CDATA ''");
+    const std::string many = Times(2000, " a", " CDATA ''");
     const std::string bees = "<!ENTITY e '" + Times(1000, "<b/>") + "'>";
     std::string error;
     for (const std::string& hostile :
@@ -217,18 +273,20 @@ TEST(PolicyXml, WhatTakesTooLongToCheckIsRefused)
           document(attributes(many) + bees, Times(40, "&e;")),
           document(attributes(Times(2000, " a CDATA #IMPLIED")), Times(40000, "<b/>")),
           document(attributes(many + Times(40000, " a1999 CDATA ''")), ""),
-          document(Times(8000, "<!ATTLIST b@ a CDATA ''>"), Times(40000, "<b7999/>")),
+          document(Times(8000, "<!ATTLIST b", " a CDATA ''>"), Times(40000, "<b7999/>")),
           document("<!ENTITY e '" + Times(10000, "x") + "'>", Times(250, "&e;"))})
     {
         EXPECT_EQ(Check(hostile, error), qor::POLICY_TOO_LARGE) << hostile.substr(0, 60) << error;
         EXPECT_NE(error.find("too long to check"), std::string::npos) << error;
     }
     // A usual one of the largest size is no such text.
-    const std::string rule = "<rule id='@' action='allow'><app>com.example.app</app>&e;</rule>\n";
-    EXPECT_EQ(Check(document("<!ATTLIST rule" + Times(12, " a@ CDATA ''") + "><!ENTITY e 'x'>",
-                             Times((31 << 20) / rule.size(), rule)),
-                    error),
-              qor::POLICY_STORED)
+    const std::string rules =
+        Times(470000, "<rule id='", "' action='allow'><app>com.example.app</app>&e;</rule>\n");
+    EXPECT_GT(rules.size(), 31U << 20);
+    EXPECT_EQ(
+        Check(document("<!ATTLIST rule" + Times(12, " a", " CDATA ''") + "><!ENTITY e 'x'>", rules),
+              error),
+        qor::POLICY_STORED)
         << error;
 }
 

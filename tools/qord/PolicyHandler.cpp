@@ -90,8 +90,15 @@ public:
         const std::string who =
             m_sender ? Describe(*m_sender)
                      : "sender " + m_asker.m_peer.m_name + ", of whom the bus tells nothing";
-        ReportWithFields(result != qor::POLICY_STORED, m_Fields(result),
-                         what + words + " (" + hash + who + ")");
+        const std::string line = what + words + " (" + hash + who + ")";
+        if (result == qor::POLICY_STORED || result == qor::POLICY_STATE_UNKNOWN)
+        {
+            ReportWithFields(result != qor::POLICY_STORED, m_Fields(result), line);
+            return;
+        }
+        m_handler.m_refusals.Write(m_sender ? std::optional<uid_t>(m_sender->m_userId)
+                                            : std::nullopt,
+                                   m_Fields(result), line);
     }
 
 private:
@@ -134,7 +141,7 @@ private:
 
 TCPolicyHandler::TCPolicyHandler(TCPolicyStore store, std::size_t maxPolicySize,
                                  TCUserDatabase& users)
-    : m_store(std::move(store)), m_maxPolicySize(maxPolicySize), m_users(users)
+    : m_store(std::move(store)), m_maxPolicySize(maxPolicySize), m_users(users), m_refusals(users)
 {
 }
 

@@ -16,6 +16,7 @@
 #include "qord/Permission.h"
 #include "qord/PolicyHistory.h"
 #include "qord/PolicyStore.h"
+#include "qord/RefusalLog.h"
 #include "qord/Sender.h"
 #include "qord/UserDatabase.h"
 
@@ -112,6 +113,12 @@ public:
         return m_history;
     }
 
+    /// For the lines about what else is refused.
+    TCRefusalLog& Refusals()
+    {
+        return m_refusals;
+    }
+
 private:
     class TCAttempt;
 
@@ -127,6 +134,7 @@ private:
     TCPolicyHistory m_history;
     std::size_t m_maxPolicySize;
     TCUserDatabase& m_users;
+    TCRefusalLog m_refusals;
     std::deque<std::string> m_good; ///< Hashes of texts that were found good; the latest ones.
     bool m_hasSeenPolicy = false;
     std::string m_notStored;

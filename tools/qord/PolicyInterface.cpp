@@ -198,7 +198,9 @@ bool TCPolicyInterface::m_ReadPolicy(GDBusMethodInvocation* pInvocation, std::st
                     number == 0 ? "there is no policy yet" : "there is no " + name);
         return false;
     }
-    ReportError("%s was asked for and cannot be read: %s", name.c_str(), error.c_str());
+    const qor::TSPeer peer = m_pServer->CurrentPeer();
+    m_handler.Refusals().Write(peer.m_isKnown ? std::optional<uid_t>(peer.m_userId) : std::nullopt,
+                               {}, name + " was asked for and cannot be read: " + error);
     ReturnError(pInvocation, qor::ERROR_NOT_READ,
                 name + " cannot be read; the service's log says why");
     return false;

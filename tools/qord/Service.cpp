@@ -59,6 +59,7 @@ TCService::~TCService()
     {
         g_source_remove(source);
     }
+    m_handler.Refusals().End();
     if (m_isReady)
     {
         Report("stopped");
@@ -177,6 +178,7 @@ void TCService::m_Stop()
         return;
     }
     sd_notify(0, "STOPPING=1");
+    m_handler.Refusals().End(); // now, since the end may not be waited for
     m_AnnounceWhatIsDue();
     if (m_server != nullptr)
     {
