@@ -39,8 +39,3 @@ int getgrnam_r(const char* name, group* pEntry, char* buffer, size_t size, group
     return Ask(&getgrnam_r, "getgrnam_r", HasFile(name) ? "daemon" : name, pEntry, buffer, size,
                ppFound);
 }
-
-int getgrouplist(const char* user, gid_t id, gid_t* pGroups, int* pCount)
-{
-    return Ask(&getgrouplist, "getgrouplist", user, id, pGroups, pCount);
-}
