@@ -140,7 +140,7 @@ GVariant* Event(const TSEventResult& result)
 // Others' clients are for those who may change the policy.
 bool MaySee(const TSAsker& asker, const TSApplication& application)
 {
-    return asker.m_mayChange || (asker.m_peer.m_isKnown && application.m_isKnown &&
+    return asker.m_permission == EPermission::GRANTED || (asker.m_peer.m_isKnown && application.m_isKnown &&
                                  asker.m_peer.m_userId == application.m_sender.m_userId);
 }
 
