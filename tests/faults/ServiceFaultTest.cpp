@@ -9,6 +9,7 @@
 
 #include "FaultSupport.h"
 #include "MuteBus.h"
+#include "ServerFixture.h"
 #include "ToolRunner.h"
 
 using namespace qortest;
@@ -114,7 +115,7 @@ TEST_F(Fault, AUserDatabaseThatHangsHoldsUpNobodyAndRefusesNobody)
     }
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
     EXPECT_NE(qord->Out().find("; user 0, process "), std::string::npos) << qord->Out();
-    fs::remove(m_directory.Path("hang"));
+    boost::filesystem::remove(m_directory.Path("hang"));
     EXPECT_TRUE(WaitUntil([&] { return expect(qor::POLICY_NOT_PERMITTED, "NotPermitted"); }));
     WriteFile(m_directory.Path("hang"), "");
     EXPECT_TRUE(expect(qor::POLICY_NOT_PERMITTED, "NotPermitted")); // as was known last
