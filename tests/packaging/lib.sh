@@ -66,15 +66,15 @@ wait_for() {
 # hold. Only this shell can wait for its children.
 check() {
     local what=$1 status
-    # shellcheck disable=SC2034 # the trap uses it, when there are no local variables any more
-    before=${#pids[@]}
+    # shellcheck disable=SC2034 # the trap uses it
+    pids_before=${#pids[@]}
     shift
     set +e
     if [[ $1 == wait ]]; then
         wait "${@:2}" >"$work/check.log" 2>&1
     else
         (
-            trap 'end_processes "${pids[@]:before}"' EXIT
+            trap 'end_processes "${pids[@]:pids_before}"' EXIT
             set -eE
             "$@"
         ) >"$work/check.log" 2>&1
