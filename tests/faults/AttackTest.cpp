@@ -1,0 +1,309 @@
+// An ordinary user attacks the service. Meanwhile root's policies are stored, the service manager
+// sees that the service is alive, and its memory and its log stay bounded.
+//
+// QOR_TEST_LONG=1 on a machine that does nothing else: long attacks, and the limits that hold
+// there.
+#include <ctime>
+#include <deque>
+
+#include "Attacker.h"
+#include "FaultSupport.h"
+#include "NeighbourFixture.h"
+#include "ToolRunner.h"
+
+namespace
+{
+
+using namespace qortest;
+
+const bool IS_LONG = std::getenv("QOR_TEST_LONG") != nullptr;
+const double LIMIT = IS_LONG ? 2 : 10; // seconds
+
+// --- What the attacker says ----------------------------------------------------------------------
+
+const std::string BUS = "org.freedesktop.DBus", POLICY = "com.norvane.qor.Policy1";
+
+std::string Call(const std::string& interface, const char* method, GVariant* pArguments = nullptr,
+                 const char* path = SERVICE_PATH, const std::string& destination = SERVICE_NAME)
+{
+    const ObjectPtr<GDBusMessage> message(
+        g_dbus_message_new_method_call(destination.c_str(), path, interface.c_str(), method));
+    g_dbus_message_set_serial(message.get(), 1);
+    pArguments == nullptr ? void() : g_dbus_message_set_body(message.get(), pArguments);
+    gsize size = 0;
+    const std::unique_ptr<guchar, void (*)(gpointer)> bytes(
+        g_dbus_message_to_blob(message.get(), &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr),
+        &g_free);
+    return std::string(bytes.get(), bytes.get() + size);
+}
+
+std::string CallChannel(const char* method, const Bytes& bytes)
+{
+    GVariant* const pArray =
+        g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, bytes.data(), bytes.size(), 1);
+    return Call(INTERFACE_NAME, method, g_variant_new_tuple(&pArray, 1));
+}
+
+std::string Hello(std::size_t types)
+{
+    std::vector<std::int32_t> list(types);
+    std::iota(list.begin(), list.end(), 2);
+    return CallChannel("Hello", EventList(list));
+}
+
+std::string Text(std::size_t size, const std::string& beginning = "")
+{
+    return "<p>" + beginning + std::string(size, 'x') + "</p>";
+}
+
+std::string SetPolicy(std::size_t size, int type = 4)
+{
+    return CallChannel("Send", Request(type, false, Archive(Text(size))));
+}
+
+const std::string GET_POLICY = Call(POLICY, "GetPolicy", g_variant_new("(t)", guint64(0))),
+                  GET_ALL = Call(BUS + ".Properties", "GetAll", g_variant_new("(s)", &POLICY[0])),
+                  LIST_POLICIES = Call(POLICY, "ListPolicies"),
+                  LIST_CLIENTS = Call(POLICY, "ListClients"),
+                  INTROSPECT = Call(BUS + ".Introspectable", "Introspect", nullptr, "/"),
+                  HELLO_TO_BUS = Call(BUS, "Hello", nullptr, "/org/freedesktop/DBus", BUS),
+                  GET_ID = Call(BUS, "GetId", nullptr, "/org/freedesktop/DBus", BUS);
+
+Attack Ask(std::size_t connections, std::size_t open, const std::vector<std::string>& questions,
+           std::size_t count = SIZE_MAX)
+{
+    return {connections, open, questions, count, {HELLO_TO_BUS}};
+}
+
+Attack Register(std::size_t clients, std::size_t types, std::size_t askers = 0,
+                const std::vector<std::string>& questions = {})
+{
+    return {clients, 4, questions, SIZE_MAX, {HELLO_TO_BUS, Hello(types)}, askers};
+}
+
+struct Row
+{
+    const char* name;
+    Attack attack;
+    int seconds; // where it is long
+    std::size_t policySize = 4096;
+    std::size_t megabytes = 200;
+    unsigned int users = 1;
+};
+
+const Row ROWS[] = {
+    {"ManyWhoAsk", Ask(240, 4, {GET_POLICY, SetPolicy(1), GET_ALL}), 20},
+    {"ManyUsersWhoAsk", Ask(60, 4, {GET_POLICY, GET_ALL}), 20, 4096, 200, 4},
+    {"ManyClients", Register(240, 1024, 4, {GET_ALL, LIST_CLIENTS}), 20},
+    {"LargePolicyAndClients", Register(20, 1, 20, {GET_POLICY}), 20, 1000000},
+    {"LargePolicy", Ask(4, 4, {GET_POLICY}), 20, 1000000},
+    {"LargeUnread", Ask(1, 0, {GET_POLICY}, 200), 10, 1 << 20, 100},
+    {"LargeUnreadByEight", Ask(8, 0, {GET_POLICY}, 200), 10, 1 << 20, 100},
+    {"SmallUnread", Ask(8, 0, {GET_ALL, INTROSPECT, SetPolicy(1), Hello(1025)}), 120, 4096, 100},
+    {"Refused", Ask(8, 4, {SetPolicy(1), CallChannel("Send", {})}), 20},
+    // Most have left when the service hears of them.
+    {"Leaving", {60, 9, {}, 0, {HELLO_TO_BUS, Hello(1024), GET_ID}, 0, 2}, 60},
+};
+
+// --- Attacks on qord -----------------------------------------------------------------------------
+
+// The longest time of one of the steps, which are repeated for so long.
+double Longest(int seconds, const std::function<void()>& step)
+{
+    const auto end = Clock::now() + std::chrono::seconds(seconds);
+    double longest = 0;
+    do
+    {
+        longest = std::max(longest, Seconds(step));
+    } while (Clock::now() < end && !testing::Test::HasFailure());
+    return longest;
+}
+
+class Attacked : public ToolTest, public testing::WithParamInterface<Row>
+{
+protected:
+    void SetUp() override
+    {
+        if (geteuid() != 0)
+        {
+            GTEST_SKIP() << "only root can act as another user";
+        }
+        m_pBus = std::make_unique<PrivateBus>();
+        Bind(m_manager, m_directory.Path("notify"));
+        m_options.environment = {{"NOTIFY_SOCKET", m_directory.Path("notify")},
+                                 {"WATCHDOG_USEC", "1000000"}};
+    }
+    ~Attacked() override
+    {
+        close(m_manager);
+    }
+
+    void Start()
+    {
+        m_qord = StartTool(QORD, {"--policy", m_policyFile}, m_options);
+        ASSERT_TRUE(m_qord->WaitForOut("policy-update: 0 delivered")) << m_qord->Err();
+    }
+
+    // The service manager, which does not like silence.
+    void Listen()
+    {
+        char message[256] = {};
+        pollfd ready{m_manager, POLLIN, 0};
+        poll(&ready, 1, 20);
+        recv(m_manager, message, sizeof message - 1, MSG_DONTWAIT);
+        const std::chrono::duration<double> silence = Clock::now() - m_heard;
+        m_silence = std::max<double>(m_silence, silence.count());
+        m_heard = std::string(message).find("WATCHDOG=1") == 0 ? Clock::now() : m_heard;
+    }
+
+    double SetPolicies(RawPeer& good, std::size_t size, int seconds)
+    {
+        const auto policy = [&] { return Text(size, "<n" + std::to_string(++m_stored) + "/>"); };
+        return Longest(seconds, [&] { EXPECT_EQ(SendPolicy(good, policy()), 0); });
+    }
+
+    double ProcessorSeconds() const
+    {
+        clockid_t clock = 0;
+        timespec time{};
+        clock_getcpuclockid(m_qord->Pid(), &clock);
+        clock_gettime(clock, &time);
+        return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
+    }
+
+    // Of one round of the questions, each answered before the next one.
+    double Cost(unsigned int user, const std::vector<std::string>& questions, std::size_t rounds)
+    {
+        const double before = ProcessorSeconds();
+        const std::size_t count = rounds * questions.size();
+        const Attacker attacker(user, Ask(1, 1, questions, count));
+        EXPECT_TRUE(WaitUntil([&] { return attacker.Seen().answered == count + 1; }));
+        return (ProcessorSeconds() - before) / static_cast<double>(rounds);
+    }
+
+    const int m_manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    Clock::time_point m_heard = Clock::now();
+    std::atomic<double> m_silence{0};
+    std::size_t m_stored = 0;
+    std::unique_ptr<ChildProcess> m_qord;
+};
+
+TEST_P(Attacked, ServiceStoresPoliciesAndIsAliveAndItsMemoryAndItsLogAreBounded)
+{
+    const Row& row = GetParam();
+    m_options.environment["QOR_DLOG"] = "stderr";
+    const Repeat listen([&] { Listen(); });
+    Start();
+    RawPeer good;
+    SetPolicies(good, row.policySize, 0);
+    std::deque<Attacker> attackers;
+    for (unsigned int user = 1; user <= row.users; ++user)
+    {
+        attackers.emplace_back(user, row.attack);
+    }
+    const double longest = SetPolicies(good, row.policySize, IS_LONG ? row.seconds : 1);
+    const std::size_t memory = ResidentKilobytes(m_qord->Pid(), "VmHWM:") >> 10;
+    const std::string log = '\n' + m_qord->Out() + m_qord->Err();
+    const std::size_t lines = CountOf(log, "\nqord: ") + CountOf(log, "\nE/QOR(");
+    const Attacker::TSSeen& seen = attackers.back().Seen();
+    std::cout << row.name << ": " << m_stored << " policies, each within " << longest
+              << " s; silent for " << m_silence << " s; " << memory << " MiB; " << lines
+              << " lines, " << CountOf(log, "\nD/QOR(") << " for debugging; each attacker "
+              << seen.asked << " questions, " << seen.answered << " answers\n";
+    EXPECT_GE(seen.answered, row.attack.connections);
+    EXPECT_LT(longest, LIMIT);
+    EXPECT_LT(m_silence, LIMIT / 2);
+    EXPECT_TRUE(IS_SANITIZED || memory < row.megabytes) << memory;
+    EXPECT_EQ(CountOf(log, " bytes is stored (SHA-256"), m_stored);
+    EXPECT_LT(lines, 4 * m_stored + 100); // two for each policy: it is announced
+}
+
+INSTANTIATE_TEST_SUITE_P(By, Attacked, testing::ValuesIn(ROWS),
+                         [](const auto& row) { return row.param.name; });
+
+using AttackCost = Attacked;
+
+TEST_F(AttackCost, PolicyOfWhoMayNotSetOneIsNotRead)
+{
+    constexpr std::size_t SIZE = 31 << 20, ROUNDS = 5;
+    Start();
+    const double other = Cost(1, {SetPolicy(SIZE, 99)}, ROUNDS); // nobody reads that
+    const double refused = Cost(1, {SetPolicy(SIZE)}, ROUNDS);
+    std::cout << "31 MiB: no policy " << other << " s, refused " << refused << " s\n";
+    EXPECT_LT(refused, 1.5 * other);
+    EXPECT_GE(CountOf(m_qord->Err(), "its sender may not change the policy"), 1U);
+}
+
+TEST_F(AttackCost, QuestionsCostTheSameWhoeverIsRegistered)
+{
+    double status[2] = {};
+    for (const std::size_t clients : {10, 1000})
+    {
+        Start();
+        RawPeer good;
+        SetPolicies(good, 4096, 0);
+        std::deque<Attacker> users;
+        for (unsigned int user = 2; user < 7; ++user)
+        {
+            users.emplace_back(user, Register(clients / 5, 3));
+            const auto& seen = users.back().Seen();
+            EXPECT_TRUE(WaitUntil([&] { return seen.answered == 2 * clients / 5; }));
+        }
+        const std::vector<std::string> questions = {GET_ALL, LIST_POLICIES, LIST_CLIENTS};
+        status[clients == 1000] = Cost(1, questions, 50);
+        std::cout << clients << " clients, microseconds: policy of 4 KiB "
+                  << 1e6 * Cost(1, {GET_POLICY}, 200) << ", refused policy "
+                  << 1e6 * Cost(1, {SetPolicy(4096)}, 200) << ", status "
+                  << 1e6 * status[clients == 1000] << ", status for root "
+                  << 1e6 * Cost(0, questions, 50) << '\n';
+        m_qord.reset();
+    }
+    EXPECT_LT(status[1], 3 * status[0]);
+}
+
+// --- Attacks on another service ------------------------------------------------------------------
+
+TEST_F(Neighbour, LargeAnswersThatNobodyReadsAreNotKept)
+{
+    if (geteuid() != 0)
+    {
+        GTEST_SKIP() << "only root can act as another user";
+    }
+    Serve([](const auto&, auto& answer) { return answer.resize(1 << 20), true; });
+    RawPeer good;
+    WriteFile("/proc/self/clear_refs", "5"); // VmHWM begins anew
+    for (const std::size_t connections : {1, 8})
+    {
+        const Attacker attacker(1, Ask(connections, 0, {SetPolicy(1)}, 200));
+        const double longest = Longest(IS_LONG ? 10 : 1, [&] { EXPECT_TRUE(Send(good).ok); });
+        const std::size_t memory = ResidentKilobytes(getpid(), "VmHWM:") >> 10;
+        std::cout << connections << " read nothing: an answer within " << longest << " s, "
+                  << memory << " MiB\n";
+        EXPECT_EQ(attacker.Seen().asked, connections * 200);
+        EXPECT_LT(longest, LIMIT);
+        EXPECT_TRUE(IS_SANITIZED || memory < 120) << memory;
+    }
+}
+
+// The bus tells of them as long as the service's connection has match rules left.
+TEST_F(Neighbour, DeparturesThatTheBusDoesNotTellAreSeenWithinAMinute)
+{
+    if (geteuid() != 0 || !IS_LONG)
+    {
+        GTEST_SKIP() << "takes a minute, and root";
+    }
+    Serve();
+    std::deque<Attacker> users;
+    for (const unsigned int user : {1, 2, 3, 4})
+    {
+        users.emplace_back(user, Register(user < 4 ? 180 : 60, 1));
+    }
+    ASSERT_TRUE(HasClients(3 * 180 + 60));
+    users.pop_back();
+    const auto isSeen = [&] { return m_server->NumberOfClients() == 3 * 180; };
+    const double taken = Seconds([&] { EXPECT_TRUE(WaitUntil(isSeen, 90000)); });
+    std::cout << "departures are seen after " << taken << " s\n";
+    EXPECT_LT(taken, 62);
+}
+
+} // namespace
