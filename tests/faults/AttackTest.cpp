@@ -96,13 +96,14 @@ const Row ROWS[] = {
     {"ManyUsersWhoAsk", Ask(60, 4, {GET_POLICY, GET_ALL}), 20, 4096, 200, 4},
     {"ManyClients", Register(240, 1024, 4, {GET_ALL, LIST_CLIENTS}), 20},
     {"LargePolicyAndClients", Register(20, 1, 20, {GET_POLICY}), 20, 1000000},
-    {"LargePolicy", Ask(4, 4, {GET_POLICY}), 20, 1000000},
+    {"LargePolicy", Ask(240, 4, {GET_POLICY}), 20, 1000000},
     {"LargeUnread", Ask(1, 0, {GET_POLICY}, 200), 10, 1 << 20, 100},
     {"LargeUnreadByEight", Ask(8, 0, {GET_POLICY}, 200), 10, 1 << 20, 100},
     {"SmallUnread", Ask(8, 0, {GET_ALL, INTROSPECT, SetPolicy(1), Hello(1025)}), 120, 4096, 100},
     {"Refused", Ask(8, 4, {SetPolicy(1), CallChannel("Send", {})}), 20},
     // Most have left when the service hears of them.
-    {"Leaving", {60, 9, {}, 0, {HELLO_TO_BUS, Hello(1024), GET_ID}, 0, 2}, 60},
+    {"HelloAndLeave", {60, 9, {}, 0, {HELLO_TO_BUS, Hello(1024), GET_ID}, 0, 2}, 60},
+    {"AskAndLeave", {60, 9, {}, 0, {HELLO_TO_BUS, SetPolicy(1), GET_ID}, 0, 2}, 20},
 };
 
 // --- Attacks on qord -----------------------------------------------------------------------------

@@ -85,9 +85,10 @@ private:
 
         std::size_t index;
         pollfd socket;
-        std::size_t number = 0; // of the message that is next
-        std::size_t offset = 0; // in it
+        std::size_t number = 0; // of messages so far
         std::size_t answers = 0;
+        std::string out;         // what is being said
+        std::size_t offset = 0;  // in that
         std::string in;          // what has come and has not been looked at
         bool isLoggedIn = false; // which the bus says in a line
         std::size_t rest = 0;    // of the message that comes in
@@ -124,8 +125,9 @@ private:
             connection = TSConnection(connection.index);
         }
         m_Write(connection);
-        connection.socket.events = static_cast<short>((m_IsReading(connection) ? POLLIN : 0) |
-                                                      (m_Next(connection) ? POLLOUT : 0));
+        connection.socket.events =
+            static_cast<short>((m_IsReading(connection) ? POLLIN : 0) |
+                               (connection.offset < connection.out.size() ? POLLOUT : 0));
     }
 
     bool m_IsReading(const TSConnection& connection) const
@@ -134,41 +136,42 @@ private:
                (m_attack.open != 0 && connection.answers < m_attack.leavesAfter);
     }
 
-    // The message that is due; null where there is none.
-    std::string* m_Next(const TSConnection& connection)
+    // Whether there is something to say.
+    bool m_SayNext(TSConnection& connection)
     {
-        const std::size_t greetings = m_attack.greetings.size(), all = m_attack.questions.size();
-        if (connection.number < greetings)
+        const std::size_t greetings = m_attack.greetings.size(), number = connection.number;
+        const bool isGreeting = number < greetings;
+        const bool asks = connection.index < m_attack.askers &&
+                          number - greetings < m_attack.count && !m_attack.questions.empty() &&
+                          connection.answers != 0;
+        const bool isFree = m_attack.open == 0 || number - connection.answers < m_attack.open;
+        if (isGreeting || (asks && isFree))
         {
-            return &m_attack.greetings[connection.number];
+            const auto serial = static_cast<std::uint32_t>(++connection.number);
+            connection.out = isGreeting
+                                 ? m_attack.greetings[number]
+                                 : m_attack.questions[(number - greetings + connection.index) %
+                                                      m_attack.questions.size()];
+            number == 0 ? void() : void(std::memcpy(&connection.out[8], &serial, 4));
+            connection.offset = 0;
+            m_pSeen->asked += isGreeting ? 0 : 1;
+            return true;
         }
-        const std::size_t question = connection.number - greetings,
-                          open = connection.number - connection.answers;
-        return all == 0 || connection.index >= m_attack.askers || connection.answers == 0 ||
-                       question >= m_attack.count || (m_attack.open != 0 && open >= m_attack.open)
-                   ? nullptr
-                   : &m_attack.questions[(question + connection.index) % all];
+        return false;
     }
 
     void m_Write(TSConnection& connection)
     {
-        while (std::string* const pNext = m_Next(connection))
+        ssize_t sent = 1;
+        while (sent > 0 && (connection.offset < connection.out.size() || m_SayNext(connection)))
         {
-            const auto serial = static_cast<std::uint32_t>(connection.number + 1);
-            connection.number == 0 ? void() : void(std::memcpy(&(*pNext)[8], &serial, 4));
-            const ssize_t sent = send(connection.socket.fd, &(*pNext)[connection.offset],
-                                      pNext->size() - connection.offset, MSG_NOSIGNAL);
+            sent = send(connection.socket.fd, &connection.out[connection.offset],
+                        connection.out.size() - connection.offset, MSG_NOSIGNAL);
             connection.offset += sent > 0 ? static_cast<std::size_t>(sent) : 0;
-            if (connection.offset < pNext->size())
-            {
-                return; // full, or gone, which poll tells
-            }
-            connection.offset = 0;
-            m_pSeen->asked += connection.number++ < m_attack.greetings.size() ? 0 : 1;
         }
     }
 
-    // Whether the connection goes on. The answers are counted by the headers of messages.
+    // Whether the connection goes on.
     bool m_Read(TSConnection& connection)
     {
         static char s_bytes[1 << 18];
@@ -183,21 +186,51 @@ private:
                 connection.isLoggedIn = in.find('\n') != std::string::npos;
                 connection.rest = connection.isLoggedIn ? in.find('\n') + 1 : in.size();
             }
-            while (in.size() >= connection.rest + 16)
+            while (m_TakeHeader(connection))
             {
-                std::uint32_t words[4];
-                std::memcpy(words, &in[connection.rest], sizeof words);
-                const char type = in[connection.rest + 1];
-                const std::size_t isAnswer = type == 2 || type == 3; // a result or an error
-                m_pSeen->answered += isAnswer;
-                connection.answers += isAnswer;
-                connection.rest += 16 + words[1] + (words[3] + 7) / 8 * 8; // body, fields
             }
             const std::size_t done = std::min(connection.rest, in.size());
             in.erase(0, done);
             connection.rest -= done;
         }
         return size != 0 && connection.answers < m_attack.leavesAfter;
+    }
+
+    // The header of one message, if all of it is there. Who reads answers calls, with nothing.
+    bool m_TakeHeader(TSConnection& connection)
+    {
+        std::uint32_t words[4] = {}; // kind, length of the body, serial number, length of the rest
+        if (connection.in.size() < connection.rest + sizeof words)
+        {
+            return false;
+        }
+        std::memcpy(words, &connection.in[connection.rest], sizeof words);
+        const std::size_t size = sizeof words + (words[3] + 7) / 8 * 8;
+        const std::string header = connection.in.substr(connection.rest, size);
+        if (header.size() < size)
+        {
+            return false;
+        }
+        const bool isAnswer = header[1] == 2 || header[1] == 3;
+        const bool isCall = header[1] == 1 && (header[2] & 1) == 0; // that wants an answer
+        m_pSeen->answered += isAnswer ? 1 : 0;
+        connection.answers += isAnswer ? 1 : 0;
+        connection.out += isCall && m_attack.open != 0 ? m_Answer(header, words[2]) : "";
+        connection.rest += size + words[1];
+        return true;
+    }
+
+    static std::string m_Answer(const std::string& call, std::uint32_t serial)
+    {
+        const auto word = [](std::size_t value)
+        { return std::string(reinterpret_cast<const char*>(&value), 4); };
+        const std::size_t sender = call.find(std::string("\7\1s", 4)) + 4;
+        const std::string name = call.substr(sender + 4, static_cast<std::size_t>(call[sender]));
+        std::string answer = "l\2\1\1" + word(0) + word(1) + word(17 + name.size()) +
+                             std::string("\5\1u", 4) + word(serial) + std::string("\6\1s", 4) +
+                             word(name.size()) + name;
+        answer.resize((answer.size() + 8) / 8 * 8);
+        return answer;
     }
 
     Attack m_attack;
