@@ -74,17 +74,17 @@ private:
     struct TSConnection
     {
         explicit TSConnection(std::size_t position)
-            : index(position), socket{::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0), 0, 0}
+            : index(position), socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0))
         {
             sockaddr_un address{AF_UNIX, {}};
             const std::string path = getenv("DBUS_SYSTEM_BUS_ADDRESS") + sizeof "unix:path";
             path.copy(address.sun_path, sizeof address.sun_path - 1);
             // One that is not taken hangs up.
-            connect(socket.fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+            connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address);
         }
 
         std::size_t index;
-        pollfd socket;
+        int socket;
         std::size_t number = 0; // of messages so far
         std::size_t answers = 0;
         std::string out;         // what is being said
@@ -104,30 +104,31 @@ private:
         {
             connections.emplace_back(i);
         }
-        std::vector<pollfd> sockets(connections.size());
+        std::vector<pollfd> sockets(connections.size(), {-1, 0, POLLOUT});
         while (isUser)
         {
             for (TSConnection& connection : connections)
             {
-                m_Step(connection, sockets[connection.index].revents);
-                sockets[connection.index] = connection.socket;
+                pollfd& socket = sockets[connection.index];
+                socket.revents != 0 ? m_Step(connection, socket) : void();
             }
-            poll(sockets.data(), sockets.size(), 100);
+            poll(sockets.data(), sockets.size(), -1);
         }
         _exit(1);
     }
 
-    void m_Step(TSConnection& connection, int events)
+    void m_Step(TSConnection& connection, pollfd& socket)
     {
-        if ((events & (POLLHUP | POLLERR)) != 0 || !m_Read(connection))
+        if ((socket.revents & (POLLHUP | POLLERR)) != 0 || !m_Read(connection))
         {
-            close(connection.socket.fd);
+            close(connection.socket);
             connection = TSConnection(connection.index);
         }
         m_Write(connection);
-        connection.socket.events =
-            static_cast<short>((m_IsReading(connection) ? POLLIN : 0) |
-                               (connection.offset < connection.out.size() ? POLLOUT : 0));
+        const bool isWriting = connection.offset < connection.out.size();
+        socket.fd = connection.socket;
+        socket.events =
+            static_cast<short>((m_IsReading(connection) ? POLLIN : 0) | (isWriting ? POLLOUT : 0));
     }
 
     bool m_IsReading(const TSConnection& connection) const
@@ -139,25 +140,23 @@ private:
     // Whether there is something to say.
     bool m_SayNext(TSConnection& connection)
     {
-        const std::size_t greetings = m_attack.greetings.size(), number = connection.number;
-        const bool isGreeting = number < greetings;
-        const bool asks = connection.index < m_attack.askers &&
-                          number - greetings < m_attack.count && !m_attack.questions.empty() &&
-                          connection.answers != 0;
-        const bool isFree = m_attack.open == 0 || number - connection.answers < m_attack.open;
-        if (isGreeting || (asks && isFree))
+        const std::size_t greetings = m_attack.greetings.size(), number = connection.number,
+                          question = number - greetings, all = m_attack.questions.size();
+        const bool isGreeting = number < greetings,
+                   isFree = m_attack.open == 0 || number - connection.answers < m_attack.open,
+                   isAsker = connection.index < m_attack.askers && all != 0;
+        if (!isGreeting &&
+            !(isAsker && isFree && question < m_attack.count && connection.answers != 0))
         {
-            const auto serial = static_cast<std::uint32_t>(++connection.number);
-            connection.out = isGreeting
-                                 ? m_attack.greetings[number]
-                                 : m_attack.questions[(number - greetings + connection.index) %
-                                                      m_attack.questions.size()];
-            number == 0 ? void() : void(std::memcpy(&connection.out[8], &serial, 4));
-            connection.offset = 0;
-            m_pSeen->asked += isGreeting ? 0 : 1;
-            return true;
+            return false;
         }
-        return false;
+        const auto serial = static_cast<std::uint32_t>(++connection.number);
+        connection.out = isGreeting ? m_attack.greetings[number]
+                                    : m_attack.questions[(question + connection.index) % all];
+        number == 0 ? void() : void(std::memcpy(&connection.out[8], &serial, 4));
+        connection.offset = 0;
+        m_pSeen->asked += isGreeting ? 0 : 1;
+        return true;
     }
 
     void m_Write(TSConnection& connection)
@@ -165,7 +164,7 @@ private:
         ssize_t sent = 1;
         while (sent > 0 && (connection.offset < connection.out.size() || m_SayNext(connection)))
         {
-            sent = send(connection.socket.fd, &connection.out[connection.offset],
+            sent = send(connection.socket, &connection.out[connection.offset],
                         connection.out.size() - connection.offset, MSG_NOSIGNAL);
             connection.offset += sent > 0 ? static_cast<std::size_t>(sent) : 0;
         }
@@ -179,7 +178,7 @@ private:
         std::string& in = connection.in;
         while (size > 0 && m_IsReading(connection))
         {
-            size = recv(connection.socket.fd, s_bytes, sizeof s_bytes, 0);
+            size = recv(connection.socket, s_bytes, sizeof s_bytes, 0);
             in.append(s_bytes, size > 0 ? static_cast<std::size_t>(size) : 0);
             if (!connection.isLoggedIn)
             {
