@@ -8,7 +8,8 @@
 
 #include "Attacker.h"
 #include "FaultSupport.h"
-#include "NeighbourFixture.h"
+#include "MuteBus.h"
+#include "ServerFixture.h"
 #include "ToolRunner.h"
 
 namespace
@@ -130,7 +131,6 @@ protected:
             GTEST_SKIP() << "only root can act as another user";
         }
         m_pBus = std::make_unique<PrivateBus>();
-        Bind(m_manager, m_directory.Path("notify"));
         m_options.environment = {{"NOTIFY_SOCKET", m_directory.Path("notify")},
                                  {"WATCHDOG_USEC", "1000000"}};
     }
@@ -182,7 +182,7 @@ protected:
         return (ProcessorSeconds() - before) / static_cast<double>(rounds);
     }
 
-    const int m_manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int m_manager = BoundSocket(SOCK_DGRAM, m_directory.Path("notify"));
     Clock::time_point m_heard = Clock::now();
     std::atomic<double> m_silence{0};
     std::size_t m_stored = 0;
@@ -264,7 +264,11 @@ TEST_F(AttackCost, QuestionsCostTheSameWhoeverIsRegistered)
 
 // --- Attacks on another service ------------------------------------------------------------------
 
-TEST_F(Neighbour, LargeAnswersThatNobodyReadsAreNotKept)
+class AttackedServer : public ServerTest
+{
+};
+
+TEST_F(AttackedServer, LargeAnswersThatNobodyReadsAreNotKept)
 {
     if (geteuid() != 0)
     {
@@ -287,7 +291,7 @@ TEST_F(Neighbour, LargeAnswersThatNobodyReadsAreNotKept)
 }
 
 // The bus tells of them as long as the service's connection has match rules left.
-TEST_F(Neighbour, DeparturesThatTheBusDoesNotTellAreSeenWithinAMinute)
+TEST_F(AttackedServer, DeparturesThatTheBusDoesNotTellAreSeenWithinAMinute)
 {
     if (geteuid() != 0 || !IS_LONG)
     {
