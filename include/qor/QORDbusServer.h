@@ -99,6 +99,10 @@ public:
     /// with their number, and not with what they registered. Any thread; does not block.
     std::vector<TSClientInfo> Clients();
 
+    /// Those of one user. What it costs grows with the number of all clients as a count does, where
+    /// the user has any.
+    std::vector<TSClientInfo> ClientsOf(unsigned int userId);
+
     /// Whether the client (its unique name) is registered for the type. Any thread; does not block.
     bool IsRegistered(const std::string& client, int type);
 
@@ -173,6 +177,7 @@ private:
     void m_HandleHelloMessage(const char* sender, GVariant* pParameters,
                               GDBusMethodInvocation* pInvocation);
     bool m_Register(const std::string& client, std::vector<int> events) QOR_EXCLUDES(t_stateMutex);
+    static TSClientInfo m_Info(const std::string& name, const TSClient& client);
     bool m_AddClient(const TSPeer& peer) QOR_REQUIRES(t_stateMutex);
     static void m_ClientNameVanished(GDBusConnection* pConnection, const char* name,
                                      void* pUserData);

@@ -137,13 +137,6 @@ GVariant* Event(const TSEventResult& result)
     return about.End();
 }
 
-// Others' clients are for those who may change the policy.
-bool MaySee(const TSAsker& asker, const TSApplication& application)
-{
-    return asker.m_permission == EPermission::GRANTED || (asker.m_peer.m_isKnown && application.m_isKnown &&
-                                 asker.m_peer.m_userId == application.m_sender.m_userId);
-}
-
 bool IsSameFile(const struct stat& left, const struct stat& right)
 {
     return left.st_ino == right.st_ino && left.st_dev == right.st_dev &&
@@ -374,22 +367,29 @@ GVariant* TCPolicyFacts::Policies()
     return g_variant_builder_end(&builder);
 }
 
+// Others' clients are for those who may change the policy.
 GVariant* TCPolicyFacts::Clients(const TSAsker& asker, qor::TCDbusServer& server)
 {
+    const bool isForAll = asker.m_permission == EPermission::GRANTED;
+    const auto clients = isForAll                 ? server.Clients()
+                         : asker.m_peer.m_isKnown ? server.ClientsOf(asker.m_peer.m_userId)
+                                                  : std::vector<qor::TCDbusServer::TSClientInfo>();
     const std::string policy = MarkOfPolicyInForce(m_handler.Store());
-    const TApplications& applications = m_events.Applications(server);
+    const TApplications none;
+    const TApplications& applications = clients.empty() ? none : m_events.Applications(server);
     const auto end = TClock::now() + TCUserDatabase::PATIENCE; // for all names together
     GVariantBuilder builder;
     g_variant_builder_init(&builder, G_VARIANT_TYPE("aa{sv}"));
-    for (const auto& client : server.Clients())
+    for (const auto& client : clients)
     {
         const auto found = applications.find(client.m_name);
-        if (found != applications.end() && MaySee(asker, *found->second))
+        if (found != applications.end())
         {
             AskForUserName(found->second->m_sender, m_users,
                            std::chrono::duration_cast<TCUserDatabase::TPatience>(
                                std::max(end - TClock::now(), TClock::duration::zero())));
-            g_variant_builder_add_value(&builder, Client(client, IsListening(server, client.m_name), *found->second, policy));
+            g_variant_builder_add_value(&builder, Client(client, IsListening(server, client.m_name),
+                                                         *found->second, policy));
         }
     }
     return g_variant_builder_end(&builder);

@@ -195,27 +195,52 @@ void TCDbusAccounts::SetPinged(TSSender& sender, bool isPinged)
 {
     sender.m_isPinged = isPinged;
     sender.m_atPing = sender.m_own.m_unread;
-    for (TSDbusAccount* pAccount : {&sender.Account(), &m_all})
+    for (TSDbusAccount* pAccount : {&sender.m_own, sender.m_pUser.get(), &m_all})
     {
-        pAccount->m_pings = isPinged ? pAccount->m_pings + 1 : pAccount->m_pings - 1;
+        if (pAccount != nullptr)
+        {
+            pAccount->m_pings = isPinged ? pAccount->m_pings + 1 : pAccount->m_pings - 1;
+        }
     }
+}
+
+void TCDbusAccounts::SetStranger(TSSender& sender)
+{
+    m_Move(sender, m_strangers);
 }
 
 void TCDbusAccounts::SetUser(TSSender& sender, std::uint32_t userId)
 {
-    if (sender.m_pUser != nullptr)
-    {
-        return;
-    }
     std::shared_ptr<TSDbusAccount>& user = m_users[userId];
     if (user == nullptr)
     {
         user = std::make_shared<TSDbusAccount>();
     }
-    user->m_calls += sender.m_own.m_calls;
-    user->m_bytes += sender.m_own.m_bytes;
-    user->m_unread += sender.m_own.m_unread;
-    user->m_pings += sender.m_own.m_pings;
+    m_Move(sender, user);
+}
+
+void TCDbusAccounts::SetOwn(TSSender& sender)
+{
+    m_Move(sender, nullptr);
+}
+
+void TCDbusAccounts::m_Move(TSSender& sender, const std::shared_ptr<TSDbusAccount>& user)
+{
+    const TSDbusAccount& own = sender.m_own;
+    if (sender.m_pUser != nullptr)
+    {
+        sender.m_pUser->m_calls -= own.m_calls;
+        sender.m_pUser->m_bytes -= own.m_bytes;
+        sender.m_pUser->m_unread -= own.m_unread;
+        sender.m_pUser->m_pings -= own.m_pings;
+    }
+    if (user != nullptr)
+    {
+        user->m_calls += own.m_calls;
+        user->m_bytes += own.m_bytes;
+        user->m_unread += own.m_unread;
+        user->m_pings += own.m_pings;
+    }
     sender.m_pUser = user;
 }
 

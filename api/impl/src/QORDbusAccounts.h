@@ -54,7 +54,7 @@ public:
         }
 
         TSDbusAccount m_own;
-        std::shared_ptr<TSDbusAccount> m_pUser;          // once the bus has told who it is
+        std::shared_ptr<TSDbusAccount> m_pUser;          // shared with others; or none
         std::multimap<std::uint32_t, TSOpenCall> m_open; // by serial, which the sender chooses
         gint64 m_since = 0;                              // monotonic time
         std::size_t m_atPing = 0;                        // bytes that were unread then
@@ -100,19 +100,24 @@ public:
     void SubtractUnread(TSSender& sender, std::size_t size);
     void SetPinged(TSSender& sender, bool isPinged);
 
-    // Moves what the sender costs to its user's account.
+    // Moves what the sender costs to another account: that of all whom the bus has not told of yet,
+    // that of its user, or its own.
+    void SetStranger(TSSender& sender);
     void SetUser(TSSender& sender, std::uint32_t userId);
+    void SetOwn(TSSender& sender);
 
     // Those that have nothing open or unread, and were not refused within that time.
     void DropQuiet(gint64 microseconds);
 
 private:
+    static void m_Move(TSSender& sender, const std::shared_ptr<TSDbusAccount>& user);
     void m_Count(TSSender& sender, std::size_t size);
     void m_Discount(TSSender& sender, std::size_t size);
     static bool m_IsGoneFor(TSOpenCall& call, gint64 microseconds);
 
     TSenders m_senders;
     std::map<std::uint32_t, std::shared_ptr<TSDbusAccount>> m_users;
+    const std::shared_ptr<TSDbusAccount> m_strangers = std::make_shared<TSDbusAccount>();
     std::list<TSOpenCall> m_silent;   // that want no answer
     std::list<TSOpenCall*> m_handled; // of those that do
     TSDbusAccount m_all;

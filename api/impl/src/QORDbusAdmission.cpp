@@ -131,7 +131,11 @@ void TCDbusAdmission::m_Judge(GDBusMessage* pCall, const char* name, bool isOurs
     m_accounts.DropSilent(false);
     TSender& sender = m_Sender(name);
     const std::size_t size = BodySize(pCall);
-    verdict.m_onSender = std::exchange(sender.m_isAsked, true) ? nullptr : m_onSender;
+    if (m_onSender && !std::exchange(sender.m_isAsked, true))
+    {
+        verdict.m_onSender = m_onSender;
+        m_accounts.SetStranger(sender);
+    }
     verdict.m_errorName = LIMITS_EXCEEDED;
     if (!isOurs)
     {
@@ -178,12 +182,17 @@ const char* TCDbusAdmission::m_Objection(GDBusMessage* pCall, TSender& sender, s
     {
         return "Too many message types";
     }
-    const TSDbusAccount& account = sender.Account();
-    if (account.m_calls >= MAX_QUEUED_CALLS || account.m_bytes + size > MAX_QUEUED_BYTES)
+    // Of whom the bus has yet to tell has an account with others, who are not its fault.
+    const bool isNew = m_onSender && !sender.m_isTold;
+    const TSDbusAccount& shared = sender.Account();
+    const TSDbusAccount& account = isNew ? sender.m_own : shared;
+    const auto isOver = [&shared, size]
+    { return shared.m_calls >= MAX_QUEUED_CALLS || shared.m_bytes + size > MAX_QUEUED_BYTES; };
+    if (isOver())
     {
         m_accounts.DropSilent(true);
         m_accounts.DropLost();
-        if (account.m_calls >= MAX_QUEUED_CALLS || account.m_bytes + size > MAX_QUEUED_BYTES)
+        if (isOver() && !(isNew && m_IsOneOfFew(account, size)))
         {
             return "Too many calls are waiting";
         }
@@ -191,14 +200,20 @@ const char* TCDbusAdmission::m_Objection(GDBusMessage* pCall, TSender& sender, s
     if (m_IsFull(size))
     {
         m_accounts.DropSilent(true);
-        const bool isOneOfFew = account.m_calls < FEW_CALLS && size <= SMALL_CALL &&
-                                m_accounts.All().m_calls < MAX_SMALL_CALLS;
-        if (m_IsFull(size) && !isOneOfFew)
+        if (m_IsFull(size) && !m_IsOneOfFew(account, size))
         {
             return "Too much is waiting";
         }
     }
     return nullptr;
+}
+
+// A large call as well, where it is their number that is too large.
+bool TCDbusAdmission::m_IsOneOfFew(const TSDbusAccount& account, std::size_t size) const
+{
+    const TSDbusAccount& all = m_accounts.All();
+    return account.m_calls < FEW_CALLS && all.m_calls < MAX_SMALL_CALLS &&
+           (size <= SMALL_CALL || all.m_bytes + size <= MAX_QUEUED_BYTES_IN_ALL);
 }
 
 bool TCDbusAdmission::m_IsFull(std::size_t size) const
@@ -311,7 +326,11 @@ void TCDbusAdmission::SetPeer(const TSPeer& peer)
         pSender->m_isTold = true;
         // Who may do anything to the service has no share: one program of theirs that sends too
         // much is not to lock out the others.
-        if (peer.m_isKnown && peer.m_userId != 0 && peer.m_userId != geteuid())
+        if (peer.m_isKnown && (peer.m_userId == 0 || peer.m_userId == geteuid()))
+        {
+            m_accounts.SetOwn(*pSender);
+        }
+        else if (peer.m_isKnown)
         {
             m_accounts.SetUser(*pSender, peer.m_userId);
         }

@@ -91,6 +91,7 @@ private:
     const char* m_Objection(GDBusMessage* pCall, TSender& sender, std::size_t size)
         QOR_REQUIRES(m_mutex);
     bool m_IsFull(std::size_t size) const QOR_REQUIRES(m_mutex);
+    bool m_IsOneOfFew(const TSDbusAccount& account, std::size_t size) const QOR_REQUIRES(m_mutex);
     std::size_t m_FreeUnread() const QOR_REQUIRES(m_mutex);
     bool m_IsDeaf(TSender& sender) const QOR_REQUIRES(m_mutex);
     bool m_IsPingDue(TSender& sender) const QOR_REQUIRES(m_mutex);

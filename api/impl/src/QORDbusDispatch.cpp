@@ -10,6 +10,7 @@
 #include "QORDbusLink.h"
 #include "QORDbusSession.h"
 #include "QORDbusTurns.h"
+#include "QOREnvelope.h"
 #include "QORLocks.h"
 #include "QORLog.h"
 
@@ -137,7 +138,10 @@ void TCDbus::m_HandleMessage(const char* sender, GVariant* pParameters,
     bool isAsync = false;
     TByteArray payload;
     TByteArray output;
-    t_ConvertBytes(pParameters, type, isAsync, payload);
+    if (HasRequestHeader(pParameters) || m_pTurns->IsNewBurst())
+    {
+        t_ConvertBytes(pParameters, type, isAsync, payload);
+    }
     {
         const TExclusiveLock lock(t_stateMutex);
         t_isCurrentMessageAsync = isAsync;

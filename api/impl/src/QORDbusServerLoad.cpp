@@ -176,6 +176,13 @@ void TCDbusServer::m_SweepLater()
 
 // --- What is told of it --------------------------------------------------------------------------
 
+TCDbusServer::TSClientInfo TCDbusServer::m_Info(const std::string& name, const TSClient& client)
+{
+    const auto told = static_cast<std::ptrdiff_t>(std::min(client.m_events.size(), MAX_TOLD_TYPES));
+    const auto begin = client.m_events.begin();
+    return {name, {begin, begin + told}, client.m_events.size(), client.m_pAccount->m_isSuspended};
+}
+
 std::vector<TCDbusServer::TSClientInfo> TCDbusServer::Clients()
 {
     std::vector<TSClientInfo> clients;
@@ -187,12 +194,28 @@ std::vector<TCDbusServer::TSClientInfo> TCDbusServer::Clients()
     clients.reserve(m_clients.size());
     for (const auto& [name, client] : m_clients)
     {
-        const std::size_t told = std::min(client.m_events.size(), MAX_TOLD_TYPES);
-        const auto begin = client.m_events.begin();
-        clients.push_back({name,
-                           {begin, begin + static_cast<std::ptrdiff_t>(told)},
-                           client.m_events.size(),
-                           client.m_pAccount->m_isSuspended});
+        clients.push_back(m_Info(name, client));
+    }
+    return clients;
+}
+
+std::vector<TCDbusServer::TSClientInfo> TCDbusServer::ClientsOf(unsigned int userId)
+{
+    std::vector<TSClientInfo> clients;
+    if (!t_IsInOwnProcess())
+    {
+        return clients;
+    }
+    const TSharedLock lock(t_stateMutex);
+    if (m_clientsByUser.count(userId) != 0)
+    {
+        for (const auto& [name, client] : m_clients)
+        {
+            if (client.m_hasUser && client.m_userId == userId)
+            {
+                clients.push_back(m_Info(name, client));
+            }
+        }
     }
     return clients;
 }

@@ -13,6 +13,7 @@ namespace
 
 // A call may take longer, but then it was the only one.
 constexpr gint64 ROUND_US = 20 * G_TIME_SPAN_MILLISECOND;
+constexpr gint64 BURST_GAP_US = 10 * G_TIME_SPAN_SECOND;
 
 } // namespace
 
@@ -117,6 +118,13 @@ bool TCDbusTurns::IsRoundOver()
         m_endOfRound = now + ROUND_US;
     }
     return now >= m_endOfRound;
+}
+
+bool TCDbusTurns::IsNewBurst()
+{
+    const gint64 now = g_get_monotonic_time();
+    const gint64 last = std::exchange(m_lastOfBurst, now);
+    return last == 0 || now - last > BURST_GAP_US;
 }
 
 } // namespace qor

@@ -39,6 +39,8 @@ public:
     // Whether calls have taken their share of this round of the main context, whose other work,
     // timers among it, is to have its turn.
     bool IsRoundOver();
+    // Whether a message that no endpoint sends is the first for a while: one of many is reported.
+    bool IsNewBurst();
 
 private:
     struct TSCall
@@ -56,6 +58,7 @@ private:
     bool m_isBlocked = false;                // no call can be handled just now
     gint64 m_round = 0;                      // monotonic times
     gint64 m_endOfRound = 0;
+    gint64 m_lastOfBurst = 0; // 0: never
 };
 
 } // namespace qor

@@ -125,6 +125,11 @@ GVariant* WriteRequest(int type, bool isAsync, const TByteArray& payload)
     return WriteEnvelope(header, sizeof header, payload);
 }
 
+bool HasRequestHeader(GVariant* pValue)
+{
+    return TCByteView(pValue).Size() >= REQUEST_HEADER_SIZE;
+}
+
 bool ReadRequest(GVariant* pValue, int& type, bool& isAsync, TByteArray& payload)
 {
     const TCByteView view(pValue);

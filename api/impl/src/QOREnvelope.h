@@ -22,6 +22,7 @@ GVariant* WrapBytes(const TByteArray& bytes);
 void UnwrapBytes(GVariant* pValue, TByteArray& bytes);
 
 GVariant* WriteRequest(int type, bool isAsync, const TByteArray& payload);
+bool HasRequestHeader(GVariant* pValue);
 // False, with the outputs unchanged, for fewer bytes than the header takes.
 bool ReadRequest(GVariant* pValue, int& type, bool& isAsync, TByteArray& payload);
 

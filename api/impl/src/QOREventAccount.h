@@ -34,6 +34,7 @@ struct TSEvent
     // From here on for the turns of the delivery:
     TGlibPtr<GDBusMessage> m_pMessage; // what its calls are copies of
     std::size_t m_open = 0;            // calls that have no outcome
+    std::size_t m_errors = 0;          // calls that have ended with one
     std::function<void(const std::shared_ptr<TSEvent>&)> m_onDone;
     bool m_isOver = false; // for a thread that waits; under the mutex of the delivery's inbox
 };

@@ -14,6 +14,14 @@
 namespace qor
 {
 
+namespace
+{
+
+// Of one event; clients that leave or do not answer decide how many there would be.
+constexpr std::size_t MAX_ERROR_LINES = 16;
+
+} // namespace
+
 // On the worker thread: the message goes away here.
 TCEventDelivery::TSAnswer TCEventDelivery::m_Read(GDBusMessage* pMessage)
 {
@@ -89,12 +97,16 @@ bool TCEventDelivery::m_Judge(const TSAnswer& answer, const char* name)
 
 void TCEventDelivery::m_Fail(TCall call, EDelivery outcome, int code)
 {
-    if (call->m_pEvent != nullptr)
+    if (call->m_pEvent == nullptr)
+    {
+        return;
+    }
+    if (++call->m_pEvent->m_errors <= MAX_ERROR_LINES)
     {
         QOR_LOG_ERROR("Sending message from %s error, errno %d", call->m_pAccount->m_name.c_str(),
                       code);
-        m_Store(call, outcome, code);
     }
+    m_Store(call, outcome, code);
 }
 
 // A call that has not been started ends with that.
@@ -112,6 +124,10 @@ void TCEventDelivery::m_Store(TCall call, EDelivery outcome, int code)
     }
     if (--pEvent->m_open == 0)
     {
+        if (pEvent->m_errors > MAX_ERROR_LINES)
+        {
+            QOR_LOG_ERROR("Sending message error: %zu more", pEvent->m_errors - MAX_ERROR_LINES);
+        }
         pEvent->m_onDone(pEvent);
     }
 }
