@@ -176,6 +176,7 @@ private:
 
     void m_HandleHelloMessage(const char* sender, GVariant* pParameters,
                               GDBusMethodInvocation* pInvocation);
+    TSPeer m_FindPeer(const std::string& sender) QOR_EXCLUDES(t_stateMutex);
     bool m_Register(const std::string& client, std::vector<int> events) QOR_EXCLUDES(t_stateMutex);
     static TSClientInfo m_Info(const std::string& name, const TSClient& client);
     bool m_AddClient(const TSPeer& peer) QOR_REQUIRES(t_stateMutex);

@@ -80,6 +80,7 @@ GVariant* Types(const std::vector<int>& types)
 GVariant* ByUser(const std::map<unsigned int, std::size_t>& clients)
 {
     std::vector<std::pair<std::size_t, unsigned int>> users;
+    users.reserve(clients.size());
     for (const auto& [user, count] : clients)
     {
         users.emplace_back(count, user);

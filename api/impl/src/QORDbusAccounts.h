@@ -11,6 +11,8 @@
 
 #include <gio/gio.h>
 
+#include <qor/IDbusService.h>
+
 namespace qor
 {
 
@@ -56,6 +58,7 @@ public:
         TSDbusAccount m_own;
         std::shared_ptr<TSDbusAccount> m_pUser;          // shared with others; or none
         std::multimap<std::uint32_t, TSOpenCall> m_open; // by serial, which the sender chooses
+        TSPeer m_peer;                                   // once the bus has told
         gint64 m_since = 0;                              // monotonic time
         std::size_t m_atPing = 0;                        // bytes that were unread then
         bool m_isAsked = false;                          // the bus, who it is

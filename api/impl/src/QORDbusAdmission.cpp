@@ -324,6 +324,7 @@ void TCDbusAdmission::SetPeer(const TSPeer& peer)
             return;
         }
         pSender->m_isTold = true;
+        pSender->m_peer = peer;
         // Who may do anything to the service has no share: one program of theirs that sends too
         // much is not to lock out the others.
         if (peer.m_isKnown && (peer.m_userId == 0 || peer.m_userId == geteuid()))
@@ -342,6 +343,43 @@ void TCDbusAdmission::SetPeer(const TSPeer& peer)
     }
 }
 
+bool TCDbusAdmission::FindPeer(const std::string& name, TSPeer& peer)
+{
+    const TCPosixLock lock(m_mutex);
+    TSender* const pSender = m_accounts.Find(name);
+    if (pSender == nullptr || !pSender->m_isAsked)
+    {
+        return false;
+    }
+    peer = pSender->m_peer;
+    peer.m_name = name;
+    return true;
+}
+
+bool TCDbusAdmission::FindUser(GDBusMessage* pCall, std::string& user)
+{
+    const TCPosixLock lock(m_mutex);
+    const char* name = g_dbus_message_get_sender(pCall);
+    TSender* const pSender = m_onSender && name != nullptr ? m_accounts.Find(name) : nullptr;
+    if (pSender == nullptr)
+    {
+        user.clear();
+        return true;
+    }
+    if (pSender->m_isTold && pSender->m_pUser != nullptr && pSender->m_peer.m_isKnown)
+    {
+        user = std::to_string(pSender->m_peer.m_userId);
+        return true;
+    }
+    user = name; // no other name on the bus is a number
+    if (!pSender->m_isTold && g_get_monotonic_time() - pSender->m_since < PEER_WAIT_US)
+    {
+        m_isSomebodyLate = true;
+        return false;
+    }
+    return true;
+}
+
 TCDbusAdmission::ETurn TCDbusAdmission::MayHandle(GDBusMessage* pCall)
 {
     const TCPosixLock lock(m_mutex);
@@ -353,7 +391,7 @@ TCDbusAdmission::ETurn TCDbusAdmission::MayHandle(GDBusMessage* pCall)
     }
     const gint64 now = g_get_monotonic_time();
     ETurn turn = ETurn::NOW;
-    if ((!pSender->m_isTold && now - pSender->m_since < PEER_WAIT_US) || m_IsDeaf(*pSender))
+    if (m_IsDeaf(*pSender))
     {
         turn = ETurn::LATER;
     }

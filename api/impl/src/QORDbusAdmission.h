@@ -53,10 +53,18 @@ public:
     // The bus has told who a sender is, or nothing. Any thread.
     void SetPeer(const TSPeer& peer) QOR_EXCLUDES(m_mutex);
 
+    // What the bus has told of the sender of an open call. False where it was not asked, or that
+    // was long ago.
+    bool FindPeer(const std::string& name, TSPeer& peer) QOR_EXCLUDES(m_mutex);
+
+    // Whose account a call that has passed is on: users have their turns in rotation. False while
+    // the bus has yet to tell. On the main context's thread.
+    bool FindUser(GDBusMessage* pCall, std::string& user) QOR_EXCLUDES(m_mutex);
+
     enum class ETurn
     {
         NOW,    // it counts as handled from here on
-        LATER,  // other senders may have their turn
+        LATER,  // other users may have their turn
         NOBODYS // answers wait to be written
     };
     // Whether a call that has passed may be handled. On the main context's thread.

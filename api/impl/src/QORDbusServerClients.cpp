@@ -45,7 +45,14 @@ std::size_t TCDbusServer::NumberOfClients()
 TSPeer TCDbusServer::CurrentPeer()
 {
     const std::string name = GetCurrentSender();
-    return name.empty() ? TSPeer() : m_pPeers->Find(name);
+    return name.empty() ? TSPeer() : m_FindPeer(name);
+}
+
+// Whose call is handled: it was waited for what the bus tells.
+TSPeer TCDbusServer::m_FindPeer(const std::string& sender)
+{
+    TSPeer peer;
+    return t_Session()->Admission().FindPeer(sender, peer) ? peer : m_pPeers->Find(sender);
 }
 
 TSPeer TCDbusServer::Peer(const std::string& uniqueName)
@@ -79,7 +86,7 @@ void TCDbusServer::m_HandleHelloMessage(const char* sender, GVariant* pParameter
 // The answer comes after, since it confirms the registration: who gets none says Hello again.
 bool TCDbusServer::m_Register(const std::string& client, std::vector<int> events)
 {
-    const TSPeer peer = m_pPeers->Find(client);
+    const TSPeer peer = m_FindPeer(client);
     {
         const TExclusiveLock lock(t_stateMutex);
         const auto found = m_clients.find(client);

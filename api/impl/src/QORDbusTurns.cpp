@@ -24,7 +24,7 @@ void TCDbusTurns::Add(TWork work)
 
 void TCDbusTurns::AddCall(GDBusMessage* pCall, TWork work)
 {
-    m_calls.push_back({pCall, std::move(work)});
+    m_incoming.push_back({pCall, std::move(work)});
 }
 
 void TCDbusTurns::RunNext(TCDbusAdmission* pAdmission)
@@ -45,35 +45,60 @@ void TCDbusTurns::RunNext(TCDbusAdmission* pAdmission)
     }
 }
 
+// Gives each call to whom it counts for.
+void TCDbusTurns::m_Sort(TCDbusAdmission* pAdmission)
+{
+    while (!m_incoming.empty())
+    {
+        const auto first = m_incoming.begin();
+        const char* sender = g_dbus_message_get_sender(first->m_pCall);
+        const std::string name = sender == nullptr ? "" : sender;
+        std::string user;
+        const bool isKnown = m_unknown.count(name) == 0 &&
+                             (pAdmission == nullptr || pAdmission->FindUser(first->m_pCall, user));
+        if (!isKnown)
+        {
+            TCalls& calls = m_unknown[name];
+            calls.splice(calls.end(), m_incoming, first);
+            continue;
+        }
+        const auto [found, isNew] = m_byName.try_emplace(user);
+        if (isNew)
+        {
+            found->second = m_users.insert(m_users.end(), {user, {}});
+        }
+        TCalls& calls = found->second->m_calls;
+        calls.splice(calls.end(), m_incoming, first);
+    }
+}
+
 // None, where none may run.
 TCDbusTurns::TWork TCDbusTurns::m_TakeCall(TCDbusAdmission* pAdmission)
 {
-    while (!m_calls.empty() && !m_isBlocked)
+    m_Sort(pAdmission);
+    m_isBlocked = true;
+    for (std::size_t left = m_users.size(); left > 0; --left)
     {
-        const auto first = m_calls.begin();
-        const char* sender = g_dbus_message_get_sender(first->m_pCall);
-        const std::string name = sender == nullptr ? "" : sender;
-        const auto waiting = m_waiting.find(name);
-        if (waiting != m_waiting.end())
+        const auto user = m_users.begin();
+        const auto turn = pAdmission == nullptr
+                              ? TCDbusAdmission::ETurn::NOW
+                              : pAdmission->MayHandle(user->m_calls.front().m_pCall);
+        if (turn == TCDbusAdmission::ETurn::NOBODYS)
         {
-            waiting->second.splice(waiting->second.end(), m_calls, first);
-            continue;
+            return nullptr;
         }
-        switch (pAdmission == nullptr ? TCDbusAdmission::ETurn::NOW
-                                      : pAdmission->MayHandle(first->m_pCall))
+        m_users.splice(m_users.end(), m_users, user);
+        if (turn == TCDbusAdmission::ETurn::NOW)
         {
-        case TCDbusAdmission::ETurn::NOW:
-        {
-            TWork work = std::move(first->m_work);
-            m_calls.erase(first);
+            m_isBlocked = false;
+            TWork work = std::move(user->m_calls.front().m_work);
+            user->m_calls.pop_front();
+            if (user->m_calls.empty())
+            {
+                m_byName.erase(user->m_name);
+                m_users.erase(user);
+            }
             return work;
-        }
-        case TCDbusAdmission::ETurn::LATER:
-            m_waiting[name].splice(m_waiting[name].end(), m_calls, first);
-            break;
-        case TCDbusAdmission::ETurn::NOBODYS:
-            m_isBlocked = true;
-            break;
         }
     }
     return nullptr;
@@ -82,28 +107,30 @@ TCDbusTurns::TWork TCDbusTurns::m_TakeCall(TCDbusAdmission* pAdmission)
 void TCDbusTurns::TryWaiting()
 {
     m_isBlocked = false;
-    for (auto& entry : m_waiting)
+    for (auto& entry : m_unknown)
     {
-        m_calls.splice(m_calls.begin(), entry.second);
+        m_incoming.splice(m_incoming.begin(), entry.second);
     }
-    m_waiting.clear();
+    m_unknown.clear();
 }
 
 void TCDbusTurns::Clear()
 {
     m_own.clear();
-    m_calls.clear();
-    m_waiting.clear();
+    m_incoming.clear();
+    m_unknown.clear();
+    m_users.clear();
+    m_byName.clear();
 }
 
 bool TCDbusTurns::HasMore() const
 {
-    return !m_own.empty() || (!m_calls.empty() && !m_isBlocked);
+    return !m_own.empty() || !m_incoming.empty() || (!m_users.empty() && !m_isBlocked);
 }
 
 bool TCDbusTurns::HasWaiting() const
 {
-    return m_isBlocked || !m_waiting.empty();
+    return !m_users.empty() || !m_unknown.empty();
 }
 
 // The source has the time at which the round began, since the context looks at the clock once.

@@ -15,9 +15,10 @@ namespace qor
 
 class TCDbusAdmission;
 
-// Calls of others are handled in the order in which they came, but that those wait, in their order,
-// whose senders cannot be handled yet. The endpoint's own work goes first: nobody else decides how
-// much that is. Only on the thread that handles messages.
+// The calls of one user, or of one sender who shares with nobody, are handled in the order in which
+// they came; users have their turns in rotation. Calls wait while it is not known whose they are.
+// The endpoint's own work goes first: nobody else decides how much that is. Only on the thread that
+// handles messages.
 class TCDbusTurns
 {
 public:
@@ -27,7 +28,7 @@ public:
     // The work holds the call.
     void AddCall(GDBusMessage* pCall, TWork work);
 
-    // Runs one. What runs may add more, and may destroy this.
+    // Runs one. What runs may add more.
     void RunNext(TCDbusAdmission* pAdmission);
     // Those that were found to wait are tried again.
     void TryWaiting();
@@ -49,14 +50,22 @@ private:
         TWork m_work;
     };
     using TCalls = std::list<TSCall>;
+    struct TSUser
+    {
+        std::string m_name;
+        TCalls m_calls;
+    };
 
+    void m_Sort(TCDbusAdmission* pAdmission);
     TWork m_TakeCall(TCDbusAdmission* pAdmission);
 
     std::deque<TWork> m_own;
-    TCalls m_calls;
-    std::map<std::string, TCalls> m_waiting; // by sender
-    bool m_isBlocked = false;                // no call can be handled just now
-    gint64 m_round = 0;                      // monotonic times
+    TCalls m_incoming;
+    std::map<std::string, TCalls> m_unknown; // by sender
+    std::list<TSUser> m_users;               // that have calls; the next one first
+    std::map<std::string, std::list<TSUser>::iterator> m_byName;
+    bool m_isBlocked = false; // no call can be handled just now
+    gint64 m_round = 0;       // monotonic times
     gint64 m_endOfRound = 0;
     gint64 m_lastOfBurst = 0; // 0: never
 };

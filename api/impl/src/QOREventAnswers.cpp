@@ -18,7 +18,7 @@ namespace
 {
 
 // Of one event; clients that leave or do not answer decide how many there would be.
-constexpr std::size_t MAX_ERROR_LINES = 16;
+constexpr std::size_t MAX_ERROR_LINES = 8;
 
 } // namespace
 
