@@ -50,7 +50,7 @@ private:
         TSPeer m_peer;
         bool m_isAnswered = false;
         bool m_isKept = false;
-        gint64 m_lastUse = 0;             // monotonic times
+        gint64 m_lastUse = 0; // monotonic times
         gint64 m_askedAt = 0;
         std::vector<TOnAnswer> m_waiting; // until it is answered
     };
