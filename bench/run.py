@@ -281,6 +281,44 @@ def set_policy(bench):
                 )
 
 
+@contextlib.contextmanager
+def qord(bench, folder, copies):
+    program = bench.programs.parent / "tools" / "qord"
+    service = subprocess.Popen(
+        [program, "--policy", folder / "policy.xml", "--keep", str(copies)],
+        stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, env=bench.environment)
+    try:
+        if "ready" not in service.stdout.readline():
+            raise SystemExit("bench: qord does not start")
+        yield
+    finally:
+        service.terminate()
+        service.communicate()
+
+
+def store_policies(bench):
+    """On the disk of the build: a system's folder for passing files may have none behind it."""
+    name = "com.norvane.bench.Store"
+    for copies in (0, 1):
+        for _ in bench.generations():
+            folder = pathlib.Path(tempfile.mkdtemp(prefix="store-", dir=bench.programs))
+            folder = folder.resolve()
+            with qord(bench, folder, copies), bench.running(
+                ("bench-gdbus", "store", f"{name}:{folder}"),
+                ("bench-gdbus", "client", SERVICE),
+                ("bench-gdbus", "client", name),
+            ) as (_, mine, other):
+                for size, calls, rounds in ((4 * KIB, 10, 20), (1 * MIB, 5, 20)):
+                    bench.compare(
+                        "store a policy",
+                        f"{size_name(size)}, {copies} kept",
+                        lambda: mine.samples("store", size, calls),
+                        {"raw GDBus by hand": lambda: other.samples("store", size, calls)},
+                        bench.rounds(rounds),
+                    )
+            shutil.rmtree(folder)
+
+
 def memory(bench):
     """A fresh client for each sample: memory that was used once is not given back."""
     name = PEER_NAMES["bench-gdbus"][1]
@@ -492,6 +530,7 @@ def tree_walk(bench):
 CONTESTS = {
     "round-trip": round_trip,
     "set-policy": set_policy,
+    "store-policy": store_policies,
     "memory": memory,
     "fan-out": fan_out,
     "start-up": start_up,

@@ -1,4 +1,5 @@
 // Raw GDBus, written by hand for each job: bytes cross the variant boundary in blocks.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -57,6 +58,22 @@ GVariant* Reply(const std::string& output)
 
 // --- Server --------------------------------------------------------------------------------------
 
+std::string g_storeDirectory; // where policies are stored; empty: they are not
+
+// What whoever wants to find the whole policy after a loss of power does at least.
+bool Store(const std::string& policy)
+{
+    const int directory = open(g_storeDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int file = openat(directory, "new", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const bool isStored =
+        write(file, policy.data(), policy.size()) == static_cast<ssize_t>(policy.size()) &&
+        fsync(file) == 0 && renameat(directory, "new", directory, "policy") == 0 &&
+        fsync(directory) == 0;
+    close(file);
+    close(directory);
+    return isStored;
+}
+
 struct Server
 {
     GDBusConnection* m_connection = nullptr;
@@ -83,7 +100,9 @@ void HandleSend(GVariant* parameters, GDBusMethodInvocation* invocation)
     std::string output;
     if (type == SET_POLICY_TYPE)
     {
-        output = WriteResult(ReadPolicy(payload.data(), payload.size()).empty() ? 1 : 0);
+        const std::string policy = ReadPolicy(payload.data(), payload.size());
+        const bool isGood = !policy.empty() && (g_storeDirectory.empty() || Store(policy));
+        output = WriteResult(isGood ? 0 : 1);
     }
     g_dbus_method_invocation_return_value(invocation, Reply(output));
 }
@@ -259,6 +278,19 @@ int RunClient(const char* busName)
         session.ReplySamples(
             TimeEach(Number(words, 2), [&] { SetPolicy(connection, busName, policy); }));
     };
+    // Each another one: what is in force already need not be stored.
+    std::size_t number = 0;
+    const auto storePolicies = [&](const auto& words)
+    {
+        const std::string filling(Number(words, 1), 'x');
+        session.ReplySamples(TimeEach(Number(words, 2),
+                                      [&]
+                                      {
+                                          SetPolicy(connection, busName,
+                                                    "<policy id='" + std::to_string(++number) +
+                                                        "'>" + filling + "</policy>");
+                                      }));
+    };
     const auto measureMemory = [&](const auto& words)
     {
         const std::string policy = PolicyText(Number(words, 1));
@@ -266,8 +298,20 @@ int RunClient(const char* busName)
         SetPolicy(connection, busName, policy);
         session.ReplyNumber("bytes", static_cast<double>(PeakMemory() - idle));
     };
-    ObeyAll(session, {{"call", call}, {"policy", setPolicy}, {"memory", measureMemory}});
+    ObeyAll(session, {{"call", call},
+                      {"policy", setPolicy},
+                      {"store", storePolicies},
+                      {"memory", measureMemory}});
     return 0;
+}
+
+// The name on the bus, and the directory behind a colon.
+int ServeAndStore(const char* words)
+{
+    const std::string both = words;
+    const std::size_t colon = both.find(':');
+    g_storeDirectory = both.substr(colon + 1);
+    return Serve(both.substr(0, colon).c_str());
 }
 
 // --- First call ----------------------------------------------------------------------------------
@@ -308,6 +352,7 @@ int main(int argc, char** argv)
 {
     return PlayRole(argc, argv,
                     {{"server", &Serve},
+                     {"store", &ServeAndStore},
                      {"client", &RunClient},
                      {"first-call", &FirstCall},
                      {"bare-call", &BareCall}});

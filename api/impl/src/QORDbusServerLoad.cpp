@@ -99,11 +99,11 @@ void TCDbusServer::m_AskWhetherItReads(const std::string& name)
     g_dbus_message_set_flags(pCall.get(), G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
     g_dbus_message_set_serial(pCall.get(), UnforeseenSerial());
     TCDbusAdmission& admission = session->Admission();
-    const auto onAnswer = [&admission, name](GDBusMessage* pAnswer)
+    const auto onAnswer = [this, &admission, name](GDBusMessage* pAnswer)
     {
         const char* error = g_dbus_message_get_error_name(pAnswer);
         const bool isForbidden = error != nullptr && std::strcmp(error, ACCESS_DENIED) == 0;
-        if (IsFromBus(pAnswer) && isForbidden)
+        if (IsFromBus(pAnswer) && isForbidden && !m_pLoad->m_isForbiddenTold.exchange(true))
         {
             QOR_LOG_ERROR("The bus does not let the service ask whether %s reads its answers",
                           name.c_str());

@@ -2,6 +2,7 @@
 #ifndef QOR_QORDBUSSERVERLOAD_H
 #define QOR_QORDBUSSERVERLOAD_H
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <set>
@@ -23,6 +24,7 @@ struct TCDbusServer::TSLoad
     std::unique_ptr<TCDbusTimer>
         m_pSweep;              // due when it is to be seen which clients are still there
     bool m_isSweepSet = false; // in the main context
+    std::atomic<bool> m_isForbiddenTold{false}; // that the bus does not let it ask who reads
     TSPosixMutex m_mutex;
     // The names on the bus, as it has told; and when it was asked (monotonic time).
     std::set<std::string> m_names QOR_GUARDED_BY(m_mutex);
