@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "QORDbusAdmission.h"
+#include "QORLimits.h"
 
 namespace qor
 {
@@ -13,7 +14,6 @@ namespace
 
 // A call may take longer, but then it was the only one.
 constexpr gint64 ROUND_US = 20 * G_TIME_SPAN_MILLISECOND;
-constexpr gint64 BURST_GAP_US = 10 * G_TIME_SPAN_SECOND;
 
 } // namespace
 

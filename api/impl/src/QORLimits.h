@@ -3,6 +3,7 @@
 #define QOR_QORLIMITS_H
 
 #include <cstddef>
+#include <cstdint>
 
 namespace qor
 {
@@ -35,6 +36,13 @@ constexpr std::size_t ANSWER_OVERHEAD = 256;
 constexpr std::size_t MAX_UNWRITTEN = 16;
 constexpr std::size_t LARGE_ANSWER = 65536;
 constexpr std::size_t MAX_UNWRITTEN_REFUSALS = 1024;
+
+// How many senders are kept before the first look for those that are gone.
+constexpr std::size_t FIRST_SWEEP = 256;
+
+// What one user, or an endpoint's callers together, cause within less than this is one burst, and
+// one log line. In microseconds.
+constexpr std::int64_t BURST_GAP_US = 10000000;
 
 constexpr std::size_t MAX_HELLO_TYPES = QOR_MAX_HELLO_TYPES;
 constexpr std::size_t MAX_CLIENTS_PER_USER = QOR_MAX_CLIENTS_PER_USER;
