@@ -25,7 +25,6 @@ namespace
 // No object's is nearly as long, of whomever in the process.
 constexpr std::size_t MAX_PATH_LENGTH = 4096;
 
-constexpr const char* LIMITS_EXCEEDED = "org.freedesktop.DBus.Error.LimitsExceeded";
 constexpr const char* NO_SERVICE = "org.freedesktop.DBus.Error.ServiceUnknown";
 
 bool IsText(const char* text, const char* expected)
@@ -180,7 +179,8 @@ const char* TCDbusAdmission::m_Objection(GDBusMessage* pCall, TSender& sender, s
     {
         m_accounts.DropSilent(true);
         m_accounts.DropLost();
-        if (isOver() && !(isNew && m_IsOneOfFew(account, size)))
+        const bool hasRoom = isNew && shared.m_calls < 2 * MAX_QUEUED_CALLS;
+        if (isOver() && !(hasRoom && m_IsOneOfFew(account, size)))
         {
             return "Too many calls are waiting";
         }

@@ -57,9 +57,17 @@ public:
     // was long ago.
     bool FindPeer(const std::string& name, TSPeer& peer) QOR_EXCLUDES(m_mutex);
 
-    // Whose account a call that has passed is on: users have their turns in rotation. False while
-    // the bus has yet to tell. On the main context's thread.
-    bool FindUser(GDBusMessage* pCall, std::string& user) QOR_EXCLUDES(m_mutex);
+    enum class EUser
+    {
+        FOUND,
+        NOT_YET,   // the bus has yet to tell
+        OVER_LIMIT // the call is to be refused after all
+    };
+    // Whose account a call that has passed is on: users have their turns in rotation. Those of whom
+    // the bus tells nothing are one. On the main context's thread.
+    EUser FindUser(GDBusMessage* pCall, std::string& user) QOR_EXCLUDES(m_mutex);
+    // Answers a call that has passed, which nobody handles then.
+    void RefuseLate(GDBusMessage* pCall) QOR_EXCLUDES(m_mutex);
 
     enum class ETurn
     {

@@ -125,28 +125,37 @@ bool TCDbusAdmission::FindPeer(const std::string& name, TSPeer& peer)
     return true;
 }
 
-bool TCDbusAdmission::FindUser(GDBusMessage* pCall, std::string& user)
+TCDbusAdmission::EUser TCDbusAdmission::FindUser(GDBusMessage* pCall, std::string& user)
 {
     const TCPosixLock lock(m_mutex);
     const char* name = g_dbus_message_get_sender(pCall);
     TSender* const pSender = m_onSender && name != nullptr ? m_accounts.Find(name) : nullptr;
+    user.clear();
     if (pSender == nullptr)
     {
-        user.clear();
-        return true;
+        return EUser::FOUND;
     }
-    if (pSender->m_isTold && pSender->m_pUser != nullptr && pSender->m_peer.m_isKnown)
-    {
-        user = std::to_string(pSender->m_peer.m_userId);
-        return true;
-    }
-    user = name; // no other name on the bus is a number
     if (!pSender->m_isTold && g_get_monotonic_time() - pSender->m_since < PEER_WAIT_US)
     {
         m_isSomebodyLate = true;
-        return false;
+        return EUser::NOT_YET;
     }
-    return true;
+    if (pSender->m_peer.m_isKnown)
+    {
+        // A number is no name on the bus.
+        user = pSender->m_pUser == nullptr ? name : std::to_string(pSender->m_peer.m_userId);
+    }
+    // It may have sent too much while it was not known who it is.
+    return pSender->Account().m_calls > 2 * MAX_QUEUED_CALLS ? EUser::OVER_LIMIT : EUser::FOUND;
+}
+
+void TCDbusAdmission::RefuseLate(GDBusMessage* pCall)
+{
+    {
+        const TCPosixLock lock(m_mutex);
+        ++m_refused;
+    }
+    m_Refuse(pCall, LIMITS_EXCEEDED, "Too many calls are waiting");
 }
 
 TCDbusAdmission::ETurn TCDbusAdmission::MayHandle(GDBusMessage* pCall)

@@ -9,6 +9,8 @@
 namespace qor
 {
 
+constexpr const char* LIMITS_EXCEEDED = "org.freedesktop.DBus.Error.LimitsExceeded";
+
 // The bytes of its arguments.
 std::size_t BodySize(GDBusMessage* pMessage);
 

@@ -54,22 +54,40 @@ void TCDbusTurns::m_Sort(TCDbusAdmission* pAdmission)
         const char* sender = g_dbus_message_get_sender(first->m_pCall);
         const std::string name = sender == nullptr ? "" : sender;
         std::string user;
-        const bool isKnown = m_unknown.count(name) == 0 &&
-                             (pAdmission == nullptr || pAdmission->FindUser(first->m_pCall, user));
-        if (!isKnown)
+        auto found = TCDbusAdmission::EUser::FOUND;
+        if (m_unknown.count(name) != 0)
         {
-            TCalls& calls = m_unknown[name];
-            calls.splice(calls.end(), m_incoming, first);
-            continue;
+            found = TCDbusAdmission::EUser::NOT_YET;
         }
-        const auto [found, isNew] = m_byName.try_emplace(user);
-        if (isNew)
+        else if (pAdmission != nullptr)
         {
-            found->second = m_users.insert(m_users.end(), {user, {}});
+            found = pAdmission->FindUser(first->m_pCall, user);
         }
-        TCalls& calls = found->second->m_calls;
-        calls.splice(calls.end(), m_incoming, first);
+        switch (found)
+        {
+        case TCDbusAdmission::EUser::FOUND:
+            m_Append(user, first);
+            break;
+        case TCDbusAdmission::EUser::NOT_YET:
+            m_unknown[name].splice(m_unknown[name].end(), m_incoming, first);
+            break;
+        case TCDbusAdmission::EUser::OVER_LIMIT:
+            pAdmission->RefuseLate(first->m_pCall);
+            m_incoming.erase(first);
+            break;
+        }
     }
+}
+
+void TCDbusTurns::m_Append(const std::string& user, TCalls::iterator call)
+{
+    const auto [found, isNew] = m_byName.try_emplace(user);
+    if (isNew)
+    {
+        found->second = m_users.insert(m_users.end(), {user, {}});
+    }
+    TCalls& calls = found->second->m_calls;
+    calls.splice(calls.end(), m_incoming, call);
 }
 
 // None, where none may run.

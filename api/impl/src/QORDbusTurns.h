@@ -57,6 +57,7 @@ private:
     };
 
     void m_Sort(TCDbusAdmission* pAdmission);
+    void m_Append(const std::string& user, TCalls::iterator call);
     TWork m_TakeCall(TCDbusAdmission* pAdmission);
 
     std::deque<TWork> m_own;
