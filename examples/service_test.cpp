@@ -91,10 +91,10 @@ int main()
         Require(bus.m_callbacks[qor::SET_POLICY](request, reply), "there is an answer");
         return qor::ReadPolicyReply(reply);
     };
-    Require(setPolicy() == qor::POLICY_NOT_PERMITTED, "who is not known may not");
+    Require(setPolicy() == qor::POLICY_NOT_STORED, "who is not known may try again");
     bus.m_peer.m_isKnown = true;
     bus.m_peer.m_userId = geteuid() + 1;
-    Require(setPolicy() == qor::POLICY_NOT_PERMITTED, "nor who is nobody special");
+    Require(setPolicy() == qor::POLICY_NOT_PERMITTED, "who is nobody special may not");
     bus.m_peer.m_userId = geteuid();
     Require(setPolicy() == qor::POLICY_STORED, "the service's own user may");
     Require(setPolicy() == qor::POLICY_STORED, "again");

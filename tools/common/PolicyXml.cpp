@@ -95,6 +95,18 @@ bool IsUtf16(std::string_view text)
     return begin == "\xff\xfe" || begin == "\xfe\xff" || begin.find('\0') != std::string_view::npos;
 }
 
+// How much of the text is behind the parser. Expat 2.9 deprecates the calls whose width depends on
+// how it was built.
+std::int64_t Done(XML_Parser pParser)
+{
+#if XML_MAJOR_VERSION > 2 || XML_MINOR_VERSION >= 9
+    const std::int64_t index = XML_GetCurrentByteIndex64(pParser);
+#else
+    const std::int64_t index = XML_GetCurrentByteIndex(pParser);
+#endif
+    return std::max(index, std::int64_t{0}); // -1 at the start
+}
+
 // One check of one text.
 class TCCheck
 {
@@ -204,7 +216,6 @@ private:
 
 TSXmlPlace Place(XML_Parser pParser, const char* reason)
 {
-    // Expat 2.9 deprecates the calls whose width depends on how it was built.
 #if XML_MAJOR_VERSION > 2 || XML_MINOR_VERSION >= 9
     const std::uint64_t line = XML_GetCurrentLineNumber64(pParser);
     const std::uint64_t column = XML_GetCurrentColumnNumber64(pParser);

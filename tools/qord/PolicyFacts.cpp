@@ -261,13 +261,15 @@ GVariant* TCPolicyFacts::Property(const std::string& name, bool mayRead, qor::TC
     {
         return Texts(m_Problems(mayRead, server));
     }
-    auto fact = s_ofService.find(name);
-    if (fact == s_ofService.end() && mayRead)
+    for (const auto* pFacts : {&s_ofService, mayRead ? &s_ofPolicy : &s_ofService})
     {
-        fact = s_ofPolicy.find(name);
+        const auto fact = pFacts->find(name);
+        if (fact != pFacts->end())
+        {
+            return fact->second(*this, server);
+        }
     }
-    const bool isTold = fact != s_ofService.end() && fact != s_ofPolicy.end();
-    return isTold ? fact->second(*this, server) : nullptr;
+    return nullptr;
 }
 
 GVariant* TCPolicyFacts::m_MayChange() const
