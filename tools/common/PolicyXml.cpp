@@ -144,15 +144,14 @@ public:
         // In pieces, since the parser copies each of them. It begins an unfinished comment or tag
         // anew with each piece: the longer that is, the more comes at once.
         XML_Status status = XML_STATUS_OK;
-        XML_Index given = 0;
+        std::int64_t given = 0;
         do
         {
-            const XML_Index done = std::max(XML_GetCurrentByteIndex(m_parser.get()), XML_Index{0});
-            const auto unfinished = static_cast<std::size_t>(given - done);
+            const auto unfinished = static_cast<std::size_t>(given - Done(m_parser.get()));
             const std::string_view piece =
                 text.substr(0, std::clamp(unfinished, g_pieceSize, g_largestPiece));
             text.remove_prefix(piece.size());
-            given += static_cast<XML_Index>(piece.size());
+            given += static_cast<std::int64_t>(piece.size());
             status = XML_Parse(m_parser.get(), piece.data(), static_cast<int>(piece.size()),
                                text.empty() ? XML_TRUE : XML_FALSE);
         } while (status == XML_STATUS_OK && !text.empty());
