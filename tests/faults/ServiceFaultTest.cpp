@@ -94,7 +94,9 @@ TEST_F(Fault, AUserDatabaseThatHangsHoldsUpNobodyAndRefusesNobody)
         GTEST_SKIP() << "a sanitizer wants to be loaded first, and only root acts as another user";
     }
     ChildProcess::Options options;
-    options.environment = {{"LD_PRELOAD", HANGING_USERS}, {"QOR_TEST_USERS", m_directory.Path()}};
+    const std::string preloaded = m_directory.Path("users"); // by a path without spaces
+    boost::filesystem::create_symlink(HANGING_USERS, preloaded);
+    options.environment = {{"LD_PRELOAD", preloaded}, {"QOR_TEST_USERS", m_directory.Path()}};
     WriteFile(m_directory.Path("hang"), "");
     auto qord = StartTool(QORD, {"--policy", m_policyFile, "--restrict-reading"}, options);
     ASSERT_TRUE(qord->WaitForOut("qord: ready")) << qord->Err();
