@@ -238,7 +238,7 @@ TEST_F(AttackCost, PolicyOfWhoMayNotSetOneIsNotRead)
 TEST_F(AttackCost, QuestionsCostTheSameWhoeverIsRegistered)
 {
     double status[2] = {};
-    for (const std::size_t clients : {10, 1000})
+    for (const std::size_t clients : {10U, 1000U})
     {
         Start("policy-update: 0 delivered");
         RawPeer good;
@@ -277,7 +277,7 @@ TEST_F(AttackedServer, LargeAnswersThatNobodyReadsAreNotKept)
     Serve([](const auto&, auto& answer) { return answer.resize(1 << 20), true; });
     RawPeer good;
     WriteFile("/proc/self/clear_refs", "5"); // VmHWM begins anew
-    for (const std::size_t connections : {1, 8})
+    for (const std::size_t connections : {1U, 8U})
     {
         const Attacker attacker(1, Ask(connections, 0, {SetPolicy(1)}, 200));
         const double longest = Longest(IS_LONG ? 10 : 1, [&] { EXPECT_TRUE(Send(good).ok); });
@@ -299,7 +299,7 @@ TEST_F(AttackedServer, DeparturesThatTheBusDoesNotTellAreSeenWithinAMinute)
     }
     Serve();
     std::deque<Attacker> users;
-    for (const unsigned int user : {1, 2, 3, 4})
+    for (const unsigned int user : {1U, 2U, 3U, 4U})
     {
         users.emplace_back(user, Register(user < 4 ? 180 : 60, 1));
     }

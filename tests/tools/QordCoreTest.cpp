@@ -277,7 +277,10 @@ TEST(PolicyXml, WhatTakesTooLongToCheckIsRefused)
           document("<!ENTITY e '" + Times(10000, "x") + "'>", Times(250, "&e;"))})
     {
         EXPECT_EQ(Check(hostile, error), qor::POLICY_TOO_LARGE) << hostile.substr(0, 60) << error;
-        EXPECT_NE(error.find("too long to check"), std::string::npos) << error;
+        // Newer releases of the parser take more memory for some of them than they may have.
+        EXPECT_TRUE(error.find("too long to check") != std::string::npos ||
+                    error.find("too many different names") != std::string::npos)
+            << error;
     }
     // A usual one of the largest size is no such text.
     const std::string rules =
