@@ -109,7 +109,8 @@ public:
     void SetUser(TSSender& sender, std::uint32_t userId);
     void SetOwn(TSSender& sender);
 
-    // Those that have nothing open or unread, and were not refused within that time.
+    // Forgets senders and users that have nothing open or unread, and were not refused within that
+    // time.
     void DropQuiet(gint64 microseconds);
 
 private:

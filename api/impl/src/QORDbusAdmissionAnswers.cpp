@@ -104,7 +104,7 @@ void TCDbusAdmission::SetPeer(const TSPeer& peer)
         {
             m_accounts.SetUser(*pSender, peer.m_userId);
         }
-        onNews = m_News(false);
+        onNews = m_News(m_IsPingDue(*pSender));
     }
     if (onNews)
     {
@@ -211,7 +211,8 @@ void TCDbusAdmission::Pinged(const std::string& name, bool isGone)
         {
             return;
         }
-        m_accounts.SubtractUnread(*pSender, isGone ? pSender->m_own.m_unread : pSender->m_atPing);
+        const std::size_t unread = pSender->m_own.m_unread;
+        m_accounts.SubtractUnread(*pSender, isGone ? unread : std::min(unread, pSender->m_atPing));
         m_accounts.SetPinged(*pSender, false);
         onNews = m_News(m_accounts.All().m_unread > UNREAD_AT_PING);
     }

@@ -112,7 +112,8 @@ bool TCDbusServer::m_AddClient(const TSPeer& peer)
     const std::string& name = peer.m_name;
     QOR_LOG_DEBUG("A new client %s", name.c_str());
     const bool isBounded = peer.m_isKnown && peer.m_userId != 0 && peer.m_userId != geteuid();
-    if (isBounded && m_clientsByUser[peer.m_userId] >= MAX_CLIENTS_PER_USER)
+    const auto user = m_clientsByUser.find(peer.m_userId);
+    if (isBounded && user != m_clientsByUser.end() && user->second >= MAX_CLIENTS_PER_USER)
     {
         return false;
     }
