@@ -14,7 +14,7 @@ int PolicyStoreCrash::Store(const std::string& text, Watch* pWatch)
     pWatch = pWatch == nullptr ? &usual : pWatch;
     pWatch->exchangeError = GetParam().exchangeError;
     SetWatch(pWatch);
-    m_outcome = store.Store(text, [&](const struct stat&) { store.WriteRecord(known); });
+    m_outcome = store.Store(text, [&](const struct stat&) { return known; });
     SetWatch(nullptr);
     return m_outcome.m_result;
 }

@@ -268,13 +268,12 @@ TEST_F(PolicyStore, AccessListIsKeptAndItsMaskIsNobodysRight)
 
 TEST_F(PolicyStore, RestrictedFilesAreForOwnerAndGroupOnly)
 {
-    const std::string record = m_path + ".history";
+    const std::string recordFile = m_path + ".history";
     qord::TCPolicyStore open(m_path, {2, 0, false});
-    const auto writeRecord = [](const qord::TCPolicyStore& store)
-    { return [&store](const struct stat&) { store.WriteRecord("record"); }; };
-    open.Store("one", writeRecord(open));
-    open.Store("two", writeRecord(open));
-    EXPECT_EQ(Mode(m_path) | Mode(m_path + ".kept-1") | Mode(record), 0644U);
+    const auto record = [](const struct stat&) { return "record"; };
+    open.Store("one", record);
+    open.Store("two", record);
+    EXPECT_EQ(Mode(m_path) | Mode(m_path + ".kept-1") | Mode(recordFile), 0644U);
     chmod(m_path.c_str(), 0664);
     chmod(m_directory.Path().c_str(), 0751);
     qord::TCPolicyStore restricted(m_path, {2, 0, true});
@@ -282,11 +281,11 @@ TEST_F(PolicyStore, RestrictedFilesAreForOwnerAndGroupOnly)
     EXPECT_EQ(restricted.Open(m_warning) + m_warning, "");
     EXPECT_EQ(Mode(m_path), 0660U);
     EXPECT_EQ(Mode(m_path + ".kept-1"), 0640U);
-    EXPECT_EQ(Mode(record), 0640U);
+    EXPECT_EQ(Mode(recordFile), 0640U);
     chmod(m_path.c_str(), 0644);
-    EXPECT_EQ(restricted.Store("three", writeRecord(restricted)).m_result, qor::POLICY_STORED);
+    EXPECT_EQ(restricted.Store("three", record).m_result, qor::POLICY_STORED);
     EXPECT_EQ(Mode(m_path), 0640U);
-    EXPECT_EQ(Mode(record), 0640U);
+    EXPECT_EQ(Mode(recordFile), 0640U);
     fs::remove(m_path);
     restricted.Store("first");
     EXPECT_EQ(Mode(m_path), 0640U);
@@ -303,7 +302,7 @@ protected:
         const auto record = [&](const struct stat& file)
         {
             EXPECT_NE(ReadFile(m_path), text) << "recorded too late";
-            m_history.Remember(*m_store, file, tools::Sha256(text), sender);
+            return m_history.Remember(*m_store, file, tools::Sha256(text), sender);
         };
         m_outcome = m_store->Store(text, record);
         EXPECT_EQ(m_outcome.m_words, "");

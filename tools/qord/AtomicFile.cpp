@@ -40,8 +40,7 @@ int Create(const TCDirectory& directory, const std::string& name)
     return descriptor;
 }
 
-// Writes the text to the disk.
-struct stat Write(TCDescriptor& file, std::string_view text)
+struct stat Write(const TCDescriptor& file, std::string_view text)
 {
     for (std::size_t written = 0; written < text.size();)
     {
@@ -52,16 +51,24 @@ struct stat Write(TCDescriptor& file, std::string_view text)
         }
         written += count < 0 ? 0 : static_cast<std::size_t>(count);
     }
+    struct stat status;
+    if (fstat(file.Get(), &status) != 0)
+    {
+        Fail("looking at the new file");
+    }
+    return status;
+}
+
+void SyncAndClose(TCDescriptor& file)
+{
     if (fsync(file.Get()) != 0)
     {
         Fail("syncing the new file");
     }
-    struct stat status;
-    if (fstat(file.Get(), &status) != 0 || !file.Close())
+    if (!file.Close())
     {
         Fail("closing the new file");
     }
-    return status;
 }
 
 // Not every file system has links, and the owner of a protected file may be the only one to make
@@ -166,7 +173,7 @@ std::vector<std::string> TCAtomicFile::Tidy(std::string& warning) const
 }
 
 TSReplaced TCAtomicFile::Replace(std::string_view text, bool isRestricted, bool needsFormer,
-                                 const TBeforehand& beforehand) const
+                                 const TSSteps& steps) const
 {
     struct stat status;
     const bool isThere = Look(status);
@@ -175,7 +182,9 @@ TSReplaced TCAtomicFile::Replace(std::string_view text, bool isRestricted, bool 
     TCPassingName unfinished(m_directory, m_UnfinishedName(pReplaced));
     TCDescriptor file(Create(m_directory, unfinished.Get()));
     replaced.m_warning = TakeRights(m_directory, file.Get(), m_name, pReplaced, isRestricted);
-    beforehand(Write(file, text));
+    steps.m_onWritten(Write(file, text));
+    SyncAndClose(file);
+    steps.m_onDisk();
     if (!isThere)
     {
         m_directory.Rename(unfinished.Get(), m_name);
@@ -279,14 +288,24 @@ void TCAtomicFile::m_SyncOrTakeBack(TCPassingName& name,
     }
 }
 
-void ReplaceFile(const TCDirectory& directory, const std::string& name, std::string_view text,
-                 bool isRestricted)
+TCPlainReplacement::TCPlainReplacement(const TCDirectory& directory, std::string name,
+                                       std::string_view text, bool isRestricted)
+    : m_directory(directory),
+      m_name(std::move(name)),
+      m_unfinished("." + m_name + ".new"),
+      m_file(Create(directory, m_unfinished))
 {
-    const std::string unfinished = "." + name + ".new";
-    TCDescriptor file(Create(directory, unfinished));
-    TakeRights(directory, file.Get(), name, nullptr, isRestricted);
-    Write(file, text);
-    directory.Rename(unfinished, name);
+    TakeRights(m_directory, m_file.Get(), m_name, nullptr, isRestricted);
+    Write(m_file, text);
+    // A hint. Where the file has its blocks before the next sync of another one, a journal takes
+    // both at once, and Finish finds little left to do.
+    sync_file_range(m_file.Get(), 0, 0, SYNC_FILE_RANGE_WRITE);
+}
+
+void TCPlainReplacement::Finish()
+{
+    SyncAndClose(m_file);
+    m_directory.Rename(m_unfinished, m_name);
 }
 
 } // namespace qord

@@ -56,8 +56,12 @@ public:
     /// @throws TCFileError
     std::vector<std::string> Tidy(std::string& warning) const;
 
-    /// Gets the new file, which is on the disk and not yet in force.
-    using TBeforehand = std::function<void(const struct stat& file)>;
+    /// What is to be done meanwhile, while the new file is not yet in force.
+    struct TSSteps
+    {
+        std::function<void(const struct stat& file)> m_onWritten; ///< It need not be on the disk.
+        std::function<void()> m_onDisk;
+    };
 
     /// Returns when the text is on the disk. The new file has the rights of the one that it
     /// replaces (see TakeRights).
@@ -67,7 +71,7 @@ public:
     /// @throws TCFileError     the old file is in place, also after a crash
     /// @throws TCStateUnknown  it may not be
     TSReplaced Replace(std::string_view text, bool isRestricted, bool needsFormer,
-                       const TBeforehand& beforehand) const;
+                       const TSSteps& steps) const;
 
 private:
     class TCPassingName;
@@ -84,12 +88,29 @@ private:
     std::string m_former;
 };
 
-/// The same for a file that needs no way back. Its text is on the disk; that it has the name is
-/// with the directory's next sync.
-///
-/// @throws TCFileError the old file is in place
-void ReplaceFile(const TCDirectory& directory, const std::string& name, std::string_view text,
-                 bool isRestricted);
+/// A file that is replaced and needs no way back. The directory must outlive this object. What it
+/// leaves where it is not finished is reused the next time.
+class TCPlainReplacement
+{
+public:
+    /// Writes the text beside the file of that name.
+    ///
+    /// @throws TCFileError
+    TCPlainReplacement(const TCDirectory& directory, std::string name, std::string_view text,
+                       bool isRestricted);
+
+    /// Returns when the text is on the disk and has the name, once. That it has the name is on the
+    /// disk with the directory's next sync.
+    ///
+    /// @throws TCFileError the old file is in place
+    void Finish();
+
+private:
+    const TCDirectory& m_directory;
+    std::string m_name;
+    std::string m_unfinished;
+    TCDescriptor m_file;
+};
 
 } // namespace qord
 

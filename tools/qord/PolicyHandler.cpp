@@ -317,9 +317,9 @@ int TCPolicyHandler::m_CheckAndStore(const TCAttempt& attempt)
 
 int TCPolicyHandler::m_Store(const TCAttempt& attempt)
 {
-    const TSStoreOutcome outcome =
-        m_store.Store(attempt.Policy(), [this, &attempt](const struct stat& file)
-                      { m_history.Remember(m_store, file, attempt.Hash(), attempt.Sender()); });
+    const TSStoreOutcome outcome = m_store.Store(
+        attempt.Policy(), [this, &attempt](const struct stat& file)
+        { return m_history.Remember(m_store, file, attempt.Hash(), attempt.Sender()); });
     m_notStored = outcome.m_result == qor::POLICY_STORED ? "" : outcome.m_words;
     if (outcome.m_result != qor::POLICY_STORED)
     {

@@ -71,8 +71,9 @@ catch (const TJson::exception&)
     m_records.clear();
 }
 
-void TCPolicyHistory::Remember(const TCPolicyStore& store, const struct stat& file,
-                               const std::string& sha256, const std::optional<TSSender>& setter)
+std::string TCPolicyHistory::Remember(const TCPolicyStore& store, const struct stat& file,
+                                      const std::string& sha256,
+                                      const std::optional<TSSender>& setter)
 {
     std::vector<TSRecord> present;
     for (const TSStoredPolicy& policy : store.List())
@@ -87,7 +88,7 @@ void TCPolicyHistory::Remember(const TCPolicyStore& store, const struct stat& fi
     present.push_back(m_RecordOf(file));
     present.back().m_entry = {sha256, setter};
     m_records = std::move(present);
-    store.WriteRecord(m_ToText());
+    return m_ToText();
 }
 
 TCPolicyHistory::TSEntry TCPolicyHistory::Find(const TCPolicyStore& store,

@@ -35,9 +35,9 @@ public:
     ///
     /// @param file  that policy's
     ///
-    /// @throws TCFileError  where that could not be written
-    void Remember(const TCPolicyStore& store, const struct stat& file, const std::string& sha256,
-                  const std::optional<TSSender>& setter);
+    /// @return what is remembered now, for the store's record
+    std::string Remember(const TCPolicyStore& store, const struct stat& file,
+                         const std::string& sha256, const std::optional<TSSender>& setter);
 
     /// Whether a policy of that hash was stored by this service or one before it, and is still
     /// there.

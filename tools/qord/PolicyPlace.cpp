@@ -4,6 +4,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <memory>
+#include <utility>
+
 #include "qord/FileError.h"
 #include "qord/FileRights.h"
 
@@ -17,9 +20,69 @@ constexpr std::uint64_t RECORD_ROOM = 4096; // what the record takes, or so
 
 } // namespace
 
+// The record is written at once, so that the disk may take it together with the policy, and
+// finished when the policy is there. What goes wrong before is tried again then.
+class TCPolicyPlace::TCRecording
+{
+public:
+    TCRecording(const TCPolicyPlace& place, const TRecorder& recorder)
+        : m_place(place), m_recorder(recorder)
+    {
+    }
+
+    void Begin(const struct stat& file)
+    try
+    {
+        m_text = m_recorder ? m_recorder(file) : "";
+        m_pWritten = m_text.empty() ? nullptr : m_Write();
+    }
+    catch (const TCFileError&)
+    {
+    }
+
+    void Finish()
+    try
+    {
+        if (!m_text.empty())
+        {
+            m_place.m_WithRoom(RECORD_ROOM, [this] { m_Finish(); });
+        }
+    }
+    catch (const TCFileError& error)
+    {
+        m_warning = std::string("who has set it is not kept: ") + error.what();
+    }
+
+    const std::string& Warning() const
+    {
+        return m_warning;
+    }
+
+private:
+    std::unique_ptr<TCPlainReplacement> m_Write() const
+    {
+        return std::make_unique<TCPlainReplacement>(m_place.m_directory, m_place.m_recordName,
+                                                    m_text, m_place.m_rules.m_isRestricted);
+    }
+
+    void m_Finish()
+    {
+        auto pWritten = std::exchange(m_pWritten, nullptr);
+        pWritten = pWritten ? std::move(pWritten) : m_Write();
+        pWritten->Finish();
+    }
+
+    const TCPolicyPlace& m_place;
+    const TRecorder& m_recorder;
+    std::string m_text;
+    std::unique_ptr<TCPlainReplacement> m_pWritten;
+    std::string m_warning;
+};
+
 TCPolicyPlace::TCPolicyPlace(const boost::filesystem::path& file, const TSStoreRules& rules)
     : m_rules(rules),
       m_name(file.filename().string()),
+      m_recordName(m_name + ".history"),
       m_directory(file.has_parent_path() ? file.parent_path().string() : "."),
       m_file(m_directory, m_name),
       m_copies(m_directory, m_name, rules.m_copies)
@@ -55,14 +118,14 @@ std::string TCPolicyPlace::Settle() const
     return warning;
 }
 
-std::string TCPolicyPlace::Restrict(const std::string& otherFile) const
+std::string TCPolicyPlace::Restrict() const
 {
     std::string warning;
     if (!m_rules.m_isRestricted)
     {
         return warning;
     }
-    std::vector<std::string> names = {m_name, otherFile};
+    std::vector<std::string> names = {m_name, m_recordName};
     for (const std::uint64_t number : m_copies.List())
     {
         names.push_back(m_copies.NameOf(number));
@@ -120,16 +183,9 @@ bool TCPolicyPlace::IsInForce(std::string_view text) const
 std::string TCPolicyPlace::Replace(std::string_view text, const TRecorder& recorder) const
 {
     m_RefuseWithoutSpace();
-    std::string warning;
     TSReplaced replaced;
-    m_WithRoom(text.size(),
-               [&]
-               {
-                   replaced = m_file.Replace(text, m_rules.m_isRestricted, m_rules.m_copies > 0,
-                                             [&](const struct stat& file)
-                                             { warning = m_Record(recorder, file); });
-               });
-    AddWarning(warning, replaced.m_warning);
+    m_WithRoom(text.size(), [&] { replaced = m_ReplaceWithRecord(text, recorder); });
+    std::string warning = replaced.m_warning;
     if (!replaced.m_former.empty())
     {
         AddWarning(warning, m_PutAway(replaced.m_former));
@@ -183,18 +239,15 @@ catch (const TCFileError& error)
     return error.what();
 }
 
-std::string TCPolicyPlace::m_Record(const TRecorder& recorder, const struct stat& file) const
-try
+TSReplaced TCPolicyPlace::m_ReplaceWithRecord(std::string_view text,
+                                              const TRecorder& recorder) const
 {
-    if (recorder)
-    {
-        m_WithRoom(RECORD_ROOM, [&] { recorder(file); });
-    }
-    return {};
-}
-catch (const TCFileError& error)
-{
-    return std::string("who has set it is not kept: ") + error.what();
+    TCRecording recording(*this, recorder);
+    TSReplaced replaced = m_file.Replace(
+        text, m_rules.m_isRestricted, m_rules.m_copies > 0,
+        {[&](const struct stat& file) { recording.Begin(file); }, [&] { recording.Finish(); }});
+    AddWarning(replaced.m_warning, recording.Warning());
+    return replaced;
 }
 
 void TCPolicyPlace::m_WithRoom(std::uint64_t bytes, const std::function<void()>& step) const

@@ -51,6 +51,12 @@ public:
     }
     std::string NameOf(std::uint64_t number) const;
 
+    /// Of the file beside the policy that tells who has set what.
+    const std::string& RecordName() const
+    {
+        return m_recordName;
+    }
+
     /// Before anything is made.
     void RefuseOtherThanFile() const;
 
@@ -59,7 +65,7 @@ public:
 
     /// Where the rules say so, takes the files from everybody that an earlier service has left to
     /// them.
-    std::string Restrict(const std::string& otherFile) const;
+    std::string Restrict() const;
 
     void Probe() const;
 
@@ -69,22 +75,27 @@ public:
     /// Whether the policy in force is that text; then it is on the disk, too.
     bool IsInForce(std::string_view text) const;
 
-    /// Gets the file that is about to be the policy. Where it throws TCFileError, the policy is
+    /// Gets the file that is about to be the policy and returns the new text of the record. That
+    /// is on the disk before the policy is in force; where it cannot be written, the policy is
     /// stored all the same.
-    using TRecorder = std::function<void(const struct stat& file)>;
+    using TRecorder = std::function<std::string(const struct stat& file)>;
 
+    /// @param recorder  may be empty: then the record stays
     std::string Replace(std::string_view text, const TRecorder& recorder) const;
 
     std::vector<TSStoredPolicy> List() const;
 
 private:
+    class TCRecording;
+
     void m_RefuseWithoutSpace() const;
     std::string m_PutAway(const std::string& former) const;
-    std::string m_Record(const TRecorder& recorder, const struct stat& file) const;
+    TSReplaced m_ReplaceWithRecord(std::string_view text, const TRecorder& recorder) const;
     void m_WithRoom(std::uint64_t bytes, const std::function<void()>& step) const;
 
     const TSStoreRules& m_rules;
     std::string m_name;
+    std::string m_recordName;
     TCDirectory m_directory;
     TCAtomicFile m_file;
     TCPolicyCopies m_copies;

@@ -19,7 +19,6 @@ namespace
 using boost::filesystem::path;
 
 constexpr int g_maxLinks = 40;
-constexpr char RECORD_SUFFIX[] = ".history";
 
 // Empty when it is no link.
 std::string ReadLink(const std::string& link)
@@ -102,7 +101,7 @@ try
     place.RefuseOtherThanFile();
     m_TakeLock(place);
     warning = place.Settle();
-    AddWarning(warning, place.Restrict(place.FileName() + RECORD_SUFFIX));
+    AddWarning(warning, place.Restrict());
     place.Probe();
     return {};
 }
@@ -155,17 +154,11 @@ try
 {
     const TCPolicyPlace place(FollowLinks(m_path), m_rules);
     std::string error;
-    return place.Directory().Read(place.FileName() + RECORD_SUFFIX, text, maxSize, error);
+    return place.Directory().Read(place.RecordName(), text, maxSize, error);
 }
 catch (const TCFileError&)
 {
     return false;
-}
-
-void TCPolicyStore::WriteRecord(const std::string& text) const
-{
-    const TCPolicyPlace place(FollowLinks(m_path), m_rules);
-    ReplaceFile(place.Directory(), place.FileName() + RECORD_SUFFIX, text, m_rules.m_isRestricted);
 }
 
 TSStoreOutcome TCPolicyStore::Store(std::string_view text, const TRecorder& recorder)

@@ -64,16 +64,9 @@ public:
     /// @return false when there is none, or it cannot be read or is larger than that
     bool ReadRecord(std::string& text, std::size_t maxSize) const;
 
-    /// Replaces the record in one step. It is on the disk when the next policy is.
-    ///
-    /// @throws TCFileError
-    void WriteRecord(const std::string& text) const;
-
-    /// Gets the file that is about to be the policy, so that the record tells of it before it is in
-    /// force. Where it throws TCFileError, the policy is stored all the same.
     using TRecorder = TCPolicyPlace::TRecorder;
 
-    /// Returns when the text is on the disk.
+    /// Returns when the text is on the disk. The recorder makes the record, FILE.history.
     TSStoreOutcome Store(std::string_view text, const TRecorder& recorder = nullptr);
 
 private:
