@@ -1,5 +1,5 @@
-/* Sets the policy in the file that is named, if one is; then tells which one is in force, now and
-   with each change, whatever becomes of the service and of the bus.
+/* Sets the policy from the file that the command line names, if it names one. Then prints the hash
+   of the policy in force, now and after each change, even if the service or the bus restarts.
    cc policy_sdbus.c $(pkg-config --cflags --libs libsystemd) */
 #include <stdio.h>
 #include <string.h>

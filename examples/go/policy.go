@@ -1,6 +1,6 @@
-// Sets the policy in the file that is named, if one is; then tells which one is in force, now and
-// with each change, whatever becomes of the service and of the bus. Needs the module
-// github.com/godbus/dbus/v5; in Debian golang-dbus-dev.
+// Sets the policy from the file that the command line names, if it names one. Then prints the hash
+// of the policy in force, now and after each change, even if the service or the bus restarts.
+// Needs the module github.com/godbus/dbus/v5, which Debian has as golang-dbus-dev.
 package main
 
 import (

@@ -1,5 +1,6 @@
-// Sets the policy in the file that is named, if one is; then tells which one is in force, now and
-// with each change, whatever becomes of the service and of the bus. Needs dbus-next of npm.
+// Sets the policy from the file that the command line names, if it names one. Then prints the hash
+// of the policy in force, now and after each change, even if the service or the bus restarts.
+// Needs the npm package dbus-next.
 const dbus = require("dbus-next"), fs = require("fs"), files = process.argv.slice(2);
 const NAMES = ["com.norvane.qor.IControl", "/com/norvane/qor/CommunicationChannel"];
 

@@ -1,6 +1,7 @@
 #!/usr/bin/python3
-# Sets the policy in the file that is named, if one is; then tells which one is in force, now and
-# with each change, whatever becomes of the service and of the bus. Needs python3-gi of Debian.
+# Sets the policy from the file that the command line names, if it names one. Then prints the hash
+# of the policy in force, now and after each change, even if the service or the bus restarts.
+# Needs Debian's package python3-gi.
 import sys, time
 from gi.repository import Gio, GLib
 
