@@ -1,4 +1,4 @@
-// An application: listens to the service's events, and hands the service a policy.
+// An application: hands the service a policy, and hears when there is a new one.
 #include <fstream>
 #include <iostream>
 #include <iterator>

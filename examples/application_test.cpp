@@ -1,5 +1,5 @@
-// Tests an application without a service and without a bus: what it gets of the library, it gets
-// from here.
+// Tests an application without a service and without a bus: this file defines the functions that
+// the library would provide.
 #include <cstdint>
 #include <iostream>
 #include <string>
@@ -115,17 +115,17 @@ int main()
     g_control->m_next.m_send.m_status = qor::ESendStatus::ANSWERED_TRUE;
     g_control->m_next.m_result = qor::POLICY_STORED;
     Expect(Publish("<policy/>") == "stored", "a policy is stored");
-    Expect(g_control->m_policy == "<policy/>", "as it is");
+    Expect(g_control->m_policy == "<policy/>", "the service gets the text unchanged");
 
     g_control->m_next = {};
     g_control->m_next.m_send.m_status = qor::ESendStatus::NO_SERVICE;
     g_control->m_next.m_send.m_text = "nobody there";
     Expect(Publish("") == "not stored: nobody there", "a failure is told with its reason");
-    Expect(qor::api::GetControl()->SetPolicy("") == -1, "in the old way too");
+    Expect(qor::api::GetControl()->SetPolicy("") == -1, "GetControl says so too");
 
     int updates = 0;
     CountUpdates(updates);
     g_callbacks->m_policyUpdate();
-    Expect(updates == 1, "an event is heard");
+    Expect(updates == 1, "the application hears an event");
     return g_failures;
 }

@@ -1,5 +1,5 @@
-// An application whose main loop never waits: it is told what becomes of its policy, and how it
-// stands with the service.
+// An application whose main loop never waits: functions tell it the result of its policy, and the
+// state of its connection with the service.
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -26,7 +26,7 @@ static void ShowResult(const qor::TSPolicyResult& result)
         std::cout << "result " << result.m_result << std::endl;
         break;
     case qor::ESendStatus::NO_ANSWER:
-        std::cout << "nobody knows whether the policy is in force" << std::endl;
+        std::cout << "no answer: the policy may be in force or not" << std::endl;
         break;
     default:
         std::cout << "not set: " << result.m_send.m_text << std::endl;

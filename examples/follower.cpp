@@ -1,5 +1,5 @@
-// An application that follows the policy: it hears that there is a new one, fetches it from the
-// service, wherever that keeps it, and uses it.
+// An application that follows the policy: when it hears that there is a new one, it fetches it from
+// the service and uses it.
 #include <iostream>
 
 #include <glib.h>
@@ -28,7 +28,7 @@ int main()
 
     const auto callbacks = qor::TCCallbacksProxy::Instance();
     callbacks->SetPolicyUpdateCb(&Follow);
-    // What the service has announced before it knew this process, or while it was away.
+    // The service does not repeat what it announced before this process was registered: look then.
     const auto client = qor::TCDbusClientProvider::Get(false);
     client->AddStateCallback(
         [](qor::EClientState state)

@@ -1,4 +1,4 @@
-// An application without a main loop of its own: a thread beside it hears the service's events.
+// An application without a main loop of its own: an extra thread receives the service's events.
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -9,7 +9,7 @@
 #include <qor/QORDebug.h>
 #include <qor/api.h>
 
-// In one piece: two threads print.
+// Prints a line in one piece, because two threads print.
 static void Print(const std::string& line)
 {
     std::cout << line + "\n" << std::flush;
@@ -26,7 +26,8 @@ int main()
 
     qor::TCContextThread thread;
     thread.Run(Listen); // makes the process's endpoint, so events arrive on the thread
-    // Stands for what the application does, and may block in: it sets the policies that it is told.
+    // Stands for the application's own work, which may block: it reads names of policy files and
+    // sets these policies.
     for (std::string path; std::getline(std::cin, path);)
     {
         std::ifstream file(path);

@@ -1,5 +1,5 @@
-// A service: takes policies from whom it lets, tells all applications about each new one, says who
-// has not heard of it, and ends in order.
+// A service: takes policies from the users who may change it, tells all applications about each new
+// one, prints which of them have not heard of it, and stops cleanly.
 #include <algorithm>
 #include <csignal>
 #include <iostream>
@@ -13,7 +13,7 @@
 #include <qor/PolicyMessage.h>
 #include <qor/QORDbusServer.h>
 
-// Knows the interface only: a test hands it another implementation.
+// Uses the interface only, so that a test can hand it another implementation.
 class Service
 {
 public:
@@ -40,7 +40,7 @@ public:
     }
 
 private:
-    // Root, the service's own user, and the group "qor". Who is not known may not.
+    // Root, the service's own user, and the group "qor" may. An unknown sender may not.
     static bool MayChange(const qor::TSPeer& peer)
     {
         const group* const pGroup = getgrnam("qor");
@@ -55,7 +55,7 @@ private:
         const qor::TSPeer peer = m_bus.CurrentPeer();
         if (!MayChange(peer))
         {
-            // Of whom the bus has told nothing yet may be one who may: let them try again.
+            // The bus has not told yet who an unknown sender is: it may try again.
             qor::WritePolicyReply(peer.m_isKnown ? qor::POLICY_NOT_PERMITTED
                                                  : qor::POLICY_NOT_STORED,
                                   request, reply);
@@ -70,7 +70,7 @@ private:
         }
         std::cout << "a policy of " << policy.size() << " bytes" << std::endl;
         qor::WritePolicyReply(qor::POLICY_STORED, request, reply);
-        // After the reply: a client that waits for one is not called.
+        // Announce it after the reply: a client that waits for a reply is not called.
         m_isDue = true;
         g_idle_add([](void* pThis) { return static_cast<Service*>(pThis)->AnnounceWhatIsDue(); },
                    this);

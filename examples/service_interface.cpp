@@ -1,4 +1,4 @@
-// A service with an interface of its own, for those who do not speak the channel: a method, a
+// A service with an interface of its own, for programs that do not use the library: a method, a
 // property, a signal, and an error with a name.
 #include <iostream>
 #include <string>
@@ -26,7 +26,7 @@ static const char XML[] = R"(
 class Greeter
 {
 public:
-    // The functions are called when the main context is iterated, and not before.
+    // The functions run only when the main context is iterated.
     Greeter()
         : m_bus(false, {{XML, [this](GDBusMethodInvocation* pCall) { Greet(pCall); },
                          [this](const std::string&) { return g_variant_new_uint32(m_greetings); }}})

@@ -65,8 +65,8 @@ public:
     void SetResumeCallback(const boost::function<void(const std::string&, int)>&) override {}
 
     std::map<int, qor::TMessageCallback> m_callbacks;
-    std::vector<TEventDone> m_events; // to be told of their ends
-    qor::TSPeer m_peer;               // who asks
+    std::vector<TEventDone> m_events; // functions that want the outcomes
+    qor::TSPeer m_peer;               // the sender of the next request
     boost::function<void(qor::EServiceState)> m_tellState;
 };
 
@@ -91,10 +91,10 @@ int main()
         Require(bus.m_callbacks[qor::SET_POLICY](request, reply), "there is an answer");
         return qor::ReadPolicyReply(reply);
     };
-    Require(setPolicy() == qor::POLICY_NOT_STORED, "who is not known may try again");
+    Require(setPolicy() == qor::POLICY_NOT_STORED, "an unknown sender may try again");
     bus.m_peer.m_isKnown = true;
     bus.m_peer.m_userId = geteuid() + 1;
-    Require(setPolicy() == qor::POLICY_NOT_PERMITTED, "who is nobody special may not");
+    Require(setPolicy() == qor::POLICY_NOT_PERMITTED, "an ordinary user may not");
     bus.m_peer.m_userId = geteuid();
     Require(setPolicy() == qor::POLICY_STORED, "the service's own user may");
     Require(setPolicy() == qor::POLICY_STORED, "again");
@@ -102,7 +102,7 @@ int main()
     while (g_main_context_iteration(nullptr, FALSE) != FALSE)
     {
     }
-    Require(bus.m_events.size() == 1, "two that are due at once are one");
+    Require(bus.m_events.size() == 1, "two that are due at the same time become one event");
     bus.m_events[0]({{":1.7", qor::EDelivery::TIMED_OUT, 0}});
     Require(setPolicy() == qor::POLICY_STORED, "another one");
     bus.m_tellState(qor::EServiceState::LOST);
