@@ -2,12 +2,13 @@
 """Checks the documents of a tree against the tree: documents.py TOP
 
 Links between them lead to a file and a heading, each example is shown as it is, the README shows
-no other C++, the page of messages has every message of the library, and its error numbers are those
+no other C++, programs on other pages compile, the page of messages has every message of the library, and its error numbers are those
 of GLib.
 """
 
 import pathlib
 import re
+import subprocess
 import sys
 
 from gi.repository import Gio
@@ -61,6 +62,20 @@ def missing_examples(top):
             yield "README.md: shows code that is no example:\n" + block
 
 
+def broken_programs(top):
+    """Of those that are no examples, which are built elsewhere."""
+    glib = subprocess.run(["pkg-config", "--cflags", "glib-2.0"], check=True, capture_output=True, text=True)
+    compiler = ["c++", "-std=c++17", "-fsyntax-only", "-I", top / "include", "-x", "c++", "-", *glib.stdout.split()]
+    page = (top / "docs" / "service-guide.md").read_text(encoding="utf-8")
+    programs = [code for code in re.findall(r"^```cpp\n(#include.*?)^```$", page, re.M | re.S) if "int main(" in code]
+    for code in programs:
+        done = subprocess.run(compiler, input=code, text=True, stderr=subprocess.PIPE, check=False)
+        if done.returncode != 0:
+            yield "docs/service-guide.md: a program does not compile:\n" + done.stderr
+    if not programs:
+        yield "no programs found"
+
+
 def missing_messages(top):
     page = (top / "docs" / "operations.md").read_text(encoding="utf-8")
     sources = [*(top / "api" / "impl" / "src").glob("*.cpp"), *(top / "platform" / "src").glob("*.c")]
@@ -104,8 +119,8 @@ def wrong_error_numbers(top):
 def main():
     top = pathlib.Path(sys.argv[1]).resolve()
     pages = [*top.glob("*.md"), *(top / "docs").glob("*.md")]
-    faults = [*broken_links(top, pages), *missing_examples(top), *missing_messages(top),
-              *wrong_error_numbers(top), *broken_drawings(pages)]
+    faults = [*broken_links(top, pages), *missing_examples(top), *broken_programs(top),
+              *missing_messages(top), *wrong_error_numbers(top), *broken_drawings(pages)]
     print("\n".join(faults) or "%d pages" % len(pages))
     sys.exit(1 if faults else 0)
 
