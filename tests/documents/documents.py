@@ -82,7 +82,10 @@ def missing_messages(top):
     logged = r'(?:QOR_LOG_(?:DEBUG|ERROR)\(|__dlog_print\([^"]*"[A-Z]+",)\s*"((?:[^"\\]|\\.)*)"'
     count = 0
     for source in sources:
-        for message in re.findall(logged, source.read_text(encoding="utf-8")):
+        text = source.read_text(encoding="utf-8")
+        if "QOR_ASSERT_FAILED()" in text and "In `%s`" % source.name not in page.replace("and `", "In `"):
+            yield "docs/operations.md: no assertion of %s" % source.name
+        for message in re.findall(logged, text):
             count += 1
             if "`%s`" % message.replace("%s: %s(%d) > ", "") not in page:
                 yield "docs/operations.md: no %r of %s" % (message, source.relative_to(top))
