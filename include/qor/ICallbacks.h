@@ -18,11 +18,11 @@ namespace qor
 /// - must not call Set..., Reset... or TCCallbacksProxy::Destroy, nor wait for a thread that does:
 ///   they wait until the function has returned;
 /// - must not throw;
-/// - holds up all further messages of the service while it runs, so it should be quick. That is so
-///   also where it iterates the main context: no function is entered meanwhile.
+/// - delays all further messages of the service while it runs, so it should be quick. Even if it
+///   iterates the main context, no other function is called meanwhile.
 ///
 /// All operations may be called from any other place and thread. They wait for a function of this
-/// object that is running, and for any other callback of the endpoint that is.
+/// object, and for any other callback of the endpoint, that is running.
 class QOR_API ICallbacks
 {
 public:
@@ -37,11 +37,12 @@ public:
 
     /// Registers the function that is called when the service has a new policy.
     ///
-    /// An empty function still subscribes; the service is answered false. Another function can be
-    /// registered only after a Reset.
+    /// An empty function subscribes as well; the service then gets the answer false. Another
+    /// function can be registered only after a Reset.
     ///
-    /// @return false if the type is taken, by a function registered here (which stays) or by a
-    ///         callback that was set on the endpoint itself
+    /// @return false if the type has a function already (which stays), or a callback that was set
+    /// on
+    ///         the endpoint itself
     virtual bool SetPolicyUpdateCb(const boost::function<void()>& callback) = 0;
 
     /// Removes the function and unsubscribes. When it returns, the function is not running and will
@@ -51,8 +52,8 @@ public:
     virtual bool ResetPolicyUpdateCb() = 0;
 
     /// Registers the function that is called when the service asks for process information. The
-    /// service is answered true once it has been called: what the function returns is not passed
-    /// on. Otherwise like SetPolicyUpdateCb.
+    /// service gets the answer true when the function has returned, whatever it returns. Otherwise
+    /// like SetPolicyUpdateCb.
     virtual bool SetRequestProcessInfoCb(const boost::function<bool()>& callback) = 0;
 
     /// Like ResetPolicyUpdateCb.

@@ -17,14 +17,14 @@ public:
     ~IDbusServer() override;
 
     /// Delivers an event to every client that is registered for its type, and blocks until each has
-    /// answered, failed or timed out: for at most two timeouts, whatever clients do. The first
-    /// calls to a client wait besides until the bus has told its user, for at most 2000 ms or the
-    /// timeout if that is longer. The calls run in parallel, as many at a time as the bus has room
-    /// for calls without an answer.
+    /// answered, failed or timed out: for at most two timeouts, whatever the clients do. The first
+    /// calls to a client also wait until the bus has told who its user is, for at most 2000 ms or
+    /// the timeout if that is longer. The calls run in parallel, as many as the bus allows to be
+    /// unanswered.
     ///
-    /// Any thread may call it, several at once too, except the server's own loop thread. A caller
-    /// on the thread that iterates the server's main context blocks that context meanwhile. The
-    /// server must not be destroyed while a call is waiting.
+    /// Any thread except the server's own may call it, also several threads at the same time. On
+    /// the thread that iterates the server's main context it blocks that context. The server must
+    /// not be destroyed while a call is waiting.
     ///
     /// @param type     message type, any signed 32-bit value
     /// @param data     payload; an envelope that does not fit into one bus message is not sent and
@@ -37,12 +37,11 @@ public:
     /// @return the numbers of successful (first) and failed (second) deliveries; their sum is the
     ///         number of clients registered for the type. A success is a client whose callback
     ///         returned true. A client that is waiting for the reply to its own synchronous send
-    ///         is not called and counts as a failure. So does a suspended client: one that has let
-    ///         an earlier call of the same type time out, until it answers that one or says Hello
-    ///         anew; or four calls of any types, until it answers one. So does each client of a
-    ///         user, while clients of that user have let so many calls time out that the user's
-    ///         share of them is used up. Before the name is acquired, with no clients, and in a
-    ///         forked child the result is (0, 0).
+    ///         is not called and counts as a failure. So does a suspended client: it has let an
+    ///         earlier call of the same type time out, and has not answered it nor said Hello anew
+    ///         since; or it has four unanswered calls of any types. So does each client of a user
+    ///         whose clients have let as many calls time out as the user may have. Before the name
+    ///         is acquired, with no clients, and in a forked child the result is (0, 0).
     virtual std::pair<std::size_t, std::size_t>
     SendMessage(int type, const std::vector<unsigned char>& data, int timeout) = 0;
 

@@ -1,5 +1,5 @@
-// What a service can do beyond answering and sending: events that end with names, who is asking,
-// what became of its name, and an ordered end.
+// Further functions of a service: events with an outcome for each client, the sender of a request,
+// the state of the service's name, and a clean stop.
 #ifndef QOR_IDBUSSERVICE_H
 #define QOR_IDBUSSERVICE_H
 
@@ -15,58 +15,58 @@
 namespace qor
 {
 
-/// Somebody on the bus, in the bus's own words: nobody can make them up.
+/// A sender or client, as the bus describes it; it cannot be forged.
 struct TSPeer
 {
     std::string m_name;        ///< Unique name.
-    bool m_isKnown = false;    ///< Whether the bus has told; else nothing below says anything.
+    bool m_isKnown = false;    ///< The bus has answered; else the members below mean nothing.
     unsigned int m_userId = 0; ///< The effective one.
-    int m_processId = 0;       ///< 0 where the bus does not tell.
+    int m_processId = 0;       ///< 0 if the bus does not tell.
     bool m_hasGroups = false;  ///< Whether the bus tells the groups; not every release does.
     std::vector<unsigned int> m_groupIds; ///< All, if m_hasGroups.
 };
 
-/// What became of an event at one client.
+/// The outcome of an event for one client.
 enum class EDelivery
 {
     DELIVERED,         ///< Its callback has returned true.
     ANSWERED_FALSE,    ///< Its callback has returned false, or it has none for the type.
     TIMED_OUT,         ///< No answer in time. One may still come, and ends the suspension.
-    SUSPENDED,         ///< Not called: an earlier event of the type is still waiting in it.
-    LEFT,              ///< It is not on the bus any more.
+    SUSPENDED,         ///< Not called: it has not answered an earlier event of the type.
+    LEFT,              ///< It has left the bus.
     FAILED,            ///< The call ended with an error, see the code.
     UNCONFIRMED,       ///< Sent without asking for an answer: its user has too many calls open.
-    WAITING_FOR_REPLY, ///< Not called: it waits for the answer to a request of its own just now.
-    CANCELLED          ///< CancelMessages, or the end of the server, came first.
+    WAITING_FOR_REPLY, ///< Not called: it was waiting for the answer to its own request.
+    CANCELLED          ///< CancelMessages was called, or the server stopped, before the answer.
 };
 
-/// One client's part in an event.
+/// One client and the outcome of an event for it.
 struct TSDelivery
 {
     std::string m_name;                         ///< The client's unique name.
-    EDelivery m_outcome = EDelivery::CANCELLED; ///< What became of it there.
-    int m_code = 0;                             ///< Of the error, a GLib error's; 0 without.
+    EDelivery m_outcome = EDelivery::CANCELLED; ///< The outcome.
+    int m_code = 0;                             ///< Number of the GLib error; 0 without an error.
 };
 
-/// How the service stands on the bus.
+/// The state of the service's name on the bus.
 enum class EServiceState
 {
     STARTING, ///< The bus has not answered yet.
-    ACQUIRED, ///< The name is the service's.
-    QUEUED,   ///< Another process has the name; it comes when that leaves.
-    REFUSED,  ///< The bus does not let the service have the name.
-    LOST,     ///< The name was the service's and has been taken away.
-    /// The connection to the bus is gone, or the start has found no bus, which no function is told.
-    /// A server does not connect again.
+    ACQUIRED, ///< The service owns the name.
+    QUEUED,   ///< Another process owns the name; the service gets it when that one leaves.
+    REFUSED,  ///< The bus policy does not allow the service to own the name.
+    LOST,     ///< The service owned the name, and the bus has taken it away.
+    /// The connection to the bus is gone; or there was no bus at the start, in which case no
+    /// function is called. A server does not connect again.
     BUS_CLOSED
 };
 
-/// The service's end of the channel, with all that TCDbusServer offers. Code that decides on who
-/// may do what takes this interface and can be tested with another implementation of it.
+/// The service's end of the channel. Code of a service that uses only this interface can be tested
+/// with another implementation of it.
 ///
-/// Functions that are handed over run in the server's main context, never while a message callback
-/// or another of them runs, and without a lock of the server; they must not throw. They may call
-/// anything of this interface. None is called after the server is destroyed.
+/// The server calls the functions that it is given in its main context, never while a message
+/// callback or another such function runs, and without a lock. They must not throw. They may call
+/// all functions of this interface. The server calls none after its destruction.
 class QOR_API IDbusService : public IDbusServer
 {
 public:
@@ -76,76 +76,79 @@ public:
     using TEventDone = boost::function<void(const std::vector<TSDelivery>&)>;
 
     /// Delivers an event to every client that is registered for its type at this moment. Returns at
-    /// once; any thread. A client that is slow holds up nobody else's event.
+    /// once; any thread. A slow client does not delay the event for others.
     ///
     /// @param type     message type, any signed 32-bit value
     /// @param data     payload; one that does not fit into a bus message fails for each client
     /// @param timeout  per call, as of SendMessage
     /// @param onDone   called once, when each client has answered, failed or timed out: within two
-    ///                 timeouts, and two seconds more where the bus itself is slow. May be empty.
-    ///                 Before the name is acquired it gets no entries. In a forked child, and where
-    ///                 the start has found no bus, it is not called.
+    ///                 timeouts, and two seconds more if the bus itself is slow. May be empty.
+    ///                 Before the name is acquired it gets an empty list. It is not called in a
+    ///                 forked child, nor if there was no bus at the start.
     virtual void SendEvent(int type, const std::vector<unsigned char>& data, int timeout,
                            const TEventDone& onDone) = 0;
 
-    /// The same for some clients only.
+    /// Like SendEvent, but only to the clients that are named.
     ///
-    /// @param clients  unique names. One that is not registered for the type gets no event and no
-    ///                 entry; one that is no client has LEFT.
+    /// @param clients  unique names. A client that is not registered for the type gets no event and
+    ///                 no entry; a name that is not a client's has the outcome LEFT.
     virtual void SendEventTo(const std::vector<std::string>& clients, int type,
                              const std::vector<unsigned char>& data, int timeout,
                              const TEventDone& onDone) = 0;
 
-    /// Who sent the message whose callback is running; for the callback itself, on its thread. The
-    /// bus is asked when a sender's first call comes in, and a call is not handled before the
-    /// answer is there, or has not come for 5 seconds; so this does not block, but for a sender of
-    /// whom nothing was heard for a while: it is asked for again, one second at most. Anywhere else
-    /// a peer without a name.
+    /// The sender of the message whose callback is running. Only the callback itself may call it,
+    /// on its thread; anywhere else the result has no name. The server asks the bus when a sender's
+    /// first call arrives, and handles the call when the bus has answered or after 5 seconds. So
+    /// this does not block, except for a sender that was silent for a while: the server asks for it
+    /// again and waits for one second at most.
     virtual TSPeer CurrentPeer() = 0;
 
-    /// Who is behind a unique name. Known at once for clients and recent senders; else the bus is
-    /// asked, and this waits, one second at most. Any thread but the server's own. Names that have
-    /// left are forgotten after a while: what is not known says so.
+    /// The user and process of a unique name. For clients and recent senders it returns at once;
+    /// for others it asks the bus, and waits for one second at most. Any thread except the server's
+    /// own. The server forgets names that have left after a while; m_isKnown is false then.
     virtual TSPeer Peer(const std::string& uniqueName) = 0;
 
-    /// How the service stands on the bus. Any thread; does not block. An ordered end changes
-    /// nothing here: that the name has been given up is told by the function of Stop.
+    /// The state of the service's name. Any thread; does not block. Stop does not change it: it
+    /// calls its own function when the server has given up the name.
     virtual EServiceState State() = 0;
 
-    /// Sets the function that is told each change of State, in place of an earlier one; empty for
-    /// none. A state other than STARTING that is there already is told as well. Not from inside
-    /// the function; waits for one that is running.
+    /// Sets the function that is called with each change of State; it replaces an earlier one, and
+    /// an empty function removes it. If the present state is not STARTING, the function is called
+    /// with it as well. Must not be called inside the function; waits for a function that is
+    /// running.
     virtual void SetStateCallback(const boost::function<void(EServiceState)>& callback) = 0;
 
-    /// Ends the service in order: from here on calls are refused with the error ServiceUnknown, and
-    /// new events are cancelled. Calls that are waiting are answered, and events that are under way
-    /// may end, within the limit; what has not ended then is cancelled, for good. When the bus has
-    /// taken what was written, the name is given up and the function is called. Any thread; returns
-    /// at once. The main context must be iterated until then; the destructor comes after.
+    /// Stops the service cleanly. From now on the server refuses calls with the error
+    /// ServiceUnknown and cancels new events. It answers the calls that wait, and gives events that
+    /// are under way the limit to end; then it cancels the rest. When the bus has taken all that
+    /// was written, the server gives up the name and calls the function. Any thread; returns at
+    /// once. The main context must be iterated until then; destroy the server afterwards.
     ///
-    /// @param limit      milliseconds, for the events; a bus that does not read has half a second
-    ///                   beside that
-    /// @param onStopped  called once; may be empty. In a forked child, and where the start failed,
-    ///                   it is not called: there is nothing to wait for.
+    /// @param limit      in milliseconds, for the events; a bus that does not read gets half a
+    /// second
+    ///                   more
+    /// @param onStopped  called once; may be empty. It is not called in a forked child, nor if the
+    ///                   start has failed, because there is nothing to wait for.
     ///
-    /// @return whether onStopped will be called: false also for a second call
+    /// @return whether onStopped will be called; false for a second call
     virtual bool Stop(unsigned int limit, const boost::function<void()>& onStopped) = 0;
 
-    /// Sends a signal of the service's object to whoever on the bus listens for it. Any thread;
-    /// does not wait.
+    /// Sends a signal of the service's object to all listeners on the bus. Any thread; does not
+    /// wait.
     ///
     /// @param pArguments  a tuple; a floating reference is taken over. Null for none.
     ///
-    /// @return false where it cannot go out: it does not fit into a bus message, there is no
-    ///         connection, or this is a forked child
+    /// @return false if it cannot be sent: it does not fit into a bus message, there is no
+    /// connection,
+    ///         or this is a forked child
     virtual bool EmitSignal(const std::string& interfaceName, const std::string& signalName,
                             GVariant* pArguments) = 0;
 
-    /// Sets the function that is told when a client's late answer lets it be called again for a
-    /// type, in place of an earlier function; empty for none. Events of the type that were sent in
-    /// between have the outcome SUSPENDED, and the client has not heard of them. A client that says
-    /// Hello anew is not told of. Any thread, but not from inside the function; waits for one that
-    /// is running.
+    /// Sets the function that is called when a suspended client has answered late and can get
+    /// events of the type again; it replaces an earlier one, and an empty function removes it.
+    /// Events of the type that were sent in between had the outcome SUSPENDED, and the client has
+    /// not heard of them. The function is not called for a client that says Hello anew. Any thread,
+    /// but not inside the function; waits for a function that is running.
     ///
     /// @param callback  receives the client's unique name and the type
     virtual void SetResumeCallback(

@@ -23,14 +23,15 @@
 #define QOR_POINTEE_GUARDED_BY(lock) QOR_THREAD_SAFETY(pt_guarded_by(lock))
 /// The caller holds the lock exclusively.
 #define QOR_REQUIRES(...) QOR_THREAD_SAFETY(requires_capability(__VA_ARGS__))
-/// The caller holds the lock, in either way.
+/// The caller holds the lock, shared or exclusively.
 #define QOR_REQUIRES_SHARED(...) QOR_THREAD_SAFETY(requires_shared_capability(__VA_ARGS__))
-/// The caller does not hold the lock: the function takes it, or waits for somebody who may.
+/// The caller does not hold the lock: the function takes it, or waits for a thread that may take
+/// it.
 #define QOR_EXCLUDES(...) QOR_THREAD_SAFETY(locks_excluded(__VA_ARGS__))
 #define QOR_ACQUIRE(...) QOR_THREAD_SAFETY(acquire_capability(__VA_ARGS__))
 #define QOR_ACQUIRE_SHARED(...) QOR_THREAD_SAFETY(acquire_shared_capability(__VA_ARGS__))
 #define QOR_RELEASE(...) QOR_THREAD_SAFETY(release_capability(__VA_ARGS__))
-/// For what the analysis cannot follow; a comment beside it says why it is right.
+/// For code that the analysis cannot follow; a comment beside it says why the code is right.
 #define QOR_NOT_ANALYSED QOR_THREAD_SAFETY(no_thread_safety_analysis)
 
 namespace qor

@@ -16,15 +16,15 @@ namespace qor
 constexpr int SET_POLICY = 4;
 
 /// Result codes of qord for a policy handed over with IControl::SetPolicy. The library carries any
-/// integer; another service may use codes of its own. -1 never comes from the service: it is the
-/// library's word for a message that brought no successful reply.
+/// integer; another service may use codes of its own. The service never answers -1: the library
+/// returns it if there was no successful reply.
 ///
-/// With every code but POLICY_STORED and POLICY_STATE_UNKNOWN the old policy is still in force.
+/// With all codes except POLICY_STORED and POLICY_STATE_UNKNOWN the old policy is still in force.
 enum EPolicyResult
 {
     POLICY_STORED = 0,          ///< The policy is in force and synced to disk.
     POLICY_NOT_WELL_FORMED = 1, ///< The text is not well-formed XML.
-    POLICY_NOT_STORED = 2,      ///< The policy could not be stored.
+    POLICY_NOT_STORED = 2,      ///< The policy could not be stored, or its sender is not known yet.
     POLICY_TOO_LARGE = 3,       ///< The text, or the memory or work to check it, is over a limit.
     POLICY_STATE_UNKNOWN = 4,   ///< The disk failed half-way and the old policy could not be put
                                 ///< back: nobody knows which one the next start will find.
@@ -47,13 +47,13 @@ enum class EPolicyRequest
 QOR_API void WritePolicyRequest(const std::string& policy, TByteArray& request);
 
 /// Reads the payload of SET_POLICY, of a 32-bit or a 64-bit process with this machine's byte order
-/// and with any version of Boost. The bytes may be anybody's: nothing that they claim is believed
-/// before it has been compared with what has come, and no memory is taken that grows with them.
+/// and with any version of Boost. The bytes need not be trusted: the function compares every length
+/// in them with the bytes that are there, and takes no memory that grows with them.
 ///
 /// @param policy   the text, inside the request's bytes; untouched unless the result is GOOD
-/// @param error    why not, in words for a log; untouched where the result is GOOD
-/// @param maxSize  the largest text that is accepted, in bytes; by default what the bus lets
-/// through
+/// @param error    the reason, in words for a log; untouched if the result is GOOD
+/// @param maxSize  the largest text that is accepted, in bytes; by default the largest that the bus
+///                 carries
 ///
 /// @throws std::bad_alloc only
 QOR_API EPolicyRequest ReadPolicyRequest(const TByteArray& request, std::string_view& policy,
@@ -61,22 +61,22 @@ QOR_API EPolicyRequest ReadPolicyRequest(const TByteArray& request, std::string_
                                          std::size_t maxSize = static_cast<std::size_t>(-1));
 
 /// Replaces reply by the answer to SET_POLICY, for clients of this process's own word size and
-/// version of Boost. A service rather gives the request with it, see below.
+/// version of Boost. A service should use the function below, which also takes the request.
 ///
 /// @param result  one of EPolicyResult, or a code of the service's own
 QOR_API void WritePolicyReply(int result, TByteArray& reply);
 
-/// Replaces reply by the answer to a request: in the word size and archive version of its sender,
-/// who need not be able to read any others. Where the request does not begin with the header of an
-/// archive, the answer is in this process's own.
+/// Replaces reply by the answer to a request, in the word size and archive version of the sender,
+/// which may not be able to read any others. If the request does not begin with the header of an
+/// archive, the answer has this process's own word size and version.
 ///
 /// @param result   one of EPolicyResult, or a code of the service's own
 /// @param request  the payload of SET_POLICY; only its header is looked at, and it may be the same
 ///                 array as reply
 QOR_API void WritePolicyReply(int result, const TByteArray& request, TByteArray& reply);
 
-/// Reads the answer to SET_POLICY, of a 32-bit or a 64-bit process. Whatever the bytes are, it
-/// takes a small multiple of their memory.
+/// Reads the answer to SET_POLICY, of a 32-bit or a 64-bit process. Takes at most a small multiple
+/// of the answer's size in memory, whatever the bytes are.
 ///
 /// @return the service's result code
 ///

@@ -28,7 +28,7 @@ public:
     /// Releases the object; Instance returns an empty pointer from then on. The library never calls
     /// it: a host that unloads the library does so first. Otherwise the endpoint stays on the bus,
     /// and the next message calls code that is gone. Any thread, but not from an application
-    /// function. A caller that still holds the pointer keeps a working object until it lets go.
+    /// function. A caller that still holds the pointer keeps a working object until it releases it.
     static void Destroy();
 
     TCCallbacksProxy();

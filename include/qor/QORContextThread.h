@@ -15,17 +15,17 @@ namespace qor
 {
 
 /// Iterates a main context of its own on a thread of its own, from the constructor to the
-/// destructor. What is made inside Run belongs to that context, such as the process's client
-/// endpoint: its events, observers and callbacks run on the thread.
+/// destructor. An endpoint that is created inside Run belongs to that context: its events,
+/// observers and callbacks run on the thread.
 ///
-/// The endpoint belongs to whoever makes it: let Run make the first call of GetControl,
-/// GetPolicyControl or TCCallbacksProxy::Instance.
+/// The first call of GetControl, GetPolicyControl or TCCallbacksProxy::Instance creates the
+/// process's client endpoint, so make this call inside Run.
 class QOR_API TCContextThread
 {
 public:
-    /// Starts the thread; back when it has the context.
+    /// Starts the thread, and returns when the thread has the context.
     ///
-    /// @throws std::system_error when there is no thread, or no file descriptor, to be had
+    /// @throws std::system_error when no thread can be created, or no file descriptor is left
     TCContextThread();
 
     /// Ends the iteration and waits for the thread, and so for a function that is running on it.
@@ -37,12 +37,13 @@ public:
     TCContextThread& operator=(const TCContextThread&) = delete;
 
     /// Runs a function on the thread, where the context is the thread's default, and waits until it
-    /// has returned; on the thread itself, runs it at once. Any thread. The caller must hold no
-    /// lock that the function, or a callback that is running on the thread, takes. An exception of
-    /// the function is the caller's. In a forked child it does nothing.
+    /// has returned. Called on the thread itself, it runs the function at once. Any thread. The
+    /// caller must hold no lock that the function, or a callback that is running on the thread,
+    /// takes. An exception of the function is passed on to the caller. In a forked child it does
+    /// nothing.
     void Run(const std::function<void()>& function);
 
-    /// The context, for as long as this object is there; IDbusClient::CallAsync takes it, say.
+    /// The context, for example for IDbusClient::CallAsync. Valid as long as this object exists.
     GMainContext* Context() const;
 
 private:

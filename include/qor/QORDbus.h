@@ -29,33 +29,33 @@ struct TSDbusLink;
 /// com.norvane.qor.IControl and hands each incoming Send to the callback of the message's type.
 ///
 /// Main context: incoming messages and name events are dispatched by the thread-default main
-/// context of the thread that constructs the endpoint (normally the process's default context). Who
-/// owns the endpoint must iterate that context; nothing arrives otherwise. An endpoint handles one
-/// message at a time: what arrives while a callback iterates the context itself is handled when
-/// that callback has returned, one in each turn of the context.
+/// context of the thread that constructs the endpoint (normally the process's default context). The
+/// owner of the endpoint must iterate that context; otherwise nothing arrives. An endpoint handles
+/// one message at a time: messages that arrive while a callback iterates the context itself are
+/// handled after that callback has returned, one in each iteration of the context.
 ///
 /// Lifetime: the last reference may be dropped on any thread but never from inside one of the
 /// endpoint's own handlers or callbacks. The destructor waits for a handler that is running at that
-/// moment; afterwards none runs any more, whatever is still queued in the main context. Where the
-/// destructor runs on another thread than the one that iterates the main context, and the bus dies
-/// at the same moment, GLib may print a warning about a signal handler; it is harmless.
+/// moment; afterwards no handler runs, even if calls are still queued in the main context. If the
+/// destructor does not run on the thread that iterates the main context, and the bus goes away at
+/// the same moment, GLib may print a warning about a signal handler; it is harmless.
 ///
-/// Losing the bus never ends the process: calls then fail with a log line. A client finds the bus
-/// again (see TCDbusClient); a service ends and is started anew.
+/// Losing the bus does not end the process: calls then fail with a log line. A client finds the bus
+/// again (see TCDbusClient). A service should exit, and systemd start it again.
 ///
-/// Limits: build options bound the calls, and their bytes, that one sender (in a server: one user)
-/// may have open; file descriptors are not accepted (docs/operations.md). A call over a limit is
-/// answered with the error LimitsExceeded before it is queued.
+/// Limits: build options limit the calls, and their bytes, that one sender (in a server: one user)
+/// may have open; file descriptors are not accepted (docs/operations.md). The endpoint answers a
+/// call over a limit with the error LimitsExceeded before it is queued.
 ///
-/// Fork: a child process inherits no connection to the bus. An endpoint that it finds belongs to
-/// its parent; it may not use it, and letting go of it there (at exit at the latest) disturbs
-/// nobody. A new endpoint in a child of a process that has connected never starts (errno 15 in the
-/// log). A process that wants to use the library in a child forks before its first use.
+/// Fork: a child process inherits no connection to the bus. It must not use an endpoint of its
+/// parent, but may release it (at exit at the latest) without effect on the parent. If the parent
+/// has connected before, a new endpoint in the child never starts (errno 15 in the log). To use the
+/// library in a child, fork before its first use.
 ///
-/// Locks: nobody holds one of an endpoint's locks while waiting for an answer, of the bus or of
-/// anybody else, with one exception: a message callback runs with t_callbacksMutex held shared, so
-/// registering and removing callbacks wait for it. t_stateMutex and t_watchMutex are innermost and
-/// held briefly.
+/// Locks: no thread holds one of an endpoint's locks while it waits for an answer of the bus or of
+/// another process, with one exception: a message callback runs with t_callbacksMutex held shared,
+/// so registering and removing callbacks wait for it. t_stateMutex and t_watchMutex are innermost
+/// and held briefly.
 class QOR_API TCDbus : public virtual IDbus
 {
 public:
@@ -73,9 +73,9 @@ public:
     /// A client that has found a restarted bus has a new one. Any thread.
     std::string GetUniqueName();
 
-    /// Who sent the message whose callback is running: the unique name on the bus, of which the bus
-    /// can tell user and process (GetConnectionCredentials of org.freedesktop.DBus). For the
-    /// callback itself, on its thread; empty anywhere else. Does not block.
+    /// The sender of the message whose callback is running: its unique name, for which the bus
+    /// knows user and process (GetConnectionCredentials of org.freedesktop.DBus). Only the callback
+    /// itself gets it, on its thread; the result is empty anywhere else. Does not block.
     std::string GetCurrentSender();
 
     /// The most payload or output bytes that one message of this build can carry.
@@ -89,8 +89,8 @@ protected:
     /// which the handler answers.
     using TMethodHandler = boost::function<void(const char*, GVariant*, GDBusMethodInvocation*)>;
 
-    /// What an endpoint works with at a time: a connection, its name, and the calls on it. Whoever
-    /// holds it may use it without a lock; it may have closed.
+    /// A connection, its unique name, and the calls on it: what an endpoint works with at a time. A
+    /// holder of the pointer may use it without a lock; the connection may have closed.
     using TSessionPtr = boost::shared_ptr<TCDbusSession>;
 
     /// Connects and exports the object.
@@ -102,17 +102,18 @@ protected:
     /// Releases what t_Start acquired; runs once, after t_StopHandlers.
     void t_Stop();
 
-    /// The session of the moment; null before the endpoint has connected.
+    /// The present session; null before the endpoint has connected.
     TSessionPtr t_Session() QOR_EXCLUDES(t_stateMutex);
 
-    /// Works with this session from here on.
+    /// Makes the endpoint use this session from now on.
     void t_SetSession(TSessionPtr session) QOR_EXCLUDES(t_stateMutex);
 
     /// Exports the object on the session's connection. The caller iterates the endpoint's main
     /// context or has made it the thread's default.
     bool t_Export(const TSessionPtr& session) QOR_EXCLUDES(t_watchMutex);
 
-    /// Takes the object back, wherever it is exported. Any thread; repeated calls do nothing.
+    /// Ends the export of the object, on whichever connection it is. Any thread; repeated calls do
+    /// nothing.
     void t_Unexport() QOR_EXCLUDES(t_watchMutex);
 
     /// Whether the object is exported on this session's connection.
@@ -125,7 +126,7 @@ protected:
     /// exported.
     void t_SetDbusCallback(const char* method, const TMethodHandler& handler);
 
-    /// From here on no handler starts, and no call is refused. Does not wait.
+    /// From now on no handler starts, and the endpoint refuses no more calls. Does not wait.
     void t_SeverHandlers();
 
     /// The same, and waits for a handler that is running. Must be called without locks, since that
@@ -141,12 +142,11 @@ protected:
     /// False in a forked child, where this endpoint must not be touched.
     bool t_IsInOwnProcess() const;
 
-    /// In place of t_StopHandlers and t_Stop in a forked child: gives up everything inherited
-    /// without releasing it, so that the destructor finds nothing that other threads of the parent
-    /// were using.
+    /// Replaces t_StopHandlers and t_Stop in a forked child: forgets all inherited objects without
+    /// releasing them, because threads of the parent may have been using them.
     void t_Abandon();
 
-    /// What GLib is given as user data in place of the endpoint: a new reference to the link.
+    /// A new reference to the link, which GLib gets as user data instead of the endpoint.
     void* t_NewUserData();
 
     /// Whether a message with that many payload bytes fits under the bus's size limit.
@@ -175,9 +175,9 @@ protected:
     std::atomic<bool> t_isReady;
     TCSharedMutex t_callbacksMutex;
     std::map<int, TMessageCallback> t_callbacks QOR_GUARDED_BY(t_callbacksMutex);
-    /// Guards what changes with each message, and with the bus.
+    /// Guards the members that change with each message, or with the bus.
     TCSharedMutex t_stateMutex;
-    /// Guards what is registered with GLib: the object, and watches.
+    /// Guards the registrations with GLib: the object, and watches.
     TCSharedMutex t_watchMutex;
     TSessionPtr t_pSession QOR_GUARDED_BY(t_stateMutex);
     /// Those of the session.
@@ -210,8 +210,8 @@ private:
     unsigned int m_registrationId QOR_GUARDED_BY(t_watchMutex);
     TSessionPtr m_pExportedOn QOR_GUARDED_BY(t_watchMutex);
     std::map<std::string, TMethodHandler> m_methodHandlers; ///< Complete before the export.
-    std::unique_ptr<TCDbusTurns> m_pTurns;                  ///< What is to be handled.
-    std::unique_ptr<TCDbusTimer> m_pNextTurn;               ///< For the rest of it.
+    std::unique_ptr<TCDbusTurns> m_pTurns;                  ///< Messages that wait to be handled.
+    std::unique_ptr<TCDbusTimer> m_pNextTurn;               ///< For those that are left.
     TSDbusLink* m_pLink;
 };
 

@@ -26,25 +26,25 @@ class TCDbusStates;
 ///
 /// Normally obtained from TCDbusClientProvider. See TCDbus for the main context and the lifetime.
 ///
-/// The service confirms each Hello. One that it refuses, or leaves without an answer, is repeated
-/// with the types of the moment, at growing intervals, until it is confirmed or the service has
-/// left; an error line says so once, and an observer is told UNREGISTERED. None of them has the bus
-/// start a service: only a send does.
+/// The service confirms each Hello. If it refuses one or does not answer, the client repeats Hello
+/// with its present types, at growing intervals, until the service has confirmed it or has left the
+/// bus. One error line says so, and observers are told UNREGISTERED. Hello never makes the bus
+/// start the service; only a send does.
 ///
-/// A client that was up once finds the bus again after a restart of the daemon: it tries once a
-/// second while its main context is iterated, and at a send, whichever thread makes it; every 20 s
-/// where something accepts the connection and does not answer. Its callbacks stay registered, and
-/// the service learns of them as after any appearance. It then has a connection of its own and a
-/// new unique name. Nothing that was sent is sent again.
+/// A client that has been connected once finds the bus again after a restart of the daemon. It
+/// tries once a second while its main context is iterated, and at each send, on the sending thread;
+/// but only every 20 s if something accepts the connection and does not answer. Its callbacks stay
+/// registered, and it announces them to the service again. It then has a new connection and a new
+/// unique name. It does not repeat messages.
 class QOR_API TCDbusClient : public TCDbus, public IDbusClient
 {
 public:
-    /// Connects to the bus and starts watching for the service; blocks meanwhile, 2 s for a bus
-    /// that accepts the connection and does not answer. Where the start fails (the log says why)
-    /// there is a client all the same: it stays unready, its synchronous sends return false, and
+    /// Connects to the bus and starts watching for the service. Blocks meanwhile, for at most 2 s
+    /// if a bus accepts the connection and does not answer. If the start fails (the log says why)
+    /// the client exists, but never becomes ready: its synchronous sends return false, and
     /// callbacks can still be set.
     ///
-    /// @throws std::system_error when the thread cannot be created that ends the wait for a bus
+    /// @throws std::system_error when the thread that limits the wait for a bus cannot be created
     explicit TCDbusClient(bool testMode);
     /// Waits until the bus has read what was sent without waiting, for 500 ms at most.
     ~TCDbusClient() override;
@@ -97,7 +97,7 @@ private:
     void m_CallAsync(std::size_t size, const TMessageMaker& newCall, std::int64_t deadline,
                      const TCCancellation& cancellation, const TOutcome& onOutcome,
                      GMainContext* pContext);
-    /// Null with an error where nothing was sent, or no answer came.
+    /// Null and an error if the message was not sent, or no answer came.
     TGlibPtr<GDBusMessage> m_CallAndWait(const TSessionPtr& session, std::size_t size,
                                          const TMessageMaker& newCall, std::int64_t deadline,
                                          const TCCancellation& cancellation, bool mayStart,
@@ -123,12 +123,12 @@ private:
     unsigned int m_watcherId QOR_GUARDED_BY(t_watchMutex);
     TGlibPtr<GDBusProxy> m_pProxy QOR_GUARDED_BY(t_stateMutex);
     TGlibPtr<GSource> m_pHangUp QOR_GUARDED_BY(t_watchMutex); ///< Sees the connection close.
-    std::atomic<bool> m_hasSentAsync{false};   ///< Something may not have been written yet.
+    std::atomic<bool> m_hasSentAsync{false};   ///< Messages may not have been written yet.
     std::atomic<std::int64_t> m_nextAttempt;   ///< To connect: monotonic time in microseconds.
     std::shared_ptr<TCDbusPending> m_pPending; ///< Asynchronous calls.
     std::unique_ptr<TCDbusStates> m_pStates;   ///< Observers.
     // Set when the start has succeeded, once:
-    TGlibPtr<GDBusMessage> m_pSend;           ///< What every Send is a copy of.
+    TGlibPtr<GDBusMessage> m_pSend;           ///< Every Send is a copy of it.
     std::unique_ptr<TCDbusTimer> m_pRecovery; ///< Due when the bus is to be looked for.
     std::unique_ptr<TCDbusTimer> m_pNews;     ///< Due when observers have been added.
     std::shared_ptr<TCDbusRegistration> m_pRegistration;
@@ -138,8 +138,8 @@ private:
 class QOR_API TCDbusClientProvider
 {
 public:
-    /// The process's client endpoint: the one that is alive, else a new one. It lives as long as
-    /// somebody holds the pointer, and is destroyed on the thread that lets go last.
+    /// The process's client endpoint; a new one if there is none. It lives as long as somebody
+    /// holds the pointer, and is destroyed on the thread that releases the last one.
     ///
     /// Any thread may call it; calls are serialised, and creating an endpoint connects to the bus
     /// and blocks meanwhile. A new endpoint belongs to the calling thread's main context.

@@ -31,31 +31,31 @@ struct TSEventAccount;
 /// The server endpoint. The service constructs one and keeps it for its lifetime.
 ///
 /// It owns the well-known name, registers every client that says Hello with the types it wants, and
-/// forgets it when it leaves the bus. A build option bounds the clients of one user, but not of
-/// root and of the service's own user; a Hello of one more is answered with LimitsExceeded. See
-/// TCDbus for the main context and the lifetime: the service must iterate that context, until then
-/// the server does not become ready and learns of no client. A thread of the server's own carries
-/// the outgoing event calls.
+/// forgets the client when it leaves the bus. A build option limits the clients of each user except
+/// root and the service's own user; the Hello of a further client is answered with LimitsExceeded.
+/// See TCDbus for the main context and the lifetime: until the service iterates that context, the
+/// server does not become ready and learns of no client. The server has a thread of its own, which
+/// sends events.
 ///
 /// The server must not be destroyed while a SendMessage is waiting (CancelMessages ends the wait),
-/// nor on its own thread. Stop ends it in order; without that, the destructor drops what is under
-/// way.
+/// nor on its own thread. Stop stops it cleanly; without Stop, the destructor drops calls and
+/// events that are under way.
 class QOR_API TCDbusServer : public TCDbus, public IDbusService
 {
 public:
-    /// Connects to the bus, asks for the name and starts the thread; blocks meanwhile, 2 s for a
-    /// bus that accepts the connection and does not answer, but does not wait for the name. Where
-    /// the connection fails (the log says why) the server exists but never becomes ready.
+    /// Connects to the bus, asks for the name and starts the thread. Blocks meanwhile, for at most
+    /// 2 s if a bus accepts the connection and does not answer, but does not wait for the name. If
+    /// the connection fails (the log says why), the server exists but never becomes ready.
     ///
     /// @throws boost::thread_resource_error when the thread cannot be created
-    /// @throws std::system_error when the thread cannot be created that ends the wait for a bus
+    /// @throws std::system_error when the thread that limits the wait for a bus cannot be created
     explicit TCDbusServer(bool testMode);
 
-    /// The same, with interfaces of the service's own on its object, which are there before the
-    /// name is. Their functions live as long as the server.
+    /// The same, with interfaces of the service's own on its object, which exist before the service
+    /// owns the name. Their functions live as long as the server.
     ///
-    /// @throws std::invalid_argument for introspection data that cannot be read, or has another
-    ///         number of interfaces than one, and where there is no function for calls
+    /// @throws std::invalid_argument if introspection data cannot be read or does not have exactly
+    ///         one interface, or if there is no function for calls
     TCDbusServer(bool testMode, const std::vector<TSServiceInterface>& interfaces);
     ~TCDbusServer() override;
 
@@ -81,48 +81,47 @@ public:
     void SetResumeCallback(
         const boost::function<void(const std::string& client, int type)>& callback) override;
 
-    /// Ends every SendMessage that is waiting: what has no answer yet counts as a failure, and a
-    /// client that has not answered is suspended as after a timeout. Later ones are not affected.
-    /// Any thread; does not wait for the callers to return.
+    /// Ends all events that are under way, and so every SendMessage that waits: a client that has
+    /// not answered yet counts as a failure, and is suspended as after a timeout. Later events are
+    /// not affected. Any thread; does not wait until the callers have returned.
     void CancelMessages();
 
     /// A client as the registry has it.
     struct TSClientInfo
     {
-        std::string m_name;       ///< Unique name on the bus, which tells user and process of it.
-        std::vector<int> m_types; ///< What it asked for, ascending; the first eight.
-        std::size_t m_numberOfTypes; ///< Of all that it asked for.
-        bool m_isSuspended; ///< It has let a call time out and is not called for that type.
+        std::string m_name;          ///< Unique name; Peer finds its user and process.
+        std::vector<int> m_types;    ///< The first eight types that it asked for, ascending.
+        std::size_t m_numberOfTypes; ///< The number of all its types.
+        bool m_isSuspended; ///< It has let a call time out, and is not called for that type.
     };
 
-    /// The clients of this moment, ordered by name; none in a forked child. What it costs grows
-    /// with their number, and not with what they registered. Any thread; does not block.
+    /// The present clients, ordered by name; none in a forked child. The cost grows with their
+    /// number, not with the number of their types. Any thread; does not block.
     std::vector<TSClientInfo> Clients();
 
-    /// Those of one user. What it costs grows with the number of all clients as a count does, where
-    /// the user has any.
+    /// The present clients of one user. If the user has any, it looks at all clients.
     std::vector<TSClientInfo> ClientsOf(unsigned int userId);
 
     /// Whether the client (its unique name) is registered for the type. Any thread; does not block.
     bool IsRegistered(const std::string& client, int type);
 
-    /// How many clients are suspended; appends the names of the first of them, ordered. Any thread;
-    /// does not block.
+    /// The number of suspended clients. Appends the names of the first atMost of them, ordered. Any
+    /// thread; does not block.
     std::size_t SuspendedClients(std::size_t atMost, std::vector<std::string>& names);
 
-    /// What others cost the server.
+    /// What clients and callers cost the server.
     struct TSServerLoad
     {
-        std::size_t m_clients = 0; ///< Those that are registered.
+        std::size_t m_clients = 0; ///< Registered clients.
         std::size_t m_types = 0;   ///< All types that they asked for; 4 bytes each.
-        /// Clients by user id; of users that have any. The bus has told nothing of those that are
-        /// missing here.
+        /// Clients by user id, for users that have any. Clients whose user the bus has not told yet
+        /// are missing here.
         std::map<unsigned int, std::size_t> m_clientsByUser;
         std::uint64_t m_refusedCalls = 0; ///< Calls that were over a limit, since the start.
     };
 
-    /// Writes no log line. What it costs does not grow with the number of clients. Any thread; does
-    /// not block.
+    /// The load at the moment. Writes no log line, and takes the same time however many clients
+    /// there are. Any thread; does not block.
     TSServerLoad Load();
 
 protected:
@@ -142,7 +141,7 @@ private:
         boost::shared_ptr<TSEventAccount> m_pAccount;
         std::int64_t m_since = 0; ///< Monotonic time.
         bool m_hasUser = false;
-        unsigned int m_userId = 0; ///< Where the bus has told.
+        unsigned int m_userId = 0; ///< Valid if m_hasUser.
     };
     struct TSAsyncMessage;
     struct TSLoad;
@@ -214,19 +213,19 @@ private:
     TGlibPtr<GMainContext> m_pContext;
     TGlibPtr<GMainLoop> m_pMainLoop;
     std::unique_ptr<TCDbusPeers> m_pPeers;
-    std::unique_ptr<TCDbusTimer> m_pNews; ///< Due when the delivery has something to tell.
+    std::unique_ptr<TCDbusTimer> m_pNews; ///< Due when the delivery has news.
     std::unique_ptr<TCEventDelivery> m_pDelivery;
     std::unique_ptr<TSStop> m_pStop;
     std::unique_ptr<TSLoad> m_pLoad;
-    TGlibPtr<GSource> m_pHangUp; ///< Sees the connection close.
+    TGlibPtr<GSource> m_pHangUp; ///< Due when the connection closes.
 
     EServiceState m_state QOR_GUARDED_BY(t_stateMutex);
     TCMutex m_stateCallbackMutex; ///< Held while the function runs.
     boost::function<void(EServiceState)> m_stateCallback QOR_GUARDED_BY(m_stateCallbackMutex);
     EServiceState m_toldState QOR_GUARDED_BY(m_stateCallbackMutex); ///< STARTING: none yet.
-    std::unique_ptr<TCDbusTimer> m_pStateNews; ///< Due when the state is to be told.
-    std::atomic<int> m_nameAnswer;             ///< Of the bus, who has the name.
-    std::unique_ptr<TCDbusTimer> m_pNameNews;  ///< Due when that has come.
+    std::unique_ptr<TCDbusTimer> m_pStateNews; ///< Due when the function has to be called.
+    std::atomic<int> m_nameAnswer;             ///< Of the bus: who owns the name.
+    std::unique_ptr<TCDbusTimer> m_pNameNews;  ///< Due when this answer has come.
 
     TCMutex m_resumeCallbackMutex; ///< Held while the function runs.
     boost::function<void(const std::string&, int)>

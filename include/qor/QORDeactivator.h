@@ -17,8 +17,9 @@ namespace qor
 /// registered user object and then the registered functions in ascending order of their addresses,
 /// each once; from then on it refuses registrations.
 ///
-/// All operations may be called from any thread. While the teardown runs, registrations are refused
-/// without waiting for it, wherever they come from: what it calls may wait for them.
+/// All operations may be called from any thread. While the teardown runs, registrations on all
+/// threads are refused without waiting, because a function that the teardown calls may wait for
+/// them.
 class QOR_API TCDeactivator
 {
 public:
@@ -40,8 +41,8 @@ public:
     static bool RegisterUser(TIDestroyCallback& user);
 
     /// Empties the user slot, whichever object it holds. No effect after the teardown has begun;
-    /// but while the teardown calls the object, on another thread, it waits for the end of that
-    /// call, so that the object may go.
+    /// but while the teardown calls the object on another thread, it waits until that call has
+    /// returned, so that the object may be destroyed.
     static void UnregisterUser(TIDestroyCallback& user);
 
 private:

@@ -11,12 +11,12 @@ namespace qor
 
 /// The log settings of the process, and the sinks beside the platform log.
 ///
-/// Every log line of the library goes to the platform log (tag "QOR"). Where switched on here it
-/// also goes to standard output (on in a fresh process, unless QOR_STDOUT=0 is in its environment)
+/// Every log line of the library goes to the platform log (tag "QOR"). If switched on here it also
+/// goes to standard output (on in a fresh process, unless QOR_STDOUT=0 is in its environment)
 /// and to the per-process log file /tmp/qor_NAME_PID.log (once EnableFileLog(true) has opened it).
 ///
-/// A sink that fails is ignored: neither SIGPIPE nor SIGXFSZ reaches the process because of a line,
-/// and the line is dropped. A sink that is full, such as a pipe, holds up the thread that logs.
+/// If a sink fails, the line is dropped, and neither SIGPIPE nor SIGXFSZ reaches the process. If a
+/// sink is full, such as a pipe, the thread that logs blocks.
 ///
 /// No function takes a lock. Lines of several threads do not mix, but changing a setting while
 /// other threads log is not synchronised: change settings before threads start. No function throws.
@@ -35,7 +35,7 @@ public:
     /// Switches the lines on standard output on or off.
     void EnableStdoutLog(bool enable);
 
-    /// Says whether performance markers are wanted. Perf does not look: its callers do.
+    /// Switches performance markers on or off. Perf does not check this itself; its callers do.
     void EnablePerfLog(bool enable);
 
     /// Formats one line, "QOR >CLASS:FUNCTION:LINE< MESSAGE", of at most 255 characters (the rest

@@ -11,8 +11,9 @@ namespace qor
 {
 
 /// Typed payloads are Boost binary archives (default flags) over a std::stringstream. These two
-/// functions carry an archive's bytes into and out of a message. They keep no state; any thread may
-/// call them on streams and arrays of its own.
+/// functions copy an archive's bytes into and out of a message. They do not check the bytes: see
+/// the service guide before you open an archive that another process has sent. They keep no state;
+/// any thread may call them on streams and arrays of its own.
 class QOR_API TCIpcSerializationUtil
 {
 public:

@@ -7,15 +7,16 @@
 namespace qor
 {
 
-/// Implemented by a host that wants to know when the library goes down;
+/// A host implements it to learn when the library is torn down;
 /// see TCDeactivator::RegisterUser.
 class QOR_API TIDestroyCallback
 {
 public:
     virtual ~TIDestroyCallback();
 
-    /// Called once, at library unload or process exit, on the thread that does it, before any part
-    /// of the library is torn down. Must not throw. Registrations made from here are refused.
+    /// Called once, at library unload or process exit, on the thread that unloads or exits, before
+    /// any part of the library is torn down. Must not throw. Registrations made from here are
+    /// refused.
     virtual void OnDestroy() = 0;
 };
 

@@ -17,10 +17,10 @@ using TByteArray = std::vector<unsigned char>;
 ///
 /// It runs in the main context that dispatches the endpoint's messages (see the endpoint's class),
 /// while the endpoint's callback table is locked for reading. No other callback of the endpoint
-/// runs meanwhile, also where this one iterates the main context. A callback
+/// runs meanwhile, even if this one iterates the main context. A callback
 /// - must not throw,
 /// - must not call SetCallback or UnSetCallback of its own endpoint,
-/// - must not drop the last reference to its own endpoint,
+/// - must not release the last reference to its own endpoint,
 /// - must not be empty.
 using TMessageCallback = boost::function<bool(const TByteArray&, TByteArray&)>;
 
