@@ -19,17 +19,17 @@ struct TSArchiveHeader
     unsigned int m_version = 0; ///< Of the archive format.
 };
 
-/// The word size of the process that wrote an archive, by its signature; 0 where there is none.
+/// The word size of the process that wrote an archive, by its signature; 0 without a signature.
 std::size_t ArchiveWordSize(const TByteArray& bytes);
 
 /// Reads a header in this machine's byte order.
 ///
 /// @param header  untouched unless the bytes begin with one
-/// @return why they do not, in words for a log; otherwise empty
+/// @return why they do not begin with a header, in words for a log; otherwise empty
 std::string ReadArchiveHeader(const TByteArray& bytes, TSArchiveHeader& header);
 
-/// The length that stands at an offset, in words of that size; the caller has seen that all of its
-/// bytes are there.
+/// The length at an offset, a word of that size. The caller has checked that all of its bytes are
+/// there.
 std::uint64_t ReadArchivedLength(const TByteArray& bytes, std::size_t offset, std::size_t wordSize);
 
 } // namespace qor

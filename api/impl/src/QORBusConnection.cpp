@@ -20,7 +20,8 @@ namespace qor
 namespace
 {
 
-// What a connection takes at most: the socket, and what wakes up its threads' contexts and calls.
+// The most descriptors that a connection takes: the socket, and those that wake up its threads'
+// contexts and calls.
 constexpr int DESCRIPTORS_TO_CONNECT = 8;
 
 // How often a connection that is being made is looked at: whether anybody still waits for it.
@@ -110,7 +111,7 @@ private:
     std::future<void> m_watch;
 };
 
-// Who has waited in vain learns that it was the time.
+// Names the time limit as the reason of a failed wait.
 void NameTimeout(GError** ppError)
 {
     if (g_error_matches(*ppError, G_IO_ERROR, G_IO_ERROR_CANCELLED))

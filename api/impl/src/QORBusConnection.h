@@ -21,25 +21,25 @@ constexpr const char* BUS_PATH = "/org/freedesktop/DBus";
 constexpr int CONNECT_TIMEOUT_MS = 2000;
 constexpr std::int64_t NO_DEADLINE = std::numeric_limits<std::int64_t>::max();
 
-// The connection that GIO shares among all in the process, or, where that has closed, one of the
-// caller's own, made in its context; null with an error. Blocks for the time above at most. In a
-// forked child of a process that has called it before, there is none: the threads that a connection
-// needs are the parent's.
+// The connection that GIO shares in the process; if that has closed, a new one that is made in the
+// caller's context; null with an error. Blocks for the time above at most. Fails in a forked child
+// of a process that has called it before, because the threads that a connection needs are not in
+// the child.
 TGlibPtr<GDBusConnection> BusConnection(GMainContext* pContext, GError** ppError);
 
-// A connection of the caller's own, likewise, and for no longer than the caller waits: until then
-// (monotonic time in microseconds), and unless it cancels. GIO hands out its shared connection,
-// also when it has closed, for as long as anybody holds it.
+// A new connection of the caller's own, with the same limit, and no longer than until the deadline
+// (monotonic time in microseconds) or until the caller cancels. Needed because GIO hands out its
+// shared connection even after it has closed, as long as anything holds it.
 TGlibPtr<GDBusConnection> OwnBusConnection(GMainContext* pContext, std::int64_t deadline,
                                            const TCCancellation& cancellation, GError** ppError);
 
 // A source that is ready once the connection has closed. It watches the socket, since a connection
-// reports its end only in the context that it was made in, which may be iterated by nobody. The
+// reports its end only in the context that it was made in, which perhaps no thread iterates. The
 // connection must be held as long as the source.
 TGlibPtr<GSource> NewHangUpSource(GDBusConnection* pConnection);
 
-// Where no descriptor is to be had, GLib ends the process instead of reporting an error: so this
-// is asked before anything that makes a main context. False with an error.
+// If no file descriptor is left, GLib ends the process instead of reporting an error. So call this
+// before anything that makes a main context. False with an error.
 bool HasFreeDescriptors(GError** ppError);
 
 } // namespace qor

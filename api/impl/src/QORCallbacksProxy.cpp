@@ -37,7 +37,7 @@ TCCallbacksProxy::TCCallbacksProxy() : m_dbusClient(TCDbusClientProvider::Get(fa
 TCCallbacksProxy::~TCCallbacksProxy()
 {
     // The endpoint may live on with another holder. Removing a type's callback waits for a message
-    // that is being handled, so that none reaches a proxy that is gone.
+    // that is being handled, so that no message reaches a proxy that is gone.
     if (m_dbusClient)
     {
         m_dbusClient->UnSetCallback(POLICY_UPDATE);

@@ -78,8 +78,8 @@ void TCContextThread::m_Iterate()
     {
         g_main_context_iteration(m_pContext.get(), TRUE);
     }
-    // GLib frees out of the context what has ended in it. Not without limit: an endpoint that lives
-    // on may have steady traffic.
+    // GLib frees objects that have ended in the context only while it is iterated. The number of
+    // iterations is limited, because an endpoint that lives on may have steady traffic.
     for (int turns = 0; turns < LAST_TURNS && g_main_context_iteration(m_pContext.get(), FALSE);)
     {
         ++turns;

@@ -1,4 +1,4 @@
-// What the senders of calls, and their users, cost an endpoint.
+// The accounts of what senders of calls, and their users, cost an endpoint.
 #include "QORDbusAccounts.h"
 
 #include <algorithm>

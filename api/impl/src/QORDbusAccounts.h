@@ -1,4 +1,4 @@
-// What the senders of calls, and their users, cost an endpoint.
+// The accounts of what senders of calls, and their users, cost an endpoint.
 #ifndef QOR_QORDBUSACCOUNTS_H
 #define QOR_QORDBUSACCOUNTS_H
 
@@ -16,19 +16,20 @@
 namespace qor
 {
 
-// What counts for one sender, or for all senders of one user.
+// The account of one sender, or of all senders of one user.
 struct TSDbusAccount
 {
     std::size_t m_calls = 0; // that are open
     std::size_t m_bytes = 0; // of those
-    // Bytes of answers that their receiver has not been seen to read; the bus may still have them.
+    // Bytes of answers of which it is not known that the receiver has read them; the bus may still
+    // keep them.
     std::size_t m_unread = 0;
     std::size_t m_pings = 0;  // without an answer
     gint64 m_lastRefusal = 0; // monotonic time; 0: never
 };
 
 // The accounts of a connection's senders. A call is open until its answer is written; one that
-// wants no answer, until its message is gone. Used under the lock of admission.
+// wants no answer, until its message is freed. Used under the lock of admission.
 class TCDbusAccounts
 {
 public:
@@ -87,30 +88,31 @@ public:
 
     // Adds the call to the accounts.
     void Open(TSSender& sender, GDBusMessage* pCall, std::size_t size, bool isOurs);
-    // An answer to the call is being written: the call goes. False where there is none.
+    // An answer to the call is being written, so the call is no longer open. False if there is no
+    // such call.
     bool Close(TSSender& sender, std::uint32_t serial);
     // The call that is handled now.
     void SetHandled(TSSender& sender, std::uint32_t serial);
-    // How many have been answered, with answers that are yet to be written. The others are held by
-    // somebody who will answer them later, or were dropped by somebody who never will.
+    // How many handled calls have been answered with answers that are not written yet. The other
+    // calls are held by code that will answer later, or were dropped without an answer.
     std::size_t Unwritten();
-    // Takes off the accounts what wanted no answer and is gone: the first ones, or all.
+    // Removes calls from the accounts that wanted no answer and are freed: the first ones, or all.
     void DropSilent(bool isWhole);
-    // Takes off the accounts what should have been answered, was not, and is gone.
+    // Removes calls from the accounts that were freed without the answer that they wanted.
     void DropLost();
 
     void AddUnread(TSSender& sender, std::size_t size);
     void SubtractUnread(TSSender& sender, std::size_t size);
     void SetPinged(TSSender& sender, bool isPinged);
 
-    // Moves what the sender costs to another account: that of all whom the bus has not told of yet,
-    // that of its user, or its own.
+    // Moves the sender's calls and bytes to another account: that of all senders that the bus has
+    // not described yet, that of its user, or its own.
     void SetStranger(TSSender& sender);
     void SetUser(TSSender& sender, std::uint32_t userId);
     void SetOwn(TSSender& sender);
 
-    // Forgets senders and users that have nothing open or unread, and were not refused within that
-    // time.
+    // Forgets senders and users without open calls and unread answers that were not refused within
+    // that time.
     void DropQuiet(gint64 microseconds);
 
 private:

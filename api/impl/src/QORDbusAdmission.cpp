@@ -81,7 +81,7 @@ bool TCDbusAdmission::Admit(GDBusMessage* pCall)
     const char* name = g_dbus_message_get_sender(pCall);
     if (name == nullptr)
     {
-        return true; // no bus in between: there is nobody to be protected from
+        return true; // no bus in between, so no other process to limit
     }
     TSVerdict verdict;
     {
@@ -169,7 +169,8 @@ const char* TCDbusAdmission::m_Objection(GDBusMessage* pCall, TSender& sender, s
     {
         return "Too many message types";
     }
-    // Of whom the bus has yet to tell has an account with others, who are not its fault.
+    // A sender that the bus has not described yet shares its account with others, for which it is
+    // not to blame.
     const bool isNew = m_onSender && !sender.m_isTold;
     const TSDbusAccount& shared = sender.Account();
     const TSDbusAccount& account = isNew ? sender.m_own : shared;
@@ -196,7 +197,7 @@ const char* TCDbusAdmission::m_Objection(GDBusMessage* pCall, TSender& sender, s
     return nullptr;
 }
 
-// A large call as well, where it is their number that is too large.
+// If their number is too large, a large call is one of few as well.
 bool TCDbusAdmission::m_IsOneOfFew(const TSDbusAccount& account, std::size_t size) const
 {
     const TSDbusAccount& all = m_accounts.All();

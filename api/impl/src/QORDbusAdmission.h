@@ -1,10 +1,10 @@
-// Admission control of an endpoint's object: which calls of others may be queued, which handled.
+// Admission control of an endpoint's object: which calls may be queued, and which may be handled.
 //
-// GDBus reads whatever the bus brings and queues it for the main context without limit, and what it
-// answers without limit for the bus. So a user's calls to our object pass up to its share, and the
-// rest is answered at once. A call is handled when it is known who sends it, and when there is room
-// for its answer: the bus keeps answers until their receiver reads them, and stops reading from
-// whoever has sent too much that it keeps.
+// GDBus queues all incoming calls for the main context, and all answers for the bus, without limit.
+// So a user's calls to our object pass only up to the user's share, and the rest is refused at
+// once. A call is handled when it is known who sends it, and when there is room for its answer: the
+// bus keeps answers until their receiver reads them, and stops reading from a process when it keeps
+// too many of its messages.
 #ifndef QOR_QORDBUSADMISSION_H
 #define QOR_QORDBUSADMISSION_H
 
@@ -31,7 +31,7 @@ class TCDbusAdmission
 public:
     TCDbusAdmission(GDBusConnection* pConnection, const char* objectPath);
 
-    // Whether the call may pass; one that may not has been answered, where its sender reads
+    // Whether the call may pass. If not, it has been answered, provided that its sender reads
     // answers. On GDBus's worker thread.
     bool Admit(GDBusMessage* pCall) QOR_EXCLUDES(m_mutex);
     // An answer is about to be written. On the same thread.
@@ -40,51 +40,51 @@ public:
     // Stops refusing calls: the path may belong to another endpoint from now on. Any thread.
     void Stop() QOR_EXCLUDES(m_mutex);
 
-    // From here on every call is refused, since there is no service any more. Any thread.
+    // From now on every call is refused, because the service has ended. Any thread.
     void Close() QOR_EXCLUDES(m_mutex);
 
-    // From here on users share accounts, and answers count until they are read. Gets the name of a
-    // sender when its first call comes in; and is told when another call may be handled, or there
-    // is something to do. Both on the worker thread, without a lock.
+    // From now on all senders of a user share an account, and answers count until they are read.
+    // The first function gets the name of a sender when its first call arrives; the second is
+    // called when another call may be handled, or there is other work. Both on the worker thread,
+    // without a lock.
     using TOnSender = std::function<void(const std::string&)>;
     using TOnNews = std::function<void()>;
     void Serve(TOnSender onSender, TOnNews onNews) QOR_EXCLUDES(m_mutex);
 
-    // The bus has told who a sender is, or nothing. Any thread.
+    // The bus has told who a sender is, or could not. Any thread.
     void SetPeer(const TSPeer& peer) QOR_EXCLUDES(m_mutex);
 
-    // What the bus has told of the sender of an open call. False where it was not asked, or that
-    // was long ago.
+    // What the bus has told of the sender of an open call. False if it was not asked, or long ago.
     bool FindPeer(const std::string& name, TSPeer& peer) QOR_EXCLUDES(m_mutex);
 
     enum class EUser
     {
         FOUND,
-        NOT_YET,   // the bus has yet to tell
-        OVER_LIMIT // the call is to be refused after all
+        NOT_YET,   // the bus has not told yet
+        OVER_LIMIT // the call has to be refused after all
     };
-    // Whose account a call that has passed is on: users have their turns in rotation. Those of whom
-    // the bus tells nothing are one. On the main context's thread.
+    // The account of a call that has passed, by which users take turns. All senders that the bus
+    // does not describe have one account. On the main context's thread.
     EUser FindUser(GDBusMessage* pCall, std::string& user) QOR_EXCLUDES(m_mutex);
-    // Answers a call that has passed, which nobody handles then.
+    // Refuses a call that has passed; it is not handled then.
     void RefuseLate(GDBusMessage* pCall) QOR_EXCLUDES(m_mutex);
 
     enum class ETurn
     {
-        NOW,    // it counts as handled from here on
+        NOW,    // it counts as handled from now on
         LATER,  // other users may have their turn
-        NOBODYS // answers wait to be written
+        NOBODYS // no user's call: answers wait to be written
     };
     // Whether a call that has passed may be handled. On the main context's thread.
     ETurn MayHandle(GDBusMessage* pCall) QOR_EXCLUDES(m_mutex);
 
-    // Who is to be asked whether it reads. An answer, or the bus's word that there is nobody, is
-    // told to the other function.
+    // The sender that has to be asked whether it reads. Report its answer, or that the bus does not
+    // know it, to the other function.
     std::vector<std::string> TakePings() QOR_EXCLUDES(m_mutex);
     void Pinged(const std::string& name, bool isGone) QOR_EXCLUDES(m_mutex);
 
-    // Whether it is time to look who is still on the bus; and those who were, at that time or
-    // later.
+    // Whether it is time to ask which senders are still on the bus; and the answer, the names that
+    // were there at that time or later.
     bool TakeSweep() QOR_EXCLUDES(m_mutex);
     void Keep(const std::set<std::string>& names, gint64 time) QOR_EXCLUDES(m_mutex);
 
@@ -121,14 +121,14 @@ private:
     TSPosixMutex m_mutex;
     bool m_admits QOR_GUARDED_BY(m_mutex);
     bool m_isClosed QOR_GUARDED_BY(m_mutex);
-    TOnSender m_onSender QOR_GUARDED_BY(m_mutex); // none: nobody asks who senders are
+    TOnSender m_onSender QOR_GUARDED_BY(m_mutex); // empty: senders' users are not needed
     TOnNews m_onNews QOR_GUARDED_BY(m_mutex);
     TCDbusAccounts m_accounts QOR_GUARDED_BY(m_mutex);
     std::size_t m_sendersAtNextSweep QOR_GUARDED_BY(m_mutex);
     gint64 m_lastSweep QOR_GUARDED_BY(m_mutex); // monotonic times
     gint64 m_lastLargeAnswer QOR_GUARDED_BY(m_mutex);
     bool m_isSweepDue QOR_GUARDED_BY(m_mutex);
-    bool m_isSomebodyLate QOR_GUARDED_BY(m_mutex); // waits for what the next news may bring
+    bool m_isSomebodyLate QOR_GUARDED_BY(m_mutex); // a sender waits until others make room
     std::uint64_t m_refused QOR_GUARDED_BY(m_mutex);
     std::size_t m_unwrittenRefusals QOR_GUARDED_BY(m_mutex);
 };

@@ -1,4 +1,4 @@
-// Admission control of an endpoint's object: who is behind a call, and who reads the answers.
+// Admission control of an endpoint's object: which user has sent a call, and who reads the answers.
 #include "QORDbusAdmission.h"
 
 #include <unistd.h>
@@ -18,7 +18,7 @@ namespace
 
 // How often it is looked which senders are gone.
 constexpr gint64 SWEEP_GAP_US = G_TIME_SPAN_SECOND;
-// So long a call waits for the bus to tell who sends it.
+// How long a call waits until the bus has told who sends it.
 constexpr gint64 PEER_WAIT_US = 5 * G_TIME_SPAN_SECOND;
 // So long answers go out one by one after a large one.
 constexpr gint64 LARGE_ANSWER_US = 10 * G_TIME_SPAN_SECOND;
@@ -74,7 +74,7 @@ bool TCDbusAdmission::m_IsPingDue(TSender& sender) const
            account.m_pings + m_accounts.All().m_pings < PING_SLOTS;
 }
 
-// What is to be told to whoever waits for it; nothing where nobody does.
+// The function that has to be told of news, if there are news; otherwise empty.
 TCDbusAdmission::TOnNews TCDbusAdmission::m_News(bool isPingDue)
 {
     const bool isSweepDue = m_isSweepDue && g_get_monotonic_time() - m_lastSweep > SWEEP_GAP_US;
@@ -94,8 +94,8 @@ void TCDbusAdmission::SetPeer(const TSPeer& peer)
         }
         pSender->m_isTold = true;
         pSender->m_peer = peer;
-        // Who may do anything to the service has no share: one program of theirs that sends too
-        // much is not to lock out the others.
+        // Root and the service's own user have no common account: one of their programs that sends
+        // too much must not lock out the others.
         if (peer.m_isKnown && (peer.m_userId == 0 || peer.m_userId == geteuid()))
         {
             m_accounts.SetOwn(*pSender);
@@ -145,7 +145,7 @@ TCDbusAdmission::EUser TCDbusAdmission::FindUser(GDBusMessage* pCall, std::strin
         // A number is no name on the bus.
         user = pSender->m_pUser == nullptr ? name : std::to_string(pSender->m_peer.m_userId);
     }
-    // It may have sent too much while it was not known who it is.
+    // The sender may have sent too much before the bus told who it is.
     return pSender->Account().m_calls > 2 * MAX_QUEUED_CALLS ? EUser::OVER_LIMIT : EUser::FOUND;
 }
 

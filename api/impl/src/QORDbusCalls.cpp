@@ -23,7 +23,7 @@ bool IsBus(const char* name)
     return std::strcmp(name, BUS_NAME) == 0;
 }
 
-// Who may answer; empty where the bus alone knows who has the name.
+// The only name that may answer; empty if only the bus knows who owns the name called.
 std::string ExpectedSender(GDBusMessage* pCall)
 {
     const char* name = g_dbus_message_get_destination(pCall);
@@ -130,7 +130,7 @@ bool TCDbusCalls::TakeAnswer(GDBusMessage* pMessage)
     }
     else
     {
-        call->m_changed.Signal(); // without the mutex: who wakes up needs it at once
+        call->m_changed.Signal(); // without the mutex, which the thread that wakes up needs at once
     }
     return true;
 }

@@ -19,9 +19,9 @@ namespace qor
 {
 
 // GDBus's worker shows each message to the filter before it writes it, so before there can be an
-// answer. A call waits in a list until it is seen going out, and is awaited from then on: what is
-// in the list has not been sent. An answer counts only from whom the call was sent to, where that
-// is known, or from the bus itself.
+// answer. A call stays in a list of unsent calls until the filter sees it, and its answer is
+// awaited from then on. An answer counts only if it comes from the receiver of the call, as far as
+// its unique name is known, or from the bus itself.
 class TCDbusCalls
 {
 public:
@@ -34,32 +34,32 @@ public:
     TCDbusCalls(const TCDbusCalls&) = delete;
     TCDbusCalls& operator=(const TCDbusCalls&) = delete;
 
-    // Sends a call; its answer goes to the handler, in place of GDBus. Any thread. The serial of
-    // the call, which is the message's own where it has one, or 0 with an error.
+    // Sends a call; its answer goes to the handler instead of to GDBus. Any thread. Returns the
+    // serial of the call, which is the message's own if it has one, or 0 with an error.
     std::uint32_t Call(GDBusMessage* pCall, const TAnswerHandler& handler, GError** ppError)
         QOR_EXCLUDES(m_mutex);
-    // An answer that comes from here on is not awaited any more.
+    // Ignores an answer that comes from now on.
     void Forget(std::uint32_t serial) QOR_EXCLUDES(m_mutex);
-    // The bytes of calls that GDBus has yet to write. They pile up where the bus does not read on.
+    // The bytes of calls that GDBus has not written yet. They pile up if the bus does not read.
     std::size_t UnsentBytes() QOR_EXCLUDES(m_mutex);
 
-    // Sends a call and waits on this thread, without a main context. A message, perhaps an error
-    // reply, or null with an error: the deadline (monotonic time in microseconds), a connection
-    // that closes, or a caller that has cancelled.
+    // Sends a call and waits on this thread, without a main context. Returns the answer, perhaps an
+    // error reply; or null with an error when the deadline (monotonic time in microseconds) has
+    // passed, the connection has closed, or the caller has cancelled.
     TGlibPtr<GDBusMessage> CallAndWait(GDBusMessage* pCall, std::int64_t deadline,
                                        const TCCancellation& cancellation, GError** ppError)
         QOR_EXCLUDES(m_mutex);
-    // Whether the bus itself answers a call in time, and so has read what was written before it.
+    // Whether the bus itself answers a call in time; then it has read all that was written before.
     bool IsAnsweredByBus(const char* method, GVariant* pBody, std::int64_t limitUs)
         QOR_EXCLUDES(m_mutex);
-    // Whether a call has waited long enough; then with the error above. Whoever waits looks each
-    // time that this interval has passed: neither a connection that closes nor a caller that
-    // cancels tells anybody.
+    // Whether a call must not wait any longer; then with the error above. A waiting thread checks
+    // this at each interval, because nothing wakes it up when the connection closes or the caller
+    // cancels.
     static constexpr unsigned int CHECK_INTERVAL_MS = 100;
     bool IsOver(std::int64_t deadline, const TCCancellation& cancellation, GError** ppError) const;
 
-    // For the filter, on the worker thread: a message is about to be written; whether a reply is
-    // the answer to a call of ours.
+    // For the filter, on the worker thread: a message is about to be written; and whether a reply
+    // answers a call of ours.
     void NoteSent(GDBusMessage* pMessage) QOR_EXCLUDES(m_mutex);
     bool TakeAnswer(GDBusMessage* pMessage) QOR_EXCLUDES(m_mutex);
 

@@ -111,7 +111,7 @@ bool TCDbusClient::m_CreateProxy()
 }
 
 // Makes room for a successor, without waiting for a callback: the provider calls it with its mutex
-// held. What is left is the destructor's.
+// held. The destructor does the rest.
 void TCDbusClient::m_LeaveBus()
 {
     t_SeverHandlers();
@@ -132,7 +132,7 @@ void TCDbusClient::t_Stop()
     m_pPending->End();
     if (m_hasSentAsync && !t_Session()->IsClosed())
     {
-        // GDBus drops what it has not written when the connection goes.
+        // GDBus drops messages that it has not written when the connection closes.
         t_Session()->Calls().IsAnsweredByBus("GetId", nullptr, FLUSH_LIMIT_US);
     }
     {
@@ -164,7 +164,7 @@ void TCDbusClient::m_NameAppeared(GDBusConnection* pConnection, const char* /*na
     m_pRegistration->Restart();
     m_SendHello(false);
     t_isReady = true;
-    if (m_pRegistration->HasNews()) // whoever has changed the types may not have seen that
+    if (m_pRegistration->HasNews()) // the thread that changed the types may not have seen that
     {
         m_SendHello(false);
     }
@@ -185,7 +185,7 @@ void TCDbusClient::m_NameVanished(GDBusConnection* /*pConnection*/, const char* 
     m_pStates->SetService(false);
 }
 
-// A service that has just left is not started again by what was meant for it.
+// A Hello that was meant for a service that has just left must not start it again.
 bool TCDbusClient::m_SendHello(bool mayStart)
 {
     const TSessionPtr session = t_Session();

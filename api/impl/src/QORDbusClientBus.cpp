@@ -98,10 +98,10 @@ void TCDbusClient::m_Lost()
     m_pStates->SetBus(false);
 }
 
-// Any thread. The session to work with; where the bus is lost, it is looked for first, by one
-// thread at a time: whoever comes meanwhile, or too soon after the last attempt, gets the lost one.
-// What a new session needs in the main context is left to the recovery there. A caller that waits
-// no longer ends the attempt.
+// The session to work with; any thread may call it. If the bus is lost, one thread at a time looks
+// for it: a thread that calls meanwhile, or too soon after the last attempt, gets the lost session.
+// The recovery in the main context does what a new session needs there. A caller whose time is
+// over, or that cancels, ends its attempt.
 TCDbusClient::TSessionPtr TCDbusClient::m_FindBus(std::int64_t deadline,
                                                   const TCCancellation& cancellation)
 {

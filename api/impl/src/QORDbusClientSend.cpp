@@ -1,4 +1,4 @@
-// What a client sends to the service.
+// The messages that a client sends to the service.
 #include <qor/QORDbusClient.h>
 
 #include <utility>
@@ -180,8 +180,8 @@ bool TCDbusClient::m_IsSendable(std::size_t size, const TCCancellation& cancella
 }
 
 // Calls go to the service's well-known name, not to the owner that the proxy has last heard of: the
-// proxy learns of a restarted service only while the main context is iterated, and sends must work
-// without. Where the start failed nothing is called.
+// proxy learns of a restarted service only while the main context is iterated, but sends must work
+// without that. If the start has failed, nothing is sent.
 bool TCDbusClient::m_SendAndForget(const TSessionPtr& session, int type, const TByteArray& data)
 {
     if (!t_Fits(data.size()))
@@ -201,7 +201,7 @@ bool TCDbusClient::m_SendAndForget(const TSessionPtr& session, int type, const T
     return true;
 }
 
-// GLib checks each header that is set, and none that is copied.
+// GLib checks each header that is set, but no header that is copied.
 TGlibPtr<GDBusMessage> TCDbusClient::m_NewSend(int type, bool isAsync, const TByteArray& data) const
 {
     GVariant* pRequest = nullptr;
@@ -245,7 +245,7 @@ TGlibPtr<GDBusMessage> TCDbusClient::m_CallAndWait(const TSessionPtr& session, s
     return session->Calls().CallAndWait(pCall.get(), deadline, cancellation, ppError);
 }
 
-// The response changes only where a reply has come.
+// The response changes only if a reply has come.
 void TCDbusClient::m_TakeAnswer(GDBusMessage* pAnswer, const GError* pError,
                                 TSSendResult& result) const
 {

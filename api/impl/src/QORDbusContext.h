@@ -35,7 +35,7 @@ private:
 class TCDbusTimer
 {
 public:
-    // The user data is released by the function, once nobody uses it any more.
+    // The function releases the user data when it is no longer used.
     TCDbusTimer(GMainContext* pContext, GSourceFunc function, void* pUserData,
                 GDestroyNotify release);
     ~TCDbusTimer();
@@ -43,10 +43,10 @@ public:
     TCDbusTimer(const TCDbusTimer&) = delete;
     TCDbusTimer& operator=(const TCDbusTimer&) = delete;
 
-    // In place of an earlier time.
+    // Replaces an earlier time.
     void SetIn(unsigned int milliseconds);
     void Clear();
-    // For good.
+    // Stops the timer for good.
     void Stop();
 
 private:

@@ -1,4 +1,4 @@
-// How an endpoint handles what comes in: calls of others, in their turn.
+// How an endpoint handles incoming calls, in turns.
 #include <qor/QORDbus.h>
 
 #include <cstring>
@@ -64,7 +64,8 @@ void TCDbus::m_HandleMethodCall(GDBusMethodInvocation* pInvocation)
                     g_dbus_method_invocation_get_parameters(pInvocation), pInvocation);
 }
 
-// What comes while a callback iterates the main context waits until that has returned.
+// Work that arrives while a callback iterates the main context waits until the callback has
+// returned.
 void TCDbus::m_Handle(std::function<void()> work, GDBusMessage* pCall, bool isNested)
 {
     if (pCall != nullptr)

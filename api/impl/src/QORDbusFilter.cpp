@@ -24,9 +24,9 @@ TCDbusFilter::TCDbusFilter(GDBusConnection* pConnection, TGlibPtr<GMainContext> 
                                         &TCDbusFilter::m_HasLeft);
 }
 
-// The worker may be inside the filter when it is removed. GLib calls the free function when nobody
-// is: at once, or out of the context that was the thread's default when the filter was added. So
-// nothing of ours runs on the worker after this, and the library may be unloaded.
+// The worker may be inside the filter when it is removed. GLib calls the free function when no
+// thread is inside: at once, or from the context that was the thread's default when the filter was
+// added. After this, the worker runs no code of the library, which may be unloaded.
 TCDbusFilter::~TCDbusFilter()
 {
     g_dbus_connection_remove_filter(m_pConnection, m_id);

@@ -17,7 +17,7 @@ class TCDbusCalls;
 class TCDbusFilter
 {
 public:
-    // The context must be the filter's alone: GLib posts its last word about the filter there.
+    // The context must belong to the filter alone: GLib calls the filter's free function there.
     TCDbusFilter(GDBusConnection* pConnection, TGlibPtr<GMainContext> pContext,
                  TCDbusAdmission& admission, TCDbusCalls& calls);
     // When it returns, the worker thread has left the filter for good.

@@ -22,7 +22,7 @@ namespace qor
 class TCDbus;
 
 // Lives in a GLib reference-counted box and needs no destructor: GLib may release the last
-// reference after this library has been unloaded, so nothing of ours can be called then.
+// reference after this library has been unloaded, so none of its code can be called then.
 struct TSDbusLink
 {
     TSPosixMutex m_mutex;
@@ -35,16 +35,16 @@ struct TSDbusLink
     pid_t m_process;                                // that created the target
 };
 
-// How GLib gives back its reference: a function of GLib's own, for the same reason.
+// GLib releases its reference with this function, which is GLib's own for the same reason.
 constexpr GDestroyNotify RELEASE_DBUS_LINK = &g_atomic_rc_box_release;
 
 TSDbusLink* NewDbusLink(void* pTarget);
 
-// From here on no handler finds the target. Does not wait.
+// From now on no handler finds the target. Does not wait.
 void SeverDbusLink(TSDbusLink* pLink);
 
-// Waits for a running handler, unless it is the caller's own: a process that exits from inside a
-// handler gets here too, and that handler never returns.
+// Waits for a running handler, unless this is called inside it: a process that exits in a handler
+// gets here, too, and that handler never returns.
 void WaitForDbusHandlers(TSDbusLink* pLink);
 
 bool IsDbusLinkSevered(TSDbusLink* pLink);
@@ -52,7 +52,7 @@ bool IsDbusLinkSevered(TSDbusLink* pLink);
 // Whether the calling thread is inside a handler.
 bool IsInDbusHandler(TSDbusLink* pLink);
 
-// The way in of every handler: finds the target behind its user data, and holds it while the
+// Every handler starts with it: it finds the target behind the user data, and holds it while the
 // handler runs.
 class TCDbusHold
 {
@@ -96,9 +96,9 @@ public:
         return m_hold.IsNested();
     }
 
-    // Runs the work with the endpoint, if there is one: at once, or, inside a callback that
-    // iterates the main context, after that has returned and in its turn. A call, which the work
-    // holds, waits until it may be handled.
+    // Runs the work with the endpoint, if there is one: at once or, inside a callback that iterates
+    // the main context, in its turn after the callback has returned. A call, which the work holds,
+    // waits until it may be handled.
     template <class TEndpoint, class TWork>
     void Run(TWork work, GDBusMessage* pCall = nullptr) const
     {

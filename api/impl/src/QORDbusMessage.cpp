@@ -1,4 +1,4 @@
-// What the endpoints ask of a D-Bus message.
+// Questions that the endpoints ask about a D-Bus message.
 #include "QORDbusMessage.h"
 
 #include <cstring>

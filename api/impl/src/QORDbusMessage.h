@@ -1,4 +1,4 @@
-// What the endpoints ask of a D-Bus message.
+// Questions that the endpoints ask about a D-Bus message.
 #ifndef QOR_QORDBUSMESSAGE_H
 #define QOR_QORDBUSMESSAGE_H
 
@@ -17,9 +17,9 @@ std::size_t BodySize(GDBusMessage* pMessage);
 // Whether the sender of a call waits for an answer.
 bool WantsAnswer(GDBusMessage* pCall);
 
-// Whether it is an error reply, and then its code in GIO's terms: that of a name which the bus
-// library knows, else G_IO_ERROR_DBUS_ERROR. GIO's own function for this keeps each new name for
-// good, and names are the sender's choice.
+// Whether it is an error reply, and then its code in GIO's terms: that of the error's name if the
+// bus library knows the name, else G_IO_ERROR_DBUS_ERROR. GIO's own function for this keeps each
+// new name for good, and the sender chooses the names.
 bool IsErrorReply(GDBusMessage* pMessage, int& code);
 
 } // namespace qor

@@ -1,4 +1,4 @@
-// Who is behind the names on the bus, as far as they have to do with us.
+// The users and processes behind the names of our callers and clients.
 #include "QORDbusPeers.h"
 
 #include <algorithm>
@@ -24,7 +24,7 @@ constexpr gint64 QUIET_US = 60 * G_TIME_SPAN_SECOND;
 constexpr std::size_t FIRST_SWEEP = 64;
 constexpr std::size_t MOST_PEERS = 4096;
 
-// What the bus says of a name; another answer says nothing.
+// Reads what the bus says about a name; from any other answer it learns nothing.
 TSPeer ReadCredentials(const std::string& name, GDBusMessage* pAnswer)
 {
     TSPeer peer;

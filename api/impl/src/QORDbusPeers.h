@@ -1,4 +1,4 @@
-// Who is behind the names on the bus, as far as they have to do with us.
+// The users and processes behind the names of our callers and clients.
 #ifndef QOR_QORDBUSPEERS_H
 #define QOR_QORDBUSPEERS_H
 
@@ -20,12 +20,12 @@ namespace qor
 
 class TCDbusCalls;
 
-// The bus is asked once for each unique name, which it never gives again. Any thread. Outlives the
-// calls, whose answers come back here.
+// Asks the bus once for each unique name, because the bus does not reuse these names. Any thread
+// may call it. Outlives the calls, whose answers come back here.
 class TCDbusPeers
 {
 public:
-    // Gets what the bus has told, or that it has not.
+    // Gets the bus's answer, or a peer that is not known.
     using TOnAnswer = std::function<void(const TSPeer&)>;
 
     explicit TCDbusPeers(TCDbusCalls& calls);
@@ -37,7 +37,7 @@ public:
     // the worker thread.
     void Ask(const std::string& name, const TOnAnswer& onAnswer) QOR_EXCLUDES(m_mutex);
 
-    // The same, and waits for an answer that is on its way; a second at most, since the question.
+    // The same, but waits for the answer until one second after the question.
     TSPeer Find(const std::string& name) QOR_EXCLUDES(m_mutex);
 
     // A client is remembered until it is forgotten; others until they have been quiet for a while.

@@ -17,8 +17,8 @@ namespace qor
 namespace
 {
 
-// Where the worker leaves the answer of one call. It holds nothing of the session: the worker may
-// be the last to let go of it, and a session must not end there.
+// The worker leaves the answer of one call here. It holds no reference to the session: the worker
+// may release the last reference to the mailbox, and a session must not end on the worker.
 class TCMailbox
 {
 public:
@@ -40,7 +40,7 @@ public:
         return std::move(m_pAnswer);
     }
 
-    // Whoever waits looks then, unless there is an answer, which is looked at now.
+    // The waiting context looks after that time; at once if there is an answer.
     void LookIn(unsigned int milliseconds) QOR_EXCLUDES(m_mutex)
     {
         const TCPosixLock lock(m_mutex);
@@ -174,7 +174,7 @@ gboolean TCDbusPending::m_Look(void* pUserData)
     call->Close(pAnswer == nullptr);
     TOutcome onOutcome = std::move(call->m_request.m_onOutcome);
     onOutcome(pAnswer.get(), pError.get());
-    onOutcome = nullptr; // what it holds goes now, and that may be the endpoint
+    onOutcome = nullptr; // destroys what it holds, which may be the endpoint
     call->m_pending->m_Remove(call);
     return G_SOURCE_CONTINUE;
 }
@@ -185,8 +185,8 @@ void TCDbusPending::m_Remove(const TCallPtr& call)
     m_calls.remove(call);
 }
 
-// First none starts any more, then those that run have ended; unless it is the caller's own, which
-// lets go of the endpoint, or ends the process.
+// First no function starts any more, then all that run have ended; except the caller's own, which
+// releases the endpoint or ends the process.
 void TCDbusPending::End()
 {
     std::list<TCallPtr> calls;

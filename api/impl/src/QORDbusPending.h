@@ -1,9 +1,9 @@
 // The asynchronous calls of an endpoint that have no result yet.
 //
 // The worker thread hands an answer to the call's mailbox and wakes up the main context that the
-// caller has chosen; all else happens there. A timer in it looks, while a call waits, at what tells
-// nobody: the deadline, a connection that closes, a caller that cancels. What GLib and the worker
-// hold is a link and a mailbox, so a call may end whatever they are about to do.
+// caller has chosen; all else happens there. While a call waits, a timer in it checks what nothing
+// reports: the deadline, a connection that has closed, a caller that has cancelled. GLib and the
+// worker hold only a link and a mailbox, so a call may end at any moment.
 #ifndef QOR_QORDBUSPENDING_H
 #define QOR_QORDBUSPENDING_H
 
@@ -32,7 +32,7 @@ public:
     // of its call, unless the end comes first.
     using TOutcome = std::function<void(GDBusMessage*, const GError*)>;
 
-    // What a call needs. Without a message there is nothing to send, and the error is the outcome.
+    // A call that is to be made. If there is no message to send, the error is the outcome.
     struct TSRequest
     {
         boost::shared_ptr<TCDbusSession> m_session;
@@ -47,8 +47,8 @@ public:
     // Any thread; does not wait, and never calls by itself.
     void Start(TSRequest request) QOR_EXCLUDES(m_mutex);
 
-    // No outcome is told after this: it waits for one that is being told on another thread. Once,
-    // after the last start.
+    // After this no function is called: it waits for a function that is running on another thread.
+    // To be called once, after the last start.
     void End() QOR_EXCLUDES(m_mutex);
 
 private:

@@ -1,4 +1,4 @@
-// What a client announces to the service, until the service has confirmed it.
+// Announces a client's types to the service until the service has confirmed them.
 #include "QORDbusRegistration.h"
 
 #include <algorithm>

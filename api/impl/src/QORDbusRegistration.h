@@ -1,7 +1,7 @@
-// What a client announces to the service, until the service has confirmed it.
+// Announces a client's types to the service until the service has confirmed them.
 //
-// A busy service refuses a Hello as it refuses any other call, and who does not notice is deaf for
-// good. So Hello is sent with an answer expected, and a timer tells when to say it again.
+// A busy service refuses a Hello like any other call. A client that did not notice this would never
+// get events. So Hello is sent with an answer expected, and a timer repeats it.
 #ifndef QOR_QORDBUSREGISTRATION_H
 #define QOR_QORDBUSREGISTRATION_H
 
@@ -31,27 +31,28 @@ public:
     // The timer is due when Hello is to be repeated, and when it has been confirmed.
     explicit TCDbusRegistration(std::unique_ptr<TCDbusTimer> pTimer);
 
-    // What is announced from here on.
+    // The types to announce from now on.
     void SetTypes(const std::map<int, TMessageCallback>& callbacks) QOR_EXCLUDES(m_mutex);
     // Whether the types have changed since they were announced.
     bool HasNews() QOR_EXCLUDES(m_mutex);
 
-    // Sends a Hello, still without arguments, with the types of the moment.
+    // Sends a Hello, given without arguments, with the present types.
     void Announce(TCDbusCalls& calls, GDBusMessage* pHello) QOR_EXCLUDES(m_mutex);
 
-    // The service is a new one: what was said to the last, and how often in vain, does not count.
+    // The service is a new one: forgets all announcements to the one before, and starts with the
+    // first interval.
     void Restart() QOR_EXCLUDES(m_mutex);
 
-    // Whether the last announcement still waits to be confirmed; then the code of why, if that has
-    // not been told before.
+    // Whether the last announcement is not confirmed yet; then also the code of the reason, if that
+    // was not reported before.
     bool IsUnconfirmed(std::optional<int>& newReason) QOR_EXCLUDES(m_mutex);
 
-    // Whether the service has confirmed the types of the moment: true once for each announcement;
-    // and whether that has been taken.
+    // Whether the service has confirmed the present types: returns true once for each announcement;
+    // and whether that has been fetched.
     bool TakeConfirmation() QOR_EXCLUDES(m_mutex);
     bool IsConfirmationTaken() QOR_EXCLUDES(m_mutex);
 
-    // The timer is not due any more.
+    // Stops the timer.
     void Stop();
 
 private:

@@ -33,8 +33,8 @@ namespace
 
 constexpr gint64 RELEASE_LIMIT_US = 2 * G_TIME_SPAN_SECOND;
 
-// False where there is no thread to be had. The function takes a number where a thread's takes a
-// pointer, which is passed in the same way.
+// False if no thread can be created. The function takes a number where a thread's function takes a
+// pointer; both are passed in the same way.
 bool UnownOnAThread(unsigned int id)
 {
     const auto function = reinterpret_cast<void (*)()>(&g_bus_unown_name);
@@ -77,7 +77,7 @@ TCDbusServer::TCDbusServer(bool testMode, const std::vector<TSServiceInterface>&
     }
     catch (...)
     {
-        // The destructor does not run: what is on the bus by now must not stay there without us.
+        // The destructor will not run, so end here what has been put on the bus.
         t_Stop();
         throw;
     }

@@ -48,7 +48,7 @@ TSPeer TCDbusServer::CurrentPeer()
     return name.empty() ? TSPeer() : m_FindPeer(name);
 }
 
-// Whose call is handled: it was waited for what the bus tells.
+// The sender of the call that is handled; the call has waited until the bus told about it.
 TSPeer TCDbusServer::m_FindPeer(const std::string& sender)
 {
     TSPeer peer;
@@ -57,7 +57,7 @@ TSPeer TCDbusServer::m_FindPeer(const std::string& sender)
 
 TSPeer TCDbusServer::Peer(const std::string& uniqueName)
 {
-    // Of other names the bus tells who has them now, which must not be kept.
+    // For other names the bus tells the present owner, which may change and must not be kept.
     const bool isUnique = g_dbus_is_unique_name(uniqueName.c_str()) != FALSE;
     if (isUnique && t_IsInOwnProcess() && m_pPeers != nullptr)
     {
@@ -83,7 +83,8 @@ void TCDbusServer::m_HandleHelloMessage(const char* sender, GVariant* pParameter
     }
 }
 
-// The answer comes after, since it confirms the registration: who gets none says Hello again.
+// The answer comes afterwards, because it confirms the registration: a client without an answer
+// says Hello again.
 bool TCDbusServer::m_Register(const std::string& client, std::vector<int> events)
 {
     const TSPeer peer = m_FindPeer(client);
@@ -197,7 +198,8 @@ void TCDbusServer::m_DestroyClient(TSClient& client)
     client.m_pProxy.reset();
 }
 
-// Calls have shown that nobody has these names. A bus that is out of match rules does not say so.
+// Calls have shown that nobody owns these names. A bus that has run out of match rules does not
+// report that.
 void TCDbusServer::m_ForgetClients(const std::vector<std::string>& names)
 {
     const TExclusiveLock lock(t_stateMutex);

@@ -1,4 +1,4 @@
-// The service's events: who gets them, and what became of them.
+// The service's events: the clients that get them, and the outcomes.
 #include <qor/QORDbusServer.h>
 
 #include <algorithm>
@@ -107,7 +107,7 @@ TCDbusServer::TEventPtr TCDbusServer::m_NewEvent(int type, const TByteArray& dat
     return pEvent;
 }
 
-// False where there is nobody. Who cannot be called has an outcome, and no call.
+// False if there are no clients. A client that cannot be called gets an outcome, but no call.
 bool TCDbusServer::m_Choose(const TEventPtr& pEvent, const std::vector<std::string>* pClients,
                             std::list<TSAsyncMessage>& calls)
 {

@@ -1,4 +1,4 @@
-// What becomes of the service on the bus: its name, the connection, its end.
+// The life of the service on the bus: its name, the connection, its end.
 #include <qor/QORDbusServer.h>
 
 #include <string>
@@ -171,7 +171,7 @@ bool TCDbusServer::Stop(unsigned int limit, const boost::function<void()>& onSto
     t_Session()->Admission().Close();
     m_pStop->m_onStopped = onStopped;
     m_pStop->m_deadline = g_get_monotonic_time() + limit * G_TIME_SPAN_MILLISECOND;
-    m_pStop->m_pTimer->SetIn(limit); // before the main context may set it for what comes next
+    m_pStop->m_pTimer->SetIn(limit); // before the main context may set it for the next step
     m_pDelivery->Finish();
     return true;
 }
@@ -220,7 +220,7 @@ void TCDbusServer::m_GoOnStopping()
     }
 }
 
-// The bus's answer says that it has read what was written before.
+// The bus's answer shows that it has read all that was written before.
 void TCDbusServer::m_FlushAndGoOn()
 {
     m_pStop->m_deadline = g_get_monotonic_time() + FLUSH_LIMIT_MS * G_TIME_SPAN_MILLISECOND;

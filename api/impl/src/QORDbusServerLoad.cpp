@@ -1,4 +1,4 @@
-// What callers and clients cost a service, and what it does about that.
+// Measures what callers and clients cost a service, and limits it.
 #include "QORDbusServerLoad.h"
 
 #include <algorithm>
@@ -22,7 +22,8 @@ namespace
 {
 
 // A bus has a limited number of match rules for each connection, and does not say when they are
-// used up. Each client takes one. From so many clients on it is looked who is still there.
+// used up. Each client takes one. From this number of clients on, the server asks the bus which of
+// them are still there.
 constexpr std::size_t MANY_CLIENTS = 128;
 constexpr unsigned int SWEEP_INTERVAL_MS = 30000;
 
@@ -31,7 +32,8 @@ constexpr std::size_t MAX_TOLD_TYPES = 8;
 
 constexpr const char* ACCESS_DENIED = "org.freedesktop.DBus.Error.AccessDenied";
 
-// GDBus counts up from 1. Whoever guesses the number could answer a question without reading it.
+// GDBus counts up from 1. A client that guesses the number could answer a question without having
+// read it.
 std::uint32_t UnforeseenSerial()
 {
     constexpr std::uint32_t upperHalf = 0x80000000;
@@ -64,7 +66,7 @@ std::set<std::string> ReadNames(GDBusMessage* pAnswer)
 
 } // namespace
 
-// In the main context, when admission has news, or the bus has told who is there.
+// In the main context, when admission has news, or the bus has told which names exist.
 void TCDbusServer::m_LookAtLoad()
 {
     t_TryWaitingCalls();
@@ -174,7 +176,8 @@ void TCDbusServer::m_SweepLater()
     }
 }
 
-// --- What is told of it --------------------------------------------------------------------------
+// --- The figures for the service
+// ------------------------------------------------------------------
 
 TCDbusServer::TSClientInfo TCDbusServer::m_Info(const std::string& name, const TSClient& client)
 {

@@ -1,4 +1,4 @@
-// What callers and clients cost a service, and what it does about that.
+// Measures what callers and clients cost a service, and limits it.
 #ifndef QOR_QORDBUSSERVERLOAD_H
 #define QOR_QORDBUSSERVERLOAD_H
 
@@ -22,11 +22,11 @@ struct TCDbusServer::TSLoad
 {
     std::unique_ptr<TCDbusTimer> m_pNews; // due when admission has something to do
     std::unique_ptr<TCDbusTimer>
-        m_pSweep;              // due when it is to be seen which clients are still there
+        m_pSweep;              // due when the server checks which clients are still there
     bool m_isSweepSet = false; // in the main context
-    std::atomic<bool> m_isForbiddenTold{false}; // that the bus does not let it ask who reads
+    std::atomic<bool> m_isForbiddenTold{false}; // logged that the bus forbids the question
     TSPosixMutex m_mutex;
-    // The names on the bus, as it has told; and when it was asked (monotonic time).
+    // The names that the bus has listed, and when it was asked (monotonic time).
     std::set<std::string> m_names QOR_GUARDED_BY(m_mutex);
     gint64 m_namesTime QOR_GUARDED_BY(m_mutex) = 0;
 };

@@ -1,4 +1,4 @@
-// The ordered end of a service.
+// The clean stop of a service.
 #ifndef QOR_QORDBUSSERVERSTOP_H
 #define QOR_QORDBUSSERVERSTOP_H
 
@@ -17,7 +17,7 @@
 namespace qor
 {
 
-// How far it has come. In the main context, but for what is atomic.
+// Its progress. Used in the main context, except for the atomic members.
 struct TCDbusServer::TSStop
 {
     explicit TSStop(std::unique_ptr<TCDbusTimer> pTimer) : m_pTimer(std::move(pTimer)) {}

@@ -1,7 +1,7 @@
 // A connection to the bus, and what belongs to it: its name there, admission, our calls.
 //
-// An endpoint that has lost its bus and found it again replaces its session as a whole. Whoever
-// works with one holds it meanwhile, and needs no lock.
+// An endpoint that has lost its bus and found it again replaces its session as a whole. Code that
+// works with a session holds a pointer to it, and needs no lock.
 #ifndef QOR_QORDBUSSESSION_H
 #define QOR_QORDBUSSESSION_H
 
@@ -62,7 +62,7 @@ private:
     const std::string m_uniqueName;
     TCDbusAdmission m_admission;
     TCDbusCalls m_calls;
-    TCDbusFilter m_filter; // goes first
+    TCDbusFilter m_filter; // destroyed first
 };
 
 } // namespace qor

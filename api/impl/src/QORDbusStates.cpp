@@ -1,4 +1,4 @@
-// What an endpoint tells its observers: the service, the registration, the bus.
+// Tells an endpoint's observers about the service, the registration and the bus.
 #include "QORDbusStates.h"
 
 #include <utility>
@@ -79,7 +79,7 @@ void TCDbusStates::TellNew(bool isRegistered)
     }
 }
 
-// The new ones are told how things stand, which includes what has just changed.
+// New observers are told the present state, which includes the change.
 void TCDbusStates::m_Tell(EClientState state)
 {
     for (const unsigned int id : m_Observers(false))
@@ -106,7 +106,7 @@ std::vector<unsigned int> TCDbusStates::m_Observers(bool isNew)
 
 void TCDbusStates::m_Tell(unsigned int id, EClientState state)
 {
-    std::shared_ptr<TSObserver> observer; // goes before who removes it may go on
+    std::shared_ptr<TSObserver> observer; // destroyed before a thread that removes it may go on
     {
         const TCPosixLock lock(m_mutex);
         const auto found = m_observers.find(id);

@@ -1,4 +1,4 @@
-// What an endpoint tells its observers: the service, the registration, the bus.
+// Tells an endpoint's observers about the service, the registration and the bus.
 #ifndef QOR_QORDBUSSTATES_H
 #define QOR_QORDBUSSTATES_H
 
@@ -14,8 +14,8 @@
 namespace qor
 {
 
-// What is told is told in the endpoint's main context, by one handler at a time; observers come and
-// go on any thread. No lock is held while one runs.
+// Observers run in the endpoint's main context, one at a time, without a lock. Any thread may add
+// and remove them.
 class TCDbusStates
 {
 public:
@@ -24,19 +24,19 @@ public:
     // Waits for the observer, unless the caller is inside it.
     bool Remove(unsigned int id) QOR_EXCLUDES(m_mutex);
 
-    // In the main context. The first two tell changes alone.
+    // In the main context. The first two report changes only.
     void SetService(bool isThere) QOR_EXCLUDES(m_mutex);
     void SetBus(bool isThere) QOR_EXCLUDES(m_mutex);
     void TellRegistered() QOR_EXCLUDES(m_mutex);
     void TellUnregistered() QOR_EXCLUDES(m_mutex);
-    // Tells observers that are new how things stand.
+    // Tells new observers the present state.
     void TellNew(bool isRegistered) QOR_EXCLUDES(m_mutex);
 
 private:
     struct TSObserver
     {
         TStateCallback m_callback;
-        bool m_isNew = true; // has not been told how things stand
+        bool m_isNew = true; // has not been told the present state
     };
     using TObservers = std::map<unsigned int, std::shared_ptr<TSObserver>>;
 

@@ -1,4 +1,4 @@
-// What an endpoint has yet to handle, and in which order.
+// The calls and other work that an endpoint has not handled yet, and their order.
 #include "QORDbusTurns.h"
 
 #include <utility>
@@ -45,7 +45,7 @@ void TCDbusTurns::RunNext(TCDbusAdmission* pAdmission)
     }
 }
 
-// Gives each call to whom it counts for.
+// Puts each call into the queue of the user that it counts for.
 void TCDbusTurns::m_Sort(TCDbusAdmission* pAdmission)
 {
     while (!m_incoming.empty())
@@ -90,7 +90,7 @@ void TCDbusTurns::m_Append(const std::string& user, TCalls::iterator call)
     calls.splice(calls.end(), m_incoming, call);
 }
 
-// None, where none may run.
+// Empty if no call may run.
 TCDbusTurns::TWork TCDbusTurns::m_TakeCall(TCDbusAdmission* pAdmission)
 {
     m_Sort(pAdmission);

@@ -1,4 +1,4 @@
-// What an endpoint has yet to handle, and in which order.
+// The calls and other work that an endpoint has not handled yet, and their order.
 #ifndef QOR_QORDBUSTURNS_H
 #define QOR_QORDBUSTURNS_H
 
@@ -15,10 +15,10 @@ namespace qor
 
 class TCDbusAdmission;
 
-// The calls of one user, or of one sender who shares with nobody, are handled in the order in which
-// they came; users have their turns in rotation. Calls wait while it is not known whose they are.
-// The endpoint's own work goes first: nobody else decides how much that is. Only on the thread that
-// handles messages.
+// The calls of one user, or of a sender with an account of its own, are handled in the order of
+// their arrival; users take turns. A call waits until the bus has told which user has sent it. The
+// endpoint's own work comes first, because no caller decides how much that is. To be used only on
+// the thread that handles messages.
 class TCDbusTurns
 {
 public:
@@ -28,19 +28,19 @@ public:
     // The work holds the call.
     void AddCall(GDBusMessage* pCall, TWork work);
 
-    // Runs one. What runs may add more.
+    // Runs one piece of work, which may add more.
     void RunNext(TCDbusAdmission* pAdmission);
-    // Those that were found to wait are tried again.
+    // Tries calls again that had to wait.
     void TryWaiting();
     void Clear();
 
-    // Whether there may be something to run now; or later, of what waits.
+    // Whether there may be work to run now; or later, when calls that wait may run.
     bool HasMore() const;
     bool HasWaiting() const;
-    // Whether calls have taken their share of this round of the main context, whose other work,
-    // timers among it, is to have its turn.
+    // Whether calls have had their time in this round of the main context. Then timers and other
+    // sources have their turn.
     bool IsRoundOver();
-    // Whether a message that no endpoint sends is the first for a while: one of many is reported.
+    // Whether a malformed message is the first for a while: only the first of many is logged.
     bool IsNewBurst();
 
 private:

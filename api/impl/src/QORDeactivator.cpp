@@ -1,4 +1,4 @@
-// Runs what must happen at library unload or process exit, once and in a fixed order.
+// Runs the teardown at library unload or process exit, once and in a fixed order.
 #include <qor/QORDeactivator.h>
 
 #include "QORLocks.h"
@@ -65,8 +65,8 @@ void TCDeactivator::UnregisterUser(TIDestroyCallback& /*user*/)
     }
 }
 
-// The calls run without the mutex, since they wait: for a message callback on another thread, say,
-// that is just about to register. Nothing changes what is registered any more.
+// The functions run without the mutex, because they may wait, for example for a message callback on
+// another thread that is about to register. The registered functions no longer change.
 void TCDeactivator::m_Deactivate()
 {
     TIDestroyCallback* pUser = nullptr;

@@ -31,7 +31,7 @@ namespace
 
 constexpr std::size_t BUFFER_SIZE = 256;
 
-// Builds one line in a buffer of the caller's; what does not fit is cut off. The prefix is put
+// Builds one line in the caller's buffer and cuts off what does not fit. The prefix is put
 // together by hand: a formatted print of it would cost as much as that of the message.
 class TCLine
 {

@@ -13,8 +13,8 @@
 namespace qor
 {
 
-/// Walks the entries of one directory, "." and ".." left out, and asks the system for a status only
-/// where the directory does not tell the type. Boost's iterator has room for that type, but 1.74
+/// Walks the entries of one directory, without "." and "..", and asks the system for a status only
+/// if the directory does not tell the type. Boost's iterator has room for that type, but 1.74
 /// and 1.81 as Debian builds them ask for every entry all the same: listing a tree of 100 000 files
 /// with it took 139 ms, against 26 ms with this reader and 75 ms with the standard recursive
 /// iterator.
@@ -57,7 +57,7 @@ public:
     /// Status of the current entry, links followed; false with an error.
     bool Stat(struct stat& status, boost::system::error_code& error) const;
 
-    /// Which directory this is, by whatever path it was reached.
+    /// The identity of this directory, whichever path has led to it.
     TIdentity Identity() const
     {
         return m_identity;

@@ -18,7 +18,7 @@ namespace qor
 std::size_t MaxPayloadSize();
 
 GVariant* WrapBytes(const TByteArray& bytes);
-// Appends. A value of another type, which only a foreign peer sends, has no bytes.
+// Appends the value's bytes. A value of another type, which our own endpoints never send, has none.
 void UnwrapBytes(GVariant* pValue, TByteArray& bytes);
 
 GVariant* WriteRequest(int type, bool isAsync, const TByteArray& payload);
@@ -36,7 +36,7 @@ bool ReadReplyResult(GVariant* pValue, bool& result);
 GVariant* WriteEventList(const std::map<int, TMessageCallback>& callbacks);
 // Ascending, each once. Bytes at the end that do not fill a type are ignored.
 std::vector<int> ReadEventList(GVariant* pValue);
-// How many types the value carries, some of them perhaps twice.
+// How many types the value contains; some may be there twice.
 std::size_t EventListLength(GVariant* pValue);
 
 } // namespace qor

@@ -1,4 +1,4 @@
-// What the delivery of events keeps of events, of calls, of clients, and of their users.
+// The records of event delivery: events, calls, clients, and their users.
 #ifndef QOR_QOREVENTACCOUNT_H
 #define QOR_QOREVENTACCOUNT_H
 
@@ -31,10 +31,10 @@ struct TSEvent
     TGlibPtr<GVariant> m_pEnvelope;
     std::vector<TSDelivery> m_deliveries;
     TCDbusServer::TEventDone m_onTold; // the service's function; for the main context
-    // From here on for the turns of the delivery:
-    TGlibPtr<GDBusMessage> m_pMessage; // what its calls are copies of
-    std::size_t m_open = 0;            // calls that have no outcome
-    std::size_t m_errors = 0;          // calls that have ended with one
+    // The members below are used only in turns of the delivery:
+    TGlibPtr<GDBusMessage> m_pMessage; // its calls are copies of it
+    std::size_t m_open = 0;            // calls without an outcome
+    std::size_t m_errors = 0;          // calls that have ended with an error
     std::function<void(const std::shared_ptr<TSEvent>&)> m_onDone;
     bool m_isOver = false; // for a thread that waits; under the mutex of the delivery's inbox
 };
@@ -81,7 +81,7 @@ struct TSEventUser
     TCDbusServer::TSAsyncMessage::TList m_waiting;
     std::size_t m_unanswered = 0;
     std::size_t m_overdue = 0;
-    bool m_isReported = false; // that its share is used up
+    bool m_isReported = false; // it was logged that its share is used up
 };
 
 // One client. Any thread may read m_isSuspended.
@@ -89,7 +89,8 @@ struct TSEventAccount
 {
     explicit TSEventAccount(std::string name) : m_name(std::move(name)) {}
 
-    // A call of that type has timed out; or its answer lets it be called again, where it was not.
+    // A call of that type has timed out; or has been answered, so that the client can be called
+    // again.
     void Suspend(int type)
     {
         m_suspended.insert(type);
@@ -113,8 +114,9 @@ struct TSEventAccount
     std::shared_ptr<TSEventUser> m_pUser;
     std::size_t m_unanswered = 0; // calls that were started and have no answer
     std::size_t m_overdue = 0;    // those of them whose timeout is over
-    std::set<int> m_suspended; // the types that it is not called for: one call of each waits in it
-    std::set<int> m_unconfirmed;            // likewise: one was sent that asks for no answer
+    std::set<int>
+        m_suspended; // the types that it is not called for: one call of each is unanswered
+    std::set<int> m_unconfirmed; // the types of events that were sent without asking for an answer
     std::atomic<bool> m_isSuspended{false}; // for any type
 };
 

@@ -1,4 +1,4 @@
-// What becomes of the calls of an event: their answers and outcomes.
+// The answers to the calls of an event, and their outcomes.
 #include "QOREventDelivery.h"
 
 #include <cstring>
@@ -132,8 +132,8 @@ void TCEventDelivery::m_Store(TCall call, EDelivery outcome, int code)
     }
 }
 
-// An answer, or the end of who would have given it: the slot is free. Whether the client may be
-// called for the type again, and might not before.
+// The client has answered, or has left: the slot is free. Returns whether the client could not be
+// called for the type before, and now can.
 bool TCEventDelivery::m_End(TCall call)
 {
     bool isResumed = false;

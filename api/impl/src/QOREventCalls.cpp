@@ -69,7 +69,7 @@ void TCEventDelivery::m_SetDeadline(TCall call)
         call);
 }
 
-// In turn, a call for each user, so that none waits behind another's.
+// Users take turns, one call each, so that no user waits behind another one's calls.
 void TCEventDelivery::m_StartCalls()
 {
     m_isHeldUp = false;
@@ -87,14 +87,16 @@ void TCEventDelivery::m_StartCalls()
     }
 }
 
-// A user may have as many calls without an answer as there are free slots: one takes half of all at
-// the most, the next half of what that leaves, and so on, so that some are left for one more.
+// A user may have as many unanswered calls as there are free slots: the first user takes at most
+// half of all slots, the next one half of the rest, and so on, so that some are left for one more
+// user.
 bool TCEventDelivery::m_HasRoom(const TSEventUser& user) const
 {
     return user.m_unanswered < EVENT_SLOTS - m_started.size();
 }
 
-// GDBus queues what the bus does not read, without limit. What a lost bus has not read is not sent.
+// GDBus queues messages that the bus does not read, without limit. Messages that a lost bus has not
+// read are not sent.
 bool TCEventDelivery::m_HasRoomToSend(const TSEvent& event)
 {
     const std::size_t unsent = m_session.Calls().UnsentBytes();
@@ -122,7 +124,8 @@ bool TCEventDelivery::m_StartNext(TSEventUser& user)
     return true;
 }
 
-// GLib checks each header that is set, and none that is copied: the event's calls differ in one.
+// GLib checks each header that is set, but no header that is copied: the event's calls differ in
+// one.
 TGlibPtr<GDBusMessage> TCEventDelivery::m_NewMessage(const TCDbusServer::TSAsyncMessage& call) const
 {
     TGlibPtr<GDBusMessage>& pFirst = call.m_pEvent->m_pMessage;
@@ -198,8 +201,8 @@ void TCEventDelivery::m_EndUnstartable(TSEventUser& user)
     }
 }
 
-// Without a slot an event goes out all the same, and nobody learns what became of it: once, until
-// the client gives a sign of life. So others who do not answer cannot keep news from anybody.
+// Sends an event without a slot, so without an answer: once, until the client answers or says Hello
+// again. So clients that do not answer cannot keep news from other clients.
 bool TCEventDelivery::m_SendUnconfirmed(const TCDbusServer::TSAsyncMessage& call)
 {
     TSEventAccount& account = *call.m_pAccount;
@@ -267,7 +270,7 @@ void TCEventDelivery::m_CheckIdle()
     }
 }
 
-// No answer comes any more, not even that of the bus to the question whose client somebody is.
+// After the connection has closed no answers come, not even the bus's answer about a client's user.
 void TCEventDelivery::m_CheckConnection()
 {
     if ((m_deadlines.empty() && m_started.empty()) || !m_session.IsClosed())

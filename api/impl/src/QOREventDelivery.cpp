@@ -19,9 +19,9 @@ namespace
 {
 
 constexpr std::uint32_t UNKNOWN_USER = UINT32_MAX;
-// A connection that closes tells nobody on this thread, so it is looked at.
+// How often this thread checks whether the connection has closed, which nothing reports to it.
 constexpr gint64 CLOSED_CHECK_US = 100 * G_TIME_SPAN_MILLISECOND;
-// Neither does a call that has been written, which takes a while where they are large.
+// How often it checks whether a call has been written, which takes a while for large ones.
 constexpr gint64 SENT_CHECK_US = 2 * G_TIME_SPAN_MILLISECOND;
 constexpr gint64 NOT_DUE = -1;
 
@@ -78,12 +78,13 @@ TCEventDelivery::~TCEventDelivery()
 int TCEventDelivery::m_Dispatch(GSource* /*pSource*/, GSourceFunc /*callback*/, void* pDelivery)
 {
     auto& delivery = *static_cast<TCEventDelivery*>(pDelivery);
-    delivery.m_isCalled = false; // first: who calls from here on is heard
+    delivery.m_isCalled = false; // first, so that later calls are noticed
     delivery.m_Work(nullptr);
     return G_SOURCE_CONTINUE;
 }
 
-// The first who posts wakes somebody up; who has the turn looks again before it ends.
+// The first thread that posts wakes up a thread to take the turn; a thread that has the turn checks
+// the inbox again before it ends.
 void TCEventDelivery::m_Post(std::function<void()> work)
 {
     bool isFirst = false;
@@ -100,8 +101,8 @@ void TCEventDelivery::m_Post(std::function<void()> work)
     }
 }
 
-// Without the mutex: who wakes up needs it at once. The loop's context is woken up without its own
-// lock for the same reason, which setting the source's time would take.
+// Without the mutex, which the thread that wakes up needs at once. The loop's context is woken up
+// without its own lock for the same reason, which setting the source's time would take.
 void TCEventDelivery::m_Wake(bool isAwaited)
 {
     if (isAwaited)
@@ -120,7 +121,7 @@ TCEventDelivery::TAccountPtr TCEventDelivery::AddClient(const std::string& name)
     m_peers.Ask(name,
                 [this, pAccount](const TSPeer& peer)
                 {
-                    // What the bus does not tell has one share together.
+                    // All clients whose user the bus does not tell share one account.
                     const std::uint32_t user = peer.m_isKnown ? peer.m_userId : UNKNOWN_USER;
                     m_Post([this, pAccount, user] { m_SetUser(pAccount, user); });
                 });
@@ -318,7 +319,7 @@ void TCEventDelivery::m_SetUser(const TAccountPtr& pAccount, std::uint32_t userI
     }
 }
 
-// The bus answers what a client that leaves has left open; this is for one that answers nothing.
+// When a client leaves, the bus answers its open calls; this is for a bus that does not.
 void TCEventDelivery::m_Remove(const TAccountPtr& pAccount)
 {
     const auto isIts = [&pAccount](const TCDbusServer::TSAsyncMessage& call)

@@ -1,7 +1,7 @@
 // Delivers events, within the slots that a bus has for them.
 //
 // A stock bus has 128 slots for calls of one connection that wait for a reply, and frees a slot
-// when the reply has come or the callee has left; a timeout of the caller's does not free it. So
+// when the reply has come or the callee has left; a timeout of the caller does not free it. So
 // calls are counted as the bus counts them, and a client that does not answer costs one call for
 // each type, not one for each event.
 #ifndef QOR_QOREVENTDELIVERY_H
@@ -29,55 +29,55 @@ class TCDbusPeers;
 class TCDbusSession;
 
 // The functions of the first group may be called on any thread, and only one of them waits. They
-// post to an inbox. Who works it off has the turn, and nobody else meanwhile: a thread that waits
-// for its event, or the loop thread. What is done in a turn needs no lock.
+// post work to an inbox. Only one thread at a time has the turn and does this work: a thread that
+// waits for its event, or the loop thread. So work in a turn needs no lock.
 class TCEventDelivery
 {
 public:
     using TCalls = TCDbusServer::TSAsyncMessage::TList;
     using TAccountPtr = boost::shared_ptr<TSEventAccount>;
 
-    // What the main context is to hear of.
+    // The news for the main context.
     struct TSNews
     {
         std::vector<TSEventPtr> m_done; // events for it that have ended, in the order of their ends
-        std::vector<std::string> m_gone; // clients of whom a call has shown that they have left
-        // Clients whose late answer lets them be called again, for these types.
+        std::vector<std::string> m_gone; // clients that have left, as a call has shown
+        // Clients that have answered late and can be called again, for these types.
         std::vector<std::pair<std::string, int>> m_resumed;
-        bool m_isIdle = false; // finishing, and nothing is under way any more
+        bool m_isIdle = false; // finishing, and no event is under way
     };
 
-    // Calls onNews in a turn when TakeNews has something to tell; once until it is taken.
+    // Calls onNews in a turn when TakeNews has news; once until they are taken.
     TCEventDelivery(GMainContext* pContext, TCDbusSession& session, TCDbusPeers& peers,
                     std::function<void()> onNews);
-    // After the loop has ended and the session is gone, whose calls come back here.
+    // Call it after the loop has ended and the session, whose calls come back here, is gone.
     ~TCEventDelivery();
 
     TCEventDelivery(const TCEventDelivery&) = delete;
     TCEventDelivery& operator=(const TCEventDelivery&) = delete;
 
     TAccountPtr AddClient(const std::string& name);
-    // The client has said Hello anew: it may be called again, and where it has too many calls open
-    // it is sent one of each type that asks for no answer.
+    // The client has said Hello anew: it may be called again. If it has too many calls open, it
+    // gets one event of each type without being asked for an answer.
     void RenewClient(const TAccountPtr& pAccount);
     void RemoveClient(const TAccountPtr& pAccount);
-    // Stores an outcome for each call, the last one within two timeouts, and then calls what the
-    // event wants to be called at its end, in a turn.
+    // Stores an outcome for each call, the last one within two timeouts, and then calls the event's
+    // function in a turn.
     void Deliver(const TSEventPtr& pEvent, TCalls calls);
-    // The same, and returns at its end. This thread takes turns meanwhile.
+    // The same, but returns when the event has ended. This thread takes turns meanwhile.
     void DeliverAndWait(const TSEventPtr& pEvent, TCalls calls) QOR_EXCLUDES(m_inboxMutex);
-    // Ends all that is under way, as after its timeout.
+    // Ends all events that are under way, as after their timeouts.
     void Cancel();
-    // Tells when nothing is under way any more. Events that come from here on are cancelled.
+    // Reports when no event is under way any more. Cancels events that come from now on.
     void Finish();
-    // The main context is to hear of the end of this event.
+    // Puts the end of this event into the news for the main context.
     void TellDone(const TSEventPtr& pEvent) QOR_EXCLUDES(m_inboxMutex);
     TSNews TakeNews() QOR_EXCLUDES(m_inboxMutex);
 
 private:
     using TCall = TCalls::iterator;
     using TInbox = std::vector<std::function<void()>>;
-    // What is kept of an answer: its size is the client's choice.
+    // The facts of an answer that are kept; not its bytes, because the client chooses how many.
     struct TSAnswer
     {
         bool m_isError = false;
@@ -131,12 +131,12 @@ private:
     std::function<void()> m_onNews;
     TGlibPtr<GSource> m_pSource;
 
-    std::atomic<bool> m_isCalled; // the loop thread is to take a turn
+    std::atomic<bool> m_isCalled; // the loop thread has to take a turn
 
     TSPosixMutex m_inboxMutex; // guards when the source is due as well
     TCCondition m_changed;     // an event that a thread waits for has ended, or there is work
     TInbox m_inbox QOR_GUARDED_BY(m_inboxMutex);
-    bool m_isWorking QOR_GUARDED_BY(m_inboxMutex);        // somebody has the turn
+    bool m_isWorking QOR_GUARDED_BY(m_inboxMutex);        // a thread has the turn
     std::size_t m_waiting QOR_GUARDED_BY(m_inboxMutex);   // threads that take turns
     std::int64_t m_wakeTime QOR_GUARDED_BY(m_inboxMutex); // of the loop thread, monotonic
     TSNews m_news QOR_GUARDED_BY(m_inboxMutex);

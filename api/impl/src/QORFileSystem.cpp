@@ -42,7 +42,8 @@ struct TSFileClose
 };
 using TFilePtr = std::unique_ptr<FILE, TSFileClose>;
 
-// The position at the end of the file, which is then rewound; -1 where there is none that fits.
+// The position at the end of the file, which is then rewound; -1 if there is none or it is too
+// large.
 std::int32_t FileSize(FILE* pFile)
 {
     if (std::fseek(pFile, 0, SEEK_END) != 0)

@@ -1,8 +1,8 @@
-// What a forked child does with what it inherits.
+// How a forked child treats inherited objects.
 //
 // The child has one thread. Locks that other threads of the parent held stay locked in it, a
 // condition variable they waited on cannot even be destroyed, and a container that one of them was
-// changing may be in any state. So nothing inherited is used or released there.
+// changing may be in any state. So the child neither uses nor releases inherited objects.
 #ifndef QOR_QORFORK_H
 #define QOR_QORFORK_H
 

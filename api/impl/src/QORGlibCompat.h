@@ -1,4 +1,4 @@
-// What differs between the supported releases of GLib, asked of the one that is loaded.
+// Differences between the supported releases of GLib, found out from the loaded one.
 #ifndef QOR_QORGLIBCOMPAT_H
 #define QOR_QORGLIBCOMPAT_H
 

@@ -30,7 +30,7 @@ public:
     {
         return m_pError != nullptr;
     }
-    // Only of an error that is there.
+    // Only if there is an error.
     int Code() const
     {
         return m_pError->code;

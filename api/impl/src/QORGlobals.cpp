@@ -1,7 +1,7 @@
 // The library's process-wide state, built in this order and torn down in the reverse one.
 //
-// The order is part of what the library promises, and the language gives none between units: so
-// everything with a constructor or a destructor is defined here, and its class only declares it.
+// The library promises this order, and the language guarantees none between units. So everything with a
+// constructor or a destructor is defined here, and its class only declares it.
 // Holders that must outlive the teardown are allocated and never freed.
 #include <pthread.h>
 

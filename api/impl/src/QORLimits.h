@@ -1,4 +1,5 @@
-// What one neighbour on the bus may cost. Build options; docs/operations.md has the reasons.
+// Limits for what one neighbour on the bus may cost. Some are build options; docs/operations.md has
+// the reasons.
 #ifndef QOR_QORLIMITS_H
 #define QOR_QORLIMITS_H
 
@@ -11,8 +12,8 @@ namespace qor
 // Calls of one user that are open, and their bytes.
 constexpr std::size_t MAX_QUEUED_CALLS = QOR_MAX_QUEUED_CALLS;
 constexpr std::size_t MAX_QUEUED_BYTES = QOR_MAX_QUEUED_BYTES;
-// Those of all users. A few small calls of a user pass all the same, so that nobody can lock others
-// out; up to as many as the bytes of all allow.
+// Those of all users together. A few small calls of each user still pass, so that no user can lock
+// out others; at most as many as the bytes of all allow.
 constexpr std::size_t MAX_QUEUED_CALLS_IN_ALL = std::size_t{2} * MAX_QUEUED_CALLS;
 constexpr std::size_t MAX_QUEUED_BYTES_IN_ALL = std::size_t{4} * MAX_QUEUED_BYTES;
 constexpr std::size_t FEW_CALLS = 8;
@@ -21,15 +22,16 @@ constexpr std::size_t MAX_SMALL_CALLS = MAX_QUEUED_BYTES_IN_ALL / SMALL_CALL;
 // Calls to other paths of the connection, which are not the endpoint's.
 constexpr std::size_t MAX_FOREIGN_CALLS = std::size_t{16} * MAX_QUEUED_CALLS;
 
-// Bytes of answers that nobody has been seen to read. A user may have as many as are left: half,
-// where nobody else has any. A bus with stock limits keeps about twice as many, and a largest
-// message beside them.
+// Bytes of answers of which it is not known that they have been read. A user may have as many as
+// are left: half of them if no other user has any. A bus with stock limits keeps about twice as
+// many, and one message of the largest size.
 constexpr std::size_t MAX_UNREAD_BYTES = QOR_MAX_QUEUED_BYTES;
-// From here on one sender is asked whether it reads.
+// With this many unread bytes a sender is asked whether it reads.
 constexpr std::size_t UNREAD_AT_PING = MAX_UNREAD_BYTES / 64;
-// So many questions wait at a time; beside the event calls, the bus has room for these.
+// The most questions without an answer at a time; the bus has room for them besides the event
+// calls.
 constexpr std::size_t PING_SLOTS = 8;
-// What an answer costs beside its arguments.
+// The bytes of an answer besides its arguments.
 constexpr std::size_t ANSWER_OVERHEAD = 256;
 
 // Answers that wait to be written. After a large one, one at a time.
@@ -37,11 +39,11 @@ constexpr std::size_t MAX_UNWRITTEN = 16;
 constexpr std::size_t LARGE_ANSWER = 65536;
 constexpr std::size_t MAX_UNWRITTEN_REFUSALS = 1024;
 
-// How many senders are kept before the first look for those that are gone.
+// How many senders are kept before the first search for those that are gone.
 constexpr std::size_t FIRST_SWEEP = 256;
 
-// What one user, or an endpoint's callers together, cause within less than this is one burst, and
-// one log line. In microseconds.
+// Refusals of one user, or of all callers of an endpoint, that follow each other within this time
+// are one burst, with one log line. In microseconds.
 constexpr std::int64_t BURST_GAP_US = 10000000;
 
 constexpr std::size_t MAX_HELLO_TYPES = QOR_MAX_HELLO_TYPES;
@@ -51,7 +53,7 @@ constexpr std::size_t MAX_CLIENTS_PER_USER = QOR_MAX_CLIENTS_PER_USER;
 constexpr std::size_t EVENT_SLOTS = QOR_EVENT_SLOTS;
 constexpr std::size_t EVENT_SLOTS_PER_CLIENT = 4;
 
-// Bytes of event calls that the bus has yet to read; one call may always wait.
+// Bytes of event calls that the bus has not read yet; one call may always wait.
 constexpr std::size_t MAX_UNSENT_BYTES = MAX_QUEUED_BYTES;
 
 static_assert(2 * EVENT_SLOTS_PER_CLIENT <= EVENT_SLOTS, "a user has half of the slots at most");

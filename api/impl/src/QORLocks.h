@@ -106,7 +106,7 @@ public:
     TCPosixLock(const TCPosixLock&) = delete;
     TCPosixLock& operator=(const TCPosixLock&) = delete;
 
-    // Lets the mutex go meanwhile.
+    // Releases the mutex meanwhile.
     void Wait(pthread_cond_t& condition)
     {
         pthread_cond_wait(&condition, &m_mutex.m_native);
@@ -115,7 +115,7 @@ public:
     {
         Wait(condition.m_native);
     }
-    // Until then, in microseconds; whether it has been woken before.
+    // Waits until that time, in microseconds. Returns whether it was woken up before.
     bool WaitUntil(TCCondition& condition, std::int64_t monotonicTime)
     {
         constexpr std::int64_t second = 1000000;

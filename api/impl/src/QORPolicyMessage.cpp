@@ -26,7 +26,7 @@ namespace
 
 using boost::archive::archive_exception;
 
-// More than what an archive writes beside a string's bytes: its own header and the string's length.
+// More than an archive writes besides a string's bytes: its own header and the string's length.
 constexpr std::size_t ARCHIVE_ROOM = 64;
 
 // Lets an archive write into a byte array itself. A policy may be large, and a string stream would
@@ -153,8 +153,8 @@ int ReadPolicyReply(const TByteArray& reply)
 {
     std::stringstream stream;
     TCIpcSerializationUtil::ConvertData(reply, stream);
-    // The archive class allocates whatever length the signature declares, so this is looked at
-    // before the class sees the bytes.
+    // The archive class allocates any length that the signature declares, so check that before the
+    // class sees the bytes.
     const std::size_t wordSize = ArchiveWordSize(reply);
     if (wordSize == 0)
     {

@@ -1,4 +1,4 @@
-// Where the policy is installed.
+// The path of the installed policy.
 #ifndef QOR_QORPOLICYPATHS_H
 #define QOR_QORPOLICYPATHS_H
 

@@ -32,7 +32,7 @@ boost::shared_ptr<TInterface> ProxyInstance(boost::shared_ptr<TInterface>& holde
 template <class TInterface>
 void ProxyDestroy(boost::shared_ptr<TInterface>& holder, TSPosixRwLock& rwlock, bool& destroyed)
 {
-    boost::shared_ptr<TInterface> last; // goes after the lock
+    boost::shared_ptr<TInterface> last; // destroyed after the lock
     const TCWriteLock lock(rwlock);
     if (!destroyed)
     {

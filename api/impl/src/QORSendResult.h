@@ -1,4 +1,4 @@
-// Why a message has failed.
+// The reason why a message has failed.
 #ifndef QOR_QORSENDRESULT_H
 #define QOR_QORSENDRESULT_H
 
@@ -9,7 +9,7 @@
 namespace qor
 {
 
-// Status, code and text of a failure on this side, and of an error that came over the bus. The
+// Stores status, code and text of a failure on this side, and of an error from the bus. The
 // response stays as it is.
 void SetFailure(const GError& error, TSSendResult& result);
 void SetFailure(GDBusMessage* pErrorReply, int code, TSSendResult& result);

@@ -1,4 +1,4 @@
-// The text sinks of the log: what goes wrong in one of them is no business of the host.
+// The text sinks of the log. Their failures do not reach the host.
 #include "QORSink.h"
 
 #include <fcntl.h>
@@ -23,9 +23,9 @@ namespace
 
 constexpr mode_t LOG_FILE_MODE = 0666; // less the umask
 
-// Keeps the signals of failed writes from the host: that of a pipe which nobody reads, and that of
-// a file at its size limit. The kernel sends both to the writing thread. So they are blocked there
-// and taken back after a write that has caused one; the host's own wait meanwhile.
+// Keeps the signals of failed writes from the host: that of a pipe that nobody reads, and that of a
+// file at its size limit. The kernel sends both to the writing thread. So they are blocked there,
+// and taken back after a write that has caused one; such signals of the host itself stay pending.
 class TCWriteSignals
 {
 public:
@@ -53,7 +53,7 @@ public:
     TCWriteSignals& operator=(const TCWriteSignals&) = delete;
 
     // After the writes. Asks errno, since fwrite may succeed although the write below it has
-    // failed; the stream drops what that could not write.
+    // failed; the stream drops the bytes that it could not write.
     void TakeBack() const
     {
         const int caused = errno == EPIPE ? SIGPIPE : errno == EFBIG ? SIGXFSZ : 0;
@@ -118,10 +118,10 @@ void FlushOwnTail()
     funlockfile(stdout);
 }
 
-// At its end a process writes what standard output still holds. Where that is ours alone it goes
-// out here, so that no signal comes of that either. Built before the library's other globals, for
-// the lines of their teardown; and the C++ streams, whose last user flushes standard output as it
-// goes, have a user until then.
+// At its end a process writes the bytes that standard output still holds. If these are only lines
+// of the library, they are written here, so that this causes no signal either. Built before the
+// library's other globals, so that it also writes the lines of their teardown. It also keeps the
+// C++ streams in use until then, because their last user flushes standard output.
 struct TSLastFlush
 {
     std::ios_base::Init m_streams;
@@ -185,7 +185,7 @@ void PrintToFile(FILE* pFile, std::string_view line)
     }
 }
 
-// What fits beside what the stream holds back is not written yet, and needs no care.
+// A line that fits into the stream's buffer is not written yet, and cannot fail.
 void PrintToStdout(std::string_view line)
 {
     const TCStreamLock lock(stdout);
