@@ -14,7 +14,8 @@ static const char POLICY1[] = "com.norvane.qor.Policy1";
 static int Tell(sd_bus_message* signal, void* data, sd_bus_error* error)
 {
     const char* sha256 = "";
-    (void)data, (void)error;
+    (void)data;
+    (void)error;
     if (sd_bus_message_read(signal, "s", &sha256) >= 0)
         printf("in force: %s\n", sha256);
     return 0;
@@ -33,8 +34,11 @@ static int Follow(sd_bus* bus, const char* policy, sd_bus_error* error)
         Tell(reply, NULL, NULL);
     sd_bus_message_unref(reply);
     while (result >= 0)
-        if ((result = sd_bus_process(bus, NULL)) == 0)
+    {
+        result = sd_bus_process(bus, NULL);
+        if (result == 0)
             result = sd_bus_wait(bus, UINT64_MAX);
+    }
     return result;
 }
 

@@ -94,7 +94,8 @@ static GPtrArray* find_usb_disks(void)
         return NULL;
     }
     GPtrArray* devices = g_ptr_array_new_with_free_func(free_device);
-    for (const char* name; (name = g_dir_read_name(directory)) != NULL;)
+    for (const char* name = g_dir_read_name(directory); name != NULL;
+         name = g_dir_read_name(directory))
     {
         if (is_usb_disk(class_directory, name))
         {
@@ -180,10 +181,11 @@ static GPtrArray* take_stock(void)
 int usb_device_init(void)
 {
     pthread_mutex_lock(&service_mutex);
-    if (users++ == 0)
+    if (users == 0)
     {
         lists = g_ptr_array_new_with_free_func(free_list);
     }
+    ++users;
     pthread_mutex_unlock(&service_mutex);
     return 0;
 }
@@ -194,7 +196,8 @@ int usb_device_fini(void)
     pthread_mutex_lock(&service_mutex);
     if (users > 0)
     {
-        if (--users == 0)
+        --users;
+        if (users == 0)
         {
             g_ptr_array_unref(lists);
             lists = NULL;

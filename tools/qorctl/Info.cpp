@@ -118,7 +118,14 @@ void PrintForPeople(const TJson& info)
 int Info(const TSOptions& options)
 {
     const TJson info = Collect(options);
-    options.m_json ? PrintJson(info) : PrintForPeople(info);
+    if (options.m_json)
+    {
+        PrintJson(info);
+    }
+    else
+    {
+        PrintForPeople(info);
+    }
     return tools::EXIT_OK;
 }
 

@@ -131,14 +131,14 @@ bool TCDirectory::Read(const std::string& name, std::string& text, std::size_t m
     const TCDescriptor file(
         openat(Get(), name.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
     char buffer[65536];
-    ssize_t count = 0;
+    ssize_t count = file.Get() < 0 ? -1 : 1;
     text.clear();
-    while (file.Get() >= 0 && text.size() <= maxSize &&
-           (count = read(file.Get(), buffer, sizeof buffer)) > 0)
+    while (count > 0 && text.size() <= maxSize)
     {
-        text.append(buffer, static_cast<std::size_t>(count));
+        count = read(file.Get(), buffer, sizeof buffer);
+        text.append(buffer, count > 0 ? static_cast<std::size_t>(count) : 0);
     }
-    if (file.Get() < 0 || count < 0)
+    if (count < 0)
     {
         error = errno == ENOENT ? "" : std::generic_category().message(errno);
         return false;

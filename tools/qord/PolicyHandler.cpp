@@ -290,7 +290,10 @@ qor::EPolicyResult TCPolicyHandler::m_Check(std::string_view policy, const std::
     if (verdict == qor::POLICY_STORED)
     {
         m_good.push_back(sha256);
-        m_good.size() > MAX_GOOD ? m_good.pop_front() : void();
+        if (m_good.size() > MAX_GOOD)
+        {
+            m_good.pop_front();
+        }
     }
     return verdict;
 }

@@ -30,7 +30,7 @@ void OnStop(int)
     std::signal(SIGINT, SIG_DFL);
     timer_settime(g_timer, 0, &g_limit, nullptr);
     const std::uint64_t one = 1;
-    static_cast<void>(!write(g_wakeUp, &one, sizeof one));
+    [[maybe_unused]] const ssize_t written = write(g_wakeUp, &one, sizeof one);
     errno = savedErrno;
 }
 
@@ -73,7 +73,7 @@ TCStopSignals::~TCStopSignals()
 int TCStopSignals::m_OnReadable(int descriptor, int, void* pSignals)
 {
     std::uint64_t count = 0;
-    static_cast<void>(!read(descriptor, &count, sizeof count));
+    [[maybe_unused]] const ssize_t size = read(descriptor, &count, sizeof count);
     static_cast<TCStopSignals*>(pSignals)->m_stop();
     return G_SOURCE_CONTINUE;
 }

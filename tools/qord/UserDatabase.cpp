@@ -233,9 +233,17 @@ TCUserDatabase::TCUserDatabase() : m_desk(std::make_shared<TCDesk>()) {}
 
 TCUserDatabase::~TCUserDatabase()
 {
-    if (m_thread.joinable())
+    if (!m_thread.joinable())
     {
-        m_desk->Close(PATIENCE) ? m_thread.join() : m_thread.detach();
+        return;
+    }
+    if (m_desk->Close(PATIENCE))
+    {
+        m_thread.join();
+    }
+    else
+    {
+        m_thread.detach();
     }
 }
 

@@ -141,21 +141,25 @@ bool IsForkedChild(GError** ppError)
 bool HasFreeDescriptors(GError** ppError)
 {
     int descriptors[DESCRIPTORS_TO_CONNECT];
-    int count = 0;
-    while (count < DESCRIPTORS_TO_CONNECT && (descriptors[count] = eventfd(0, EFD_CLOEXEC)) >= 0)
+    bool areFree = true;
+    for (int& descriptor : descriptors)
     {
-        ++count;
+        descriptor = areFree ? eventfd(0, EFD_CLOEXEC) : -1;
+        areFree = descriptor >= 0;
     }
-    for (int i = 0; i < count; ++i)
+    for (const int descriptor : descriptors)
     {
-        close(descriptors[i]);
+        if (descriptor >= 0)
+        {
+            close(descriptor);
+        }
     }
-    if (count < DESCRIPTORS_TO_CONNECT)
+    if (!areFree)
     {
         g_set_error_literal(ppError, G_IO_ERROR, G_IO_ERROR_TOO_MANY_OPEN_FILES,
                             "No file descriptors are left");
     }
-    return count == DESCRIPTORS_TO_CONNECT;
+    return areFree;
 }
 
 TGlibPtr<GDBusConnection> BusConnection(GMainContext* pContext, GError** ppError)

@@ -179,9 +179,13 @@ void TCDbusServer::m_ForgetClient(TClients::iterator client)
 {
     TSClient& record = client->second;
     const auto user = m_clientsByUser.find(record.m_userId);
-    if (record.m_hasUser && --user->second == 0)
+    if (record.m_hasUser)
     {
-        m_clientsByUser.erase(user);
+        --user->second;
+        if (user->second == 0)
+        {
+            m_clientsByUser.erase(user);
+        }
     }
     m_numberOfTypes -= record.m_events.size();
     m_pDelivery->RemoveClient(record.m_pAccount);

@@ -244,9 +244,13 @@ std::size_t TCDbusServer::SuspendedClients(std::size_t atMost, std::vector<std::
     const TSharedLock lock(t_stateMutex);
     for (const auto& [name, client] : m_clients)
     {
-        if (client.m_pAccount->m_isSuspended && ++count <= atMost)
+        if (client.m_pAccount->m_isSuspended)
         {
-            names.push_back(name);
+            ++count;
+            if (count <= atMost)
+            {
+                names.push_back(name);
+            }
         }
     }
     return count;

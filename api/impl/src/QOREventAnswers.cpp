@@ -101,7 +101,8 @@ void TCEventDelivery::m_Fail(TCall call, EDelivery outcome, int code)
     {
         return;
     }
-    if (++call->m_pEvent->m_errors <= MAX_ERROR_LINES)
+    ++call->m_pEvent->m_errors;
+    if (call->m_pEvent->m_errors <= MAX_ERROR_LINES)
     {
         QOR_LOG_ERROR("Sending message from %s error, errno %d", call->m_pAccount->m_name.c_str(),
                       code);
@@ -122,7 +123,8 @@ void TCEventDelivery::m_Store(TCall call, EDelivery outcome, int code)
     {
         call->m_pAccount->m_pUser->m_waiting.erase(call);
     }
-    if (--pEvent->m_open == 0)
+    --pEvent->m_open;
+    if (pEvent->m_open == 0)
     {
         if (pEvent->m_errors > MAX_ERROR_LINES)
         {
