@@ -63,7 +63,8 @@ protected:
         {
             at = std::find_if(at, all.end(),
                               [&](auto& one) { return one.find(line) != std::string::npos; });
-            ASSERT_NE(at++, all.end()) << line << " is not in\n" << boost::join(all, "\n");
+            ASSERT_NE(at, all.end()) << line << " is not in\n" << boost::join(all, "\n");
+            ++at;
         }
         EXPECT_EQ(std::count(all.begin(), all.end(), "user"), 1);
         EXPECT_EQ(std::count(all.begin(), all.end(), "a result"), 0); // with the endpoint

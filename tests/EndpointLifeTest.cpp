@@ -116,9 +116,14 @@ TEST_F(EndpointLife, ServerHearsOfDeparturesInAContextThatIsNobodysDefault)
     g_main_context_push_thread_default(context.get());
     auto server = std::make_unique<TCDbusServer>(false);
     g_main_context_pop_thread_default(context.get());
-    const auto until = [&](const std::function<bool()>& condition) {
-        return WaitUntil([&]
-                         { return g_main_context_iteration(context.get(), FALSE), condition(); });
+    const auto until = [&](const std::function<bool()>& condition)
+    {
+        const auto iterate = [&]
+        {
+            g_main_context_iteration(context.get(), FALSE);
+            return condition();
+        };
+        return WaitUntil(iterate);
     };
     RawPeer client;
     ASSERT_TRUE(until([&] { return server->IsReady(); }));

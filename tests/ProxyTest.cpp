@@ -168,7 +168,12 @@ TEST_F(CallbacksProxy, EndpointThatLivesOnKeepsItsOwnTypesAndCallsNoProxyThatIsG
     EXPECT_TRUE(proxy->ResetPolicyUpdateCb()); // asks the endpoint although nothing is registered
     EXPECT_EQ(Fire(POLICY_UPDATE), (Bytes{0}));
     proxy->SetPolicyUpdateCb([&] { ++calls; });
-    proxy->SetRequestProcessInfoCb([&] { return ++calls > 0; });
+    const auto count = [&]
+    {
+        ++calls;
+        return true;
+    };
+    proxy->SetRequestProcessInfoCb(count);
     proxy.reset();
     EXPECT_EQ(Fire(POLICY_UPDATE), (Bytes{0}));
     EXPECT_EQ(Fire(REQUEST_PROCESS_INFO), (Bytes{0}));

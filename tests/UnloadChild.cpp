@@ -146,7 +146,8 @@ void Use()
 
 int main(int argc, char** argv)
 {
-    if (argc < 4 || (pLibrary = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL)) == nullptr)
+    pLibrary = argc < 4 ? nullptr : dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
+    if (pLibrary == nullptr)
     {
         fprintf(stderr, "cannot load: %s\n", dlerror());
         return 2;

@@ -30,7 +30,10 @@ std::string Call(const std::string& interface, const char* method, GVariant* pAr
     const ObjectPtr<GDBusMessage> message(
         g_dbus_message_new_method_call(destination.c_str(), path, interface.c_str(), method));
     g_dbus_message_set_serial(message.get(), 1);
-    pArguments == nullptr ? void() : g_dbus_message_set_body(message.get(), pArguments);
+    if (pArguments != nullptr)
+    {
+        g_dbus_message_set_body(message.get(), pArguments);
+    }
     gsize size = 0;
     const std::unique_ptr<guchar, void (*)(gpointer)> bytes(
         g_dbus_message_to_blob(message.get(), &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr),

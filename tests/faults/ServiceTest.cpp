@@ -172,7 +172,12 @@ TEST_F(Service, StateIsToldFromTheQueueToTheEndOfTheBus)
     m_server->SetStateCallback(setCallback);
     ExpectStates({EServiceState::QUEUED, EServiceState::QUEUED});
 
-    auto slow = std::async(std::launch::async, [this] { isSlow = true, TellStates(); });
+    const auto tellSlowly = [this]
+    {
+        isSlow = true;
+        TellStates();
+    };
+    auto slow = std::async(std::launch::async, tellSlowly);
     ASSERT_TRUE(WaitUntil([] { return isWaiting.load(); }));
     ASSERT_TRUE(owner.ReleaseName(SERVICE_NAME));
     States all{EServiceState::QUEUED, EServiceState::QUEUED, EServiceState::ACQUIRED};

@@ -55,7 +55,10 @@ public:
         }
         m_attack.greetings.front().insert(0, login + "\r\nBEGIN\r\n");
         m_pid = fork();
-        m_pid == 0 ? m_Run(user) : void();
+        if (m_pid == 0)
+        {
+            m_Run(user);
+        }
         WaitUntil([&] { return Seen().answered >= m_attack.connections; });
     }
     ~Attacker()
@@ -110,7 +113,10 @@ private:
             for (TSConnection& connection : connections)
             {
                 pollfd& socket = sockets[connection.index];
-                socket.revents != 0 ? m_Step(connection, socket) : void();
+                if (socket.revents != 0)
+                {
+                    m_Step(connection, socket);
+                }
             }
             poll(sockets.data(), sockets.size(), -1);
         }
@@ -153,7 +159,10 @@ private:
         const auto serial = static_cast<std::uint32_t>(++connection.number);
         connection.out = isGreeting ? m_attack.greetings[number]
                                     : m_attack.questions[(question + connection.index) % all];
-        number == 0 ? void() : void(std::memcpy(&connection.out[8], &serial, 4));
+        if (number != 0)
+        {
+            std::memcpy(&connection.out[8], &serial, 4);
+        }
         connection.offset = 0;
         m_pSeen->asked += isGreeting ? 0 : 1;
         return true;

@@ -73,7 +73,13 @@ TEST(UserDatabase, NobodyWaitsForOneThatHangs)
     const qortest::TemporaryDirectory directory;
     setenv("QOR_TEST_USERS", directory.Path().c_str(), 1);
     const auto hang = [file = directory.Path("hang")](bool isHanging)
-    { isHanging ? qortest::WriteFile(file, "") : void(boost::filesystem::remove(file)); };
+    {
+        boost::filesystem::remove(file);
+        if (isHanging)
+        {
+            qortest::WriteFile(file, "");
+        }
+    };
     qor::TSPeer peer;
     peer.m_isKnown = peer.m_hasGroups = true;
     peer.m_userId = geteuid() + 12345;
@@ -321,9 +327,18 @@ TEST(PolicyXml, AgreesWithAnotherParserAboutChangedDocuments)
             const std::string part = any(2) == 0
                                          ? std::string(1, characters[any(characters.size())])
                                          : parts[any(std::size(parts))];
-            any(2) == 0 ? text.erase(at, any(3)) : text.insert(at, part);
-            any(4) == 0 ? text.insert(at, text.substr(start + any(text.size() - start), any(12)))
-                        : text;
+            if (any(2) == 0)
+            {
+                text.erase(at, any(3));
+            }
+            else
+            {
+                text.insert(at, part);
+            }
+            if (any(4) == 0)
+            {
+                text.insert(at, text.substr(start + any(text.size() - start), any(12)));
+            }
         }
         xmlParserCtxtPtr const pOther = xmlNewParserCtxt();
         xmlDocPtr const pDocument =

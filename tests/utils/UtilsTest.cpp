@@ -76,26 +76,63 @@ static struct Usb
 } usb = {"", 0, 0, 0, nullptr};
 static std::string calls;
 
-#define PLATFORM(type, name, parameters, ...)                                                      \
-    type name parameters                                                                           \
-    {                                                                                              \
-        return __VA_ARGS__;                                                                        \
-    }
-
 // Late enough for others to ask meanwhile.
-PLATFORM(char*, vconf_get_str, (const char*), ++queries, usleep(20000),
-         text ? strdup(text) : nullptr)
-PLATFORM(int, system_info_get_value_int, (system_info_key_e, int* p), ++queries, *p = 42, result)
-PLATFORM(int, system_info_get_value_string, (system_info_key_e, char** p), *p = vconf_get_str(""),
-         result)
-PLATFORM(int, usb_device_init, (), calls += "init ", 0)
-PLATFORM(int, usb_device_fini, (), calls += "fini", 0)
-PLATFORM(int, usb_device_get_device_list, (int type, usb_device_list_h*),
-         calls += type == 8 ? "list " : "?", usb.listResult)
-PLATFORM(int, usb_device_list_get_count, (usb_device_list_h), usb.count)
-PLATFORM(int, usb_device_list_get_first, (usb_device_list_h, usb_device_h*), calls += "first ",
-         usb.firstResult)
-PLATFORM(const char*, usb_device_get_mountpath, (usb_device_h), calls += "path ", usb.mountPoint)
+char* vconf_get_str(const char*)
+{
+    ++queries;
+    usleep(20000);
+    return text ? strdup(text) : nullptr;
+}
+
+int system_info_get_value_int(system_info_key_e, int* p)
+{
+    ++queries;
+    *p = 42;
+    return result;
+}
+
+int system_info_get_value_string(system_info_key_e, char** p)
+{
+    *p = vconf_get_str("");
+    return result;
+}
+
+static int Tell(const char* call, int answer)
+{
+    calls += call;
+    return answer;
+}
+
+int usb_device_init()
+{
+    return Tell("init ", 0);
+}
+
+int usb_device_fini()
+{
+    return Tell("fini", 0);
+}
+
+int usb_device_get_device_list(int type, usb_device_list_h*)
+{
+    return Tell(type == 8 ? "list " : "?", usb.listResult);
+}
+
+int usb_device_list_get_count(usb_device_list_h)
+{
+    return usb.count;
+}
+
+int usb_device_list_get_first(usb_device_list_h, usb_device_h*)
+{
+    return Tell("first ", usb.firstResult);
+}
+
+const char* usb_device_get_mountpath(usb_device_h)
+{
+    calls += "path ";
+    return usb.mountPoint;
+}
 
 // Calls of the C library. One that is refused succeeds some times before, and is done nevertheless.
 static std::string refused;
