@@ -10,7 +10,7 @@ import sys
 
 TOP = pathlib.Path(__file__).resolve().parent.parent
 PAGE = TOP / "docs" / "performance.md"
-ELSEWHERE = "[see below](#against-sd-bus-and-sdbus-c)"
+ELSEWHERE = "[see below](#against-sd-bus)"
 GDBUS, BY_HAND, TEN = "raw GDBus", "raw GDBus by hand", "a client of 10"
 
 
@@ -23,11 +23,8 @@ def targets():
     """What is compared, and the ratio that is wanted: None where it is only shown."""
     for size, most in (("16 B", 0.85), ("4 KiB", 0.90), ("64 KiB", 1.05), ("1 MiB", 1.0), ("16 MiB", 1.0)):
         yield "round trip", size, GDBUS, most
-    for size in ("16 B", "4 KiB", "64 KiB", "1 MiB"):
-        yield "round trip", size, "sdbus-c++", None
     yield "round trip", "16 B", "sd-bus", None
     yield "round trip", "1 MiB", "sd-bus", 1.10
-    yield "round trip", "1 MiB", "libdbus", 1.10
     for size in ("4 KiB", "1 MiB"):
         yield "set a policy", size, BY_HAND, 1.05
     for contest, counts in (("fan-out", (1, 10, 100, 500)), ("fan-out, CPU", (10, 100, 500))):
@@ -40,9 +37,6 @@ def targets():
     yield "start-up", "dlopen", "libgio-2.0", 1.10
     yield "log statement", "file", "spdlog", 1.0
     yield "log statement", "standard output", "spdlog", 1.0
-    for case, program in (("GetFiles", "find"), ("GetDirSize", "du")):
-        yield "tree walk", case, "recursive iterator", 1.0
-        yield "tree walk", case, program, 1.5
 
 
 def target_rows(debian12, debian13, broker):

@@ -19,9 +19,6 @@ STYLES = {
     "libQOR": ("#0072b2", "o"),
     "raw GDBus": ("#e69f00", "s"),
     "sd-bus": ("#009e73", "^"),
-    "sdbus-c++": ("#cc79a7", "v"),
-    "libdbus": ("#d55e00", "D"),
-    "Unix socket and relay": ("#666666", "x"),
 }
 
 

@@ -215,8 +215,6 @@ def size_name(size):
 PEER_NAMES = {
     "bench-gdbus": ("raw GDBus", "com.norvane.bench.Gdbus"),
     "bench-sd-bus": ("sd-bus", "com.norvane.bench.SdBus"),
-    "bench-sdbus-cpp": ("sdbus-c++", "com.norvane.bench.SdbusCpp"),
-    "bench-libdbus": ("libdbus", "com.norvane.bench.Libdbus"),
 }
 
 
@@ -226,14 +224,8 @@ def round_trip(bench):
     for program, (_, bus_name) in PEER_NAMES.items():
         servers.append((program, "server", bus_name))
         clients.append((program, "client", bus_name))
-    socket, relay = bench.work / "floor", bench.work / "relay"
-    servers += [("bench-socket", "server", socket), ("bench-socket", "relay", relay, socket)]
-    clients.append(("bench-socket", "client", relay))
-    names = [name for name, _ in PEER_NAMES.values()] + ["Unix socket and relay"]
-
+    names = [name for name, _ in PEER_NAMES.values()]
     for _ in bench.generations():
-        for path in (socket, relay):
-            path.unlink(missing_ok=True)
         with bench.running(*servers, *clients) as started:
             mine, *others = started[len(servers):]
             round_trip_sizes(bench, mine, dict(zip(names, others)))
@@ -247,16 +239,13 @@ def round_trip_sizes(bench, mine, others):
         (1 * MIB, 5, 10),
         (16 * MIB, 1, 5),
     ):
-        peers = dict(others)
-        if bench.quick and size > MIB:
-            del peers["sdbus-c++"]  # seconds for each call
         bench.compare(
             "round trip",
             size_name(size),
             lambda: mine.samples("call", size, calls),
             {
                 name: lambda peer=peer: peer.samples("call", size, calls)
-                for name, peer in peers.items()
+                for name, peer in others.items()
             },
             bench.rounds(rounds),
         )
@@ -319,73 +308,41 @@ def store_policies(bench):
             shutil.rmtree(folder)
 
 
-def memory(bench):
-    """A fresh client for each sample: memory that was used once is not given back."""
-    name = PEER_NAMES["bench-gdbus"][1]
-    size = 16 * MIB
-    used = {"bench-qor": [], "bench-gdbus": []}
-    with bench.running(("bench-qor", "server"), ("bench-gdbus", "server", name)):
-        for _ in range(bench.rounds(12)):
-            for program, sizes in used.items():
-                with bench.running((program, "client", name)) as (client,):
-                    sizes.append(client.ask("memory", size)["bytes"] / size)
-    ratios = [a / b for a, b in zip(used["bench-qor"], used["bench-gdbus"])]
-    bench.add(
-        {
-            "contest": "peak memory",
-            "case": "client, 16 MiB policy",
-            "peer": "raw GDBus by hand",
-            "ours": statistics.median(used["bench-qor"]),
-            "theirs": statistics.median(used["bench-gdbus"]),
-            "unit": "times",
-            "ratio": statistics.median(ratios),
-            "spread": [quantile(ratios, 0.25), quantile(ratios, 0.75)],
-            "rounds": len(ratios),
-            "samples": len(ratios),
-        }
-    )
-
-
 def fan_out(bench):
-    names = {program: PEER_NAMES[program] for program in ("bench-gdbus", "bench-sd-bus")}
-    servers = [("bench-qor", "server")]
-    servers += [(program, "server", bus_name) for program, (_, bus_name) in names.items()]
-    clients = ("bench-event-clients", SERVICE, *(bus_name for _, bus_name in names.values()))
+    name = PEER_NAMES["bench-gdbus"][1]
     for _ in bench.generations():
-        with bench.running(*servers) as started, bench.running(clients) as (crowd,):
-            fan_out_sizes(bench, crowd, started, [name for name, _ in names.values()])
+        with bench.running(
+            ("bench-qor", "server"),
+            ("bench-gdbus", "server", name),
+            ("bench-event-clients", SERVICE, name),
+        ) as (mine, other, crowd):
+            fan_out_sizes(bench, crowd, mine, other)
     bench.report()
     growth(bench)
 
 
-def fan_out_sizes(bench, crowd, servers, names):
-    mine, *others = servers
+def fan_out_sizes(bench, crowd, mine, other):
     for count in (1, 10, 100, 500):
         crowd.ask("connect", count)
-        for server in servers:
+        for server in (mine, other):
             if server.ask("clients")["clients"] != count:
                 raise SystemExit(f"bench: {server.name} does not know its {count} clients")
         for size in (64, 64 * KIB):
             events = max(1, (200 if size == 64 else 40) // count)
+            case = f"{count} client{'s' if count > 1 else ''}, {size_name(size)}"
             bench.compare(
                 "fan-out",
-                f"{count} client{'s' if count > 1 else ''}, {size_name(size)}",
+                case,
                 lambda: mine.samples("event", size, events),
-                {
-                    name: lambda peer=peer: peer.samples("event", size, events)
-                    for name, peer in zip(names, others)
-                },
+                {"raw GDBus": lambda: other.samples("event", size, events)},
                 bench.rounds(12 if count < 500 else 6),
             )
             if count > 1:
                 bench.compare(
                     "fan-out, CPU",
-                    f"{count} clients, {size_name(size)}",
+                    case,
                     lambda: processor_time(mine, size, events),
-                    {
-                        name: lambda peer=peer: processor_time(peer, size, events)
-                        for name, peer in zip(names, others)
-                    },
+                    {"raw GDBus": lambda: processor_time(other, size, events)},
                     bench.rounds(6),
                 )
 
@@ -400,8 +357,7 @@ def processor_time(server, size, events):
 def growth(bench):
     """What a client costs with 500 of them, over what one costs with 10."""
     for contest in ("fan-out", "fan-out, CPU"):
-        own = {r["case"]: r["ours"] for r in bench.results
-               if r["contest"] == contest and r["peer"] == "raw GDBus"}
+        own = {r["case"]: r["ours"] for r in bench.results if r["contest"] == contest}
         for size in ("64 B", "64 KiB"):
             few, many = own[f"10 clients, {size}"] / 10, own[f"500 clients, {size}"] / 500
             bench.add(
@@ -435,8 +391,6 @@ def start_up(bench):
             {
                 "raw GDBus, same steps": lambda: launcher.samples(
                     "first-byte", count, gdbus, "first-call", name),
-                "raw GDBus, the call only": lambda: launcher.samples(
-                    "first-byte", count, gdbus, "bare-call", name),
             },
             bench.rounds(60),
             "ms",
@@ -477,7 +431,7 @@ def lookup(bench):
     settings = bench.work / "settings.ini"
     settings.write_text("[db/bench]\nvalue=what the platform has said\n")
     bench.environment["QOR_VCONF_FILE"] = str(settings)
-    with bench.running(("bench-qor-utilities",), ("bench-standard-utilities",)) as (mine, other):
+    with bench.running(("bench-qor-lookup",), ("bench-map-lookup",)) as (mine, other):
         for threads in (1, 2):
             bench.compare(
                 "cached lookup",
@@ -489,54 +443,14 @@ def lookup(bench):
             )
 
 
-def make_tree(root, folders, files_per_folder):
-    """Ten folders to a level. Returns the numbers of .xml files and of bytes."""
-    content = b"0123456789" * 8
-    xml_files = 0
-    for index in range(folders):
-        folder = root.joinpath(*(f"folder{digit}" for digit in str(index)))
-        folder.mkdir(parents=True, exist_ok=True)
-        for name in range(files_per_folder):
-            suffix = ".xml" if name % 4 == 0 else ".dat"
-            (folder / f"file{name}{suffix}").write_bytes(content)
-            xml_files += suffix == ".xml"
-    return xml_files, folders * files_per_folder * len(content)
-
-
-def tree_walk(bench):
-    tree = bench.work / "tree"
-    xml_files, size = make_tree(tree, 1000, 100)
-    with bench.running(
-        ("bench-qor-utilities",), ("bench-standard-utilities",), ("bench-launcher",)
-    ) as (mine, other, launcher):
-        find = ("find", tree, "-type", "f", "-name", "*.xml")
-        for job, expected, command in (
-            ("files", xml_files, find),
-            ("size", size, ("du", "-s", "-b", tree)),
-        ):
-            bench.compare(
-                "tree walk",
-                "GetFiles" if job == "files" else "GetDirSize",
-                lambda: mine.samples(job, tree, 1, expected),
-                {
-                    "recursive iterator": lambda: other.samples(job, tree, 1, expected),
-                    command[0]: lambda: launcher.samples("end", 1, *command),
-                },
-                bench.rounds(30),
-                "ms",
-            )
-
-
 CONTESTS = {
     "round-trip": round_trip,
     "set-policy": set_policy,
     "store-policy": store_policies,
-    "memory": memory,
     "fan-out": fan_out,
     "start-up": start_up,
     "log": log_statement,
     "lookup": lookup,
-    "tree-walk": tree_walk,
 }
 
 

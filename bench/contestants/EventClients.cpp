@@ -104,9 +104,10 @@ void ObeyCommand(Clients& clients)
 
 void Answer(sd_bus* bus)
 {
-    int processed = 0;
-    while ((processed = sd_bus_process(bus, nullptr)) > 0)
+    int processed = 1;
+    while (processed > 0)
     {
+        processed = sd_bus_process(bus, nullptr);
     }
     Check(processed, "processing");
 }
@@ -126,7 +127,14 @@ int main(int argc, char** argv)
         for (int i = 0; i < count; ++i)
         {
             auto* bus = static_cast<sd_bus*>(ready[i].data.ptr);
-            bus != nullptr ? Answer(bus) : ObeyCommand(clients);
+            if (bus != nullptr)
+            {
+                Answer(bus);
+            }
+            else
+            {
+                ObeyCommand(clients);
+            }
         }
     }
 }

@@ -11,7 +11,6 @@
 
 #include "Archive.h"
 #include "Channel.h"
-#include "Memory.h"
 #include "Session.h"
 
 namespace
@@ -291,17 +290,7 @@ int RunClient(const char* busName)
                                                         "'>" + filling + "</policy>");
                                       }));
     };
-    const auto measureMemory = [&](const auto& words)
-    {
-        const std::string policy = PolicyText(Number(words, 1));
-        const std::size_t idle = ResetPeakMemory();
-        SetPolicy(connection, busName, policy);
-        session.ReplyNumber("bytes", static_cast<double>(PeakMemory() - idle));
-    };
-    ObeyAll(session, {{"call", call},
-                      {"policy", setPolicy},
-                      {"store", storePolicies},
-                      {"memory", measureMemory}});
+    ObeyAll(session, {{"call", call}, {"policy", setPolicy}, {"store", storePolicies}});
     return 0;
 }
 
@@ -339,13 +328,6 @@ int FirstCall(const char* busName)
     return write(STDOUT_FILENO, "!", 1) == 1 ? 0 : 1;
 }
 
-// Connect and call, nothing else: such a program cannot be called back.
-int BareCall(const char* busName)
-{
-    Call(Connect(), busName, std::vector<unsigned char>(16));
-    return write(STDOUT_FILENO, "!", 1) == 1 ? 0 : 1;
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -354,6 +336,5 @@ int main(int argc, char** argv)
                     {{"server", &Serve},
                      {"store", &ServeAndStore},
                      {"client", &RunClient},
-                     {"first-call", &FirstCall},
-                     {"bare-call", &BareCall}});
+                     {"first-call", &FirstCall}});
 }

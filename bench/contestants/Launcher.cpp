@@ -1,4 +1,4 @@
-// Starts programs and times them: to their first sign of life, or to their end.
+// Starts programs and times them: to their first sign of life, or by what they say themselves.
 #include <dlfcn.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -78,22 +78,6 @@ double TimeToFirstByte(const std::vector<std::string>& program)
     return nanoseconds;
 }
 
-// The output is read, since a program may notice that nobody does, and dropped.
-double TimeToEnd(const std::vector<std::string>& program)
-{
-    const auto start = std::chrono::steady_clock::now();
-    Run(program,
-        [](int output)
-        {
-            char bytes[65536];
-            while (read(output, bytes, sizeof bytes) > 0)
-            {
-            }
-        });
-    return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start)
-        .count();
-}
-
 // What another process measured and printed.
 double ReportedTime(const std::vector<std::string>& program)
 {
@@ -102,9 +86,11 @@ double ReportedTime(const std::vector<std::string>& program)
         [&](int output)
         {
             char bytes[64];
-            for (ssize_t got = 0; (got = read(output, bytes, sizeof bytes)) > 0;)
+            ssize_t got = read(output, bytes, sizeof bytes);
+            while (got > 0)
             {
                 text.append(bytes, static_cast<std::size_t>(got));
+                got = read(output, bytes, sizeof bytes);
             }
         });
     return std::stod(text);
@@ -141,8 +127,7 @@ int main(int argc, char** argv)
         for (std::size_t i = 0; i < count; ++i)
         {
             samples.push_back(words[0] == "first-byte" ? TimeToFirstByte(program)
-                              : words[0] == "reported" ? ReportedTime(program)
-                                                       : TimeToEnd(program));
+                                                       : ReportedTime(program));
         }
         session.ReplySamples(samples);
     }

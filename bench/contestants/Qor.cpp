@@ -16,7 +16,6 @@
 
 #include "Archive.h"
 #include "Channel.h"
-#include "Memory.h"
 #include "Session.h"
 
 namespace
@@ -118,17 +117,6 @@ void SetPolicy(qor::IControl& control, std::size_t size, std::size_t count, Sess
                                   }));
 }
 
-void MeasureMemory(qor::IControl& control, std::size_t size, Session& session)
-{
-    const std::string policy = PolicyText(size);
-    const std::size_t idle = ResetPeakMemory();
-    if (control.SetPolicy(policy) != 0)
-    {
-        Fail("a policy was not set");
-    }
-    session.ReplyNumber("bytes", static_cast<double>(PeakMemory() - idle));
-}
-
 int RunClient()
 {
     Session session;
@@ -142,9 +130,7 @@ int RunClient()
             { Call(*client, Number(words, 1), Number(words, 2), session); };
             const auto setPolicy = [&](const auto& words)
             { SetPolicy(*control, Number(words, 1), Number(words, 2), session); };
-            const auto measureMemory = [&](const auto& words)
-            { MeasureMemory(*control, Number(words, 1), session); };
-            ObeyAll(session, {{"call", call}, {"policy", setPolicy}, {"memory", measureMemory}});
+            ObeyAll(session, {{"call", call}, {"policy", setPolicy}});
             _exit(0);
         })
         .detach();
