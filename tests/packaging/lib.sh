@@ -38,7 +38,7 @@ launch() {
 start_bus() {
     local here
     here=$(dirname "${BASH_SOURCE[0]}")
-    . "$here/../../scripts/closed-bus"
+    . "$here/../../scripts/lib/closed-bus.sh"
     mkdir -p "$work/system.d" "$work/services" "$work/state"
     sed "s/@QOR_SERVICE_USER@/${2:-$user}/g" "$1" >"$work/system.d/com.norvane.qor.IControl.conf"
     closed_bus "$work" >"$work/bus.conf"
