@@ -1,8 +1,8 @@
 // Runs the teardown at library unload or process exit, once and in a fixed order.
 #include <qor/QORDeactivator.h>
 
-#include "QORLocks.h"
 #include "QORLog.h"
+#include "QORRecursiveLock.h"
 
 #define QOR_LOG_CLASS "qor::TCDeactivator"
 
@@ -20,7 +20,7 @@ TCDeactivator::~TCDeactivator()
 
 void TCDeactivator::RegisterDBUS(void (*callback)())
 {
-    const TCPosixLock lock(m_mutex);
+    const TCRecursiveLock lock(m_mutex);
     if (m_destroyed)
     {
         QOR_LOG_ERROR("Unable to register user callback - already destroyed");
@@ -40,7 +40,7 @@ bool TCDeactivator::RegisterUser(TIDestroyCallback& user)
 {
     bool destroyed = false;
     {
-        const TCPosixLock lock(m_mutex);
+        const TCRecursiveLock lock(m_mutex);
         if (!m_destroyed && m_instance.m_pUser == nullptr)
         {
             m_instance.m_pUser = &user;
@@ -54,7 +54,7 @@ bool TCDeactivator::RegisterUser(TIDestroyCallback& user)
 
 void TCDeactivator::UnregisterUser(TIDestroyCallback& /*user*/)
 {
-    TCPosixLock lock(m_mutex);
+    TCRecursiveLock lock(m_mutex);
     if (!m_destroyed)
     {
         m_instance.m_pUser = nullptr;
@@ -72,7 +72,7 @@ void TCDeactivator::m_Deactivate()
     TIDestroyCallback* pUser = nullptr;
     std::set<void (*)()> dbusCallbacks;
     {
-        const TCPosixLock lock(m_mutex);
+        const TCRecursiveLock lock(m_mutex);
         if (m_destroyed)
         {
             return;
@@ -94,12 +94,12 @@ void TCDeactivator::m_Deactivate()
 void TCDeactivator::m_DestroyUser(TIDestroyCallback& user)
 {
     {
-        const TCPosixLock lock(m_mutex);
+        const TCRecursiveLock lock(m_mutex);
         m_isDestroyingUser = true;
         m_destroyer = pthread_self();
     }
     user.OnDestroy();
-    const TCPosixLock lock(m_mutex);
+    const TCRecursiveLock lock(m_mutex);
     m_isDestroyingUser = false;
     pthread_cond_broadcast(&m_userDestroyed);
 }

@@ -19,6 +19,7 @@
 #include "QORFork.h"
 #include "QORPolicyControlProxy.h"
 #include "QORPolicyPaths.h"
+#include "QORRecursiveLock.h"
 
 namespace qor
 {
@@ -32,7 +33,7 @@ std::string TCDirsManager::m_policyPath = DEFAULT_POLICY_PATH;
 TCDebug TCDebug::m_instance;
 
 // 3. The teardown coordinator.
-TSPosixMutex TCDeactivator::m_mutex = {PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP};
+TSPosixMutex TCDeactivator::m_mutex;
 bool TCDeactivator::m_destroyed = false;
 bool TCDeactivator::m_isDestroyingUser = false;
 pthread_t TCDeactivator::m_destroyer{};
@@ -77,7 +78,7 @@ TSForkHandler::TSForkHandler()
 void TSForkHandler::ResetLocks() QOR_NOT_ANALYSED // the child has no other thread
 {
     MakeAnew(TCDirsManager::m_mutex);
-    TCDeactivator::m_mutex = {PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP};
+    TCRecursiveLock::MakeAnew(TCDeactivator::m_mutex);
     TCDeactivator::m_isDestroyingUser = false;
     MakeAnew(*TCDbusClientProvider::m_pMutex);
     MakeAnew(TCControlProxy::m_rwlock);
