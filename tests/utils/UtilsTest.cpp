@@ -374,6 +374,8 @@ TEST_F(FileSystem, MakeDirOpensOnlyTheDirectoryItMade)
     EXPECT_TRUE(TSFileSystem::SetPermissions(Path("file"), fs::owner_read, 1, -1));
     EXPECT_TRUE(TSFileSystem::SetPermissions(Path("file"), fs::add_perms | fs::group_read, -1, 1));
     EXPECT_FALSE(TSFileSystem::SetPermissions(Path("file"), fs::add_perms | fs::group_read, 1, 1));
+    EXPECT_EQ(qortest::LogCapture::Count(qortest::LOG_ERROR, "Errno: 1, Operation not permitted"),
+              1U);
     EXPECT_EQ(fs::status(Path("file")).permissions(), 0440U);
 }
 

@@ -103,10 +103,9 @@ bool TSFileSystem::SetPermissions(fs::path path, fs::perms permissions, int user
     }
     if (chown(path.c_str(), static_cast<uid_t>(userId), static_cast<gid_t>(groupId)) != 0)
     {
-        const int number = errno;
-        char buffer[256];
-        const char* text = strerror_r(number, buffer, sizeof buffer);
-        QOR_LOG_ERROR("Couldnt change ownership of %s. Errno: %d, %s", path.c_str(), number, text);
+        error.assign(errno, boost::system::generic_category());
+        QOR_LOG_ERROR("Couldnt change ownership of %s. Errno: %d, %s", path.c_str(), error.value(),
+                      error.message().c_str());
         return false;
     }
     return true;
