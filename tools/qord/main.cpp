@@ -12,13 +12,19 @@
 #include "qord/Report.h"
 #include "qord/Service.h"
 
-// From this size on a block goes back to the system when it is freed. The allocator would raise the
-// mark to the largest block that it has seen, and one message of 32 MiB would be kept for good.
-constexpr int RETURNED_BLOCK = 4 << 20;
+// glibc's allocator would raise the size from which on a block goes back to the system, to that of
+// the largest one that it has seen, and one message of 32 MiB would be kept for good.
+static void ReturnLargeBlocks()
+{
+#ifdef M_MMAP_THRESHOLD
+    constexpr int returnedBlock = 4 << 20;
+    mallopt(M_MMAP_THRESHOLD, returnedBlock); // NOLINT(concurrency-mt-unsafe): no thread yet
+#endif
+}
 
 int main(int count, char** pArguments)
 {
-    mallopt(M_MMAP_THRESHOLD, RETURNED_BLOCK); // NOLINT(concurrency-mt-unsafe): no thread yet
+    ReturnLargeBlocks();
     tools::GuardStandardStreams();
     try
     {
