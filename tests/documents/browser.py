@@ -61,12 +61,16 @@ while (texts.nextNode()) {
     seen.add(element);
     if (!stands_out(element)) faults.add("does not stand out: " + element.tagName + " " + element.className);
 }
+for (const link of document.querySelectorAll("a[href]:not([aria-hidden])")) {
+    const wide = [...link.getClientRects()].some(part => part.width > 0);
+    if (link.checkVisibility() && !wide) faults.add("shows nothing for " + link.href);
+}
 const input = document.querySelector("input");
 if (contrast(getComputedStyle(input, "::placeholder").color, ground(input)) < 4.5) faults.add("pale: Search");
 if (!root.lang) faults.add("has no language");
 const marked = [...document.querySelectorAll("nav[aria-label=Pages] [aria-current]")].map(a => a.href);
 const here = location.href.replace(/(reference\\/).*/, "$1index.html");
-if (marked.join() !== here && !here.endsWith("/search.html")) faults.add("is marked as " + marked);
+if (marked.join() !== here && !here.endsWith("/search.html")) faults.add("the navigation marks " + (marked.join() || "nothing"));
 if (seen.size < 15) faults.add("is almost empty");
 return [...faults];
 """
