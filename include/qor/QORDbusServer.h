@@ -124,13 +124,13 @@ public:
     /// there are. Any thread; does not block.
     TSServerLoad Load();
 
+    struct TSAsyncMessage; ///< One call of an event; for the library itself.
+
 protected:
     bool t_Start();
     void t_Stop();
 
 private:
-    friend class TCEventDelivery;
-    friend struct TSEventUser;
     struct TSClient
     {
         bool Wants(int type) const;
@@ -143,7 +143,6 @@ private:
         bool m_hasUser = false;
         unsigned int m_userId = 0; ///< Valid if m_hasUser.
     };
-    struct TSAsyncMessage;
     struct TSLoad;
     struct TSStop;
     using TEventPtr = std::shared_ptr<TSEvent>;

@@ -103,6 +103,9 @@ TCDbusServer::TEventPtr TCDbusServer::m_NewEvent(int type, const TByteArray& dat
         GVariant* pEnvelope = nullptr;
         t_ConvertBytes(type, false, data, pEnvelope);
         pEvent->m_pEnvelope.reset(g_variant_ref_sink(pEnvelope));
+        pEvent->m_pMessage.reset(g_dbus_message_new_method_call(nullptr, t_objectPath,
+                                                                t_interfaceName, t_dbusSendMethod));
+        g_dbus_message_set_body(pEvent->m_pMessage.get(), pEnvelope);
     }
     return pEvent;
 }

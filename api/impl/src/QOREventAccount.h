@@ -28,13 +28,13 @@ struct TSEvent
 {
     int m_type = 0;
     int m_timeout = -1;
-    TGlibPtr<GVariant> m_pEnvelope;
+    TGlibPtr<GVariant> m_pEnvelope;    // null where it is too large for a message
+    TGlibPtr<GDBusMessage> m_pMessage; // its calls are copies of it
     std::vector<TSDelivery> m_deliveries;
     TCDbusServer::TEventDone m_onTold; // the service's function; for the main context
     // The members below are used only in turns of the delivery:
-    TGlibPtr<GDBusMessage> m_pMessage; // its calls are copies of it
-    std::size_t m_open = 0;            // calls without an outcome
-    std::size_t m_errors = 0;          // calls that have ended with an error
+    std::size_t m_open = 0;   // calls without an outcome
+    std::size_t m_errors = 0; // calls that have ended with an error
     std::function<void(const std::shared_ptr<TSEvent>&)> m_onDone;
     bool m_isOver = false; // for a thread that waits; under the mutex of the delivery's inbox
 };

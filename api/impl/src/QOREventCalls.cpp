@@ -128,17 +128,8 @@ bool TCEventDelivery::m_StartNext(TSEventUser& user)
 // one.
 TGlibPtr<GDBusMessage> TCEventDelivery::m_NewMessage(const TCDbusServer::TSAsyncMessage& call) const
 {
-    TGlibPtr<GDBusMessage>& pFirst = call.m_pEvent->m_pMessage;
-    GDBusProxy* pProxy = call.m_pProxy.get();
-    if (pFirst == nullptr)
-    {
-        pFirst.reset(g_dbus_message_new_method_call(nullptr, g_dbus_proxy_get_object_path(pProxy),
-                                                    g_dbus_proxy_get_interface_name(pProxy),
-                                                    TCDbusServer::t_dbusSendMethod));
-        g_dbus_message_set_body(pFirst.get(), call.m_pEvent->m_pEnvelope.get());
-    }
-    TGlibPtr<GDBusMessage> pMessage(g_dbus_message_copy(pFirst.get(), nullptr));
-    g_dbus_message_set_destination(pMessage.get(), g_dbus_proxy_get_name(pProxy));
+    TGlibPtr<GDBusMessage> pMessage(g_dbus_message_copy(call.m_pEvent->m_pMessage.get(), nullptr));
+    g_dbus_message_set_destination(pMessage.get(), g_dbus_proxy_get_name(call.m_pProxy.get()));
     return pMessage;
 }
 

@@ -13,10 +13,10 @@
 #include <boost/archive/binary_oarchive.hpp>
 #include <boost/serialization/string.hpp>
 
-#include <qor/QORDbus.h>
 #include <qor/QORIpcSerializationUtil.h>
 
 #include "QORArchiveHeader.h"
+#include "QOREnvelope.h"
 
 namespace qor
 {
@@ -174,7 +174,7 @@ std::size_t MaxPolicySize()
 {
     TByteArray empty;
     WritePolicyRequest("", empty);
-    return TCDbus::MaxPayload() - empty.size();
+    return MaxPayloadSize() - empty.size();
 }
 
 } // namespace qor
