@@ -52,34 +52,6 @@ TEST_F(Fault, TheLargestPolicyTakesLessThanFourTimesItsSize)
     }
 }
 
-// The mounts are the service's own and end with it.
-TEST_F(Fault, FullAndReadOnlyFileSystemsKeepTheOldPolicy)
-{
-    const std::string mountPoint = m_directory.Path();
-    auto qord = StartTool("unshare", {"--mount", "sh", "-c",
-                                      "mount -t tmpfs -o size=128k none " + mountPoint +
-                                          " && exec '" QORD "' --policy " + m_policyFile});
-    if (!qord->WaitForOut("ready"))
-    {
-        GTEST_SKIP() << "mounting takes privileges: " << qord->Err();
-    }
-    const std::string pid = std::to_string(qord->Pid()), seen = "/proc/" + pid + "/root";
-    const auto remount = [&](const std::string& how)
-    {
-        const std::string options = "remount," + how;
-        RunTool("nsenter", {"--mount", "--target", pid, "mount", "-o", options, mountPoint});
-    };
-    const std::string old = "<a>" + std::string(100000, 'x') + "</a>";
-    ExpectResult(qor::POLICY_STORED, old);
-    ExpectResult(qor::POLICY_NOT_STORED, old + "<!-- does not fit beside the old one -->");
-    remount("ro");
-    ExpectResult(qor::POLICY_NOT_STORED, "<c/>");
-    EXPECT_EQ(ReadFile(seen + m_policyFile), old);
-    remount("rw");
-    ExpectResult(qor::POLICY_STORED, "<c/>");
-    EXPECT_EQ(ReadFile(seen + m_policyFile), "<c/>");
-}
-
 TEST_F(Fault, AUserDatabaseThatHangsHoldsUpNobodyAndRefusesNobody)
 {
     if (IS_SANITIZED || geteuid() != 0)
@@ -95,28 +67,17 @@ TEST_F(Fault, AUserDatabaseThatHangsHoldsUpNobodyAndRefusesNobody)
     ASSERT_TRUE(qord->WaitForOut("qord: ready")) << qord->Err();
     std::unique_ptr<RawPeer> other;
     AsUser(2, [&] { other = std::make_unique<RawPeer>(); });
-    const auto expect = [&](int result, const std::string& error)
-    {
-        GVariant* const pNumber = g_variant_new("(t)", guint64{0});
-        return SendPolicy(*other, "<b/>") == result &&
-               other->CallMethod("com.norvane.qor.Policy1", "GetPolicy", pNumber).errorName ==
-                   "com.norvane.qor.Error." + error;
-    };
     const auto start = Clock::now();
     ExpectResult(qor::POLICY_STORED, "<a/>");
     for (int i = 0; i < 20; ++i)
     {
-        EXPECT_TRUE(expect(qor::POLICY_NOT_STORED, "NotRead"));
+        EXPECT_EQ(SendPolicy(*other, "<b/>"), qor::POLICY_NOT_STORED);
+        GVariant* const pNumber = g_variant_new("(t)", guint64{0});
+        EXPECT_EQ(other->CallMethod("com.norvane.qor.Policy1", "GetPolicy", pNumber).errorName,
+                  "com.norvane.qor.Error.NotRead");
     }
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
-    EXPECT_NE(qord->Out().find("; user 0, process "), std::string::npos) << qord->Out();
-    boost::filesystem::remove(m_directory.Path("hang"));
-    EXPECT_TRUE(WaitUntil([&] { return expect(qor::POLICY_NOT_PERMITTED, "NotPermitted"); }));
-    WriteFile(m_directory.Path("hang"), "");
-    EXPECT_TRUE(expect(qor::POLICY_NOT_PERMITTED, "NotPermitted")); // as was known last
     EndCleanly(*qord);
-    EXPECT_NE(qord->Err().find(" more of user 2 (bin) were refused"), std::string::npos)
-        << qord->Err();
 }
 
 static nlohmann::json Status()
@@ -174,44 +135,6 @@ TEST_F(Fault, EventsNameWhoHasNotHeardAndTheStatusWhoHas)
         EXPECT_NE(qord->Err().find(words), std::string::npos) << words << qord->Err();
     }
     EXPECT_EQ(CountOf(qord->Err(), "\n"), 1U + 2U + 9U) << qord->Err();
-    EndCleanly(*qord);
-}
-
-TEST_F(Fault, EveryEventReachesEveryApplicationOnceAndNoneMissesTheLastPolicy)
-{
-    auto qord = StartQuietQord({"--event-timeout", std::to_string(WATCHDOG_MS)});
-    std::vector<RawPeer> peers(20);
-    for (RawPeer& peer : peers)
-    {
-        peer.Call(SERVICE_NAME, SERVICE_PATH, "Hello", EventList({2}));
-    }
-    const auto events = [&] { return CountOf(qord->Out(), "update: 20 delivered, 0 failed"); };
-    std::vector<std::future<void>> writers;
-    for (std::size_t i = 0; i < peers.size(); ++i)
-    {
-        const auto write = [&peer = peers[i], i]
-        {
-            for (int number = 0; number < 5; ++number)
-            {
-                const std::string unique = std::to_string(i) + "." + std::to_string(number);
-                EXPECT_EQ(SendPolicy(peer, "<p n='" + unique + "'/>"), qor::POLICY_STORED);
-            }
-        };
-        writers.push_back(std::async(std::launch::async, write));
-    }
-    writers.clear(); // which waits for them
-    const auto haveAllHeard = []
-    {
-        const nlohmann::json clients = Status()["clients"];
-        return std::count_if(clients.begin(), clients.end(),
-                             [](const auto& client) { return client["heard"] == true; }) == 20;
-    };
-    EXPECT_TRUE(WaitUntil(haveAllHeard)) << qord->Out();
-    for (const RawPeer& peer : peers)
-    {
-        EXPECT_EQ(peer.Count("Send"), events());
-    }
-    EXPECT_EQ(CountOf(qord->Out(), "event policy-update"), events() + 1) << qord->Out();
     EndCleanly(*qord);
 }
 
