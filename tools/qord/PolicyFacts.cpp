@@ -7,8 +7,6 @@
 #include <chrono>
 #include <cstddef>
 #include <ctime>
-#include <functional>
-#include <map>
 #include <utility>
 
 #include <boost/filesystem/operations.hpp>
@@ -208,12 +206,9 @@ GVariant* TCPolicyFacts::Details()
     return about.End();
 }
 
-// Anybody may know what is of the service; what is of the policy, those who may read it.
-GVariant* TCPolicyFacts::Property(const std::string& name, bool mayRead, qor::TCDbusServer& server)
+const TCPolicyFacts::TFacts& TCPolicyFacts::m_OfService()
 {
-    using TFact = std::function<GVariant*(TCPolicyFacts&, qor::TCDbusServer&)>;
-    using TServer = qor::TCDbusServer;
-    static const std::map<std::string, TFact> s_ofService = {
+    static const TFacts s_facts = {
         {"Version", [](TCPolicyFacts&, TServer&) { return g_variant_new_string(QOR_VERSION); }},
         {"ProcessId", [](TCPolicyFacts&, TServer&)
          { return g_variant_new_uint32(static_cast<guint32>(getpid())); }},
@@ -238,7 +233,12 @@ GVariant* TCPolicyFacts::Property(const std::string& name, bool mayRead, qor::TC
          { return g_variant_new_uint64(facts.m_events.NumberOfDelivered()); }},
         {"EventsFailed", [](TCPolicyFacts& facts, TServer&)
          { return g_variant_new_uint64(facts.m_events.NumberOfFailed()); }}};
-    static const std::map<std::string, TFact> s_ofPolicy = {
+    return s_facts;
+}
+
+const TCPolicyFacts::TFacts& TCPolicyFacts::m_OfPolicy()
+{
+    static const TFacts s_facts = {
         {"PolicyFile", [](TCPolicyFacts& facts, TServer&)
          { return g_variant_new_string(tools::Printable(facts.m_policyFile).c_str()); }},
         {"PolicySha256", [](TCPolicyFacts& facts, TServer&)
@@ -257,11 +257,17 @@ GVariant* TCPolicyFacts::Property(const std::string& name, bool mayRead, qor::TC
         {"ClientsByUser",
          [](TCPolicyFacts&, TServer& service) { return ByUser(service.Load().m_clientsByUser); }},
         {"LastEvent", [](TCPolicyFacts& facts, TServer&) { return Event(facts.m_events.Last()); }}};
+    return s_facts;
+}
+
+// Anybody may know what is of the service; what is of the policy, those who may read it.
+GVariant* TCPolicyFacts::Property(const std::string& name, bool mayRead, qor::TCDbusServer& server)
+{
     if (name == "Problems")
     {
         return Texts(m_Problems(mayRead, server));
     }
-    for (const auto* pFacts : {&s_ofService, mayRead ? &s_ofPolicy : &s_ofService})
+    for (const TFacts* pFacts : {&m_OfService(), mayRead ? &m_OfPolicy() : &m_OfService()})
     {
         const auto fact = pFacts->find(name);
         if (fact != pFacts->end())

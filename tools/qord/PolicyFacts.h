@@ -3,6 +3,8 @@
 #define QORD_POLICYFACTS_H
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -55,6 +57,11 @@ private:
         TCPolicyHistory::TSEntry m_entry;
     };
 
+    using TServer = qor::TCDbusServer;
+    using TFacts = std::map<std::string, std::function<GVariant*(TCPolicyFacts&, TServer&)>>;
+
+    static const TFacts& m_OfService();
+    static const TFacts& m_OfPolicy();
     const TSInForce& m_Look();
     GVariant* m_MayChange() const;
     std::vector<std::string> m_Problems(bool isDetailed, qor::TCDbusServer& server);

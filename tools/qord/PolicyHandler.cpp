@@ -258,7 +258,8 @@ int TCPolicyHandler::m_Decide(const TCAttempt& attempt, const std::optional<std:
     {
         result = m_CheckAndStore(attempt);
     }
-    ++(result == qor::POLICY_STORED ? m_stored : m_refused);
+    m_stored += result == qor::POLICY_STORED ? 1 : 0;
+    m_refused += result == qor::POLICY_STORED ? 0 : 1;
     return result;
 }
 
