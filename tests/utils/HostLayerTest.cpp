@@ -86,7 +86,8 @@ TEST_F(HostLayer, SystemInformationHasTypes)
     setenv("QOR_HOST_ROOT", Path().c_str(), 1);
     char* pText = nullptr;
     EXPECT_NE(system_info_get_value_string(SYSTEM_INFO_KEY_SYSTEM_NAME, &pText), 0);
-    Write("usr/lib/os-release", "PRETTY_NAME=\"No\"\nNAME=\"Some System\"\nVERSION_ID=12\n");
+    Write("usr/lib/os-release",
+          "PRETTY_NAME=\"No\"\nNAME_ID=no\nNAME=\"Some System\"\nVERSION_ID=12\n");
     EXPECT_EQ(system_info_get_value_string(SYSTEM_INFO_KEY_SYSTEM_NAME, &pText), 0);
     EXPECT_EQ(Take(pText), "Some System");
     int number = -5;
@@ -106,8 +107,9 @@ TEST_F(HostLayer, UsbDisksAreTheOnesBelowARootHub)
     AddDisk("usb/platform", "sdx");    // looks like a root hub only
     AddDisk("pci0000:00/usb2/2-1/2-1:1.0", "sdc");
     AddDisk("pci0000:00/usb1/1-1/1-1:1.0", "sdb");
-    Write("proc/self/mounts", "/dev/sdc1 /media/c vfat rw 0 0\nsdb1 /virtual tmpfs rw 0 0\n"
-                              "/dev/sdb1 /media/USB\\040stick vfat rw 0 0\n");
+    Write("proc/self/mounts",
+          "/dev/sdc1 /media/c vfat rw 0 0\nsdb1 /virtual tmpfs rw 0 0\n"
+          "/dev/sdb1 /media/USB\\040stick vfat rw 0 0\n/dev/sdb2 /mnt vfat rw 0 0\n");
     ASSERT_EQ(usb_device_get_device_list(8, &list), 0);
     EXPECT_EQ(usb_device_list_get_count(list), 2); // partitions are not devices
     EXPECT_EQ(usb_device_list_get_first(list, &device), 0);
