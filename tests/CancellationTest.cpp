@@ -117,6 +117,21 @@ TEST_F(Sends, ResultsComeInTheChosenContextExactlyOnce)
         unanswered += there.Status(i) == ESendStatus::NO_ANSWER ? 1 : 0;
     }
     EXPECT_EQ(unanswered, 20U);
+
+    // What is told keeps nothing, not even its context.
+    bool isGone = false;
+    GMainContext* const pShort = g_main_context_new();
+    const qor::TGlibPtr<GSource> source(g_timeout_source_new(WATCHDOG_MS));
+    g_source_set_callback(source.get(), nullptr, &isGone,
+                          [](void* pIsGone) { *static_cast<bool*>(pIsGone) = true; });
+    g_source_attach(source.get(), pShort);
+    CallAsync(client, there, WATCHDOG_MS, {}, pShort);
+    while (there.Count() == 30)
+    {
+        g_main_context_iteration(pShort, TRUE);
+    }
+    g_main_context_unref(pShort);
+    EXPECT_TRUE(isGone);
 }
 
 TEST_F(Sends, AnswerIsToldAtOnceAndNothingIsWokenUpWithoutOne)

@@ -147,6 +147,8 @@ TEST_F(Transport, RefusedHelloIsRepeatedUntilItIsConfirmedOrTheServiceHasLeft)
     refusals = 1000;
     client.UnSetCallback(4);
     ASSERT_TRUE(PumpUntil([&] { return refusals < 999; }));
+    pass();
+    EXPECT_GT(refusals, 992); // each pause is longer than the one before
     m_service->ReleaseName(SERVICE_NAME);
     ASSERT_TRUE(PumpUntil([&] { return !client.IsReady(); }));
     const std::size_t before = LogCapture::Count(LOG_DEBUG, "Send hello ");
