@@ -89,6 +89,9 @@ TEST_F(OwnInterface, IsFoundAndKnowsWhoAsks)
     EXPECT_EQ(Await(Start(PROPERTIES, "Get", g_variant_new("(ss)", OWN, "Closed"))).errorName,
               "org.freedesktop.DBus.Error.AccessDenied");
     EXPECT_TRUE(m_server->GetCurrentSender().empty());
+    m_peer.PostHello(SERVICE_NAME, {2});
+    ASSERT_TRUE(PumpUntil([&] { return m_server->NumberOfClients() == 1; }));
+    EXPECT_EQ(m_server->SendMessage(2, {}, WATCHDOG_MS).first, 1U); // it waits for nothing any more
 }
 
 TEST_F(OwnInterface, CallsMayBeAnsweredLaterAndHoldNobodyUp)

@@ -130,6 +130,9 @@ TEST_F(Event, WithoutAnAnswerItGoesOutOnceUntilASignOfLife)
     m_server->CancelMessages();
     EXPECT_EQ(Next(), (Outcomes{{name, {EDelivery::CANCELLED, 0}}}));
     EXPECT_EQ(Send(1), (Outcomes{{name, SUSPENDED}}));
+    std::vector<std::string> suspended;
+    EXPECT_EQ(m_server->SuspendedClients(1, suspended), 1U);
+    EXPECT_EQ(suspended, std::vector<std::string>{name});
     for (std::size_t calls = 6; calls <= 11; calls += 5)
     {
         client[0]->AnswerHeld(YES);

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <qor/QORCallbacksProxy.h>
+#include <qor/QORContextThread.h>
 #include <qor/QORDbusClient.h>
 #include <qor/QORDbusServer.h>
 #include <qor/api.h>
@@ -164,9 +165,11 @@ TEST_F(Fork, ChildMayLetGoAndAskForAnEndpointOfItsOwn)
     ASSERT_TRUE(m_peer.OwnName(SERVICE_NAME));
     auto client = qor::TCDbusClientProvider::Get(false);
     const ObjectPtr<GDBusConnection> shared(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
+    qor::TCContextThread thread;
     Bytes response;
     const auto work = [&]
     {
+        thread.Run([] { _exit(1); }); // which the child does not have
         for (int i = 0; i < 2; ++i)
         {
             client.reset();
