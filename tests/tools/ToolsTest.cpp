@@ -75,11 +75,12 @@ TEST_F(Tools, WrongUsageSendsNothing)
 {
     WriteFile(m_directory.Path("empty"), "");
     for (const char* line :
-         {"", "set-policy", "set-policy missing", "set-policy empty", "set-policy .",
-          "--quiet --verbose status", "listen --count 0", "listen --exec \\'unfinished"})
+         {"", "set-policy", "set-policy missing", "set-policy empty", "--quiet --verbose status",
+          "listen --count 0", "listen --exec \\'unfinished"})
     {
         Expect(64, "", line);
     }
+    Expect(64, "Is a directory", "set-policy ."); // and not that it is empty
     for (const char* line : {"--policy", "--policy ''", "--policy x --keep -1",
                              "--policy x --event-timeout 0", "--test-bus-names"})
     {
@@ -131,6 +132,21 @@ TEST_F(Tools, ListenerSaysWhenTheServiceComesAndGoes)
     EXPECT_TRUE(WaitUntil([&] { return CountOf(listener->Out(), "registered") == 2; }));
     qord->Signal(SIGUSR1);
     EXPECT_EQ(listener->Wait(), 0);
+}
+
+// Nothing else says that its last answer is out.
+TEST_F(Tools, ListenerWaitsUntilTheServiceHasConfirmedThatItLeaves)
+{
+    RawPeer service;
+    ASSERT_TRUE(service.OwnName(SERVICE_NAME));
+    auto listener = StartTool(QORCTL, {"listen", "--count", "1"});
+    ASSERT_TRUE(listener->WaitForOut("registered")) << listener->Err();
+    service.AnswerHelloUsing([](const IncomingCall&) { return NEVER; });
+    const std::string name = service.Calls("Hello").back().sender;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(service.Call(name, SERVICE_PATH, "Send", Request(2, false)).ok);
+    EXPECT_EQ(listener->Wait(), 0);
+    EXPECT_GT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
 }
 
 TEST_F(Tools, PlacesThatAreNoGoodAreSaidAtTheStart)
@@ -230,6 +246,8 @@ TEST_F(Tools, ServiceOnAReadOnlyDiskServesWhatCanBeRead)
 
 TEST_F(Tools, PolicyThatIsChangedByHandIsCheckedAndAnnounced)
 {
+    boost::filesystem::create_symlink("real", m_policyFile); // which is watched as well
+    WriteFile(m_policyFile, "<old/>");
     auto qord = StartQuietQord();
     auto listener = StartListener();
     SetPolicy(0, "stored", "<a/>");
@@ -239,8 +257,9 @@ TEST_F(Tools, PolicyThatIsChangedByHandIsCheckedAndAnnounced)
     ASSERT_TRUE(WaitUntil([&] { return CountOf(listener->Out(), " policy-update\n") == 2; }));
     Expect(0, "by unknown", "status");
     EXPECT_EQ(qord->Err(), "");
-    WriteFile(m_policyFile, "<hand>");
-    ASSERT_TRUE(WaitUntil([&] { return CountOf(qord->Err(), "no good: line 1, column 7") == 1; }));
+    WriteFile(m_policyFile, "<hand >"); // as long as the last one, in the same file
+    ASSERT_TRUE(WaitUntil([&] { return CountOf(qord->Err(), "no good: line 1, column 8") == 1; }));
+    Expect(0, "it is no good", "status");
     SetPolicy(0, "stored", "<b/>");
     boost::filesystem::remove(m_policyFile);
     ASSERT_TRUE(WaitUntil([&] { return CountOf(qord->Err(), "was taken away") == 1; }));
