@@ -138,6 +138,26 @@ TEST_F(Fault, EventsNameWhoHasNotHeardAndTheStatusWhoHas)
     EndCleanly(*qord);
 }
 
+TEST_F(Fault, WhoAnswersLateOfOnePolicyHasHeardOfTheNextOne)
+{
+    auto qord = StartQuietQord({"--event-timeout", std::to_string(WATCHDOG_MS)});
+    RawPeer peer;
+    peer.Call(SERVICE_NAME, SERVICE_PATH, "Hello", EventList({2}));
+    const auto hasHeard = [] { return Status()["clients"][0]["heard"] == true; };
+    peer.AnswerWith(HOLD);
+    ExpectResult(qor::POLICY_STORED, "<late/>");
+    ASSERT_TRUE(peer.WaitForCalls("Send", 1));
+    peer.AnswerWith(YES);
+    ExpectResult(qor::POLICY_STORED, "<last/>");
+    EXPECT_TRUE(WaitUntil(hasHeard)) << qord->Out();
+    peer.AnswerHeld(YES);
+    const auto events = [&] { return CountOf(qord->Out(), "update: 1 delivered, 0 failed"); };
+    EXPECT_TRUE(WaitUntil([&] { return events() == 2; })) << qord->Out();
+    EXPECT_TRUE(hasHeard()) << qord->Out();
+    EXPECT_EQ(peer.Count("Send"), 2U);
+    EndCleanly(*qord);
+}
+
 // Somebody who hangs must not hold up the others, nor the next service.
 TEST_F(Fault, ServiceStopsInTimeAndAnnouncesWhatIsDue)
 {
