@@ -1,8 +1,8 @@
 // The library's process-wide state, built in this order and torn down in the reverse one.
 //
-// The library promises this order, and the language guarantees none between units. So everything with a
-// constructor or a destructor is defined here, and its class only declares it.
-// Holders that must outlive the teardown are allocated and never freed.
+// The library promises this order, and the language guarantees none between units. So everything
+// with a constructor or a destructor is defined here, and its class only declares it. Holders that
+// must outlive the teardown are allocated and never freed.
 #include <pthread.h>
 
 #include <boost/shared_ptr.hpp>
