@@ -1,4 +1,4 @@
-// The applications on the bus, and what they have heard of.
+// The applications on the bus, and the last event that each has heard.
 #include "qord/Applications.h"
 
 #include <chrono>

@@ -1,4 +1,4 @@
-// The applications on the bus, and what they have heard of.
+// The applications on the bus, and the last event that each has heard.
 #ifndef QORD_APPLICATIONS_H
 #define QORD_APPLICATIONS_H
 
@@ -16,14 +16,14 @@
 namespace qord
 {
 
-/// The file of the policy in force, as a text that no other policy's has; empty where there is
-/// none. The same policy, set again, stays the same file.
+/// A text that identifies the file of the policy in force; empty if there is no policy. If the same
+/// policy is set again, the file stays the same.
 std::string MarkOfPolicyInForce(const TCPolicyStore& store);
 
 struct TSApplication
 {
     TSSender m_sender;
-    bool m_isKnown = false;     ///< Whether the bus has told who it is.
+    bool m_isKnown = false;     ///< The bus has told its user and process.
     std::int64_t m_heardAt = 0; ///< When it last answered an event about a policy; 0: never.
     std::uint64_t m_event = 0;  ///< The number of the latest event that it has answered so.
     std::string m_heard;        ///< The mark of that policy.
@@ -36,10 +36,10 @@ bool IsListening(qor::TCDbusServer& server, const std::string& client);
 /// By their unique names, which are never given again.
 using TApplications = std::map<std::string, std::shared_ptr<TSApplication>>;
 
-/// Those that are clients now. The bus was asked who they are when they came; where it is slow to
-/// answer, this waits two seconds at most.
+/// The present clients. The server has asked the bus about them when they registered; if the bus is
+/// slow to answer, this waits two seconds at most.
 ///
-/// @param before  from an earlier look
+/// @param before  the result of an earlier call
 TApplications Look(qor::TCDbusServer& server, const TApplications& before);
 
 } // namespace qord

@@ -26,8 +26,8 @@ std::string UnfinishedStart(const std::string& name)
     return "." + (fits ? name : tools::Sha256(name)) + end;
 }
 
-// The name is always the same, so that what a crash left behind is reused, not collected. Whatever
-// occupies it is removed and never opened: it might be a link or a pipe.
+// The name is always the same, so that files of crashes do not pile up. A file with this name is
+// removed, never opened, because it might be a link or a pipe.
 int Create(const TCDirectory& directory, const std::string& name)
 {
     directory.Remove(name);
@@ -202,15 +202,15 @@ TSReplaced TCAtomicFile::Replace(std::string_view text, bool isRestricted, bool 
     return replaced;
 }
 
-// The number of what it is written to replace, so that it is known from what it has replaced. A
-// file system that numbers its files anew each time it is mounted, as FAT does, has a former file
-// taken for one that is not finished, if it was cut off from its power just then.
+// The name has the number of the file to be replaced, which tells a new file from a replaced one. A
+// file system such as FAT numbers its files anew each time it is mounted: after a loss of power at
+// the wrong moment, an old file is then taken for an unfinished new one.
 std::string TCAtomicFile::m_UnfinishedName(const struct stat* pReplaced) const
 {
     return m_unfinished + std::to_string(pReplaced == nullptr ? 0 : pReplaced->st_ino);
 }
 
-// @return where the former file is
+// @return the path of the old file
 std::string TCAtomicFile::m_Swap(TCPassingName& unfinished) const
 {
     m_SyncOrTakeBack(unfinished,
@@ -262,7 +262,7 @@ bool TCAtomicFile::m_LinkFormer() const
     }
 }
 
-// Nothing is removed where that fails: either text may be what the next start should find.
+// If that fails, nothing is removed, because the next start may find either text.
 void TCAtomicFile::m_SyncOrTakeBack(TCPassingName& name,
                                     const std::function<void()>& takeBack) const
 {

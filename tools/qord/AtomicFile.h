@@ -20,39 +20,39 @@ public:
     using TCFileError::TCFileError;
 };
 
-/// What has become of the file that was replaced.
+/// The fate of the file that was replaced.
 struct TSReplaced
 {
-    std::string m_former;  ///< Its name now; empty where there was none, or it has none any more.
+    std::string m_former;  ///< Its present name; empty if there was no file, or it was removed.
     std::string m_warning; ///< What could not be kept of it, in words, or empty.
 };
 
-/// A reader, and a crash at any moment, find either the old or the new text, whole. What is being
-/// written stands beside the file, as .NAME.new-N, and then exchanges names with it, so that the
-/// old file is there in its turn. N is the old file's own number in the file system: it tells the
-/// two apart, whatever a crash has left. Where names cannot be exchanged, the old file is kept by a
-/// link, .NAME.old. The directory must outlive this object.
+/// Replaces a file so that readers always find either the old or the new text whole, even after a
+/// crash. The new text is written to .NAME.new-N in the same directory; then the two files exchange
+/// names, so that .NAME.new-N is the old file. N is the inode number of the old file: it tells the
+/// two apart after a crash. If names cannot be exchanged, a link .NAME.old keeps the old file. The
+/// directory must outlive this object.
 class TCAtomicFile
 {
 public:
     TCAtomicFile(const TCDirectory& directory, std::string name);
 
-    /// @param status  of the file; unspecified when there is none
-    /// @return whether there is one
-    /// @throws TCFileError also where something else has its name
+    /// @param status  of the file; unspecified if there is no file
+    /// @return whether there is a file
+    /// @throws TCFileError also if the name belongs to something other than a file
     bool Look(struct stat& status) const;
 
-    /// Tries in the directory what Replace needs, and leaves nothing.
+    /// Tries the steps of Replace in the directory, and leaves nothing behind.
     ///
     /// @throws TCFileError
     void Probe() const;
 
-    /// Removes what an interrupted Replace has left, except for former files that a new one has
-    /// indeed replaced: those are the caller's to keep or to remove.
+    /// Removes the files that an interrupted Replace has left, except for old files that a new one
+    /// has really replaced: the caller keeps or removes these.
     ///
-    /// @param warning  what could not be removed is added here
+    /// @param warning  gets the names of files that could not be removed
     ///
-    /// @return their names
+    /// @return the names of the old files
     /// @throws TCFileError
     std::vector<std::string> Tidy(std::string& warning) const;
 
@@ -66,10 +66,10 @@ public:
     /// Returns when the text is on the disk. The new file has the rights of the one that it
     /// replaces (see TakeRights).
     ///
-    /// @param needsFormer  not to be left without the former file by a crash, where that can be had
+    /// @param needsFormer  a crash must not lose the old file, if the file system allows that
     ///
     /// @throws TCFileError     the old file is in place, also after a crash
-    /// @throws TCStateUnknown  it may not be
+    /// @throws TCStateUnknown  the old or the new file may be in place
     TSReplaced Replace(std::string_view text, bool isRestricted, bool needsFormer,
                        const TSSteps& steps) const;
 

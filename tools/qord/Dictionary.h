@@ -38,7 +38,7 @@ public:
         Add(name, g_variant_new_string(tools::Printable(text).c_str()));
     }
 
-    /// What has been added, floating.
+    /// The finished dictionary, floating.
     GVariant* End()
     {
         return g_variant_builder_end(&m_values);

@@ -27,15 +27,15 @@ public:
         return m_descriptor;
     }
 
-    /// Closes it; false, with errno, where the system reports a failed write only now.
+    /// Closes it; false, with errno, if the system reports a failed write only now.
     bool Close();
 
 private:
     int m_descriptor;
 };
 
-/// All steps are taken in the directory as it was opened, whatever happens to its path meanwhile.
-/// Names are those of its entries; links are not followed. Everything throws TCFileError.
+/// All functions work in the directory that was opened, even if its path leads elsewhere meanwhile.
+/// Names are those of its entries; links are not followed. All functions throw TCFileError.
 class TCDirectory
 {
 public:
@@ -53,12 +53,12 @@ public:
     void Link(const std::string& from, const std::string& to) const;
     void Rename(const std::string& from, const std::string& to) const;
 
-    /// Two files change their names in one step.
+    /// Exchanges the names of two files in one step.
     ///
-    /// @return false where the file system or the kernel has no such step, or a filter refuses it
+    /// @return false if the file system or the kernel cannot do that, or a filter refuses it
     bool Exchange(const std::string& one, const std::string& other) const;
 
-    /// A file, a link, a pipe; not a directory. That there is none is fine.
+    /// Removes a file, a link or a pipe, but not a directory. It is no error if there is none.
     void Remove(const std::string& name) const;
 
     /// Returns when all changes of names are on the disk.
@@ -66,11 +66,11 @@ public:
 
     std::vector<std::string> List() const;
 
-    /// Reads a file of that name. Whoever may write here cannot make the reader wait, or have it
-    /// read what stands elsewhere.
+    /// Reads a file. Another user who may write to the directory cannot make it wait (with a pipe)
+    /// or read a file elsewhere (with a link).
     ///
-    /// @return false, with the reason in error, when it cannot be read or is larger than that; with
-    ///         an empty one when there is none
+    /// @return false if it cannot be read or is larger than maxSize, with the reason in error; the
+    ///         reason is empty if there is no file
     bool Read(const std::string& name, std::string& text, std::size_t maxSize,
               std::string& error) const;
 

@@ -1,4 +1,4 @@
-// Sends events, and says what became of them.
+// Sends events, and reports their outcomes.
 #include "qord/Events.h"
 
 #include <ctime>

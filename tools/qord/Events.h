@@ -1,4 +1,4 @@
-// Sends events, and says what became of them.
+// Sends events, and reports their outcomes.
 #ifndef QORD_EVENTS_H
 #define QORD_EVENTS_H
 
@@ -15,15 +15,15 @@
 namespace qord
 {
 
-/// Who has not heard an event.
+/// An application that has not heard an event.
 struct TSMissed
 {
     std::string m_name;
-    TSSender m_sender; ///< Without a user name; all empty where the bus has not told.
+    TSSender m_sender; ///< Without a user name; empty if the bus has not told.
     std::string m_outcome;
 };
 
-/// What became of an event.
+/// The outcome of an event.
 struct TSEventResult
 {
     int m_type = 0;

@@ -1,4 +1,4 @@
-// What went wrong with a file, in words, and with the system's error number.
+// An error of a file operation, in words, with the system's error number.
 #ifndef QORD_FILEERROR_H
 #define QORD_FILEERROR_H
 
@@ -30,13 +30,13 @@ private:
     throw TCFileError(doing + ": " + std::generic_category().message(code), code);
 }
 
-/// Of a file system, or of what the process may have of it.
+/// Whether the code means that the file system, or the process's share of it, is full.
 inline bool IsFull(int code)
 {
     return code == ENOSPC || code == EDQUOT;
 }
 
-/// Adds to what went wrong and did no harm to the policy.
+/// Adds a failure that did no harm to the policy.
 inline void AddWarning(std::string& warnings, const std::string& more)
 {
     warnings += (warnings.empty() || more.empty() ? "" : "; ") + more;

@@ -1,4 +1,4 @@
-// Whose a new file is, and who may do what with it.
+// Owner, group and rights of a new file.
 #include "qord/FileRights.h"
 
 #include <fcntl.h>
@@ -73,7 +73,8 @@ bool Give(int file, uid_t user, gid_t group)
     return false;
 }
 
-// What a new file has from a default list of the directory goes where the old one had nothing.
+// If the old file had no access list, removes the one that the new file has from the directory's
+// default list.
 bool TakeAccessList(int file, const TSAccessList& list)
 {
     if (list.m_bytes.empty())
@@ -93,7 +94,7 @@ void SetMode(int file, mode_t mode)
 
 } // namespace
 
-// The owner goes last: who has given a file away may no longer change it.
+// The owner is changed last, because a process that has given a file away may no longer change it.
 std::string TakeRights(const TCDirectory& directory, int file, const std::string& replaced,
                        const struct stat* pReplaced, bool isRestricted)
 {
@@ -123,7 +124,7 @@ std::string TakeRights(const TCDirectory& directory, int file, const std::string
     {
         AddWarning(lost, "its access list could not be kept");
     }
-    // With a list, these bits are what it grants at most.
+    // With an access list, these bits limit the rights that the list grants.
     if (!hasList || (!hasGroup && list.m_bytes.empty()))
     {
         mode &= ~GROUP | everybodys << GROUP_SHIFT;

@@ -1,4 +1,4 @@
-// Whose a new file is, and who may do what with it.
+// Owner, group and rights of a new file.
 #ifndef QORD_FILERIGHTS_H
 #define QORD_FILERIGHTS_H
 
@@ -9,13 +9,13 @@
 namespace qord
 {
 
-/// Gives a new file the owner, the group, the permissions and the access list of the one whose
-/// place it will take, as far as this process may. Where it may not, nobody comes to rights that he
-/// did not have: those of a group that is not the old one's are cut down to everybody's.
+/// Gives a new file the owner, the group, the permissions and the access list of the file that it
+/// will replace, as far as this process may. If it may not, no user gets more rights than before: a
+/// group that is not the old file's gets only the rights of everybody.
 ///
-/// @param file         of this process's user, open for writing, for nobody else to read yet
-/// @param pReplaced    null where there is none; then everybody may read the new one
-/// @param isRestricted nobody but owner, group and whom the access list names gets any right
+/// @param file         of this process's user, open for writing, not readable by others yet
+/// @param pReplaced    null if there is no old file; then everybody may read the new one
+/// @param isRestricted only owner, group, and the users and groups of the access list get rights
 ///
 /// @return what could not be kept, in words, or empty
 /// @throws TCFileError

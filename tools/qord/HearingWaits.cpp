@@ -14,7 +14,7 @@ constexpr std::size_t MAX_WAITS = 64;
 // A client that leaves, and a deadline, are noticed within that.
 constexpr unsigned int INTERVAL_MS = 200;
 
-// Of the last event, where it says something about the client.
+// The client's outcome of the last event; empty if the event was not for it.
 std::string OutcomeOf(const TSEventResult& event, const std::string& name)
 {
     for (const TSMissed& missed : event.m_missed)

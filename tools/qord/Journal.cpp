@@ -34,7 +34,7 @@ bool TakesMore()
 {
     static const int s_descriptor = ConnectToJournal();
     pollfd state = {s_descriptor, POLLOUT, 0};
-    // Without that socket, and after a restart of the journal, nobody knows.
+    // Without that socket, or after a restart of the journal, this cannot be known.
     return poll(&state, 1, 0) != 0 || s_descriptor < 0;
 }
 

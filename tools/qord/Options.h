@@ -15,7 +15,7 @@ namespace qord
 
 struct TSOptions
 {
-    std::string m_policyFile; ///< Empty: where the platform has its policy.
+    std::string m_policyFile; ///< Empty: the platform's policy file.
     std::size_t m_maxPolicySize = tools::MAX_POLICY_SIZE;
     TSStoreRules m_storeRules = {5, 0, false};
     TSPermissionRules m_permission;
@@ -25,8 +25,8 @@ struct TSOptions
     bool m_verbose = false;
 };
 
-/// Reads the command line. Empty where the process has nothing left to do but to end with
-/// exitStatus: help or version has been printed, or what is wrong.
+/// Reads the command line. Empty if the process only has to end with exitStatus, because help,
+/// version or an error has been printed.
 std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitStatus);
 
 } // namespace qord

@@ -1,4 +1,4 @@
-// Who may change the policy, and who may read what the service keeps.
+// Decides which users may change the policy, and which may read the stored policies.
 #include "qord/Permission.h"
 
 #include <unistd.h>

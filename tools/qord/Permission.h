@@ -1,4 +1,4 @@
-// Who may change the policy, and who may read what the service keeps.
+// Decides which users may change the policy, and which may read the stored policies.
 #ifndef QORD_PERMISSION_H
 #define QORD_PERMISSION_H
 
@@ -15,9 +15,9 @@ namespace qord
 struct TSPermissionRules
 {
     std::vector<std::string> m_groups; ///< Their members may change the policy.
-    std::string m_ownGroup;            ///< The one of them that nobody asked for; may be missing.
-    bool m_everyone = false;           ///< So may everybody.
-    bool m_restrictReading = false;    ///< Only those who may change the policy may read it.
+    std::string m_ownGroup;         ///< The build's group; it may be missing without a complaint.
+    bool m_everyone = false;        ///< So may everybody.
+    bool m_restrictReading = false; ///< Only those who may change the policy may read it.
 };
 
 enum class EPermission
@@ -34,10 +34,10 @@ class TCPermission
 public:
     TCPermission(TSPermissionRules rules, TCUserDatabase& users);
 
-    /// Where the bus does not tell groups, the user database is asked.
+    /// Asks the user database if the bus does not tell the groups.
     EPermission MayChange(const qor::TSPeer& peer) const;
 
-    /// Those of the groups that somebody has asked for and that do not exist just now.
+    /// The groups of --allow-group that do not exist at the moment.
     std::vector<std::string> MissingGroups() const;
 
 private:

@@ -12,7 +12,7 @@ namespace qord
 namespace
 {
 
-// What fits into a question for a policy.
+// The largest number that can be asked for.
 constexpr std::uint64_t LAST_NUMBER = INT32_MAX;
 
 constexpr std::uint64_t BLOCK = 512;
@@ -79,7 +79,7 @@ bool TCPolicyCopies::MakeRoom(std::uint64_t bytes) const
     return List().size() < numbers.size();
 }
 
-// What is no file has a number that is taken, and is none of them.
+// An entry that is not a file is not listed, but its number is taken.
 TCPolicyCopies::TNumbers TCPolicyCopies::List() const
 {
     TNumbers numbers = m_Taken();
@@ -92,7 +92,7 @@ TCPolicyCopies::TNumbers TCPolicyCopies::List() const
     return numbers;
 }
 
-// In order. A number that is written in another way than it is here is somebody else's.
+// In order. Ignores numbers that are written differently from ours.
 TCPolicyCopies::TNumbers TCPolicyCopies::m_Taken() const
 {
     TNumbers numbers;

@@ -12,31 +12,31 @@
 namespace qord
 {
 
-/// The kept copies of one policy file: NAME.kept-1, NAME.kept-2 and so on, beside it. Numbers rise
-/// and tell the age; clocks do not. A copy is the old file itself, under another name. Files of
-/// other names, of numbers that nobody could ask for, and what is no file, are nobody's business
-/// here, and with a limit of 0 neither are these.
+/// The kept copies of one policy file: NAME.kept-1, NAME.kept-2 and so on, in the same directory.
+/// The numbers rise and tell the age; clocks do not. A copy is the old file itself, under another
+/// name. This class does not touch files with other names or with numbers that cannot be asked for,
+/// nor entries that are not files; with a limit of 0 it touches no copies either.
 ///
-/// The directory must outlive this object. TCFileError is thrown where it cannot be read.
+/// The directory must outlive this object. TCFileError is thrown if it cannot be read.
 class TCPolicyCopies
 {
 public:
     TCPolicyCopies(const TCDirectory& directory, std::string policyName, std::size_t limit);
 
-    /// Gives a file in the directory the next number, and removes the oldest over the limit first.
-    /// One that can have no name as a copy is removed.
+    /// Gives a file in the directory the next number, after removing the oldest copies over the
+    /// limit. If the name of the copy would be too long, the file is removed.
     ///
     /// @return what could not be done, or empty
     std::string Keep(const std::string& name) const;
 
-    /// Removes the oldest over the limit.
+    /// Removes the oldest copies over the limit.
     ///
     /// @return what could not be done, or empty
     std::string Trim() const;
 
-    /// Removes the oldest, on a disk that is full; none of them where even all would not do.
+    /// Removes the oldest copies on a full disk; none if even removing all would not be enough.
     ///
-    /// @return false when nothing has been removed
+    /// @return false if no copy was removed
     bool MakeRoom(std::uint64_t bytes) const;
 
     using TNumbers = std::vector<std::uint64_t>;

@@ -1,4 +1,4 @@
-// What the service tells about itself, the policy and the applications, as D-Bus values.
+// Facts about the service, the policy and the applications, as D-Bus values.
 #include "qord/PolicyFacts.h"
 
 #include <unistd.h>
@@ -170,7 +170,7 @@ TCPolicyFacts::TCPolicyFacts(const TSOptions& options, TCPolicyHandler& handler,
 {
 }
 
-// The file is read anew only where it is another one: properties are asked for one by one.
+// Reads the file again only if it has changed, because properties are asked for one by one.
 const TCPolicyFacts::TSInForce& TCPolicyFacts::m_Look()
 {
     struct stat file = {};
@@ -309,7 +309,7 @@ GVariant* TCPolicyFacts::Policies()
     return g_variant_builder_end(&builder);
 }
 
-// Others' clients are for those who may change the policy.
+// Only users who may change the policy see the clients of others.
 GVariant* TCPolicyFacts::Clients(const TSAsker& asker, qor::TCDbusServer& server)
 {
     const bool isForAll = asker.m_permission == EPermission::GRANTED;

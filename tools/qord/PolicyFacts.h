@@ -1,4 +1,4 @@
-// What the service tells about itself, the policy and the applications, as D-Bus values.
+// Facts about the service, the policy and the applications, as D-Bus values.
 #ifndef QORD_POLICYFACTS_H
 #define QORD_POLICYFACTS_H
 
@@ -30,7 +30,7 @@ public:
 
     /// One of the interface's properties.
     ///
-    /// @param mayRead  else null for what is only for those who may read the policy
+    /// @param mayRead  the caller may read the policy; otherwise some properties are null
     GVariant* Property(const std::string& name, bool mayRead, qor::TCDbusServer& server);
 
     GVariant* Policies();
@@ -38,10 +38,10 @@ public:
     /// The applications that the asker may see: its own user's, or all.
     GVariant* Clients(const TSAsker& asker, qor::TCDbusServer& server);
 
-    /// The hash of the policy in force; empty where there is none.
+    /// The hash of the policy in force; empty if there is no policy.
     const std::string& HashInForce();
 
-    /// What a signal tells of the policy in force.
+    /// The facts about the policy in force that the signal carries.
     GVariant* Details();
 
     /// One line for the service manager.
@@ -72,12 +72,12 @@ private:
     TCEvents& m_events;
     const TCPermission& m_permission;
     TCUserDatabase& m_users;
-    std::string m_policyFile; ///< Absolute: whoever is told has another working directory.
+    std::string m_policyFile; ///< Absolute, because callers have other working directories.
     std::int64_t m_upSince;
     TSInForce m_inForce;
 };
 
-/// Who has not heard of an event, as entries of an array of a{sv}.
+/// The applications that have not heard of an event, as entries of an array of a{sv}.
 GVariant* NotHeard(const std::vector<TSMissed>& missed);
 
 } // namespace qord

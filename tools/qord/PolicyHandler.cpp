@@ -73,13 +73,13 @@ public:
         return m_error;
     }
 
-    // What was reported.
+    // The words that were reported.
     const std::string& Words() const
     {
         return m_words;
     }
 
-    // @param result  negative where the request has no result
+    // @param result  negative if the request has no result
     void Report(int result, const std::string& words) const
     {
         m_words = words;
@@ -130,12 +130,12 @@ private:
 
     TCPolicyHandler& m_handler;
     const TSAsker& m_asker;
-    std::optional<TSSender> m_sender; ///< Nothing where the bus has not told.
+    std::optional<TSSender> m_sender; ///< Empty if the bus has not told.
     std::size_t m_size;
     std::string_view m_policy; ///< Inside the request.
     std::string m_error;
     bool m_isPolicy;
-    std::string m_sha256; ///< Empty for who may not: a large text is not even read for them.
+    std::string m_sha256; ///< Empty if the sender may not: its text is not even read.
     mutable std::string m_words;
 };
 
@@ -173,7 +173,7 @@ void TCPolicyHandler::LookAtForeignPolicy()
                                "than this service; it is not known who");
 }
 
-// The hash of what is in force; empty where that cannot be read, or is not there.
+// The hash of the policy in force; empty if it cannot be read or there is none.
 std::string TCPolicyHandler::m_CheckInForce()
 {
     std::string policy;
@@ -234,7 +234,7 @@ int TCPolicyHandler::m_Decide(const TCAttempt& attempt, const std::optional<std:
     int result = POLICY_CHANGED;
     if (!attempt.Sender())
     {
-        result = qor::POLICY_NOT_STORED; // it may be one who may
+        result = qor::POLICY_NOT_STORED; // the sender may be permitted: it may try again
         attempt.Report(result, "is not stored: the bus has not told who sends it; try again");
     }
     else if (!attempt.IsPermitted() && !attempt.IsRefused())
@@ -272,7 +272,7 @@ bool TCPolicyHandler::IsGood(const std::string& sha256)
             m_Check(policy, tools::Sha256(policy), error) == qor::POLICY_STORED);
 }
 
-// Only what was checked has ever been stored.
+// Every stored policy has been checked before.
 bool TCPolicyHandler::m_IsKnownGood(const std::string& sha256) const
 {
     return std::find(m_good.begin(), m_good.end(), sha256) != m_good.end() ||

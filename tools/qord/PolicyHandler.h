@@ -23,19 +23,19 @@
 namespace qord
 {
 
-/// Who sends a request.
+/// The sender of a request.
 struct TSAsker
 {
     qor::TSPeer m_peer;
     EPermission m_permission = EPermission::REFUSED; ///< To change the policy.
 };
 
-/// What has come of a policy.
+/// The result of setting a policy.
 struct TSVerdict
 {
     /// One of qor::EPolicyResult, or POLICY_CHANGED.
     int m_result = qor::POLICY_NOT_STORED;
-    std::string m_words;  ///< Why not, for whoever has sent it; empty where it is in force.
+    std::string m_words;  ///< The reason for the sender; empty if the policy is in force.
     std::string m_sha256; ///< The policy's.
 };
 
@@ -43,20 +43,20 @@ struct TSVerdict
 /// that, so it never answers so.
 constexpr int POLICY_CHANGED = 6;
 
-/// Reads a request, checks the policy and stores it; says in one line what came of it and who asked
-/// for it. Whatever the bytes are, it takes a small multiple of their memory, and none for a policy
+/// Reads a request, checks the policy and stores it; reports result and sender in one line. Takes
+/// at most a small multiple of the request's memory, whatever its bytes are, and none for a policy
 /// over the limit.
 class TCPolicyHandler
 {
 public:
     TCPolicyHandler(TCPolicyStore store, std::size_t maxPolicySize, TCUserDatabase& users);
 
-    /// Makes the policy's place ready and says what is wrong there, also with the policy itself.
+    /// Prepares the policy's place and reports what is wrong with it, or with the stored policy.
     ///
-    /// @throws std::runtime_error where no policy could ever be stored
+    /// @throws std::runtime_error if no policy can ever be stored
     void Open();
 
-    /// Says what somebody else has put into force, and what is wrong with it.
+    /// Reports a policy that another program has written into the file, and what is wrong with it.
     void LookAtForeignPolicy();
 
     /// @return false for a request that is not a policy; else the answer, one of
@@ -64,14 +64,14 @@ public:
     bool Handle(const qor::TByteArray& request, const TSAsker& asker, qor::TByteArray& reply,
                 int& result);
 
-    /// The same for a text that came in another way.
+    /// The same for a text that has not come over the channel.
     ///
-    /// @param ifMatch  the SHA-256 of the policy that must be in force, empty for none; where one
-    ///                 is wanted
+    /// @param ifMatch  if set, the SHA-256 that the policy in force must have; an empty text means
+    ///                 that there must be no policy
     TSVerdict Set(std::string_view policy, const TSAsker& asker,
                   const std::optional<std::string>& ifMatch);
 
-    /// The hash of the policy in force; empty where there is none.
+    /// The hash of the policy in force; empty if there is no policy.
     std::string HashInForce();
 
     /// Whether the policy in force, of that hash, is well-formed. It is read and checked where its
@@ -84,7 +84,7 @@ public:
         return m_hasSeenPolicy;
     }
 
-    /// Why the last policy that was to be stored may not be; empty where it is.
+    /// Why the last policy could not be stored; empty if it was.
     const std::string& WhyNotStored() const
     {
         return m_notStored;
@@ -113,7 +113,7 @@ public:
         return m_history;
     }
 
-    /// For the lines about what else is refused.
+    /// For the lines about other refusals.
     TCRefusalLog& Refusals()
     {
         return m_refusals;

@@ -1,4 +1,4 @@
-// What the service remembers of the policies: who set them, and their hashes.
+// The record of the policies: the users who have set them, and their hashes.
 #include "qord/PolicyHistory.h"
 
 #include <algorithm>
@@ -113,7 +113,7 @@ TCPolicyHistory::TSEntry TCPolicyHistory::Find(const TCPolicyStore& store,
     return record.m_entry;
 }
 
-// What somebody else has put there has no setter.
+// A policy that another program has put there has no known user.
 bool TCPolicyHistory::HasStored(const std::string& sha256) const
 {
     return std::any_of(m_records.begin(), m_records.end(),

@@ -1,4 +1,4 @@
-// What the service remembers of the policies: who set them, and their hashes.
+// The record of the policies: the users who have set them, and their hashes.
 #ifndef QORD_POLICYHISTORY_H
 #define QORD_POLICYHISTORY_H
 
@@ -13,11 +13,11 @@
 namespace qord
 {
 
-/// Kept in a file of its own beside the policy, NAME.history. Policies and kept copies are the same
-/// files under changing names: an entry knows its file by number, size and time of writing, so that
-/// one that somebody else has put there has no entry. Files that were carried elsewhere, with
-/// another disk or in an archive, have new numbers: they are known by their text and the second in
-/// which it was written. Without the record, or where it is broken, only these words are missing.
+/// Kept in the file NAME.history in the policy's directory. Policies and kept copies are the same
+/// files under changing names, so an entry identifies its file by inode number, size and time of
+/// writing; a file that another program has put there has no entry. Files that were copied to
+/// another disk have new numbers; they are identified by their text and the second in which it was
+/// written. If the record is missing or damaged, only these facts are missing.
 class TCPolicyHistory
 {
 public:
@@ -27,11 +27,11 @@ public:
         std::optional<TSSender> m_setter; ///< Without groups.
     };
 
-    /// Replaces what is remembered by what the file has.
+    /// Replaces the entries by those of the file.
     void Load(const TCPolicyStore& store);
 
-    /// Remembers who has set the policy that will be in force in a moment, and forgets those that
-    /// are gone.
+    /// Adds the user who sets the policy that will be in force in a moment, and removes entries of
+    /// policies that no longer exist.
     ///
     /// @param file  that policy's
     ///
@@ -43,7 +43,7 @@ public:
     /// there.
     bool HasStored(const std::string& sha256) const;
 
-    /// What is known of one file; reads it for its hash where that is not.
+    /// The facts about one file; reads the file if its hash is not known.
     TSEntry Find(const TCPolicyStore& store, const TSStoredPolicy& policy);
 
 private:

@@ -18,7 +18,7 @@ namespace
 
 constexpr unsigned int MAX_WAIT_SECONDS = 3600;
 constexpr std::size_t HASH_LENGTH = 64;
-// What stands in an answer beside the text.
+// The bytes of an answer besides the text.
 constexpr std::size_t ANSWER_ROOM = 128;
 
 constexpr std::size_t MAX_WORDS = 1000;
@@ -46,8 +46,8 @@ const char* ErrorName(int result)
     }
 }
 
-// The words may repeat what the caller has sent, and a message over the limit of the bus would
-// close the connection.
+// The words may repeat text of the caller, so they are cut: a message over the limit of the bus
+// would close the connection.
 void ReturnError(GDBusMethodInvocation* pInvocation, const char* name, const std::string& words)
 {
     g_dbus_method_invocation_return_dbus_error(

@@ -24,11 +24,11 @@ namespace qord
 class TCPolicyInterface
 {
 public:
-    /// What the service adds to a call.
+    /// Functions of the service for a call.
     struct TSService
     {
-        std::function<TSAsker()> m_asker;       ///< Who calls; may ask the user database.
-        std::function<EPermission()> m_mayRead; ///< Whether the caller may read what is kept.
+        std::function<TSAsker()> m_asker;       ///< The caller; may ask the user database.
+        std::function<EPermission()> m_mayRead; ///< Whether the caller may read the policies.
         std::function<bool()> m_isReady;
         std::function<void()> m_onStored; ///< A policy that may be in force now.
     };
@@ -45,9 +45,9 @@ public:
         m_pServer = &server;
     }
 
-    /// Tells whoever listens that another policy is in force, if that is so.
+    /// Sends the signal that another policy is in force, if that is so.
     ///
-    /// @param isTold  whether everybody may know which
+    /// @param isTold  whether everybody may know which one
     void TellChange(bool isTold);
 
 private:

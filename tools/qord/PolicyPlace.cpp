@@ -1,4 +1,4 @@
-// The policy's directory and what stands in it.
+// The policy's directory and the files in it.
 #include "qord/PolicyPlace.h"
 
 #include <fcntl.h>
@@ -16,7 +16,7 @@ namespace
 {
 
 constexpr std::uint64_t BYTES_PER_MIB = 1048576;
-constexpr std::uint64_t RECORD_ROOM = 4096; // what the record takes, or so
+constexpr std::uint64_t RECORD_ROOM = 4096; // about the size of the record
 
 } // namespace
 
@@ -159,7 +159,7 @@ void TCPolicyPlace::RefuseWithoutRoom() const
     m_RefuseWithoutSpace();
 }
 
-// Whoever has put it there, and whatever has kept an earlier attempt from its end, did not sync it.
+// Another program, or an interrupted attempt, may have written the text without syncing it.
 bool TCPolicyPlace::IsInForce(std::string_view text) const
 {
     struct stat status;

@@ -1,4 +1,4 @@
-// The policy's directory and what stands in it.
+// The policy's directory and the files in it.
 #ifndef QORD_POLICYPLACE_H
 #define QORD_POLICYPLACE_H
 
@@ -34,8 +34,8 @@ struct TSStoredPolicy
     struct stat m_status = {};
 };
 
-/// As they are when it is made; nothing here follows a link. Everything throws TCFileError; what
-/// keeps no policy from being stored is returned as a warning.
+/// Opened when it is made; nothing here follows a link. All functions throw TCFileError; failures
+/// that keep no policy from being stored are returned as a warning.
 class TCPolicyPlace
 {
 public:
@@ -60,11 +60,10 @@ public:
     /// Before anything is made.
     void RefuseOtherThanFile() const;
 
-    /// Ends what has been interrupted.
+    /// Completes or undoes a replacement that was interrupted.
     std::string Settle() const;
 
-    /// Where the rules say so, takes the files from everybody that an earlier service has left to
-    /// them.
+    /// If reading is restricted, takes the rights of others from files of an earlier service.
     std::string Restrict() const;
 
     void Probe() const;

@@ -14,7 +14,7 @@ constexpr std::size_t MAX_SUSPENDED = 8;
 
 } // namespace
 
-// Whoever may not read the policy learns that something is wrong, and not where or with whom.
+// A user who may not read the policy learns what is wrong, but no file and no application.
 std::vector<std::string> TCPolicyFacts::m_Problems(bool isDetailed, qor::TCDbusServer& server)
 {
     std::vector<std::string> problems;
@@ -48,7 +48,7 @@ std::vector<std::string> TCPolicyFacts::m_Problems(bool isDetailed, qor::TCDbusS
     return problems;
 }
 
-// Empty where none is.
+// Empty if no client is suspended.
 std::string TCPolicyFacts::m_Suspended(bool isDetailed, qor::TCDbusServer& server)
 {
     std::vector<std::string> suspended;

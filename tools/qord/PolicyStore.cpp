@@ -76,8 +76,8 @@ void MakeDirectory(const path& directory)
     }
 }
 
-// The others do not: a disk that is full or was mounted read-only after an error, or a machine that
-// is short of something, recovers, and what is there can be read meanwhile.
+// After the other errors the service goes on: a disk that is full or was mounted read-only, or a
+// machine that lacks memory, may recover, and the stored policy can be read meanwhile.
 bool PassesByItself(int code)
 {
     return IsFull(code) || code == EROFS || code == EIO || code == EINTR || code == EMFILE ||

@@ -17,14 +17,14 @@
 namespace qord
 {
 
-/// What has come of a policy.
+/// The result of storing a policy.
 struct TSStoreOutcome
 {
     /// POLICY_STORED; POLICY_NOT_STORED: the old file is in place, and the kept ones too, on a full
     /// disk but for those that would have gone; POLICY_STATE_UNKNOWN
     qor::EPolicyResult m_result = qor::POLICY_NOT_STORED;
     bool m_wasInForce = false; ///< The very same text: nothing has been written.
-    std::string m_words; ///< Why it is not stored; where it is, what else went wrong, or empty.
+    std::string m_words;       ///< Why it is not stored; if it is, what else failed, or empty.
 };
 
 /// Replaces the policy file in one step: a reader, and a crash at any moment, find either the old
@@ -34,13 +34,13 @@ class TCPolicyStore
 public:
     explicit TCPolicyStore(std::string path, TSStoreRules rules = {});
 
-    /// Creates the file's directory if there is none, takes the file for this process, ends what a
-    /// crash has interrupted, and tries what storing needs.
+    /// Creates the file's directory if there is none, locks the file for this process, completes a
+    /// replacement that a crash has interrupted, and tries the steps of storing.
     ///
-    /// @param warning  what went wrong and keeps no policy from being stored, or empty
+    /// @param warning  failures that keep no policy from being stored, or empty
     ///
-    /// @return why nothing could be stored just now, though it may later; empty when it could
-    /// @throws std::runtime_error where nothing could ever be stored, with the reason
+    /// @return why no policy can be stored at the moment, though it may later; empty if it can
+    /// @throws std::runtime_error with the reason, if no policy can ever be stored
     std::string Open(std::string& warning);
 
     /// Looks, and changes nothing.
@@ -50,18 +50,18 @@ public:
 
     /// Reads the policy that is in force, or the kept one of that number.
     ///
-    /// @return false, with the reason in error, when it cannot be read or is larger than that; with
-    ///         an empty one when there is none
+    /// @return false if it cannot be read or is larger than maxSize, with the reason in error; the
+    ///         reason is empty if there is no such policy
     bool Read(std::uint64_t number, std::string& text, std::size_t maxSize,
               std::string& error) const;
 
-    /// The kept ones in the order of their age, oldest first, then the one in force, as far as
-    /// there are any; empty where the directory cannot be read.
+    /// The kept policies, oldest first, then the one in force, if there are any; empty if the
+    /// directory cannot be read.
     std::vector<TSStoredPolicy> List() const;
 
     /// Reads the record, FILE.history beside the policy.
     ///
-    /// @return false when there is none, or it cannot be read or is larger than that
+    /// @return false if there is none, or it cannot be read or is larger than maxSize
     bool ReadRecord(std::string& text, std::size_t maxSize) const;
 
     using TRecorder = TCPolicyPlace::TRecorder;

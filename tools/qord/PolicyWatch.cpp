@@ -10,7 +10,7 @@ namespace qord
 namespace
 {
 
-// Whoever writes a file does so in several steps.
+// A program may write a file in several steps.
 constexpr unsigned int SETTLING_MS = 500;
 
 } // namespace

@@ -11,13 +11,12 @@
 namespace qord
 {
 
-/// Lives in the default main context. Where the system has no way to watch files, it notices
-/// nothing.
+/// Lives in the default main context. If the system cannot watch files, it notices nothing.
 class TCPolicyWatch
 {
 public:
-    /// @param file      also a symbolic link, which is watched together with what it leads to now
-    /// @param onChange  called within a second of a change, whoever has made it
+    /// @param file      may be a symbolic link, which is watched together with its present target
+    /// @param onChange  called within a second of a change, also of one by this process
     TCPolicyWatch(const std::string& file, std::function<void()> onChange);
     ~TCPolicyWatch();
 

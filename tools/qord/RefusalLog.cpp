@@ -1,4 +1,4 @@
-// The lines about what is refused: a few of each user, and a count.
+// The lines about refusals: a few for each user, and a count.
 #include "qord/RefusalLog.h"
 
 #include <algorithm>

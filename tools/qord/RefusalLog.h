@@ -1,4 +1,4 @@
-// The lines about what is refused: a few of each user, and a count.
+// The lines about refusals: a few for each user, and a count.
 #ifndef QORD_REFUSALLOG_H
 #define QORD_REFUSALLOG_H
 
@@ -16,11 +16,10 @@
 namespace qord
 {
 
-/// Whoever is refused again and again must not fill the log, in which the lines about others are.
-/// The first five refusals of a user within a window of time have a line each; what follows is
-/// counted, and has one line when the window ends. 256 users have an account of their own at a
-/// time; beyond that, all others share one. Lives in the default main context, which it leaves
-/// alone while there is nothing to tell.
+/// A user who is refused again and again must not fill the log. The first five refusals of a user
+/// within a window of time have a line each; further ones are counted, and have one line when the
+/// window ends. 256 users have an account of their own at a time; all others share one. Lives in
+/// the default main context, which it does not wake up while there is nothing to report.
 class TCRefusalLog
 {
 public:
@@ -30,16 +29,16 @@ public:
     TCRefusalLog(const TCRefusalLog&) = delete;
     TCRefusalLog& operator=(const TCRefusalLog&) = delete;
 
-    /// @param userId  nothing where the bus does not tell: such senders share one account
+    /// @param userId  empty if the bus does not tell; such senders share one account
     /// @param fields  "NAME=value" each, for the journal
     void Write(const std::optional<uid_t>& userId, const std::vector<std::string>& fields,
                const std::string& line);
 
-    /// Tells now what has been counted.
+    /// Reports the counts now.
     void End();
 
 private:
-    // Who has an account: a user, or one of those.
+    // The owner of an account: a user id, or one of the constants below.
     using TKey = std::int64_t;
     static constexpr TKey UNKNOWN = -1;
     static constexpr TKey OTHERS = -2;

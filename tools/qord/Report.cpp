@@ -1,4 +1,4 @@
-// One line at a time to whoever runs the service.
+// The lines that the service prints for its administrator.
 #include "qord/Report.h"
 
 #include <poll.h>

@@ -1,4 +1,4 @@
-// One line at a time to whoever runs the service.
+// The lines that the service prints for its administrator.
 #ifndef QORD_REPORT_H
 #define QORD_REPORT_H
 
@@ -9,13 +9,13 @@ namespace qord
 {
 
 // Under systemd the lines go to the journal, elsewhere to standard output and standard error. A
-// line that would have to wait for a reader is dropped, and the next one that goes through says how
-// many were; it is cut off where a pipe would not take it in one piece.
+// line that would have to wait for a reader is dropped, and the next line that is written says how
+// many were. A line is cut off if a pipe would not take it in one piece.
 
-/// What is as it should be.
+/// Reports success.
 void Report(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-/// What is not: priority "err" in the journal, standard error elsewhere.
+/// Reports a failure: priority "err" in the journal, standard error elsewhere.
 void ReportError(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 /// A line with fields of its own for the journal.

@@ -1,4 +1,4 @@
-// Who is behind a name on the bus, in words.
+// The user and process of a name on the bus, in words.
 #include "qord/Sender.h"
 
 #include <fstream>

@@ -1,4 +1,4 @@
-// Who is behind a name on the bus, in words.
+// The user and process of a name on the bus, in words.
 #ifndef QORD_SENDER_H
 #define QORD_SENDER_H
 
@@ -16,21 +16,21 @@ namespace qord
 struct TSSender
 {
     uid_t m_userId = 0;
-    /// The number where the user database has none; empty where it was not asked, or has not
+    /// The number if the user database has no name; empty if the database was not asked, or has not
     /// answered.
     std::string m_userName;
-    pid_t m_processId = 0; ///< 0 where the bus does not know.
-    std::string m_program; ///< What the process calls itself; empty where that cannot be read.
+    pid_t m_processId = 0; ///< 0 if the bus does not know it.
+    std::string m_program; ///< The process's own name for itself; empty if that cannot be read.
 };
 
-/// @param peer  whom the bus knows
+/// @param peer  a peer that the bus knows
 TSSender SenderOf(const qor::TSPeer& peer);
 
-/// Asks the user database, which may be far away: only for who is about to be shown.
+/// Asks the user database, which may be slow: only for a sender that is about to be shown.
 void AskForUserName(TSSender& sender, TCUserDatabase& users,
                     TCUserDatabase::TPatience patience = TCUserDatabase::PATIENCE);
 
-/// Its user's name, or the number where that is not known.
+/// The name of the sender's user, or the number if the name is not known.
 std::string UserOf(const TSSender& sender);
 
 /// "user 1000 (name), process 812 (program)", without a name that is not known.

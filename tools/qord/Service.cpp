@@ -200,7 +200,7 @@ void TCService::m_Fail(const std::string& reason)
 TCPolicyInterface::TSService TCService::m_ForInterface()
 {
     return {[this] { return m_Asker(); },
-            // For most services nobody has to be looked up.
+            // If reading is not restricted, the caller need not be looked up.
             [this]
             {
                 return m_options.m_permission.m_restrictReading ? m_Asker().m_permission

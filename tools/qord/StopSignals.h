@@ -7,11 +7,11 @@
 namespace qord
 {
 
-/// One object per process, which takes over both signals until it goes.
+/// One object per process, which handles both signals as long as it exists.
 ///
-/// The first signal is told to the default main context. A second one has its default action: it
-/// ends the process at once. Where the process has not ended limitMs after the first, because
-/// something does not come back (the bus, the disk), it gets the second from itself.
+/// The first signal calls the function in the default main context. A second one has its default
+/// action: it ends the process at once. If the process has not ended limitMs after the first one,
+/// because the bus or the disk does not respond, it sends itself the second one.
 class TCStopSignals
 {
 public:

@@ -1,4 +1,4 @@
-// The system's log, where there is no journal.
+// The system's log, for machines without a journal.
 #include "qord/Syslog.h"
 
 #include <sys/socket.h>

@@ -1,4 +1,4 @@
-// The system's log, where there is no journal.
+// The system's log, for machines without a journal.
 #ifndef QORD_SYSLOG_H
 #define QORD_SYSLOG_H
 
@@ -7,11 +7,11 @@
 namespace qord
 {
 
-/// Does not wait where the log takes nothing at the moment, as syslog(3) would.
+/// Does not wait if the log does not read at the moment, as syslog(3) would.
 ///
 /// @param priority  as syslog has it
 ///
-/// @return false when it was not taken
+/// @return false if the log has not taken the line
 bool WriteToSyslog(int priority, const std::string& message);
 
 } // namespace qord

@@ -183,7 +183,7 @@ public:
     }
 
 private:
-    // Nothing where there is no memory for the answer.
+    // Empty if there is no memory for the answer.
     static std::optional<TSAnswer> LookUp(const TSQuestion& question) noexcept
     try
     {

@@ -14,11 +14,10 @@
 namespace qord
 {
 
-/// Asks on a thread of its own, since a database may hang for minutes. Belongs to one thread, which
-/// waits for an answer no longer than it has patience, and not at all while an earlier answer is
-/// still due. What does not come in time is answered with what was known last: an answer that comes
-/// late is kept for the next question. The number of answers that are kept, and of questions that
-/// are due, is bounded.
+/// Asks the database on an extra thread, because a database may hang for minutes. Belongs to one
+/// thread, which waits for an answer for its patience at most, and not at all while an earlier
+/// answer has not come. Without an answer in time it returns the last known one; a late answer is
+/// kept for the next question. The number of kept answers and of open questions is limited.
 class TCUserDatabase
 {
 public:
@@ -34,16 +33,16 @@ public:
 
     // Nothing, in each of them: the database does not answer now, and has not before.
 
-    /// The user's name, fit to be shown; the number where the database has none.
+    /// The user's name in printable characters; the number if the database has no name.
     std::optional<std::string> UserName(uid_t userId, TPatience patience = PATIENCE);
 
-    /// The group's number alone; empty where there is no such group.
+    /// Only the group's number; an empty list if there is no such group.
     std::optional<std::vector<gid_t>> GroupId(const std::string& name);
 
-    /// The numbers of all groups of the user; empty where there is no such user.
+    /// The numbers of all groups of the user; an empty list if there is no such user.
     std::optional<std::vector<gid_t>> GroupsOf(uid_t userId);
 
-    /// The user's name, or the number where that is not known.
+    /// The user's name, or the number if the name is not known.
     std::string NameOrNumber(uid_t userId);
 
 private:

@@ -19,7 +19,7 @@ public:
     TCWatchdog(const TCWatchdog&) = delete;
     TCWatchdog& operator=(const TCWatchdog&) = delete;
 
-    /// Tells the summary, and more where there is.
+    /// Sends the summary to systemd, and more if given.
     void Tell(const std::string& more = "");
 
 private:
