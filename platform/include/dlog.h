@@ -30,7 +30,7 @@ extern "C"
      * from any thread; preserves errno.
      *
      * With QOR_DLOG=stderr in the environment the line goes to standard error, otherwise to the
-     * local syslog socket where there is one, else nowhere. The priority becomes the syslog
+     * local syslog socket if there is one, else nowhere. The priority becomes the syslog
      * severity; the main buffer maps to the facility "user", every other one to "daemon".
      *
      * @return the number of bytes written, 0 if the line was dropped

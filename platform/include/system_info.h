@@ -7,16 +7,16 @@ extern "C"
 {
 #endif
 
-    /** What can be asked. Each key has one type. */
+    /** The keys. Each has one type. */
     typedef enum
     {
         SYSTEM_INFO_KEY_INVALID = -1,
-        SYSTEM_INFO_KEY_MODEL = 0,      /**< string: the hardware's model; else its architecture */
-        SYSTEM_INFO_KEY_SYSTEM_NAME,    /**< string: the distribution's name */
-        SYSTEM_INFO_KEY_SYSTEM_VERSION, /**< string: the distribution's version, where it has one */
-        SYSTEM_INFO_KEY_KERNEL_RELEASE, /**< string: as uname -r prints it */
-        SYSTEM_INFO_KEY_PROCESSOR_COUNT,   /**< int: processors that are online */
-        SYSTEM_INFO_KEY_MEMORY_MIB,        /**< int: physical memory in MiB, rounded down */
+        SYSTEM_INFO_KEY_MODEL = 0,       /**< string: the hardware's model; else its architecture */
+        SYSTEM_INFO_KEY_SYSTEM_NAME,     /**< string: the distribution's name */
+        SYSTEM_INFO_KEY_SYSTEM_VERSION,  /**< string: the distribution's version, if it has one */
+        SYSTEM_INFO_KEY_KERNEL_RELEASE,  /**< string: as uname -r prints it */
+        SYSTEM_INFO_KEY_PROCESSOR_COUNT, /**< int: processors that are online */
+        SYSTEM_INFO_KEY_MEMORY_MIB,      /**< int: physical memory in MiB, rounded down */
         SYSTEM_INFO_KEY_LIMIT = 0x7fffffff /**< no key: fixes the range of the type */
     } system_info_key_e;
 
@@ -25,7 +25,7 @@ extern "C"
     {
         SYSTEM_INFO_OK = 0,
         SYSTEM_INFO_BAD_KEY = -1,    /**< no such key, or one of the other type */
-        SYSTEM_INFO_UNAVAILABLE = -2 /**< this machine does not tell */
+        SYSTEM_INFO_UNAVAILABLE = -2 /**< this machine does not know it */
     };
 
     /**

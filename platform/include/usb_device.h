@@ -13,30 +13,29 @@ extern "C"
         USB_DEVICE_MASS_STORAGE = 8
     };
 
-    /** A list of devices, and a device of a list. Both belong to the service: nobody releases them.
-     */
+    /** A list of devices, and a device of a list. This library owns both: do not release them. */
     typedef struct usb_device_list_s* usb_device_list_h;
     typedef struct usb_device_s* usb_device_h;
 
     /**
-     * Opens the service for one user. Calls nest: each needs its usb_device_fini. All functions of
-     * the service may be called from any thread.
+     * Begins the use of these functions. Calls nest: each needs its usb_device_fini. All functions
+     * may be called from any thread.
      *
      * @return 0
      */
     __attribute__((visibility("default"))) int usb_device_init(void);
 
     /**
-     * Ends the use that the matching usb_device_init began. With the last one all lists, devices
-     * and mount points that were handed out become invalid.
+     * Ends the use that the matching usb_device_init began. The last call makes all lists, devices
+     * and mount points invalid.
      *
      * @return 0; -1 without a matching usb_device_init
      */
     __attribute__((visibility("default"))) int usb_device_fini(void);
 
     /**
-     * Takes stock of the devices of a type that are attached at this moment, ordered by name. Reads
-     * sysfs and the mount table.
+     * Lists the devices of a type that are attached at this moment, ordered by name. Reads sysfs
+     * and the mount table.
      *
      * @param type  USB_DEVICE_MASS_STORAGE; no other type is known
      * @param list  set on success only; valid until the last usb_device_fini
@@ -59,11 +58,11 @@ extern "C"
                                                                          usb_device_h* device);
 
     /**
-     * Where the device, or the first of its partitions that is in use, was mounted when the list
-     * was made: the earliest entry of the mount table.
+     * The mount point of the device, or of the first of its partitions that is in use, when the
+     * list was made: the earliest entry of the mount table.
      *
-     * @return a string of the service, valid as long as the list; NULL when the device was not
-     * mounted
+     * @return a string that this library owns, valid as long as the list; NULL when the device was
+     * not mounted
      */
     __attribute__((visibility("default"))) const char*
     usb_device_get_mountpath(usb_device_h device);

@@ -14,14 +14,14 @@ extern "C"
      * \s \n \t \r \\ are understood): the one that QOR_VCONF_FILE names in the environment,
      * otherwise /etc/qor/vconf.ini. It is read anew by every call.
      *
-     * A key is a path: its last component is the name, what stands before it is the group, and
-     * leading slashes do not count. So "db/setting/name" and "/db/setting/name" are the entry
+     * A key is a path: its last component is the name, the part before it is the group, and
+     * leading slashes are ignored. So "db/setting/name" and "/db/setting/name" are the entry
      * "name" of the group "[db/setting]". A key of one component is in the group "[vconf]".
      *
      * May be called from any thread; blocks on reading the file.
      *
      * @return a string that the caller owns and releases with free(); may be empty. NULL when there
-     * is no such setting, also for lack of the file, or its value is not valid; and, with a line in
+     * is no such setting or no such file, or the value is not valid; and, with a line in
      * the platform log (tag "VCONF"), when the file cannot be read or is not a key file.
      */
     __attribute__((visibility("default"))) char* vconf_get_str(const char* key);

@@ -22,8 +22,8 @@
 /* Longer lines are cut off. A pipe takes this much in one piece or not at all. */
 #define LINE_SIZE PIPE_BUF
 
-/* Where there is no log socket at all, nobody looks again for this long: a line that goes nowhere
-   would otherwise be formatted and offered at the price of one that arrives. */
+/* If there is no log socket, it is not looked for again for this long: otherwise a lost line would
+   cost as much as one that arrives. */
 #define ABSENCE_MS 100U
 
 enum Sink
@@ -35,10 +35,10 @@ enum Sink
 
 static atomic_int log_sink = SINK_UNDECIDED;
 static atomic_int log_socket = -1;
-static atomic_uint absent_since; /* when the socket was last found missing; 0: it was not */
+static atomic_uint absent_since; /* when the socket was last found missing; 0: never */
 static pthread_mutex_t stderr_mutex = PTHREAD_MUTEX_INITIALIZER;
 
-/* Decided by the first line, so that the environment is not read while the host changes it. */
+/* Decided at the first line, so that the environment is not read while the host changes it. */
 static int choose_sink(void)
 {
     int sink = atomic_load(&log_sink);
@@ -77,7 +77,7 @@ static char priority_letter(int priority)
     return letters[priority > DLOG_FATAL ? DLOG_FATAL - DLOG_DEBUG : priority - DLOG_DEBUG];
 }
 
-/* What a formatting call has put into a buffer of that size; 0 if it failed. */
+/* The number of bytes that a formatting call has put into a buffer of that size; 0 if it failed. */
 static size_t stored(int result, size_t size)
 {
     if (result < 0)
@@ -88,7 +88,8 @@ static size_t stored(int result, size_t size)
 }
 
 /* A reader that has gone, or a file at its size limit, must not end the host: the signal goes to
-   this thread, where it is blocked and taken back. One that the host had waiting stays. */
+   this thread, where it is blocked and taken back. A signal that was pending before stays pending.
+ */
 static ssize_t write_without_signals(const char* line, size_t length)
 {
     sigset_t signals, before, pending;
@@ -233,7 +234,7 @@ int __dlog_print(int log_id, int priority, const char* tag, const char* format, 
     return written > 0 ? (int)written : 0;
 }
 
-/* A forked child logs too, whichever thread of its parent was writing at that moment. */
+/* A forked child can log, too, even if a thread of its parent was just writing. */
 static void free_mutex_in_child(void)
 {
     const pthread_mutex_t fresh = PTHREAD_MUTEX_INITIALIZER;
@@ -245,7 +246,7 @@ __attribute__((constructor)) static void watch_for_forks(void)
     pthread_atfork(NULL, NULL, &free_mutex_in_child);
 }
 
-/* Whoever unloads this library gets the descriptor back. */
+/* Closes the descriptor when this library is unloaded. */
 __attribute__((destructor)) static void close_socket(void)
 {
     const int fd = atomic_exchange(&log_socket, -1);

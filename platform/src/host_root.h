@@ -1,11 +1,11 @@
-/* Where the host layer looks for the system's files. */
+/* The root below which the host layer looks for the system's files. */
 #ifndef QOR_HOST_ROOT_H
 #define QOR_HOST_ROOT_H
 
 #include <glib.h>
 #include <stdlib.h>
 
-/* A directory that stands for "/", so that tests can make up a machine; NULL for the real one. */
+/* A directory that is taken for "/", so that tests can invent a machine; NULL for the real root. */
 static inline const char* host_root(void)
 {
     const char* root = secure_getenv("QOR_HOST_ROOT");

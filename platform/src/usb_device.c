@@ -24,7 +24,7 @@ struct usb_device_list_s
 
 static pthread_mutex_t service_mutex = PTHREAD_MUTEX_INITIALIZER;
 static unsigned int users;
-static GPtrArray* lists; /* every list that has been handed out */
+static GPtrArray* lists; /* all lists that users have */
 
 static void free_device(gpointer data)
 {
