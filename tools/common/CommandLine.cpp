@@ -37,7 +37,7 @@ std::size_t Distance(const std::string& from, const std::string& to)
     return row.back();
 }
 
-// Empty where none is near enough to be what was meant.
+// Empty if no known word is near enough.
 std::string Nearest(const std::string& word, const TWords& known)
 {
     const auto nearest = std::min_element(known.begin(), known.end(),
@@ -70,7 +70,7 @@ TWords OptionNames(const CLI::App& app)
     return names;
 }
 
-// Empty where the library's own words say what is wrong.
+// Empty if the library's own message is to be used.
 std::string UnknownWord(const CLI::App& app)
 {
     TWords unknown = app.remaining(true);

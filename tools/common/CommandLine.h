@@ -9,17 +9,18 @@
 namespace tools
 {
 
-/// A word that is not known is named, with the nearest one that is.
+/// For an unknown word it prints the word, and the known word that is nearest to it.
 ///
-/// @return false where the process has nothing left to do but to end with exitStatus: help or
-///         version has been printed, or what is wrong
+/// @return false if the process only has to end with exitStatus, because help, version or an error
+/// has
+///         been printed
 bool ParseCommandLine(CLI::App& app, int count, char** pArguments, int& exitStatus);
 
 /// Whole numbers in that range, written as people count: decimal, without leading zeros, which
 /// would make an octal number of them elsewhere.
 CLI::Validator Decimal(std::uint64_t low, std::uint64_t high);
 
-/// @param what  is missing where the text has nothing but blanks
+/// @param what  the name for the message that it is missing, if the text is blank
 CLI::Validator NotEmpty(const std::string& what);
 
 } // namespace tools

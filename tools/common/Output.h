@@ -19,8 +19,8 @@ public:
 /// file or socket of this process must not take its place.
 void GuardStandardStreams();
 
-/// Writes and flushes. Where the reader of a pipe has gone, the process ends by SIGPIPE, silently,
-/// as the other programs of a pipeline do.
+/// Writes and flushes. If the reader of a pipe has gone, SIGPIPE ends the process silently, as it
+/// does with other programs of a pipeline.
 ///
 /// @throws TCOutputError
 void Print(const std::string& text);

@@ -9,7 +9,7 @@
 #include <new>
 #include <unordered_map>
 
-// The header shows the limits of entities only to those who say that their library has them.
+// The header declares the functions for entity limits only if this is defined.
 #define XML_DTD // NOLINT(cppcoreguidelines-macro-usage)
 #include <expat.h>
 #include <strings.h>
@@ -28,7 +28,8 @@ constexpr std::uint64_t g_maxExpansion = 2
                                          << 20; // of entities, in bytes, and a quarter of the text
 constexpr std::size_t g_maxElementTypes = 4096; // that are counted one by one
 
-// What the parser of this thread holds; it hands nothing of ours to its allocator.
+// The memory of this thread's parser; not a member, because the parser passes no user data to its
+// allocator.
 struct TSMemory
 {
     std::size_t m_used = 0;
@@ -37,7 +38,7 @@ struct TSMemory
 };
 thread_local TSMemory t_memory;
 
-// Stands before each block, and keeps what follows aligned for anything.
+// The header of each block, which keeps the bytes after it aligned for any type.
 struct alignas(std::max_align_t) TSBlock
 {
     std::size_t m_size;
@@ -123,8 +124,8 @@ public:
         XML_SetAttlistDeclHandler(m_parser.get(), m_OnAttribute);
         // Those of the document itself: without a handler, external ones are not loaded.
         XML_SetParamEntityParsing(m_parser.get(), XML_PARAM_ENTITY_PARSING_ALWAYS);
-        // The least factor, from where the text and what it may expand to are together: the usual
-        // limit is a factor alone, from a fixed size on.
+        // The smallest factor, checked only above the size of the text plus the allowed expansion.
+        // The parser's usual limit is a factor, checked above a fixed size.
         XML_SetBillionLaughsAttackProtectionMaximumAmplification(m_parser.get(), 1.0F);
         XML_SetBillionLaughsAttackProtectionActivationThreshold(m_parser.get(),
                                                                 size + size / 4 + g_maxExpansion);
@@ -159,8 +160,8 @@ public:
     }
 
 private:
-    // The parser does not look at the version, and is told to take the text as UTF-8 whatever it
-    // says.
+    // The parser does not check the version, and reads the text as UTF-8 whatever encoding it
+    // declares.
     static void m_OnDeclaration(void* pCheck, const char* version, const char* encoding, int)
     {
         const bool isOtherVersion = version != nullptr && !IsVersion1(version);

@@ -28,19 +28,19 @@ struct TSXmlPlace
 };
 
 /// Whether the text is a well-formed XML document. Policies are UTF-8: a document in another
-/// encoding, or one that says so, is not well-formed here. What a document type names outside the
-/// document is never fetched.
+/// encoding, or one that declares another encoding, counts as not well-formed. External entities
+/// are never loaded.
 ///
-/// The check keeps no tree. Where it would need more than maxMemory bytes, because elements nest
-/// too deeply, have too many different names, or too much stands in one of them, the text is too
-/// large. So it is where the check would take more than about a second, because entities expand to
-/// too much, or elements for which many attributes are declared stand there too often: that work is
-/// counted, and no time measured, so that the verdict is the same on every machine.
+/// The check keeps no tree. The text is too large if the check would need more than maxMemory
+/// bytes, because elements nest too deeply or have too many different names, or a tag or comment is
+/// too long. It is also too large if the check would take more than about a second, because
+/// entities expand to too much text, or there are too many elements with many declared attributes.
+/// This work is counted, not measured in time, so the verdict is the same on every machine.
 ///
-/// @param error   where it is not well-formed: line, column and reason
-/// @param pPlace  the same in parts, where wanted; untouched for every other verdict
-/// @return POLICY_STORED for a good one, or POLICY_NOT_WELL_FORMED, POLICY_TOO_LARGE, or
-///         POLICY_NOT_STORED where the machine has no memory left
+/// @param error   if the text is not well-formed: line, column and reason
+/// @param pPlace  the same in parts, or null; unchanged for every other verdict
+/// @return POLICY_STORED for a good text; POLICY_NOT_WELL_FORMED; POLICY_TOO_LARGE; or
+///         POLICY_NOT_STORED if the machine has no memory left
 qor::EPolicyResult CheckPolicyXml(std::string_view text, std::string& error, std::size_t maxMemory,
                                   TSXmlPlace* pPlace = nullptr);
 

@@ -18,14 +18,14 @@ const char* ServicePath(bool testNames);
 constexpr char SERVICE_INTERFACE[] = "com.norvane.qor.IControl";
 
 /// The connection that the process shares with the library's endpoints; losing it does not end the
-/// process. Empty, with the reason, where there is no system bus.
+/// process. Empty, with the reason, if there is no system bus.
 qor::TGlibPtr<GDBusConnection> ConnectToSystemBus(std::string& error);
 
 struct TSServiceStatus
 {
     std::string m_owner; ///< Unique name; empty when the service is not on the bus.
     unsigned int m_processId = 0;
-    std::string m_error; ///< Why nothing is known, where the bus did not answer.
+    std::string m_error; ///< The reason, if the bus did not answer.
 };
 
 TSServiceStatus QueryService(GDBusConnection* pConnection, bool testNames);

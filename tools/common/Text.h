@@ -11,18 +11,18 @@
 namespace tools
 {
 
-/// The text with '?' in place of control characters and of what is not UTF-8: names of programs and
-/// files are anybody's choice, and must not forge a line or steer a terminal.
+/// The text with '?' in place of control characters and invalid UTF-8. Any user may choose names of
+/// programs and files, and they must not forge a line or control a terminal.
 std::string Printable(const std::string& text);
 
 /// In hexadecimal.
 std::string Sha256(std::string_view text);
 
-/// "2026-11-24T20:15:02+01:00", of seconds since 1970, in local time; "unknown" where that is
+/// "2026-11-24T20:15:02+01:00", of seconds since 1970, in local time; "unknown" if that is
 /// beyond the year 9999.
 std::string LocalTime(std::int64_t seconds);
 
-/// The user's name, or its number where the user database has none.
+/// The user's name, or the number if the user database has no name.
 std::string UserName(uid_t userId);
 
 } // namespace tools

@@ -37,7 +37,7 @@ int FetchPolicy(const TSOptions& options, std::uint64_t number, std::string& pol
 /// Says why the service has not given one away, and returns the exit status.
 int SayNotRead(const qor::TSSendResult& result, const std::string& errorName, std::uint64_t number);
 
-/// Says where the text is not well-formed, with --json for programs too.
+/// Reports the place where the text is not well-formed, with --json also as JSON.
 bool IsWellFormed(const TSOptions& options, const std::string& text);
 
 } // namespace qorctl

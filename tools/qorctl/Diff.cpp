@@ -1,4 +1,4 @@
-// qorctl diff: what is different between two policies, as the system's diff shows it.
+// qorctl diff: the differences between two policies, as the system's diff shows them.
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -25,7 +25,7 @@ namespace
 constexpr int SAME = 0;
 constexpr int DIFFERENT = 1; // also the status of the process, as that of diff
 
-// A policy as a file that is nowhere, so that whatever ends the process leaves none behind.
+// A policy as a file without a name, so that none is left behind however the process ends.
 class TCPassingFile
 {
 public:
@@ -89,7 +89,7 @@ int FindNumbers(const TSOptions& options, std::uint64_t& from, std::uint64_t& to
     return tools::EXIT_OK;
 }
 
-// What diff says of the two, and its status; empty where it cannot be run.
+// Runs diff on the two files, and returns its status; empty if it cannot be run.
 std::optional<int> RunDiff(const TCPassingFile& from, const TCPassingFile& to,
                            const std::string& fromName, const std::string& toName, bool isColoured,
                            std::string& difference)
@@ -124,7 +124,7 @@ std::optional<int> RunDiff(const TCPassingFile& from, const TCPassingFile& to,
                : std::nullopt; // diff has said why
 }
 
-// Empty where none is wanted.
+// Empty if no pager is wanted.
 std::string Pager()
 {
     const char* pWanted = g_getenv("PAGER");
@@ -142,8 +142,8 @@ void Show(const std::string& difference)
         tools::Print(difference);
         return;
     }
-    alarm(0); // what was waited for has come
-    // Ignored here and not there. Who leaves the pager early has seen enough.
+    alarm(0); // the wait is over
+    // Ignored in this process, but not in the pager. It is no error to leave the pager early.
     std::signal(SIGINT, [](int) {});
     std::signal(SIGPIPE, [](int) {});
     // NOLINTNEXTLINE(cert-env33-c): a pager may be any command of the shell

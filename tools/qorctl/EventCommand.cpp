@@ -123,7 +123,7 @@ void TCEventCommand::m_Ended(int processId, int waitStatus, void* pCommand)
     pThis->m_processId = 0;
     if (pThis->m_isStopped)
     {
-        kill(-processId, SIGKILL); // what is left of its group
+        kill(-processId, SIGKILL); // the rest of its group
     }
     pThis->m_StartNext();
 }

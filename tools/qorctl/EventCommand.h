@@ -10,10 +10,9 @@ namespace qorctl
 {
 
 /// Starts the command without a shell and without waiting for it, one at a time. An event that
-/// comes meanwhile waits until the command has ended; a second one of its kind is merged with it.
-/// The end is noticed in the process's default main context, and a failure is reported on standard
-/// error. Each runs in a process group of its own, and is asked to end (SIGTERM) where this process
-/// has ended.
+/// comes meanwhile waits until the command has ended; further ones of its kind are merged with it.
+/// The default main context notices the end of a command; a failure is reported on standard error.
+/// Each command runs in a process group of its own, and gets SIGTERM if this process has ended.
 class TCEventCommand
 {
 public:
@@ -26,8 +25,8 @@ public:
     /// Whether a command is running, or due.
     bool IsBusy() const;
 
-    /// Drops what is due and ends what runs, by SIGTERM at first and by SIGKILL half a second
-    /// later. What it has started in its group ends with it.
+    /// Drops the events that wait and ends the running command with its process group: with
+    /// SIGTERM, and half a second later with SIGKILL.
     void Stop();
 
 private:

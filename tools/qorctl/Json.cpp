@@ -1,4 +1,4 @@
-// What the service tells about itself, and how results are printed for programs.
+// Reads the service's facts about itself, and prints results for programs.
 #include "qorctl/Json.h"
 
 #include "common/Output.h"

@@ -1,4 +1,4 @@
-// What the service tells about itself, and how results are printed for programs.
+// Reads the service's facts about itself, and prints results for programs.
 #ifndef QORCTL_JSON_H
 #define QORCTL_JSON_H
 
@@ -17,11 +17,11 @@ void PrintJson(const TJson& value);
 /// The same on one line, for the objects of a stream.
 void PrintJsonLine(const TJson& value);
 
-/// A member of what has come from a service, whatever that is: made printable, and empty where it
-/// is missing or null.
+/// A member of an object that a service has sent, as printable text; empty if it is missing or
+/// null, or if there is no object.
 std::string Text(const TJson& object, const char* name);
 
-/// Likewise for a member that is an object or a list: empty where there is none.
+/// The same for a member that is an object or a list; null if it is missing.
 TJson Part(const TJson& object, const char* name);
 
 } // namespace qorctl

@@ -109,8 +109,8 @@ private:
         }
     }
 
-    // The last event's answer must be out before the process ends: it is when the service has
-    // confirmed what was said after it. The last event's command has its time.
+    // The answer to the last event must be sent before the process ends. It has been when the
+    // service has confirmed a later Hello. The command of the last event may finish meanwhile.
     void m_Leave()
     {
         for (const int type : TYPES)
@@ -262,7 +262,7 @@ private:
     bool m_wasThere = false;
     bool m_isRegistered = false;
     bool m_isListening = true;
-    bool m_isStopped = false; ///< What runs is not waited for.
+    bool m_isStopped = false; ///< Does not wait for the running command.
     bool m_isSettled = false; ///< Nothing of this process is on its way to the service.
     int m_exitStatus = tools::EXIT_OK;
     std::exception_ptr m_failure;

@@ -1,4 +1,4 @@
-// What qorctl says beside its results.
+// The messages that qorctl prints besides its results.
 #ifndef QORCTL_MESSAGE_H
 #define QORCTL_MESSAGE_H
 

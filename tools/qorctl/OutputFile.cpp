@@ -32,7 +32,7 @@ bool WriteAll(int file, const std::string& text)
     return true;
 }
 
-// Closes the file, and removes it where it is not whole.
+// Closes the file, and removes it if it is not whole.
 bool Finish(int file, const std::string& name, bool isWhole)
 {
     const int reason = errno;

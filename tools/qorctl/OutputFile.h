@@ -7,9 +7,9 @@
 namespace qorctl
 {
 
-/// Replaces the file, or makes it. What stands there stays as it is where the new text cannot be
-/// written, on a full disk for example; owner and permissions stay anyway. A device, a pipe, and a
-/// file in a directory that lets nobody make another one, are written to as they are.
+/// Replaces the file, or creates it. The old text stays if the new one cannot be written, on a full
+/// disk for example; owner and permissions always stay. A device, a pipe, and a file in a directory
+/// where this user cannot create another one, are written to directly.
 ///
 /// @return false, with errno
 bool WriteOutputFile(const std::string& file, const std::string& text);

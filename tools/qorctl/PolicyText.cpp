@@ -1,4 +1,4 @@
-// Reads the policy that is to be sent, and shows where it is wrong.
+// Reads the policy to send, and shows the place of a fault in it.
 #include "qorctl/PolicyText.h"
 
 #include <algorithm>

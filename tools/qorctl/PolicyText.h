@@ -1,4 +1,4 @@
-// Reads the policy that is to be sent, and shows where it is wrong.
+// Reads the policy to send, and shows the place of a fault in it.
 #ifndef QORCTL_POLICYTEXT_H
 #define QORCTL_POLICYTEXT_H
 
@@ -17,7 +17,7 @@ std::string PolicyName(const std::string& file);
 /// @return false, with the reason in error, for a file that cannot be read, is empty or too large
 bool ReadPolicyText(const std::string& file, std::string& text, std::string& error);
 
-/// The line at that place, or what of a long one is around it, and a line with a mark under it.
+/// The line with the place, or the part of a long line around it, and a line with a mark under it.
 std::string ShowPlace(const std::string& text, const tools::TSXmlPlace& place);
 
 } // namespace qorctl

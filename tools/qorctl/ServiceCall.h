@@ -15,8 +15,8 @@
 namespace qorctl
 {
 
-/// The endpoint of the process, with the names that the command line asks for: who gets it first
-/// decides on them, so everybody gets it here.
+/// The endpoint of the process, with the bus names that the command line asks for. The first call
+/// decides on the names, so all code gets the endpoint here.
 boost::shared_ptr<qor::IDbusClient> Endpoint(const TSOptions& options);
 
 /// Whether the answer said yes; otherwise why not, in words.

@@ -1,4 +1,4 @@
-// What the service tells of itself, the policy and the applications.
+// Reads the service's facts about itself, the policy and the applications.
 #include "qorctl/ServiceFacts.h"
 
 #include <algorithm>

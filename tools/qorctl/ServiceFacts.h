@@ -1,4 +1,4 @@
-// What the service tells of itself, the policy and the applications.
+// Reads the service's facts about itself, the policy and the applications.
 #ifndef QORCTL_SERVICEFACTS_H
 #define QORCTL_SERVICEFACTS_H
 
@@ -18,8 +18,8 @@ namespace qorctl
 /// Any value, as one for programs: members are named with underscores.
 TJson ToJson(GVariant* pValue);
 
-/// The properties of the service's interface: an object; or null where no answer came, or one that
-/// cannot be read, which is good all the same. Starts no service.
+/// The properties of the service's interface as an object. Null if no answer came, or if it cannot
+/// be read; in that case the result still says that the service has answered. Starts no service.
 TJson AskProperties(const TSOptions& options, qor::TSMethodResult& result,
                     std::chrono::milliseconds atMost = USUAL_WAIT);
 

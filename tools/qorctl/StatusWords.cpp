@@ -1,4 +1,4 @@
-// Puts parts of what the service tells about itself into words.
+// Puts the service's facts about itself into words.
 #include "qorctl/StatusWords.h"
 
 #include <algorithm>

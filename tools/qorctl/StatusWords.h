@@ -1,4 +1,4 @@
-// Puts parts of what the service tells about itself into words.
+// Puts the service's facts about itself into words.
 #ifndef QORCTL_STATUSWORDS_H
 #define QORCTL_STATUSWORDS_H
 
@@ -9,7 +9,7 @@
 namespace qorctl
 {
 
-/// "root, qord, members of the group qor"; empty where the status does not say.
+/// "root, qord, members of the group qor"; empty if the status does not say.
 std::string MayChange(const TJson& status);
 
 /// "root (qorctl, process 812)"; "unknown" for null.

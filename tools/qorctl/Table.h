@@ -14,7 +14,7 @@ using TRow = std::vector<std::string>;
 class TCTable
 {
 public:
-    /// @param header  the first line, bold where the output takes it; none where it is empty
+    /// @param header  the first line, bold if the output supports it; no such line if it is empty
     explicit TCTable(TRow header = {});
 
     void Add(TRow row);

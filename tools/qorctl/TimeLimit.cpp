@@ -26,7 +26,7 @@ std::atomic<const char*> g_words = "the time is over";
 
 void Write(const char* text)
 {
-    // Nobody is left who could be told of a failure.
+    // If this fails, there is no way to report it.
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text, std::strlen(text));
 }
 
