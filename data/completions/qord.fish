@@ -13,4 +13,5 @@ complete -c qord -l restrict-reading -d 'Let only those who may change the polic
 complete -c qord -l event-timeout -x -d 'Milliseconds that an application may take to answer'
 complete -c qord -l process-info-interval -x -d 'Ask for process information so often, in seconds'
 complete -c qord -l verbose -d "Print the library's log lines too"
+complete -c qord -l syslog -d "Write to the system's log"
 complete -c qord -l test-bus-names -d 'Use the bus names meant for tests'

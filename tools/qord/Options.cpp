@@ -56,6 +56,8 @@ std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitSta
         ->type_name("SECONDS")
         ->check(tools::Decimal(1, 1000000));
     app.add_flag("--verbose", options.m_verbose, "Print the library's log lines too");
+    app.add_flag("--syslog", options.m_syslog,
+                 "Write to the system's log, and not to standard output and standard error");
     app.get_option("--test-bus-names")->needs("--policy"); // the usual file is the real service's
     if (!tools::ParseCommandLine(app, count, pArguments, exitStatus))
     {

@@ -23,6 +23,7 @@ struct TSOptions
     int m_eventTimeoutMs = 2000;
     unsigned int m_processInfoSeconds = 0; ///< 0: only when asked for.
     bool m_verbose = false;
+    bool m_syslog = false;
 };
 
 /// Reads the command line. Empty if the process only has to end with exitStatus, because help,

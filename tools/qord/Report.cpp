@@ -28,6 +28,8 @@ namespace
 // NOLINTNEXTLINE(concurrency-mt-unsafe): no thread yet
 const bool g_isStartedByBus = std::getenv("DBUS_STARTER_BUS_TYPE") != nullptr;
 
+bool g_isForSyslog = false;
+
 bool IsNullDevice(int descriptor)
 {
     struct stat status = {};
@@ -61,12 +63,13 @@ private:
     bool m_Take(const std::string& line, const std::vector<std::string>& fields,
                 bool isUnderJournal) const
     {
-        if (isUnderJournal)
+        if (isUnderJournal && !g_isForSyslog)
         {
             return WriteToJournal(m_priority, line, fields);
         }
-        return m_isForNobody ? WriteToSyslog(m_priority, line)
-                             : m_TakeText(("qord: " + line).substr(0, PIPE_BUF - 1) + '\n');
+        return m_isForNobody || g_isForSyslog
+                   ? WriteToSyslog(m_priority, line)
+                   : m_TakeText(("qord: " + line).substr(0, PIPE_BUF - 1) + '\n');
     }
 
     // A pipe that can be written to takes so much in one piece, without waiting.
@@ -106,6 +109,11 @@ __attribute__((format(printf, 1, 0))) std::string Line(const char* format, va_li
 }
 
 } // namespace
+
+void ReportToSyslog()
+{
+    g_isForSyslog = true;
+}
 
 void Report(const char* format, ...)
 {

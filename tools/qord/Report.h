@@ -12,6 +12,9 @@ namespace qord
 // line that would have to wait for a reader is dropped, and the next line that is written says how
 // many were. A line is cut off if a pipe would not take it in one piece.
 
+/// Sends all further lines to the system's log, with priorities. To be called before the first line.
+void ReportToSyslog();
+
 /// Reports success.
 void Report(const char* format, ...) __attribute__((format(printf, 1, 2)));
 

@@ -34,6 +34,10 @@ int main(int count, char** pArguments)
         {
             return exitStatus;
         }
+        if (options->m_syslog)
+        {
+            qord::ReportToSyslog();
+        }
         qor::TCDebug::m_instance.EnableStdoutLog(options->m_verbose);
         if (options->m_policyFile.empty())
         {
