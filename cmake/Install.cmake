@@ -54,6 +54,8 @@ install(TARGETS qord qorctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONEN
 # --- The service on the bus ----------------------------------------------------------------------
 set(QOR_UNIT_DIR lib/systemd)
 set(QOR_STATE_DIR ${CMAKE_INSTALL_FULL_LOCALSTATEDIR}/lib/qor)
+set(QOR_BUS_EXEC "\"${CMAKE_INSTALL_FULL_BINDIR}/qord\" --policy \"${QOR_STATE_DIR}/policy.xml\"")
+include(cmake/Inits.cmake)
 configure_file(data/com.norvane.qor.IControl.service.in com.norvane.qor.IControl.service @ONLY)
 configure_file(data/qord.service.in qord.service @ONLY)
 set(QOR_SYSUSERS_GROUP "")
