@@ -12,7 +12,8 @@ namespace qord
 // line that would have to wait for a reader is dropped, and the next line that is written says how
 // many were. A line is cut off if a pipe would not take it in one piece.
 
-/// Sends all further lines to the system's log, with priorities. To be called before the first line.
+/// Sends all further lines to the system's log, with priorities. To be called before the first
+/// line.
 void ReportToSyslog();
 
 /// Reports success.
