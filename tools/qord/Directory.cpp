@@ -4,6 +4,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -11,6 +12,15 @@
 #include <utility>
 
 #include "qord/FileError.h"
+
+#ifndef RENAME_EXCHANGE // a kernel's call that not every C library has
+constexpr unsigned int RENAME_EXCHANGE = 1 << 1;
+
+static int renameat2(int from, const char* one, int to, const char* other, unsigned int flags)
+{
+    return static_cast<int>(syscall(SYS_renameat2, from, one, to, other, flags));
+}
+#endif
 
 namespace qord
 {
