@@ -1,41 +1,33 @@
-// The journal of systemd.
+// The journal of systemd, in its native protocol.
 #include "qord/Journal.h"
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cstddef>
+
 #include <glib.h>
-#include <systemd/sd-journal.h>
 
 namespace qord
 {
 namespace
 {
 
-// The library waits as long as the journal's queue is full. A socket that is connected to it can be
-// asked first.
-int ConnectToJournal()
+// A value of more than one line stands behind its length, and not behind its name.
+void Append(const std::string& field, std::string& entry)
 {
-    const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const sockaddr_un address = {AF_UNIX, "/run/systemd/journal/socket"};
-    if (connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+    const std::size_t equals = field.find('=');
+    if (equals == std::string::npos || field.find('\n') == std::string::npos)
     {
-        close(descriptor);
-        return -1;
+        entry += field + '\n';
+        return;
     }
-    return descriptor;
-}
-
-bool TakesMore()
-{
-    static const int s_descriptor = ConnectToJournal();
-    pollfd state = {s_descriptor, POLLOUT, 0};
-    // Without that socket, or after a restart of the journal, this cannot be known.
-    return poll(&state, 1, 0) != 0 || s_descriptor < 0;
+    const guint64 length = GUINT64_TO_LE(field.size() - equals - 1);
+    entry.append(field, 0, equals).append(1, '\n');
+    entry.append(reinterpret_cast<const char*>(&length), sizeof length);
+    entry.append(field, equals + 1).append(1, '\n');
 }
 
 } // namespace
@@ -51,16 +43,18 @@ bool IsUnderJournal()
 bool WriteToJournal(int priority, const std::string& message,
                     const std::vector<std::string>& fields)
 {
-    std::vector<std::string> all = {"MESSAGE=" + message, "PRIORITY=" + std::to_string(priority),
-                                    "SYSLOG_IDENTIFIER=qord"};
-    all.insert(all.end(), fields.begin(), fields.end());
-    std::vector<iovec> parts;
-    parts.reserve(all.size());
-    for (std::string& field : all)
+    std::string entry;
+    Append("MESSAGE=" + message, entry);
+    Append("PRIORITY=" + std::to_string(priority), entry);
+    Append("SYSLOG_IDENTIFIER=qord", entry);
+    for (const std::string& field : fields)
     {
-        parts.push_back({field.data(), field.size()});
+        Append(field, entry);
     }
-    return TakesMore() && sd_journal_sendv(parts.data(), static_cast<int>(parts.size())) == 0;
+    static const int s_socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const sockaddr_un address = {AF_UNIX, "/run/systemd/journal/socket"};
+    return sendto(s_socket, entry.data(), entry.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                  reinterpret_cast<const sockaddr*>(&address), sizeof address) >= 0;
 }
 
 } // namespace qord

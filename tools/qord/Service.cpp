@@ -7,7 +7,6 @@
 #include <utility>
 
 #include <glib-unix.h>
-#include <systemd/sd-daemon.h>
 
 #include <qor/ICallbacks.h>
 #include <qor/PolicyMessage.h>
@@ -16,6 +15,7 @@
 #include "common/SystemBus.h"
 #include "common/Text.h"
 #include "qord/Report.h"
+#include "qord/ServiceManager.h"
 
 namespace qord
 {
@@ -177,7 +177,7 @@ void TCService::m_Stop()
     {
         return;
     }
-    sd_notify(0, "STOPPING=1");
+    TellServiceManager("STOPPING=1");
     m_handler.Refusals().End(); // now, since the end may not be waited for
     m_AnnounceWhatIsDue();
     if (m_server != nullptr)

@@ -1,11 +1,11 @@
 // Tells the service manager that the main loop is alive, and how the service is.
 #include "qord/Watchdog.h"
 
-#include <cstdint>
 #include <utility>
 
 #include <glib.h>
-#include <systemd/sd-daemon.h>
+
+#include "qord/ServiceManager.h"
 
 namespace qord
 {
@@ -16,21 +16,15 @@ namespace
 unsigned int Interval()
 {
     constexpr unsigned int withoutWatchdog = 30000;
-    std::uint64_t limit = 0; // microseconds
-    return sd_watchdog_enabled(0, &limit) > 0 ? static_cast<unsigned int>(limit / 2000)
-                                              : withoutWatchdog;
-}
-
-bool IsManaged()
-{
-    return g_getenv("NOTIFY_SOCKET") != nullptr;
+    const unsigned int limit = ToleratedSilenceMs();
+    return limit > 1 ? limit / 2 : withoutWatchdog;
 }
 
 } // namespace
 
 TCWatchdog::TCWatchdog(std::function<std::string()> summary)
     : m_summary(std::move(summary)),
-      m_source(IsManaged() ? g_timeout_add(Interval(), m_OnTime, this) : 0)
+      m_source(HasServiceManager() ? g_timeout_add(Interval(), m_OnTime, this) : 0)
 {
 }
 
@@ -44,9 +38,9 @@ TCWatchdog::~TCWatchdog()
 
 void TCWatchdog::Tell(const std::string& more)
 {
-    if (IsManaged())
+    if (HasServiceManager())
     {
-        sd_notify(0, (more + "STATUS=" + m_summary()).c_str());
+        TellServiceManager(more + "STATUS=" + m_summary());
     }
 }
 
