@@ -1,7 +1,6 @@
 # What an installation holds, in three components: runtime (the libraries), dev (what it takes to
 # build against them) and, where they are built, tools (the service, the command line, and what the
-# bus and the service manager need of them). Everything is found relative to where it stands, so any
-# prefix works.
+# bus and the service manager need of them). Any prefix works.
 
 option(QOR_INSTALL_RPATH "Installed binaries find the libraries beside them, whatever the prefix" ON)
 
@@ -38,8 +37,14 @@ install(FILES ${PROJECT_BINARY_DIR}/QORConfig.cmake ${PROJECT_BINARY_DIR}/QORCon
     DESTINATION ${QOR_CMAKE_DIR} COMPONENT dev)
 install(EXPORT QORTargets NAMESPACE QOR:: DESTINATION ${QOR_CMAKE_DIR} COMPONENT dev)
 
-file(RELATIVE_PATH QOR_PC_PREFIX "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
-configure_file(cmake/qor.pc.in qor.pc @ONLY)
+# The prefix is known when it is installed. It is absolute, since pkg-config puts the sysroot in front of
+# it, and some would in front of a path that has it already.
+set(QOR_PC_PREFIX @_prefix@)
+configure_file(cmake/qor.pc.in qor.pc.in @ONLY)
+install(CODE "
+    string(REPLACE \" \" \"\\\\ \" _prefix \"\${CMAKE_INSTALL_PREFIX}\")
+    configure_file(\"${PROJECT_BINARY_DIR}/qor.pc.in\" \"${PROJECT_BINARY_DIR}/qor.pc\" @ONLY)"
+    COMPONENT dev)
 install(FILES ${PROJECT_BINARY_DIR}/qor.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 
 set(QOR_BUS_DIR ${CMAKE_INSTALL_DATADIR}/dbus-1)
