@@ -35,7 +35,7 @@ public:
     ///
     /// @param file  that policy's
     ///
-    /// @return what is remembered now, for the store's record
+    /// @return the new text of the record, for the store
     std::string Remember(const TCPolicyStore& store, const struct stat& file,
                          const std::string& sha256, const std::optional<TSSender>& setter);
 

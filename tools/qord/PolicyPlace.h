@@ -74,9 +74,9 @@ public:
     /// Whether the policy in force is that text; then it is on the disk, too.
     bool IsInForce(std::string_view text) const;
 
-    /// Gets the file that is about to be the policy and returns the new text of the record. That
-    /// is on the disk before the policy is in force; where it cannot be written, the policy is
-    /// stored all the same.
+    /// Gets the file that is about to be the policy, and returns the new text of the record. The
+    /// record is on the disk before the policy is in force; if it cannot be written, the policy is
+    /// still stored.
     using TRecorder = std::function<std::string(const struct stat& file)>;
 
     /// @param recorder  may be empty: then the record stays
