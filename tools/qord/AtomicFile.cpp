@@ -297,8 +297,8 @@ TCPlainReplacement::TCPlainReplacement(const TCDirectory& directory, std::string
 {
     TakeRights(m_directory, m_file.Get(), m_name, nullptr, isRestricted);
     Write(m_file, text);
-    // A hint. Where the file has its blocks before the next sync of another one, a journal takes
-    // both at once, and Finish finds little left to do.
+    // A hint: if the file has its blocks before the next sync of another file, the journal writes
+    // both at once, and Finish has little left to do.
     sync_file_range(m_file.Get(), 0, 0, SYNC_FILE_RANGE_WRITE);
 }
 

@@ -56,7 +56,7 @@ public:
     /// @throws TCFileError
     std::vector<std::string> Tidy(std::string& warning) const;
 
-    /// What is to be done meanwhile, while the new file is not yet in force.
+    /// Functions to call while the new file is not in force yet.
     struct TSSteps
     {
         std::function<void(const struct stat& file)> m_onWritten; ///< It need not be on the disk.
@@ -84,23 +84,23 @@ private:
 
     const TCDirectory& m_directory;
     std::string m_name;
-    std::string m_unfinished; ///< The begin of its name.
+    std::string m_unfinished; ///< The beginning of its name.
     std::string m_former;
 };
 
-/// A file that is replaced and needs no way back. The directory must outlive this object. What it
-/// leaves where it is not finished is reused the next time.
+/// Replaces a file without a way to take that back. The directory must outlive this object. If it
+/// is not finished, its new file is reused the next time.
 class TCPlainReplacement
 {
 public:
-    /// Writes the text beside the file of that name.
+    /// Writes the text into a new file in the same directory.
     ///
     /// @throws TCFileError
     TCPlainReplacement(const TCDirectory& directory, std::string name, std::string_view text,
                        bool isRestricted);
 
-    /// Returns when the text is on the disk and has the name, once. That it has the name is on the
-    /// disk with the directory's next sync.
+    /// Gives the new file the name; to be called once. Returns when the text is on the disk; the
+    /// name is on the disk with the directory's next sync.
     ///
     /// @throws TCFileError the old file is in place
     void Finish();

@@ -28,7 +28,7 @@ struct TSDbusLink
     TSPosixMutex m_mutex;
     pthread_cond_t m_changed;
     void* m_pTarget QOR_GUARDED_BY(m_mutex);        // null once severed
-    unsigned int m_running QOR_GUARDED_BY(m_mutex); // more than one where a callback iterates the
+    unsigned int m_running QOR_GUARDED_BY(m_mutex); // more than one if a callback iterates the
                                                     // main context
     pthread_t m_runner QOR_GUARDED_BY(m_mutex);     // the thread of the running handlers: one
                                                     // context, so one at a time

@@ -11,7 +11,7 @@
 namespace qor
 {
 
-// Makes the object anew where it stands. Its inherited content is left as it is.
+// Constructs the object anew in its place, without releasing the inherited content.
 template <class T>
 void MakeAnew(T& object)
 {
