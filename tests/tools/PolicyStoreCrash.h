@@ -113,7 +113,8 @@ protected:
 
     bool IsRecorded() const
     {
-        return m_outcome.m_words.find("who has set it is not kept") == std::string::npos;
+        return m_outcome.m_words.find("the user who has set it is not recorded") ==
+               std::string::npos;
     }
 
     std::unique_ptr<TemporaryDirectory> m_pDirectory;

@@ -181,7 +181,7 @@ TEST(RefusalLog, CountsUsersApartTellsWhenTheTimeIsOverAndIsQuietThen)
         const std::string errors = testing::internal::GetCapturedStderr();
         for (const auto& [words, lines] :
              {std::pair("the user's\n", 5U), std::pair("3 more of user 500000 (500000) were", 1U),
-              std::pair("unknown\n", 5U), std::pair("3 more of senders of whom the bus", 1U),
+              std::pair("unknown\n", 5U), std::pair("3 more of senders that the bus", 1U),
               std::pair("another's\n", 254U + 5U), std::pair("41 more of other users were", 1U)})
         {
             EXPECT_EQ(qortest::CountOf(errors, words), lines) << words << '\n' << errors;

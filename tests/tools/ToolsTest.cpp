@@ -253,7 +253,7 @@ TEST_F(Tools, PolicyThatIsChangedByHandIsCheckedAndAnnounced)
     SetPolicy(0, "stored", "<a/>");
     Expect(2, "only 0 of 1 events", "listen --timeout 1 --count 1"); // its own change is none
     WriteFile(m_policyFile, "<hand/>");
-    ASSERT_TRUE(qord->WaitForOut("changed by somebody else than this service")) << qord->Err();
+    ASSERT_TRUE(qord->WaitForOut("another program has changed the policy file")) << qord->Err();
     ASSERT_TRUE(WaitUntil([&] { return CountOf(listener->Out(), " policy-update\n") == 2; }));
     Expect(0, "by unknown", "status");
     EXPECT_EQ(qord->Err(), "");
@@ -262,8 +262,8 @@ TEST_F(Tools, PolicyThatIsChangedByHandIsCheckedAndAnnounced)
     Expect(0, "it is no good", "status");
     SetPolicy(0, "stored", "<b/>");
     boost::filesystem::remove(m_policyFile);
-    ASSERT_TRUE(WaitUntil([&] { return CountOf(qord->Err(), "was taken away") == 1; }));
-    EXPECT_EQ(CountOf(qord->Out(), "somebody else than"), 2U) << qord->Out(); // and not for <b/>
+    ASSERT_TRUE(WaitUntil([&] { return CountOf(qord->Err(), "has removed the policy file") == 1; }));
+    EXPECT_EQ(CountOf(qord->Out(), "another program has changed"), 2U) << qord->Out(); // and not for <b/>
 }
 
 TEST_F(Tools, ServiceThatABusHasStartedOrIsToldToWritesToTheSystemsLog)

@@ -1,4 +1,4 @@
-// qorctl info: prints where the policy is, and what platform this is.
+// qorctl info: prints the path of the policy, and facts about the platform.
 #include <chrono>
 #include <string>
 
@@ -45,7 +45,7 @@ TJson Number(system_info_key_e key)
     return qor::TCVelkinCachingUtils::GetSystemInfoKeyCached(key, value) ? TJson(value) : TJson();
 }
 
-// Null where this user may not look.
+// Null if this user may not look.
 TJson IsThere(const boost::filesystem::path& file)
 {
     boost::system::error_code error;
@@ -99,8 +99,8 @@ void PrintForPeople(const TJson& info)
                                             : isThere == false ? " (none yet)"
                                                                : "")});
     table.Add({"", isOthers     ? "in the folder that the service was started in"
-                   : isServices ? "where the service that is running keeps it"
-                                : "the platform's place; no service is running or tells"});
+                   : isServices ? "the policy file of the running service"
+                                : "the platform's place; no service is running or answers"});
     table.Add({"Platform's place", Text(info, "platform_policy_file")});
     table.Add({"Policy mode", Text(info, "policy_mode")});
     table.Add({"Free space", known("free_mib", " MiB")});

@@ -30,7 +30,7 @@ void AddCommonOptions(CLI::App& app, TSOptions& options)
             ->excludes(pQuiet);
     app.add_flag("--json", options.m_json, "Print the result as JSON")->excludes(pVerbose);
     app.add_option("--timeout", options.m_timeoutSeconds,
-                   "Wait no longer than that; an answer is waited for at most 10 seconds")
+                   "End after this time; without it, wait 10 seconds for an answer")
         ->type_name("SECONDS")
         ->check(tools::Decimal(1, MAX_TIMEOUT));
 }
@@ -46,24 +46,24 @@ CLI::App* AddCommand(CLI::App& app, TSOptions& options, const std::string& name,
 
 constexpr const char* WAIT = "--wait";
 
-// Bound to no variable: releases of CLI11 differ in what they write there for a command that was
-// not given.
+// Bound to no variable, because releases of CLI11 write different values there for a command that
+// was not given.
 void AddWait(CLI::App& command)
 {
     command
         .add_flag(std::string(WAIT) + "{10}",
-                  "Wait until all applications have heard of it, for so many seconds at most")
+                  "Wait until all applications have heard of it, at most this many seconds")
         ->check(tools::Decimal(1, MAX_WAIT));
 }
 
-// Who has read one policy and changes it does not lose what another has set meanwhile.
+// So a user does not overwrite a policy that another user has set after the first one read it.
 void AddIfMatch(CLI::App& command, TSOptions& options)
 {
     command
         .add_option_function<std::string>(
             "--if-match",
             [&options](const std::string& hash) { options.m_ifMatch = hash == "none" ? "" : hash; },
-            "Only where the policy in force has that SHA-256; none: where there is no policy yet")
+            "Set it only if the policy in force has this SHA-256; none: if there is no policy")
         ->type_name("SHA256")
         ->check(
             [](const std::string& hash)
@@ -99,7 +99,7 @@ void AddPolicyCommands(CLI::App& app, TSOptions& options)
         ->required();
     pSet->add_flag_callback(
         "--no-check", [&options] { options.m_isChecked = false; },
-        "Send the policy without looking at it");
+        "Send the policy without checking it");
     AddWait(*pSet);
     AddIfMatch(*pSet, options);
 
@@ -117,7 +117,7 @@ void AddPolicyCommands(CLI::App& app, TSOptions& options)
     AddCommand(app, options, "history", History, "List the policies that the service keeps",
                "Exit status: 0 listed, 1 refused, 2 no answer, 3 an answer that cannot be read.");
     CLI::App* pDiff = AddCommand(
-        app, options, "diff", Diff, "Show what is different between two policies",
+        app, options, "diff", Diff, "Show the differences between two policies",
         "Without a number: the latest kept one and the one in force; with one: that one and the "
         "one in force. Exit status: 0 the same, 1 different, 2 no answer, a refusal, or no such "
         "policy, 3 an answer that cannot be read.");
@@ -137,10 +137,10 @@ void AddPolicyCommands(CLI::App& app, TSOptions& options)
     AddWait(*pRestore);
     AddIfMatch(*pRestore, options);
 
-    CLI::App* pValidate = AddCommand(
-        app, options, "validate", Validate, "Say what the service would say about a policy",
-        "Needs no service and no bus. Exit status: 0 it is well-formed, "
-        "1 it is not, 64 wrong usage or input.");
+    CLI::App* pValidate =
+        AddCommand(app, options, "validate", Validate, "Check a policy as the service would",
+                   "Needs no service and no bus. Exit status: 0 it is well-formed, "
+                   "1 it is not, 64 wrong usage or input.");
     pValidate->add_option("FILE", options.m_policyFile, "The policy; - reads standard input")
         ->required();
 }
@@ -148,10 +148,10 @@ void AddPolicyCommands(CLI::App& app, TSOptions& options)
 void AddListen(CLI::App& app, TSOptions& options)
 {
     CLI::App* pCommand =
-        AddCommand(app, options, "listen", Listen, "Print the service's events as they come",
+        AddCommand(app, options, "listen", Listen, "Print the service's events as they arrive",
                    "Ends with status 0 on SIGINT, SIGTERM or after N events; 2 when the bus is out "
                    "of reach at the start, and when fewer than N events came in time.");
-    pCommand->add_option("--count", options.m_eventCount, "Exit after so many events")
+    pCommand->add_option("--count", options.m_eventCount, "Exit after this many events")
         ->type_name("N")
         ->check(tools::Decimal(1, 1000000000));
     pCommand
@@ -165,14 +165,16 @@ void AddListen(CLI::App& app, TSOptions& options)
 void AddQuestions(CLI::App& app, TSOptions& options)
 {
     CLI::App* pStatus = AddCommand(
-        app, options, "status", Status, "Tell how the service is",
+        app, options, "status", Status, "Show the state of the service",
         "Exit status: 0 it answers, with --check: it is healthy, 1 with --check: it is not, "
         "2 it is not on the bus or does not answer, 3 an answer that cannot be read.");
     pStatus->add_flag("--check", options.m_isHealthCheck,
-                      "Only say what is wrong with it, one line for each problem");
-    AddCommand(app, options, "clients", Clients, "List who is registered for the service's events",
+                      "Print only what is wrong, one line for each problem");
+    AddCommand(app, options, "clients", Clients,
+               "List the applications that are registered for events",
                "Exit status: 0 listed, 1 refused, 2 no answer, 3 an answer that cannot be read.");
-    AddCommand(app, options, "info", Info, "Print where the policy is, and what platform this is",
+    AddCommand(app, options, "info", Info,
+               "Print the path of the policy, and facts about the platform",
                "Needs neither the service nor the bus. Exit status: 0.");
 }
 

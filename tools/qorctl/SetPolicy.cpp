@@ -28,16 +28,16 @@ namespace
 // The result where another policy is in force than --if-match says; beside qor::EPolicyResult.
 constexpr int CHANGED = 6;
 
-// Everything is answered in that, beside what is waited for.
+// The time for an answer, without the time of --wait.
 constexpr std::chrono::seconds ANSWER_TIME(10);
 
 struct TSOutcome
 {
     int m_result = qor::POLICY_STORED;
-    std::string m_words; ///< Why not, in the service's words, where it has told.
+    std::string m_words; ///< The service's reason, if it has given one.
     std::string m_sha256;
     std::uint64_t m_size = 0;
-    TJson m_heard; ///< What it tells of the applications; null where it was not asked to wait.
+    TJson m_heard; ///< Its facts about the applications; null without --wait.
 };
 
 // As far as the service tells.
@@ -61,7 +61,7 @@ std::string Words(const TSOptions& options, const TSOutcome& outcome)
         return "its " + std::to_string(outcome.m_size) +
                " bytes, or the work to check them, are more than the service accepts";
     case qor::POLICY_STATE_UNKNOWN:
-        return "its disk failed half-way, and which policy is in force is not known; "
+        return "its disk failed half-way, and nobody knows which policy is in force; "
                "set it again, or look with qorctl get-policy";
     case qor::POLICY_NOT_PERMITTED:
         return tools::UserName(geteuid()) + " may not change the policy" + WhoMay(options);
@@ -78,12 +78,13 @@ int ReportHeard(const TSOptions& options, const TJson& heard)
         Text(heard, "applications") + (applications == 1 ? " application" : " applications");
     if (Part(heard, "superseded") == true)
     {
-        SayError("it is not known who has heard of it: another policy has come into force");
+        SayError("it is not known which applications have heard of it: another policy has come "
+                 "into force");
         return tools::EXIT_NOT_HEARD;
     }
     if (!applications.is_number() || !notHeard.is_array())
     {
-        SayError("it is not known who has heard of it: the service does not tell");
+        SayError("it is not known which applications have heard of it: the service does not tell");
         return tools::EXIT_NOT_HEARD;
     }
     if (notHeard.empty())
@@ -196,7 +197,7 @@ GVariant* CallOptions(const TSOptions& options, unsigned int waitSeconds)
     return g_variant_builder_end(&builder);
 }
 
-// Empty where the error is not one of a policy that was refused.
+// Empty if the error is not one of those for a refused policy.
 std::optional<int> ResultOf(const std::string& errorName)
 {
     static const std::map<std::string, int> RESULTS = {

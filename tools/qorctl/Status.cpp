@@ -1,4 +1,4 @@
-// qorctl status, clients and history: what the service tells about itself.
+// qorctl status, clients and history: the service's facts about itself.
 #include "common/ExitStatus.h"
 #include "common/Output.h"
 #include "common/SystemBus.h"
@@ -14,7 +14,7 @@ namespace qorctl
 namespace
 {
 
-// Which process does not answer; empty where the bus knows of none, or does not answer either.
+// The process that does not answer; empty if the bus knows of none, or does not answer either.
 std::string WhoIsThere(const TSOptions& options)
 {
     std::string error;
@@ -27,7 +27,7 @@ std::string WhoIsThere(const TSOptions& options)
                      std::to_string(found.m_processId) + "), but does not tell: ";
 }
 
-// Empty where it does not tell, which is said.
+// Empty if the service does not answer; then this is reported.
 std::optional<TJson> Ask(const TSOptions& options, int& exitStatus)
 {
     const auto endpoint = Endpoint(options);
@@ -132,12 +132,12 @@ void PrintClients(const TJson& status)
     table.Print();
 }
 
-// What a service keeps to a group is not part of its answer to others.
+// The service leaves facts that only some users may read out of its answer to others.
 bool IsShown(const TJson& status, const char* part)
 {
     if (Part(status, part).is_null())
     {
-        SayError("the service refused: only those who may change the policy may read that");
+        SayError("the service refused: only users who may change the policy may read that");
         return false;
     }
     return true;

@@ -13,22 +13,23 @@ namespace qord
 std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitStatus)
 {
     TSOptions options;
-    CLI::App app("Platform monitoring service: keeps the policy, and tells applications about it.\n"
-                 "SIGUSR1 makes it ask every registered application for process information; "
-                 "SIGTERM and SIGINT stop it, twice: at once.",
-                 "qord");
+    CLI::App app(
+        "Platform monitoring service: stores the policy, and tells applications of new ones.\n"
+        "SIGUSR1 makes it ask every registered application for process information; "
+        "SIGTERM and SIGINT stop it, a second one at once.",
+        "qord");
     app.set_version_flag("--version", std::string("qord ") + QOR_VERSION);
     app.add_option("--policy", options.m_policyFile,
-                   "The policy file to keep; without it, where the platform has its policy")
+                   "The policy file; by default that of the platform")
         ->type_name("FILE")
         ->check(tools::NotEmpty("the name of a file"));
     app.add_option("--keep", options.m_storeRules.m_copies,
-                   "Keep so many copies of replaced policies beside the file")
+                   "Keep this many replaced policies beside the file")
         ->type_name("N")
         ->check(tools::Decimal(0, 1000))
         ->capture_default_str();
     app.add_option("--min-free", options.m_storeRules.m_minFreeMiB,
-                   "Store nothing when less space than that is left")
+                   "Store no policy if less space than this is left")
         ->type_name("MIB")
         ->check(tools::Decimal(0, 1000000))
         ->capture_default_str();
@@ -45,7 +46,7 @@ std::optional<TSOptions> ParseOptions(int count, char** pArguments, int& exitSta
     app.add_flag("--allow-everyone", options.m_permission.m_everyone,
                  "Let everybody change the policy");
     app.add_flag("--restrict-reading", options.m_permission.m_restrictReading,
-                 "Let only those who may change the policy read it");
+                 "Let only users read the policy who may change it");
     app.add_option("--event-timeout", options.m_eventTimeoutMs,
                    "How long an application may take to answer an event")
         ->type_name("MS")

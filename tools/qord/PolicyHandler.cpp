@@ -89,7 +89,7 @@ public:
         const std::string hash = m_sha256.empty() ? "" : "SHA-256 " + m_sha256 + "; ";
         const std::string who =
             m_sender ? Describe(*m_sender)
-                     : "sender " + m_asker.m_peer.m_name + ", of whom the bus tells nothing";
+                     : "sender " + m_asker.m_peer.m_name + ", which the bus does not know";
         const std::string line = what + words + " (" + hash + who + ")";
         if (result == qor::POLICY_STORED || result == qor::POLICY_STATE_UNKNOWN)
         {
@@ -166,11 +166,11 @@ void TCPolicyHandler::LookAtForeignPolicy()
     const std::string hash = m_CheckInForce();
     const bool isThere = !hash.empty();
     ReportWithFields(!isThere, {"QOR_POLICY_SHA256=" + hash},
-                     isThere ? "the policy was changed by somebody else than this service; it is "
-                               "not known who (SHA-256 " +
+                     isThere ? "another program has changed the policy file; its user is not "
+                               "known (SHA-256 " +
                                    hash + ")"
-                             : "the policy was taken away, or made unreadable, by somebody else "
-                               "than this service; it is not known who");
+                             : "another program has removed the policy file, or made it "
+                               "unreadable; its user is not known");
 }
 
 // The hash of the policy in force; empty if it cannot be read or there is none.

@@ -134,7 +134,7 @@ bool TCPolicyInterface::m_MayRead(GDBusMethodInvocation* pInvocation) const
     if (permission == EPermission::REFUSED)
     {
         ReturnError(pInvocation, qor::ERROR_NOT_PERMITTED,
-                    "only those who may change the policy may read that");
+                    "only users who may change the policy may read that");
     }
     else if (permission == EPermission::UNKNOWN)
     {

@@ -50,7 +50,7 @@ public:
     }
     catch (const TCFileError& error)
     {
-        m_warning = std::string("who has set it is not kept: ") + error.what();
+        m_warning = std::string("the user who has set it is not recorded: ") + error.what();
     }
 
     const std::string& Warning() const

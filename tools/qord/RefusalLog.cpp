@@ -92,7 +92,7 @@ void TCRefusalLog::m_Tell(TKey key, const TSAccount& account)
     }
     const std::string count = std::to_string(account.m_more);
     std::vector<std::string> fields = {"QOR_REFUSED=" + count};
-    std::string who = key == UNKNOWN ? "senders of whom the bus tells nothing" : "other users";
+    std::string who = key == UNKNOWN ? "senders that the bus does not know" : "other users";
     if (key >= 0)
     {
         const auto userId = static_cast<uid_t>(key);
