@@ -262,8 +262,10 @@ TEST_F(Tools, PolicyThatIsChangedByHandIsCheckedAndAnnounced)
     Expect(0, "it is no good", "status");
     SetPolicy(0, "stored", "<b/>");
     boost::filesystem::remove(m_policyFile);
-    ASSERT_TRUE(WaitUntil([&] { return CountOf(qord->Err(), "has removed the policy file") == 1; }));
-    EXPECT_EQ(CountOf(qord->Out(), "another program has changed"), 2U) << qord->Out(); // and not for <b/>
+    ASSERT_TRUE(
+        WaitUntil([&] { return CountOf(qord->Err(), "has removed the policy file") == 1; }));
+    EXPECT_EQ(CountOf(qord->Out(), "another program has changed"), 2U)
+        << qord->Out(); // and not for <b/>
 }
 
 TEST_F(Tools, ServiceThatABusHasStartedOrIsToldToWritesToTheSystemsLog)
