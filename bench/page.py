@@ -27,6 +27,9 @@ def targets():
     yield "round trip", "1 MiB", "sd-bus", 1.10
     for size in ("4 KiB", "1 MiB"):
         yield "set a policy", size, BY_HAND, 1.05
+    for copies, most in ((0, 1.25), (1, 1.5)):
+        for size in ("4 KiB", "1 MiB"):
+            yield "store a policy", f"{size}, {copies} kept", BY_HAND, most
     for contest, counts in (("fan-out", (1, 10, 100, 500)), ("fan-out, CPU", (10, 100, 500))):
         for count in counts:
             for size in ("64 B", "64 KiB"):
