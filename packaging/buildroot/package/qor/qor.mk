@@ -21,8 +21,8 @@ QOR_DEPENDENCIES = host-pkgconf boost libglib2
 QOR_CONF_OPTS = -DQOR_CCACHE=OFF -DQOR_INSTALL_RPATH=OFF
 
 ifeq ($(BR2_PACKAGE_QOR_TOOLS),y)
-QOR_DEPENDENCIES += cli11 expat json-for-modern-cpp systemd
-QOR_CONF_OPTS += -DQOR_BUILD_TOOLS=ON -DQOR_SERVICE_USER=qord
+QOR_DEPENDENCIES += cli11 expat json-for-modern-cpp
+QOR_CONF_OPTS += -DQOR_BUILD_TOOLS=ON -DQOR_SYSTEMD=ON -DQOR_SERVICE_USER=qord
 
 # The second line is a group alone, of those who may change the policy.
 define QOR_USERS
