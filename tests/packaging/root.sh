@@ -9,7 +9,7 @@ export LC_ALL=C DEBIAN_FRONTEND=noninteractive
 inventory() {
     find / -xdev \( -path /proc -o -path /sys -o -path /tmp -o -path /run -o -path /dev \
         -o -path /var/log -o -path /var/cache -o -path /var/lib/apt -o -path /var/lib/dpkg \
-        -o -path /root/.rpmdb \) -prune -o -printf '%p %m %u %g\n' | sort
+        -o -path "$HOME/.rpmdb" \) -prune -o -printf '%p %m %u %g\n' | sort
     sort /etc/passwd /etc/group
 }
 service_is_another() { # than PID
