@@ -89,10 +89,7 @@ bool TCService::m_Start()
     m_interface.Use(*m_server);
     if (m_server->GetUniqueName().empty())
     {
-        while (g_main_context_iteration(nullptr, FALSE) != FALSE)
-        {
-            // A bus that does not answer takes a while: a signal may have come.
-        }
+        m_stopSignals.Take(); // a bus that does not answer takes a while
         m_Fail("cannot reach the system bus; with QOR_DLOG=stderr, the library says why");
         return false;
     }

@@ -70,11 +70,18 @@ TCStopSignals::~TCStopSignals()
     timer_delete(g_timer);
 }
 
-int TCStopSignals::m_OnReadable(int descriptor, int, void* pSignals)
+void TCStopSignals::Take()
 {
     std::uint64_t count = 0;
-    [[maybe_unused]] const ssize_t size = read(descriptor, &count, sizeof count);
-    static_cast<TCStopSignals*>(pSignals)->m_stop();
+    if (read(g_wakeUp, &count, sizeof count) > 0)
+    {
+        m_stop();
+    }
+}
+
+int TCStopSignals::m_OnReadable(int, int, void* pSignals)
+{
+    static_cast<TCStopSignals*>(pSignals)->Take();
     return G_SOURCE_CONTINUE;
 }
 

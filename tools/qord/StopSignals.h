@@ -19,6 +19,9 @@ public:
     TCStopSignals(std::function<void()> stop, int limitMs);
     ~TCStopSignals();
 
+    /// Calls the function now if a signal has come. For the thread of the default main context.
+    void Take();
+
     TCStopSignals(const TCStopSignals&) = delete;
     TCStopSignals& operator=(const TCStopSignals&) = delete;
 
