@@ -162,7 +162,14 @@ std::vector<std::string> TCAtomicFile::Tidy(std::string& warning) const
                               (!isUnfinished || name == m_UnfinishedName(&status));
         try
         {
-            isFormer ? formers.push_back(name) : m_directory.Remove(name);
+            if (isFormer)
+            {
+                formers.push_back(name);
+            }
+            else
+            {
+                m_directory.Remove(name);
+            }
         }
         catch (const TCFileError& error)
         {
