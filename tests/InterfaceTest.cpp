@@ -209,7 +209,7 @@ TEST_F(Methods, EndWithReasonsWhereNoAnswerComes)
     EXPECT_EQ(nobody.m_send.m_status, ESendStatus::NO_SERVICE);
     EXPECT_FALSE(nobody.m_pBody);
     m_bus.Kill();
-    EXPECT_EQ(Call("A", 1).m_send.m_status, ESendStatus::NO_BUS);
+    EXPECT_EQ(Call("A").m_send.m_status, ESendStatus::NO_BUS);
 }
 
 TEST_F(Methods, FetchThePolicy)

@@ -293,6 +293,43 @@ TEST_F(AttackedServer, LargeAnswersThatNobodyReadsAreNotKept)
     }
 }
 
+// The bus may add a descriptor to each answer, and refuses calls of others while many of those
+// wait.
+TEST_F(AttackedServer, BusIsAskedAboutAFewOfManyNewSendersAtATime)
+{
+    constexpr std::size_t SENDERS = 60, AT_A_TIME = 32;
+    static std::atomic<std::size_t> s_calls, s_questions, s_signals;
+    static std::atomic<bool> s_isHeld;
+    s_calls = s_questions = s_signals = 0;
+    s_isHeld = true;
+    Serve();
+    const ObjectPtr<GDBusConnection> shared(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
+    const auto count = [](GDBusConnection*, GDBusMessage* pMessage, gboolean, gpointer)
+    {
+        const auto is = [member = g_dbus_message_get_member(pMessage)](const char* name)
+        { return g_strcmp0(member, name) == 0 ? 1 : 0; };
+        s_calls += is("Send");
+        s_questions += is("GetConnectionCredentials");
+        s_signals += is("Sent");
+        WaitUntil([&] { return is("Send") == 0 || !s_isHeld; });
+        return pMessage;
+    };
+    const guint filter = g_dbus_connection_add_filter(shared.get(), count, nullptr, nullptr);
+    const Attacker senders(geteuid(), {SENDERS, 4, {}, 0, {HELLO_TO_BUS, SetPolicy(1), GET_ID}});
+    EXPECT_TRUE(WaitUntil([&] { return senders.Seen().answered == 2 * SENDERS; }));
+    m_bus.Freeze(true);
+    s_isHeld = false;
+    EXPECT_TRUE(WaitUntil([] { return s_calls == SENDERS; }));
+    g_dbus_connection_emit_signal(shared.get(), nullptr, "/", BUS.c_str(), "Sent", nullptr,
+                                  nullptr);
+    EXPECT_TRUE(WaitUntil([] { return s_signals == 1; }));
+    EXPECT_EQ(s_questions, AT_A_TIME);
+    m_bus.Freeze(false);
+    EXPECT_TRUE(WaitUntil([&] { return senders.Seen().answered == 3 * SENDERS; }));
+    EXPECT_EQ(s_questions, SENDERS);
+    g_dbus_connection_remove_filter(shared.get(), filter);
+}
+
 // The bus tells of them as long as the service's connection has match rules left.
 TEST_F(AttackedServer, DeparturesThatTheBusDoesNotTellAreSeenWithinAMinute)
 {

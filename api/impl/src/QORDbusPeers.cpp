@@ -9,6 +9,7 @@
 
 #include "QORBusConnection.h"
 #include "QORDbusCalls.h"
+#include "QORLimits.h"
 #include "QORLocks.h"
 
 namespace qor
@@ -21,7 +22,7 @@ constexpr gint64 WAIT_US = G_TIME_SPAN_SECOND;
 constexpr gint64 QUIET_US = 60 * G_TIME_SPAN_SECOND;
 // Entries, of a few hundred bytes each: from how many on quiet ones are dropped, and from how many
 // on all whose owners are no clients. They can be asked for again.
-constexpr std::size_t FIRST_SWEEP = 64;
+constexpr std::size_t FIRST_DROP = 64;
 constexpr std::size_t MOST_PEERS = 4096;
 
 // Reads what the bus says about a name; from any other answer it learns nothing.
@@ -57,7 +58,10 @@ TSPeer ReadCredentials(const std::string& name, GDBusMessage* pAnswer)
 
 } // namespace
 
-TCDbusPeers::TCDbusPeers(TCDbusCalls& calls) : m_calls(calls), m_entriesAtNextSweep(FIRST_SWEEP) {}
+TCDbusPeers::TCDbusPeers(TCDbusCalls& calls)
+    : m_calls(calls), m_questions(0), m_entriesAtNextSweep(FIRST_DROP)
+{
+}
 
 void TCDbusPeers::Ask(const std::string& name, const TOnAnswer& onAnswer)
 {
@@ -65,40 +69,67 @@ void TCDbusPeers::Ask(const std::string& name, const TOnAnswer& onAnswer)
     {
         const TCPosixLock lock(m_mutex);
         const auto found = m_entries.find(name);
-        if (found == m_entries.end() && m_entries.size() >= m_entriesAtNextSweep)
+        const bool isNew = found == m_entries.end();
+        if (isNew && m_entries.size() >= m_entriesAtNextSweep)
         {
             m_DropQuiet();
         }
         TSEntry& entry = m_entries[name];
         entry.m_lastUse = g_get_monotonic_time();
-        entry.m_askedAt = entry.m_askedAt == 0 ? entry.m_lastUse : entry.m_askedAt;
+        if (isNew)
+        {
+            entry.m_since = entry.m_lastUse;
+            m_unasked.push_back(name);
+        }
         if (!entry.m_isAnswered && onAnswer)
         {
             entry.m_waiting.push_back(onAnswer);
         }
         known = entry.m_peer;
-        if (found != m_entries.end() && !entry.m_isAnswered)
+    }
+    if (!known.m_name.empty() && onAnswer)
+    {
+        onAnswer(known);
+    }
+    m_AskBus();
+}
+
+void TCDbusPeers::m_AskBus()
+{
+    std::string name;
+    while (m_TakeNext(name))
+    {
+        const TGlibPtr<GDBusMessage> pCall(g_dbus_message_new_method_call(
+            BUS_NAME, BUS_PATH, BUS_NAME, "GetConnectionCredentials"));
+        g_dbus_message_set_body(pCall.get(), g_variant_new("(s)", name.c_str()));
+        const auto onAnswer = [this, name](GDBusMessage* pAnswer)
         {
-            return; // it has been asked
+            m_Answered(name, pAnswer);
+            m_AskBus();
+        };
+        if (m_calls.Call(pCall.get(), onAnswer, nullptr) == 0)
+        {
+            m_Answered(name, pCall.get()); // which is no answer: nothing is known
         }
     }
-    if (!known.m_name.empty())
+}
+
+// Whether the bus may be asked now, and whom about.
+bool TCDbusPeers::m_TakeNext(std::string& name)
+{
+    const TCPosixLock lock(m_mutex);
+    while (m_questions < PEER_SLOTS && !m_unasked.empty())
     {
-        if (onAnswer)
+        name = std::move(m_unasked.front());
+        m_unasked.pop_front();
+        const auto found = m_entries.find(name);
+        if (found != m_entries.end() && !std::exchange(found->second.m_isAsked, true))
         {
-            onAnswer(known);
-        }
-        return;
+            ++m_questions;
+            return true;
+        } // else it was forgotten meanwhile
     }
-    const TGlibPtr<GDBusMessage> pCall(
-        g_dbus_message_new_method_call(BUS_NAME, BUS_PATH, BUS_NAME, "GetConnectionCredentials"));
-    g_dbus_message_set_body(pCall.get(), g_variant_new("(s)", name.c_str()));
-    if (m_calls.Call(
-            pCall.get(), [this, name](GDBusMessage* pAnswer) { m_Answered(name, pAnswer); },
-            nullptr) == 0)
-    {
-        m_Answered(name, pCall.get()); // which is no answer: nothing is known
-    }
+    return false;
 }
 
 void TCDbusPeers::m_Answered(const std::string& name, GDBusMessage* pAnswer)
@@ -107,6 +138,7 @@ void TCDbusPeers::m_Answered(const std::string& name, GDBusMessage* pAnswer)
     std::vector<TOnAnswer> waiting;
     {
         const TCPosixLock lock(m_mutex);
+        --m_questions;
         const auto found = m_entries.find(name);
         if (found == m_entries.end())
         {
@@ -128,7 +160,7 @@ TSPeer TCDbusPeers::Find(const std::string& name)
     Ask(name, nullptr);
     TCPosixLock lock(m_mutex);
     const auto asked = m_entries.find(name);
-    const gint64 end = WAIT_US + (asked == m_entries.end() ? 0 : asked->second.m_askedAt);
+    const gint64 end = WAIT_US + (asked == m_entries.end() ? 0 : asked->second.m_since);
     for (;;)
     {
         const auto found = m_entries.find(name);
@@ -177,8 +209,8 @@ void TCDbusPeers::m_DropQuiet()
             entry.m_isAnswered && !entry.m_isKept && (isFull || now - entry.m_lastUse > QUIET_US);
         i = isDropped ? m_entries.erase(i) : std::next(i);
     }
-    m_entriesAtNextSweep = std::min(std::max(FIRST_SWEEP, 2 * m_entries.size()),
-                                    std::max(MOST_PEERS, m_entries.size() + FIRST_SWEEP));
+    m_entriesAtNextSweep = std::min(std::max(FIRST_DROP, 2 * m_entries.size()),
+                                    std::max(MOST_PEERS, m_entries.size() + FIRST_DROP));
 }
 
 } // namespace qor

@@ -3,6 +3,7 @@
 #define QOR_QORDBUSPEERS_H
 
 #include <cstddef>
+#include <deque>
 #include <functional>
 #include <map>
 #include <string>
@@ -20,8 +21,8 @@ namespace qor
 
 class TCDbusCalls;
 
-// Asks the bus once for each unique name, because the bus does not reuse these names. Any thread
-// may call it. Outlives the calls, whose answers come back here.
+// Asks the bus once for each unique name, because the bus does not reuse these names; about a few
+// of them at a time. Any thread may call it. Outlives the calls, whose answers come back here.
 class TCDbusPeers
 {
 public:
@@ -48,13 +49,16 @@ private:
     struct TSEntry
     {
         TSPeer m_peer;
+        bool m_isAsked = false;
         bool m_isAnswered = false;
         bool m_isKept = false;
         gint64 m_lastUse = 0; // monotonic times
-        gint64 m_askedAt = 0;
+        gint64 m_since = 0;
         std::vector<TOnAnswer> m_waiting; // until it is answered
     };
 
+    void m_AskBus() QOR_EXCLUDES(m_mutex);
+    bool m_TakeNext(std::string& name) QOR_EXCLUDES(m_mutex);
     void m_Answered(const std::string& name, GDBusMessage* pAnswer) QOR_EXCLUDES(m_mutex);
     void m_DropQuiet() QOR_REQUIRES(m_mutex);
 
@@ -62,6 +66,8 @@ private:
     TSPosixMutex m_mutex;
     TCCondition m_changed;
     std::map<std::string, TSEntry> m_entries QOR_GUARDED_BY(m_mutex);
+    std::deque<std::string> m_unasked QOR_GUARDED_BY(m_mutex); // in the order of their questions
+    std::size_t m_questions QOR_GUARDED_BY(m_mutex);           // without an answer
     std::size_t m_entriesAtNextSweep QOR_GUARDED_BY(m_mutex);
 };
 

@@ -39,6 +39,11 @@ constexpr std::size_t MAX_UNWRITTEN = 16;
 constexpr std::size_t LARGE_ANSWER = 65536;
 constexpr std::size_t MAX_UNWRITTEN_REFUSALS = 1024;
 
+// The most questions about senders without an answer at a time. Each answer may hold a descriptor
+// of the sender's process, and a bus with stock limits refuses everybody's calls to a connection
+// that has not read 64 of them; two endpoints may share a connection.
+constexpr std::size_t PEER_SLOTS = 32;
+
 // How many senders are kept before the first search for those that are gone.
 constexpr std::size_t FIRST_SWEEP = 256;
 
