@@ -307,7 +307,7 @@ TEST_F(AttackedServer, BusIsAskedAboutAFewOfManyNewSendersAtATime)
     const auto count = [](GDBusConnection*, GDBusMessage* pMessage, gboolean, gpointer)
     {
         const auto is = [member = g_dbus_message_get_member(pMessage)](const char* name)
-        { return g_strcmp0(member, name) == 0 ? 1 : 0; };
+        { return std::size_t(g_strcmp0(member, name) == 0 ? 1 : 0); };
         s_calls += is("Send");
         s_questions += is("GetConnectionCredentials");
         s_signals += is("Sent");

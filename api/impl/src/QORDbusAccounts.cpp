@@ -89,17 +89,22 @@ bool TCDbusAccounts::Close(TSSender& sender, std::uint32_t serial)
     const auto isHandled = [](const auto& call) { return call.second.m_isHandled; };
     auto answered = std::find_if(first, last, isHandled);
     answered = answered == last ? first : answered;
-    m_handled.remove(&answered->second);
-    if (answered->second.m_isForeign)
+    m_End(sender, answered);
+    return true;
+}
+
+void TCDbusAccounts::m_End(TSSender& sender, TOpenCalls::iterator call)
+{
+    m_handled.remove(&call->second);
+    if (call->second.m_isForeign)
     {
         --m_foreign;
     }
     else
     {
-        m_Discount(sender, answered->second.m_size);
+        m_Discount(sender, call->second.m_size);
     }
-    sender.m_open.erase(answered);
-    return true;
+    sender.m_open.erase(call);
 }
 
 void TCDbusAccounts::SetHandled(TSSender& sender, std::uint32_t serial)
@@ -140,13 +145,10 @@ void TCDbusAccounts::DropLost()
     {
         if (m_IsGoneFor(*pCall, LOST_US))
         {
-            auto& open = m_senders[pCall->m_sender].m_open;
-            const auto found =
-                std::find_if(open.begin(), open.end(),
-                             [pCall](const auto& call) { return &call.second == pCall; });
-            m_handled.remove(pCall);
-            m_Discount(m_senders[pCall->m_sender], pCall->m_size);
-            open.erase(found);
+            TSSender& sender = m_senders[pCall->m_sender];
+            m_End(sender,
+                  std::find_if(sender.m_open.begin(), sender.m_open.end(),
+                               [pCall](const auto& call) { return &call.second == pCall; }));
         }
     }
 }

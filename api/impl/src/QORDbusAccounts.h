@@ -49,6 +49,7 @@ public:
         bool m_isHandled = false;
         gint64 m_goneSince = 0; // monotonic time, when that was seen; 0: never
     };
+    using TOpenCalls = std::multimap<std::uint32_t, TSOpenCall>; // by serial, which senders choose
     struct TSSender
     {
         TSDbusAccount& Account()
@@ -57,13 +58,13 @@ public:
         }
 
         TSDbusAccount m_own;
-        std::shared_ptr<TSDbusAccount> m_pUser;          // shared with others; or none
-        std::multimap<std::uint32_t, TSOpenCall> m_open; // by serial, which the sender chooses
-        TSPeer m_peer;                                   // once the bus has told
-        gint64 m_since = 0;                              // monotonic time
-        std::size_t m_atPing = 0;                        // bytes that were unread then
-        bool m_isAsked = false;                          // the bus, who it is
-        bool m_isTold = false;                           // by the bus, perhaps that it is gone
+        std::shared_ptr<TSDbusAccount> m_pUser; // shared with others; or none
+        TOpenCalls m_open;
+        TSPeer m_peer;            // once the bus has told
+        gint64 m_since = 0;       // monotonic time
+        std::size_t m_atPing = 0; // bytes that were unread then
+        bool m_isAsked = false;   // the bus, who it is
+        bool m_isTold = false;    // by the bus, perhaps that it is gone
         bool m_isPinged = false;
     };
     using TSenders = std::map<std::string, TSSender>; // by unique name
@@ -119,6 +120,7 @@ private:
     static void m_Move(TSSender& sender, const std::shared_ptr<TSDbusAccount>& user);
     void m_Count(TSSender& sender, std::size_t size);
     void m_Discount(TSSender& sender, std::size_t size);
+    void m_End(TSSender& sender, TOpenCalls::iterator call);
     static bool m_IsGoneFor(TSOpenCall& call, gint64 microseconds);
 
     TSenders m_senders;
