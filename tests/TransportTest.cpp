@@ -157,6 +157,25 @@ TEST_F(Transport, RefusedHelloIsRepeatedUntilItIsConfirmedOrTheServiceHasLeft)
 }
 
 // Such a name would become one of GLib's strings, for good.
+TEST_F(Transport, ChangesThatTheServiceDoesNotConfirmLeaveRoomForSendsAndTheLastOneIsTold)
+{
+    m_service->AnswerHelloUsing([](const IncomingCall&) { return HOLD; });
+    TCDbusClient client(false);
+    ASSERT_TRUE(PumpUntil([&] { return client.IsReady(); }));
+    for (int i = 0; i < 100; ++i)
+    {
+        client.SetCallback(2, Accept);
+        client.UnSetCallback(2);
+    }
+    client.SetCallback(3, Accept);
+    EXPECT_TRUE(Sends(client));
+    EXPECT_LE(m_service->Count("Hello"), 16U);
+    m_service->AnswerHelloUsing([](const IncomingCall&) { return NO_VALUE; });
+    m_service->AnswerHeld(NO_VALUE);
+    EXPECT_TRUE(
+        WaitUntil([&] { return m_service->Calls("Hello").back().bytes == EventList({3}); }));
+}
+
 TEST_F(Transport, ErrorNamesThatTheServiceInventsAreNotKept)
 {
     const auto invented = [](const std::string& name) {

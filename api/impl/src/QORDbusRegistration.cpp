@@ -21,6 +21,9 @@ constexpr unsigned int FIRST_PAUSE_MS = 100;
 constexpr unsigned int LAST_PAUSE_MS = 10000;
 constexpr unsigned int FIRST_PATIENCE_MS = 10000;
 constexpr unsigned int LAST_PATIENCE_MS = 640000;
+// A host may change its types faster than the service answers. Those without an answer must leave
+// most of the calls that a stock bus lets wait for a reply, 128, to the host's messages.
+constexpr std::size_t MAX_UNANSWERED = 16;
 
 } // namespace
 
@@ -28,6 +31,9 @@ TCDbusRegistration::TCDbusRegistration(std::unique_ptr<TCDbusTimer> pTimer)
     : m_pTimer(std::move(pTimer)),
       m_pTypes(g_variant_ref_sink(WriteEventList({}))),
       m_number(0),
+      m_firstNumber(0),
+      m_unanswered(0),
+      m_isOverdue(false),
       m_hasNews(false),
       m_isConfirmed(false),
       m_isConfirmationTaken(false),
@@ -51,46 +57,70 @@ bool TCDbusRegistration::HasNews()
     return m_hasNews;
 }
 
-// Sent under the lock: the last Hello that goes out has the last types.
 void TCDbusRegistration::Announce(TCDbusCalls& calls, GDBusMessage* pHello)
 {
     const TCPosixLock lock(m_mutex);
+    if (m_unanswered < MAX_UNANSWERED || m_isOverdue)
+    {
+        m_Send(calls, pHello);
+    }
+    else
+    {
+        m_pHeld.reset(static_cast<GDBusMessage*>(g_object_ref(pHello)));
+    }
+}
+
+// Under the lock: the last Hello that goes out has the last types.
+void TCDbusRegistration::m_Send(TCDbusCalls& calls, GDBusMessage* pHello)
+{
     g_dbus_message_set_body(pHello, m_pTypes.get());
+    m_pHeld.reset();
+    m_isOverdue = false;
     m_hasNews = false;
     m_isConfirmed = false;
     m_isConfirmationTaken = false;
     m_reason = G_IO_ERROR_TIMED_OUT; // until there is a better one
     ++m_number;
-    calls.Call(
-        pHello,
-        [self = shared_from_this(), number = m_number](GDBusMessage* pAnswer)
-        { self->m_Answered(number, pAnswer); },
-        nullptr);
+    const auto onAnswer = [self = shared_from_this(), &calls, number = m_number](
+                              GDBusMessage* pAnswer) { self->m_Answered(calls, number, pAnswer); };
+    m_unanswered += calls.Call(pHello, onAnswer, nullptr) == 0 ? 0 : 1;
     m_pTimer->SetIn(m_patienceMs);
 }
 
 // On the worker thread.
-void TCDbusRegistration::m_Answered(std::uint32_t number, GDBusMessage* pAnswer)
+void TCDbusRegistration::m_Answered(TCDbusCalls& calls, std::uint32_t number, GDBusMessage* pAnswer)
 {
     const TCPosixLock lock(m_mutex);
-    if (number != m_number)
+    int reason = 0;
+    const bool isLast = number == m_number;
+    m_unanswered -= number < m_firstNumber ? 0 : 1;
+    if (IsErrorReply(pAnswer, reason))
     {
-        return; // the answer to an earlier one
+        if (isLast)
+        {
+            m_reason = reason;
+            m_pTimer->SetIn(m_pauseMs);
+            m_pauseMs = std::min(2 * m_pauseMs, LAST_PAUSE_MS);
+        }
     }
-    if (IsErrorReply(pAnswer, m_reason))
+    else if (const auto pHeld = std::exchange(m_pHeld, nullptr))
     {
-        m_pTimer->SetIn(m_pauseMs);
-        m_pauseMs = std::min(2 * m_pauseMs, LAST_PAUSE_MS);
-        return;
+        m_Send(calls, pHeld.get());
     }
-    m_isConfirmed = true;
-    m_pTimer->SetIn(0);
-    m_ResetIntervals();
+    else if (isLast)
+    {
+        m_isConfirmed = true;
+        m_pTimer->SetIn(0);
+        m_ResetIntervals();
+    }
 }
 
 void TCDbusRegistration::Restart()
 {
     const TCPosixLock lock(m_mutex);
+    m_firstNumber = m_number + 1;
+    m_unanswered = 0;
+    m_pHeld.reset();
     m_ResetIntervals();
 }
 
@@ -113,6 +143,7 @@ bool TCDbusRegistration::IsUnconfirmed(std::optional<int>& newReason)
     {
         newReason = m_reason;
     }
+    m_isOverdue = true;
     if (m_reason == G_IO_ERROR_TIMED_OUT)
     {
         m_patienceMs = std::min(2 * m_patienceMs, LAST_PATIENCE_MS);

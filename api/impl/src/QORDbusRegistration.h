@@ -5,6 +5,7 @@
 #ifndef QOR_QORDBUSREGISTRATION_H
 #define QOR_QORDBUSREGISTRATION_H
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -36,7 +37,8 @@ public:
     // Whether the types have changed since they were announced.
     bool HasNews() QOR_EXCLUDES(m_mutex);
 
-    // Sends a Hello, given without arguments, with the present types.
+    // Sends a Hello, given without arguments, with the present types; at the next answer, if many
+    // have none.
     void Announce(TCDbusCalls& calls, GDBusMessage* pHello) QOR_EXCLUDES(m_mutex);
 
     // The service is a new one: forgets all announcements to the one before, and starts with the
@@ -56,13 +58,19 @@ public:
     void Stop();
 
 private:
-    void m_Answered(std::uint32_t number, GDBusMessage* pAnswer) QOR_EXCLUDES(m_mutex);
+    void m_Send(TCDbusCalls& calls, GDBusMessage* pHello) QOR_REQUIRES(m_mutex);
+    void m_Answered(TCDbusCalls& calls, std::uint32_t number, GDBusMessage* pAnswer)
+        QOR_EXCLUDES(m_mutex);
     void m_ResetIntervals() QOR_REQUIRES(m_mutex);
 
     const std::unique_ptr<TCDbusTimer> m_pTimer;
     TSPosixMutex m_mutex;
     TGlibPtr<GVariant> m_pTypes QOR_GUARDED_BY(m_mutex);
-    std::uint32_t m_number QOR_GUARDED_BY(m_mutex); // of the last announcement
+    std::uint32_t m_number QOR_GUARDED_BY(m_mutex);         // of the last announcement
+    std::uint32_t m_firstNumber QOR_GUARDED_BY(m_mutex);    // of those to this service
+    std::size_t m_unanswered QOR_GUARDED_BY(m_mutex);       // of those
+    bool m_isOverdue QOR_GUARDED_BY(m_mutex);               // the next one is sent however many are
+    TGlibPtr<GDBusMessage> m_pHeld QOR_GUARDED_BY(m_mutex); // the next one
     bool m_hasNews QOR_GUARDED_BY(m_mutex);
     bool m_isConfirmed QOR_GUARDED_BY(m_mutex);
     bool m_isConfirmationTaken QOR_GUARDED_BY(m_mutex);
