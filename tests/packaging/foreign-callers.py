@@ -297,28 +297,27 @@ class Checks:
         self.expect("both", "afterwards", self.state(), (self.process, HASH))
 
     def at_the_limit(self):
-        """Whatever a caller may still send, the answer must fit into a message of the bus, too."""
-        for room in range(120, 420, 20):
-            text = "x" * (32 * MEBIBYTE - room)
-            for arguments in (("SetPolicy", set_policy("<a/>", quoted(text) + ": <1>")[2]),
-                              ("Get", GLib.Variant("(ss)", (POLICY, text))),
-                              ("GetAll", GLib.Variant("(s)", (text,)))):
-                self.send_alone(PATH, *arguments)
-                self.expect("at the limit", "%s, %d bytes left" % (arguments[0], room), self.state(),
-                            (self.process, HASH))
-            self.send_alone("/" + text, "ListPolicies", None)
-            self.expect("at the limit", "a path, %d bytes left" % room, self.state(),
-                        (self.process, HASH))
+        """No answer repeats so much that it does not fit into a message of the bus."""
+        text = "x" * (32 * MEBIBYTE - 400)
+        limit = STANDARD + "LimitsExceeded"
+        for path, interface, member, arguments, expected in (
+                (PATH, POLICY, "SetPolicy", set_policy("<a/>", quoted(text) + ": <1>")[2],
+                 STANDARD + "InvalidArgs"),
+                (PATH, PROPERTIES, "Get", GLib.Variant("(ss)", (POLICY, text)), limit),
+                (PATH, PROPERTIES, "GetAll", GLib.Variant("(s)", (text,)), limit),
+                ("/" + text, POLICY, "ListPolicies", None, limit)):
+            self.expect("at the limit", member, self.error_of(path, interface, member, arguments),
+                        expected)
+            self.expect("at the limit", member + ", afterwards", self.state(), (self.process, HASH))
 
-    def send_alone(self, path, member, arguments):
+    def error_of(self, path, interface, member, arguments):
         """On a connection of its own, which the bus may close."""
         address = Gio.dbus_address_get_for_bus_sync(Gio.BusType.SYSTEM)
         bus = Gio.DBusConnection.new_for_address_sync(address, Gio.DBusConnectionFlags(1 | 8))
-        interface = PROPERTIES if member.startswith("Get") else POLICY
         try:
             bus.call_sync(NAME, path, interface, member, arguments, None, 0, 60000)
-        except GLib.Error:
-            pass
+        except GLib.Error as error:
+            return Gio.DBusError.get_remote_error(error)
 
 
 def main():

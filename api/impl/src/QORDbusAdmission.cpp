@@ -24,12 +24,29 @@ namespace
 
 // No object's is nearly as long, of whomever in the process.
 constexpr std::size_t MAX_PATH_LENGTH = 4096;
+// Half of what a message on a stock bus may have.
+constexpr std::size_t MAX_NAMES_SIZE = std::size_t{16} << 20;
 
 constexpr const char* NO_SERVICE = "org.freedesktop.DBus.Error.ServiceUnknown";
 
 bool IsText(const char* text, const char* expected)
 {
     return text != nullptr && std::strcmp(text, expected) == 0;
+}
+
+// GDBus's own answers repeat the path, and names of interfaces and properties. One that is over the
+// limit of the bus closes our connection.
+const char* ObjectionToNames(GDBusMessage* pCall)
+{
+    const char* interface = g_dbus_message_get_interface(pCall);
+    if (std::strlen(g_dbus_message_get_path(pCall)) > MAX_PATH_LENGTH)
+    {
+        return "The object path is too long";
+    }
+    return interface != nullptr && g_str_has_prefix(interface, "org.freedesktop.DBus.") != FALSE &&
+                   BodySize(pCall) > MAX_NAMES_SIZE
+               ? "The arguments are too long"
+               : nullptr;
 }
 
 } // namespace
@@ -72,10 +89,9 @@ void TCDbusAdmission::Serve(TOnSender onSender, TOnNews onNews)
 // properties too. Calls to other paths of a service's connection cost it their answers.
 bool TCDbusAdmission::Admit(GDBusMessage* pCall)
 {
-    if (std::strlen(g_dbus_message_get_path(pCall)) > MAX_PATH_LENGTH)
+    if (const char* objection = ObjectionToNames(pCall))
     {
-        // GDBus's answer would repeat it; one over the limit of the bus closes our connection.
-        m_Refuse(pCall, LIMITS_EXCEEDED, "The object path is too long");
+        m_Refuse(pCall, LIMITS_EXCEEDED, objection);
         return false;
     }
     const char* name = g_dbus_message_get_sender(pCall);
