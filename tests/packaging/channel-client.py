@@ -12,15 +12,13 @@ import argparse
 import struct
 import sys
 
-from gi.repository import Gio, GLib
+import dbus
+import dbus.mainloop.glib
+import dbus.service
+from gi.repository import GLib
 
 INTERFACE = "com.norvane.qor.IControl"
 PATH = "/com/norvane/qor/CommunicationChannel"
-INTROSPECTION = """
-<node><interface name='com.norvane.qor.IControl'>
-  <method name='Send'><arg type='ay' direction='in'/><arg type='ay' direction='out'/></method>
-</interface></node>
-"""
 
 SET_POLICY = 4  # to the service
 POLICY_UPDATE, REQUEST_PROCESS_INFO = 2, 4  # from the service
@@ -29,10 +27,6 @@ EVENT_NAMES = {POLICY_UPDATE: "policy-update", REQUEST_PROCESS_INFO: "process-in
 SIGNATURE = b"serialization::archive"
 ARCHIVE_VERSION = 17  # readers take their own version and every older one
 WORDS = {4: "=I", 8: "=Q"}  # of a 32-bit and of a 64-bit process
-
-
-class ProtocolError(Exception):
-    """Bytes that do not follow the protocol."""
 
 
 class Archives:
@@ -51,20 +45,20 @@ class Archives:
     def read_int(self, data):
         version = len(self.header) - len(self.layout) - 2
         if len(data) < len(self.header) + 4:
-            raise ProtocolError("an answer of %d bytes is too short for an integer" % len(data))
+            raise ValueError("an answer of %d bytes is too short for an integer" % len(data))
         if (data[:version] != self.header[:version] or
                 data[version + 2:len(self.header)] != self.layout):
-            raise ProtocolError("an answer that is not an archive of this kind of process")
+            raise ValueError("an answer that is not an archive of this kind of process")
         return struct.unpack_from("<i", data, len(self.header))[0]
 
 
-class Client:
+class Client(dbus.service.Object):
     def __init__(self, arguments):
+        super().__init__(dbus.SystemBus(), PATH)
         self.arguments = arguments
         self.archives = Archives(arguments.word_size)
         self.events_left = arguments.listen
         self.loop = GLib.MainLoop()
-        self.bus = Gio.bus_get_sync(Gio.BusType.SYSTEM, None)
 
     def show(self, what, data):
         if self.arguments.show_bytes:
@@ -73,9 +67,8 @@ class Client:
     def call(self, method, data):
         """Calls the service; gives back the bytes of the answer, none if the method has none."""
         self.show("> " + method, data)
-        reply = self.bus.call_sync(INTERFACE, PATH, INTERFACE, method, wrap(data), None,
-                                   Gio.DBusCallFlags.NONE, 10000, None)
-        answer = unwrap(reply) if reply.n_children() else b""
+        answer = self.connection.call_blocking(INTERFACE, PATH, INTERFACE, method, "ay",
+                                               (dbus.ByteArray(data),), 10.0, byte_arrays=True) or b""
         self.show("< " + method, answer)
         return answer
 
@@ -84,44 +77,23 @@ class Client:
         envelope = struct.pack("<i?", SET_POLICY, False)  # the type, and that it is synchronous
         answer = self.call("Send", envelope + self.archives.write_text(text))
         if not answer:
-            raise ProtocolError("an empty answer")
+            raise ValueError("an empty answer")
         return self.archives.read_int(answer[1:]) if answer[0] else None
 
-    def listen(self):
-        """Makes events reach this process: exports the object and announces the types."""
-        interface = Gio.DBusNodeInfo.new_for_xml(INTROSPECTION).interfaces[0]
-        self.bus.register_object(PATH, interface, self.on_call, None, None)
-        self.say_hello()
-        # A service that has been restarted knows nobody: the types are announced anew.
-        Gio.bus_watch_name_on_connection(self.bus, INTERFACE, Gio.BusNameWatcherFlags.NONE,
-                                         lambda *_: self.say_hello(), None)
-
-    def say_hello(self):
-        self.call("Hello", struct.pack("<2i", POLICY_UPDATE, REQUEST_PROCESS_INFO))
-
-    def on_call(self, _bus, _sender, _path, _interface, _method, parameters, invocation):
-        request = unwrap(parameters)
+    @dbus.service.method(INTERFACE, in_signature="ay", out_signature="ay", byte_arrays=True)
+    def Send(self, request):
+        """An event of the service."""
         self.show("> event", request)
         event = struct.unpack_from("<i?", request)[0] if len(request) >= 5 else 0
         known = event in EVENT_NAMES
         answer = struct.pack("?", known)
         self.show("< event", answer)
-        invocation.return_value(wrap(answer))
         if known:
             print("event", EVENT_NAMES[event], flush=True)
             self.events_left -= 1
         if self.events_left == 0:
-            self.bus.flush_sync(None)  # the answer is out before this process ends
-            self.loop.quit()
-
-
-def wrap(data):
-    array = GLib.Variant.new_from_bytes(GLib.VariantType("ay"), GLib.Bytes(data), True)
-    return GLib.Variant.new_tuple(array)
-
-
-def unwrap(value):
-    return value.get_child_value(0).get_data_as_bytes().get_data() or b""
+            GLib.idle_add(self.loop.quit)
+        return dbus.ByteArray(answer)
 
 
 def main():
@@ -132,21 +104,23 @@ def main():
     parser.add_argument("--word-size", type=int, choices=WORDS, default=struct.calcsize("@N"),
                         help="speak as a process whose words have so many bytes; default: its own")
     arguments = parser.parse_args()
+    dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
     try:
         client = Client(arguments)
         if arguments.listen:
-            client.listen()
+            client.call("Hello", struct.pack("<2i", POLICY_UPDATE, REQUEST_PROCESS_INFO))
         with open(arguments.file, "rb") as policy:
             result = client.set_policy(policy.read())
         print("the service could not take the request" if result is None else "result %d" % result,
               flush=True)
         if arguments.listen:
             client.loop.run()
+            client.connection.flush()  # the answer is out before this process ends
         return 0 if result == 0 else 1
-    except GLib.Error as error:
-        print("not delivered:", error.message, file=sys.stderr)
+    except dbus.DBusException as error:
+        print("not delivered:", error, file=sys.stderr)
         return 2
-    except ProtocolError as error:
+    except ValueError as error:
         print(error, file=sys.stderr)
         return 3
 
