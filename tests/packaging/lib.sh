@@ -49,16 +49,15 @@ start_bus() {
 
 # wait_for WHAT COMMAND...: until the command succeeds, for at most 30 seconds.
 wait_for() {
-    local what=$1 i
+    local what=$1 end=$((SECONDS + 30))
     shift
-    for ((i = 0; i < 300; i++)); do
-        if "$@" >/dev/null 2>&1; then
-            return 0
+    until "$@" >/dev/null 2>&1; do
+        if ((SECONDS > end)); then
+            echo "gave up waiting for $what" >&2
+            return 1
         fi
         sleep 0.1
     done
-    echo "gave up waiting for $what" >&2
-    return 1
 }
 
 # check WHAT COMMAND...: counts one step. A function may have several commands, and fails with the
@@ -88,6 +87,15 @@ check() {
         failures=$((failures + 1))
         echo "FAILED: $what (status $status)"
         sed 's/^/    /' "$work/check.log"
+    fi
+}
+
+# check_with PROGRAM WHAT COMMAND...: the step, where that program is installed.
+check_with() {
+    if command -v "$1" >/dev/null; then
+        check "${@:2}"
+    else
+        echo "not checked: $2: $1 is not installed"
     fi
 }
 
