@@ -4,11 +4,9 @@
 #include <grp.h>
 
 #include <chrono>
-#include <random>
 
 #include <expat.h>
 #include <gtest/gtest.h>
-#include <libxml/parser.h>
 
 #include "ChildProcess.h"
 #include "common/PolicyXml.h"
@@ -227,19 +225,21 @@ TEST(PolicyXml, RefusalsSayWhereAndWhat)
     EXPECT_EQ(error.find("line 2, column 7: mismatched tag"), 0U) << error;
     for (const char* text : {"<!DOCTYPE a [<!ENTITY e SYSTEM 'file:///dev/zero'>]><a>&e;</a>",
                              "<!DOCTYPE a SYSTEM 'http://127.0.0.1/'><a>&e;</a>",
-                             "\xEF\xBB\xBF<?xml version='1.0' encoding='utf-8'?><a/>"})
+                             "\xEF\xBB\xBF<?xml version='1.0' encoding='utf-8'?><a/>",
+                             "<!-- c --><x:a y:b='&lt;&#65;'>\xC3\xA9<?p?><![CDATA[<b>&]]></x:a>"})
     {
         EXPECT_EQ(Check(text, error), qor::POLICY_STORED) << text << error;
     }
     for (const char* start : {"<?xml version='1.0' encoding='UTF-16'?>", "<!DOCTYPE>", "<?xml?>",
                               "<?xml version='1.0' encoding='ISO-8859-1'?>", "<!-- a -- b -->",
-                              "<?xml version='2.0'?>", " <?xml version='1.0'?>"})
+                              "<?xml version='2.0'?>", " <?xml version='1.0'?>", "<a/>", "]]>"})
     {
         EXPECT_EQ(Check(std::string(start) + "<a/>", error), qor::POLICY_NOT_WELL_FORMED) << start;
     }
     EXPECT_EQ(Check("", error), qor::POLICY_NOT_WELL_FORMED);
     for (const std::string& text :
-         {"<a/>\0<b"s, "<\0a\0/\0>\0"s, "\0<\0a\0/\0>"s, "\xFF\xFE<\0a\0/\0>\0"s})
+         {"<a/>\0<b"s, "<\0a\0/\0>\0"s, "\0<\0a\0/\0>"s, "\xFF\xFE<\0a\0/\0>\0"s, "<a>&nope;</a>"s,
+          "<a>&#31;</a>"s, "<a>\xED\xA0\x80</a>"s, "<a>]]></a>"s})
     {
         EXPECT_EQ(Check(text, error), qor::POLICY_NOT_WELL_FORMED) << error;
     }
@@ -297,63 +297,4 @@ TEST(PolicyXml, WhatTakesTooLongToCheckIsRefused)
               error),
         qor::POLICY_STORED)
         << error;
-}
-
-// Only what stands behind a bracket is changed: before it, the second judge is known to be lenient.
-// It also ends at a zero byte, so none is put in.
-TEST(PolicyXml, AgreesWithAnotherParserAboutChangedDocuments)
-{
-    const std::string documents[] = {
-        "<!DOCTYPE a [<!ENTITY e 'x<b/>y'><!ATTLIST a b CDATA #IMPLIED c CDATA 'x'>]>\n"
-        "<!-- c --><?p x?><a b='1' d=\"&lt;&#65;\">t&e;<![CDATA[ <b> & ]]>\xC3\xA9]]&gt;</a>",
-        "<!--[--><policy v=\"1\"><rule id='b'>text &amp; more</rule><!-- n --><x:y/></policy>",
-        "<!DOCTYPE a []><a>&#x10FFFF;&nope;<?p?></a>"};
-    const std::string characters = "<>&'\"/!?;\nx:\x01\xFF";
-    const std::string parts[] = {
-        "--",           "]]>",          "<!--",         "-->",     "<?",
-        "<![CDATA[",    "&#0;",         "&#x1F;",       "&lt;",    "&e;",
-        "<a>",          "</a>",         "<a/>",         " a='1'",  "<?xml version='1.0'?>",
-        "<!DOCTYPE a>", "\xEF\xBF\xBE", "\xED\xA0\x80", "&#xD800;"};
-    std::mt19937 random(3);
-    const auto any = [&](std::size_t count) { return random() % count; };
-    std::size_t good = 0;
-    for (int i = 0; i < 60000; ++i)
-    {
-        std::string text = documents[any(std::size(documents))], error;
-        const std::size_t start = text.find('[') + 1;
-        for (std::size_t changes = any(4); changes > 0; --changes)
-        {
-            const std::size_t at = start + any(text.size() - start);
-            const std::string part = any(2) == 0
-                                         ? std::string(1, characters[any(characters.size())])
-                                         : parts[any(std::size(parts))];
-            if (any(2) == 0)
-            {
-                text.erase(at, any(3));
-            }
-            else
-            {
-                text.insert(at, part);
-            }
-            if (any(4) == 0)
-            {
-                text.insert(at, text.substr(start + any(text.size() - start), any(12)));
-            }
-        }
-        xmlParserCtxtPtr const pOther = xmlNewParserCtxt();
-        xmlDocPtr const pDocument =
-            xmlCtxtReadMemory(pOther, text.data(), static_cast<int>(text.size()), "", nullptr,
-                              XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
-        const bool isGood = pDocument != nullptr;
-        xmlFreeDoc(pDocument);
-        xmlFreeParserCtxt(pOther);
-        good += isGood ? 1U : 0U;
-        if (isGood && LIBXML_VERSION >= 21400)
-        {
-            continue; // newer releases do not look behind the document's end
-        }
-        EXPECT_EQ(Check(text, error) == qor::POLICY_STORED, isGood) << text << "\n" << error;
-    }
-    EXPECT_GT(good, 6000U);
-    EXPECT_LT(good, 54000U);
 }

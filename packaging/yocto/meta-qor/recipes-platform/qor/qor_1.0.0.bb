@@ -17,7 +17,7 @@ inherit cmake pkgconfig systemd useradd
 # Without the tools, the libraries alone. The tests are built and not installed.
 PACKAGECONFIG ??= "tools"
 PACKAGECONFIG[tools] = "-DQOR_BUILD_TOOLS=ON -DQOR_SYSTEMD=ON,-DQOR_BUILD_TOOLS=OFF,cli11 expat nlohmann-json"
-PACKAGECONFIG[tests] = "-DBUILD_TESTING=ON,-DBUILD_TESTING=OFF,dbus-native googletest libxml2"
+PACKAGECONFIG[tests] = "-DBUILD_TESTING=ON,-DBUILD_TESTING=OFF,dbus-native googletest"
 
 # Run paths, and a compiler's cache, are bitbake's affair.
 EXTRA_OECMAKE = " \
