@@ -70,14 +70,7 @@ TEST(UserDatabase, NobodyWaitsForOneThatHangs)
 {
     const qortest::TemporaryDirectory directory;
     setenv("QOR_TEST_USERS", directory.Path().c_str(), 1);
-    const auto hang = [file = directory.Path("hang")](bool isHanging)
-    {
-        boost::filesystem::remove(file);
-        if (isHanging)
-        {
-            qortest::WriteFile(file, "");
-        }
-    };
+    const std::string hang = directory.Path("hang");
     qor::TSPeer peer;
     peer.m_isKnown = peer.m_hasGroups = true;
     peer.m_userId = geteuid() + 12345;
@@ -92,7 +85,7 @@ TEST(UserDatabase, NobodyWaitsForOneThatHangs)
         EXPECT_EQ(permission.MissingGroups(), rules.m_groups);
         qortest::WriteFile(directory.Path("made-later"), ""); // an answer is not kept for long
         EXPECT_EQ(permission.MayChange(peer), qord::EPermission::GRANTED);
-        hang(true);
+        qortest::WriteFile(hang, "");
         for (uid_t id = 1000; id < 3000; ++id)
         {
             EXPECT_EQ(users.UserName(id), std::nullopt);
@@ -100,23 +93,23 @@ TEST(UserDatabase, NobodyWaitsForOneThatHangs)
         EXPECT_EQ(permission.MayChange(peer), qord::EPermission::GRANTED); // as was known last
         peer.m_hasGroups = false;
         EXPECT_EQ(permission.MayChange(peer), qord::EPermission::UNKNOWN);
-        hang(false);
+        boost::filesystem::remove(hang);
         EXPECT_TRUE(qortest::WaitUntil(
             [&] { return permission.MayChange(peer) == qord::EPermission::REFUSED; }));
-        hang(true);
+        qortest::WriteFile(hang, "");
         EXPECT_EQ(users.UserName(2999), std::nullopt); // too many questions were before it
-        hang(false);
+        boost::filesystem::remove(hang);
         qortest::WaitUntil([&] { return users.UserName(2999).has_value(); });
         for (uid_t id = 1001; id < 1300; ++id) // more answers than are kept
         {
             EXPECT_TRUE(users.UserName(id));
         }
-        hang(true);
+        qortest::WriteFile(hang, "");
         EXPECT_EQ(users.UserName(1001), std::nullopt);
         EXPECT_EQ(users.UserName(1299), "1299");
     } // and the question is left behind
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
-    hang(false);
+    boost::filesystem::remove(hang);
 }
 
 // A slow bus is no reason to tell root that it may not; and nobody's text is worth hashing who may

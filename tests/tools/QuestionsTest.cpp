@@ -9,9 +9,7 @@
 using namespace qortest;
 using TJson = nlohmann::json;
 
-class Questions : public ToolTest
-{
-};
+using Questions = ToolTest;
 
 TEST_F(Questions, HealthIsAStatusWithReasons)
 {
