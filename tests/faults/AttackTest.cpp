@@ -227,17 +227,6 @@ INSTANTIATE_TEST_SUITE_P(By, Attacked, testing::ValuesIn(ROWS),
 
 using AttackCost = Attacked;
 
-TEST_F(AttackCost, PolicyOfWhoMayNotSetOneIsNotRead)
-{
-    constexpr std::size_t SIZE = 31 << 20, ROUNDS = 3;
-    Start("policy-update: 0 delivered");
-    const double other = Cost(1, {SetPolicy(SIZE, 99)}, ROUNDS); // nobody reads that
-    const double refused = Cost(1, {SetPolicy(SIZE)}, ROUNDS);
-    std::cout << "31 MiB: no policy " << other << " s, refused " << refused << " s\n";
-    EXPECT_LT(refused, 1.5 * other);
-    EXPECT_GE(CountOf(m_qord->Err(), "its sender may not change the policy"), 1U);
-}
-
 TEST_F(AttackCost, QuestionsCostTheSameWhoeverIsRegistered)
 {
     double status[2] = {};
@@ -267,9 +256,7 @@ TEST_F(AttackCost, QuestionsCostTheSameWhoeverIsRegistered)
 
 // --- Attacks on another service ------------------------------------------------------------------
 
-class AttackedServer : public ServerTest
-{
-};
+using AttackedServer = ServerTest;
 
 TEST_F(AttackedServer, LargeAnswersThatNobodyReadsAreNotKept)
 {

@@ -116,37 +116,25 @@ TEST(UserDatabase, NobodyWaitsForOneThatHangs)
 // not set it.
 TEST_F(PolicyHandler, AsksWhoSendsBeforeItLooksAtTheText)
 {
+    testing::internal::CaptureStderr();
     m_asker.m_peer.m_isKnown = false;
-    EXPECT_EQ(Set("<a/>"), qor::POLICY_NOT_STORED);
+    EXPECT_EQ(Set("<a>"), qor::POLICY_NOT_STORED);
     EXPECT_NE(m_verdict.m_words.find("try again"), std::string::npos);
     m_asker.m_peer.m_isKnown = true;
     m_asker.m_permission = qord::EPermission::UNKNOWN; // nor is a slow user database
-    EXPECT_EQ(Set("<a/>"), qor::POLICY_NOT_STORED);
+    EXPECT_EQ(Set("<a>"), qor::POLICY_NOT_STORED);
     EXPECT_NE(m_verdict.m_words.find("database has not told"), std::string::npos);
     m_asker.m_permission = qord::EPermission::REFUSED;
-    EXPECT_EQ(Set("<a/>"), qor::POLICY_NOT_PERMITTED);
-    EXPECT_EQ(m_verdict.m_sha256, "");
+    for (int i = 0; i < 9; ++i) // of which four have lines of their own, as the one before has
+    {
+        EXPECT_EQ(Set("<a>"), qor::POLICY_NOT_PERMITTED);
+        EXPECT_EQ(m_verdict.m_sha256, "");
+    }
+    const std::string errors = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(qortest::CountOf(errors, "may not change the policy (user 0"), 4U) << errors;
     m_asker.m_permission = qord::EPermission::GRANTED;
     EXPECT_EQ(Set("<a/>", ""), qor::POLICY_STORED);
     EXPECT_EQ(m_handler->HashInForce(), m_verdict.m_sha256);
-}
-
-TEST_F(PolicyHandler, RefusalsAreAFewLinesAndWhatIsStoredHasAllOfThem)
-{
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    for (int i = 0, result = 0; i < 20; ++i)
-    {
-        qor::TByteArray reply;
-        EXPECT_FALSE(m_handler->Handle({}, m_asker, reply, result));
-        EXPECT_EQ(Set("<a>"), qor::POLICY_NOT_WELL_FORMED);
-        EXPECT_EQ(Set("<a/>"), qor::POLICY_STORED);
-    }
-    m_handler->Refusals().End();
-    const std::string errors = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(qortest::CountOf(errors, "user 0 (root), process 0"), 5U) << errors;
-    EXPECT_EQ(qortest::CountOf(errors, "35 more of user 0 (root) were refused in the last 10"), 1U);
-    EXPECT_EQ(qortest::CountOf(testing::internal::GetCapturedStdout(), "(SHA-256"), 20U);
 }
 
 TEST(RefusalLog, CountsUsersApartTellsWhenTheTimeIsOverAndIsQuietThen)
@@ -168,7 +156,11 @@ TEST(RefusalLog, CountsUsersApartTellsWhenTheTimeIsOverAndIsQuietThen)
         {
             log.Write(user, {}, "another's");
         }
-        EXPECT_TRUE(qortest::PumpUntil(isIdle));
+        if (round == 1)
+        {
+            log.End(); // which does not wait
+        }
+        EXPECT_TRUE(qortest::PumpUntil(isIdle, round == 0 ? qortest::WATCHDOG_MS : 0));
         const std::string errors = testing::internal::GetCapturedStderr();
         for (const auto& [words, lines] :
              {std::pair("the user's\n", 5U), std::pair("3 more of user 500000 (500000) were", 1U),
