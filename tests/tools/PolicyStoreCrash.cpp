@@ -2,6 +2,7 @@
 #include "PolicyStoreCrash.h"
 
 #include <fcntl.h>
+#include <sys/syscall.h>
 
 namespace qortest
 {
@@ -12,7 +13,7 @@ int PolicyStoreCrash::Store(const std::string& text, Watch* pWatch)
     const std::string known = Known(ReadFile(m_pDirectory->Path(POLICY)), text);
     Watch usual;
     pWatch = pWatch == nullptr ? &usual : pWatch;
-    pWatch->exchangeError = GetParam().exchangeError;
+    pWatch->refused[SYS_renameat2] = GetParam().exchangeError;
     SetWatch(pWatch);
     m_outcome = store.Store(text, [&](const struct stat&) { return known; });
     SetWatch(nullptr);

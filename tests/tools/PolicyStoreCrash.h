@@ -50,9 +50,8 @@ protected:
     }
 
     /// The numbers of what has been created until now.
-    void ForgetFiles()
+    static void ForgetFiles()
     {
-        SetWatch(&m_idle);
         SetWatch(nullptr);
     }
 
@@ -119,7 +118,6 @@ protected:
 
     std::unique_ptr<TemporaryDirectory> m_pDirectory;
     Disk m_before;
-    Watch m_idle;
     qord::TSStoreOutcome m_outcome;
 };
 

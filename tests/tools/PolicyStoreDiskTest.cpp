@@ -1,18 +1,17 @@
 // The policy store where something cannot be done, or needs not be.
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
-#include "AccessList.h"
 #include "PolicyStoreCrash.h"
 
 using namespace qortest;
 
-class PolicyStoreDisk : public PolicyStoreCrash
-{
-};
+using PolicyStoreDisk = PolicyStoreCrash;
 
 INSTANTIATE_TEST_SUITE_P(Keep, PolicyStoreDisk,
                          testing::Values(Kind{0, 0}, Kind{2, 0}, Kind{0, EINVAL}, Kind{2, EINVAL}));
@@ -44,7 +43,7 @@ TEST_P(PolicyStoreDisk, WhatIsInForceAlreadyIsOnlySynced)
 TEST_P(PolicyStoreDisk, WithoutAnotherNameForItTheOldOneIsNotKeptAndThatIsSaid)
 {
     Watch watch;
-    watch.linkError = EPERM;
+    watch.refused[SYS_linkat] = EPERM;
     const bool isLost = GetParam().exchangeError != 0;
     EXPECT_EQ(Store(NEW, &watch), qor::POLICY_STORED);
     EXPECT_EQ(m_outcome.m_words.find("is not kept") != std::string::npos, isLost && Copies() > 0)
@@ -58,7 +57,7 @@ TEST_P(PolicyStoreDisk, WithoutAnotherNameForItTheOldOneIsNotKeptAndThatIsSaid)
     {
         Prepare();
         Watch failing;
-        failing.linkError = EPERM;
+        failing.refused[SYS_linkat] = EPERM;
         failing.fails = step;
         failing.error = EIO;
         const int result = Store(NEW, &failing);
@@ -102,6 +101,27 @@ TEST_P(PolicyStoreDisk, ACopyThatStaysOnlyGivesAWarning)
     EXPECT_TRUE(Copies() == 0 || ReadFile(m_pDirectory->Path(KEPT + "6")) == "six");
 }
 
+constexpr char ACCESS[] = "system.posix_acl_access", DEFAULT[] = "system.posix_acl_default";
+
+// As the kernel hands it out: of owner, user 12345, group, mask and others. The lists are the same
+// where they allow the same.
+static std::string AccessList(char group, char others)
+{
+    const auto entry = [](char kind, char rights, const std::string& whose = "\xff\xff\xff\xff") {
+        return std::string{kind, 0, rights, 0} + whose;
+    };
+    return std::string{2, 0, 0, 0} + entry(1, 6) + entry(2, 6, {0x39, 0x30, 0, 0}) +
+           entry(4, group) + entry(16, 6) + entry(32, others);
+}
+
+// Empty where it has none.
+static std::string AccessListOf(const std::string& path)
+{
+    char bytes[256];
+    const ssize_t size = getxattr(path.c_str(), ACCESS, bytes, sizeof bytes);
+    return std::string(bytes, size < 0 ? 0 : static_cast<std::size_t>(size));
+}
+
 TEST_P(PolicyStoreDisk, WhoseRightsCannotBeKeptGivesNobodyMoreOfThem)
 {
     const std::string policy = m_pDirectory->Path(POLICY);
@@ -115,8 +135,8 @@ TEST_P(PolicyStoreDisk, WhoseRightsCannotBeKeptGivesNobodyMoreOfThem)
         return status.st_mode & 07777;
     };
     Watch notGiven, noList;
-    notGiven.ownerError = EINVAL; // as for users that a namespace does not have
-    noList.listError = EPERM;
+    notGiven.refused[SYS_fchown] = EINVAL; // as for users that a namespace does not have
+    noList.refused[SYS_fsetxattr] = EPERM;
     EXPECT_EQ(modeAfter(0664, {}), 0664U);
     const auto give = [&] { return chown(policy.c_str(), 12345, 23456) == 0; }; // for root only
     if (give())
@@ -125,14 +145,23 @@ TEST_P(PolicyStoreDisk, WhoseRightsCannotBeKeptGivesNobodyMoreOfThem)
         EXPECT_EQ(m_outcome.m_words, "its group could not be kept; its owner could not be kept");
         give();
     }
-    if (SetAccessList(policy, AccessList(4, 0)))
+    const std::string list = AccessList(4, 0), usual = AccessList(6, 6);
+    if (setxattr(policy.c_str(), ACCESS, list.data(), list.size(), 0) == 0) // else there are none
     {
-        const mode_t mode = modeAfter(0660, notGiven);
-        EXPECT_EQ(mode, 0660U); // of which the group's part is the most that the list grants
+        EXPECT_EQ(modeAfter(0660, {}), 0660U); // its group's part is the most that the list grants
+        EXPECT_EQ(AccessListOf(policy), list);
+        EXPECT_EQ(modeAfter(0660, notGiven), 0660U);
         const bool isOthers = m_outcome.m_words.find("its group") != std::string::npos;
         EXPECT_EQ(AccessListOf(policy), AccessList(isOthers ? 0 : 4, 0));
         EXPECT_EQ(modeAfter(0660, noList), 0600U); // the group had less than the mask
         EXPECT_EQ(m_outcome.m_words, "its access list could not be kept");
+
+        // Nor does a list that new files get from the directory take the place of none.
+        removexattr(policy.c_str(), ACCESS);
+        const std::string directory = m_pDirectory->Path();
+        ASSERT_EQ(setxattr(directory.c_str(), DEFAULT, usual.data(), usual.size(), 0), 0);
+        EXPECT_EQ(modeAfter(0640, {}), 0640U);
+        EXPECT_EQ(AccessListOf(policy), "");
     }
 }
 

@@ -38,19 +38,24 @@ ino_t FileOf(int descriptor)
     return S_ISDIR(status.st_mode) ? 0 : Own(status.st_ino);
 }
 
-Change Nothing()
+int Refuse(int error)
 {
-    return {};
+    errno = error;
+    return -1;
 }
 
-// One call, and the change that it makes where it succeeds, as it is known before.
-template <class TChange, class... TArguments>
-long Step(const TChange& change, long number, TArguments... arguments)
+// One call, and the change that it makes where it succeeds.
+template <class... TArguments>
+int Step(Change change, long number, TArguments... arguments)
 {
     Watch* const pWatch = g_pWatch;
     if (pWatch == nullptr)
     {
-        return syscall(number, arguments...);
+        return static_cast<int>(syscall(number, arguments...));
+    }
+    if (pWatch->refused[number] != 0)
+    {
+        return Refuse(pWatch->refused[number]);
     }
     const int step = ++pWatch->steps;
     if (step == pWatch->killedBefore)
@@ -60,34 +65,18 @@ long Step(const TChange& change, long number, TArguments... arguments)
     const int after = step - pWatch->fails;
     if (pWatch->fails > 0 && after >= 0 && (pWatch->isForGood || after < pWatch->failing))
     {
-        errno = pWatch->error;
-        return -1;
+        return Refuse(pWatch->error);
     }
-    g_pWatch = nullptr;
-    Change made = change();
-    const long result = syscall(number, arguments...);
-    g_pWatch = pWatch;
-    if (result >= 0 && made.kind != Change::NONE)
+    const auto result = static_cast<int>(syscall(number, arguments...));
+    if (result >= 0 && change.kind != Change::NONE)
     {
-        pWatch->changes.push_back(std::move(made));
+        pWatch->changes.push_back(std::move(change));
     }
     if (step == pWatch->killedAfter)
     {
         _exit(EXIT_FAILURE);
     }
     return result;
-}
-
-// A call that may be refused whatever its number is.
-template <class TChange, class... TArguments>
-int StepUnless(int Watch::*pError, const TChange& change, long number, TArguments... arguments)
-{
-    if (g_pWatch != nullptr && g_pWatch->*pError != 0)
-    {
-        errno = g_pWatch->*pError;
-        return -1;
-    }
-    return static_cast<int>(Step(change, number, arguments...));
 }
 
 } // namespace
@@ -116,19 +105,18 @@ extern "C"
 {
     int open(const char* path, int flags, ...)
     {
-        return static_cast<int>(Step(Nothing, SYS_openat, AT_FDCWD, path, flags, 0600));
+        return Step({}, SYS_openat, AT_FDCWD, path, flags, 0600);
     }
     int openat(int directory, const char* name, int flags, ...)
     {
-        struct stat status = {};
-        const bool isThere =
-            syscall(SYS_newfstatat, directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
-        const bool isNew = (flags & O_CREAT) != 0 && !isThere;
-        const auto result =
-            isNew ? StepUnless(&Watch::creationError, Nothing, SYS_openat, directory, name, flags,
-                               0600)
-                  : static_cast<int>(Step(Nothing, SYS_openat, directory, name, flags, 0600));
-        if (result >= 0 && g_pWatch != nullptr && isNew)
+        const bool isNew =
+            g_pWatch != nullptr && (flags & O_CREAT) != 0 && FileOf(directory, name) == 0;
+        if (isNew && g_pWatch->creationError != 0)
+        {
+            return Refuse(g_pWatch->creationError);
+        }
+        const int result = Step({}, SYS_openat, directory, name, flags, 0600);
+        if (isNew && result >= 0)
         {
             static ino_t last = ino_t(1) << 60;
             g_created[StatusOf(result).st_ino] = ++last;
@@ -138,54 +126,48 @@ extern "C"
     }
     ssize_t readlink(const char* path, char* buffer, size_t size) noexcept
     {
-        return Step(Nothing, SYS_readlinkat, AT_FDCWD, path, buffer, size);
+        return Step({}, SYS_readlinkat, AT_FDCWD, path, buffer, size);
     }
     int fstatat(int directory, const char* name, struct stat* pStatus, int flags) noexcept
     {
-        return static_cast<int>(Step(Nothing, SYS_newfstatat, directory, name, pStatus, flags));
+        return Step({}, SYS_newfstatat, directory, name, pStatus, flags);
     }
     int fchown(int file, uid_t user, gid_t group) noexcept
     {
-        return StepUnless(&Watch::ownerError, Nothing, SYS_fchown, file, user, group);
+        return Step({}, SYS_fchown, file, user, group);
     }
     ssize_t lgetxattr(const char* path, const char* name, void* pBytes, size_t size) noexcept
     {
-        return Step(Nothing, SYS_lgetxattr, path, name, pBytes, size);
+        return Step({}, SYS_lgetxattr, path, name, pBytes, size);
     }
     int fsetxattr(int file, const char* name, const void* pBytes, size_t size, int flags) noexcept
     {
-        return StepUnless(&Watch::listError, Nothing, SYS_fsetxattr, file, name, pBytes, size,
-                          flags);
+        return Step({}, SYS_fsetxattr, file, name, pBytes, size, flags);
     }
     int fremovexattr(int file, const char* name) noexcept
     {
-        return static_cast<int>(Step(Nothing, SYS_fremovexattr, file, name));
+        return Step({}, SYS_fremovexattr, file, name);
     }
     int fchmod(int file, mode_t mode) noexcept
     {
-        return static_cast<int>(Step(Nothing, SYS_fchmod, file, mode));
+        return Step({}, SYS_fchmod, file, mode);
     }
     ssize_t write(int file, const void* pBytes, size_t size)
     {
-        const auto data = [&] {
-            return Change{Change::DATA, FileOf(file), {}, {static_cast<const char*>(pBytes), size}};
-        };
         if (g_pWatch != nullptr && g_pWatch->fullUntilRemoved > 0)
         {
-            errno = ENOSPC;
-            return -1;
+            return Refuse(ENOSPC);
         }
-        return Step(data, SYS_write, file, pBytes, size);
+        const std::string data(static_cast<const char*>(pBytes), size);
+        return Step({Change::DATA, FileOf(file), {}, data}, SYS_write, file, pBytes, size);
     }
     int fsync(int file)
     {
-        // No need to wait for a disk.
-        const auto sync = [&] { return Change{Change::SYNC, FileOf(file), {}, ""}; };
-        return Step(sync, SYS_getpid) < 0 ? -1 : 0;
+        return Step({Change::SYNC, FileOf(file), {}, ""}, SYS_getpid) < 0 ? -1 : 0; // no real one
     }
     int close(int file)
     {
-        const long result = Step(Nothing, SYS_getpid);
+        const int result = Step({}, SYS_getpid);
         const int savedErrno = errno;
         syscall(SYS_close, file); // also when it says that it failed
         errno = savedErrno;
@@ -193,38 +175,29 @@ extern "C"
     }
     int linkat(int from, const char* name, int to, const char* newName, int flags) noexcept
     {
-        const auto names = [&] {
-            return Change{Change::NAMES, 0, {{newName, FileOf(from, name)}}, ""};
-        };
-        return StepUnless(&Watch::linkError, names, SYS_linkat, from, name, to, newName, flags);
+        return Step({Change::NAMES, 0, {{newName, FileOf(from, name)}}, ""}, SYS_linkat, from, name,
+                    to, newName, flags);
     }
     int renameat(int from, const char* name, int to, const char* newName) noexcept
     {
-        const auto names = [&] {
-            return Change{Change::NAMES, 0, {{name, 0}, {newName, FileOf(from, name)}}, ""};
-        };
-        return static_cast<int>(Step(names, SYS_renameat, from, name, to, newName));
+        return Step({Change::NAMES, 0, {{name, 0}, {newName, FileOf(from, name)}}, ""},
+                    SYS_renameat, from, name, to, newName);
     }
     int renameat2(int from, const char* name, int to, const char* newName,
                   unsigned int flags) noexcept
     {
-        const auto names = [&]
-        {
-            return Change{
-                Change::NAMES, 0, {{name, FileOf(to, newName)}, {newName, FileOf(from, name)}}, ""};
-        };
-        return StepUnless(&Watch::exchangeError, names, SYS_renameat2, from, name, to, newName,
-                          flags);
+        const ino_t old = FileOf(to, newName);
+        return Step({Change::NAMES, 0, {{name, old}, {newName, FileOf(from, name)}}, ""},
+                    SYS_renameat2, from, name, to, newName, flags);
     }
     int unlinkat(int directory, const char* name, int flags) noexcept
     {
-        const auto names = [&] { return Change{Change::NAMES, 0, {{name, 0}}, ""}; };
         if (g_pWatch != nullptr && g_pWatch->fixedName == name)
         {
-            errno = EPERM;
-            return -1;
+            return Refuse(EPERM);
         }
-        const auto result = static_cast<int>(Step(names, SYS_unlinkat, directory, name, flags));
+        const int result =
+            Step({Change::NAMES, 0, {{name, 0}}, ""}, SYS_unlinkat, directory, name, flags);
         if (result == 0 && g_pWatch != nullptr && g_pWatch->fullUntilRemoved > 0)
         {
             --g_pWatch->fullUntilRemoved;
@@ -235,6 +208,6 @@ extern "C"
     {
         pStatus->f_bavail = g_pWatch == nullptr ? ~0UL : g_pWatch->freeBytes;
         pStatus->f_frsize = 1;
-        return Step(Nothing, SYS_getpid) < 0 ? -1 : 0;
+        return Step({}, SYS_getpid) < 0 ? -1 : 0;
     }
 }

@@ -34,8 +34,8 @@ struct Watch
     int failing = 1;        // so many from it on
     bool isForGood = false; // all from it on
     int killedBefore = 0, killedAfter = 0;
-    // Of these calls, always; creation is that of files that are not there.
-    int creationError = 0, exchangeError = 0, linkError = 0, ownerError = 0, listError = 0;
+    std::map<long, int> refused;    // the errors of calls that never succeed, by number
+    int creationError = 0;          // of files that are not there
     std::string fixedName;          // cannot be removed
     unsigned long freeBytes = ~0UL; // of the disk
     int fullUntilRemoved = 0;       // nothing can be written until so many names are gone
