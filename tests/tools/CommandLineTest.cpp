@@ -25,8 +25,22 @@ protected:
     }
 };
 
-TEST_F(CommandLine, MisuseIsNamed)
+// Without a service on the bus, only what never came to sending ends with 64.
+TEST_F(CommandLine, MisuseIsNamedAndNothingIsSent)
 {
+    WriteFile(m_directory.Path("empty"), "");
+    for (const char* line :
+         {"", "set-policy", "set-policy missing", "set-policy empty", "--quiet --verbose status",
+          "listen --count 0", "listen --exec \\'unfinished"})
+    {
+        Expect(64, "", line);
+    }
+    for (const char* line : {"--policy", "--policy ''", "--policy x --keep -1",
+                             "--policy x --event-timeout 0", "--test-bus-names"})
+    {
+        Expect(64, "", line, QORD);
+    }
+    Expect(64, "Is a directory", "set-policy ."); // and not that it is empty
     WriteFile(m_directory.Path("bad"), "<a>\n <é></e>\n</a>");
     WriteFile(m_directory.Path("wide"), "<a>\r <漢字e\u0301></e>\r</a>");
     Expect(64, "unknown command stauts; did you mean status?", "stauts");
@@ -46,6 +60,7 @@ TEST_F(CommandLine, MisuseIsNamed)
     Expect(1, " <漢字e\u0301></e>\n              ^\n", "validate wide");
     Expect(1, "line 2, column 7: mismatched tag", "set-policy bad");
     Expect(0, "well-formed (5188 bytes)", "validate '" SAMPLE_POLICY "'");
+    Expect(0, "/opt/usr/share/vantorix/velkin_qor_policy.xml", "info");
     const TJson verdict = TJson::parse(Qorctl({"validate", "--json", m_directory.Path("bad")}).out);
     EXPECT_TRUE(verdict["valid"] == false && verdict["line"] == 2 && verdict["column"] == 7)
         << verdict;
@@ -146,8 +161,8 @@ TEST_F(CommandLine, EventsRunOneCommandAtATime)
 {
     auto qord = StartQuietQord();
     const std::string hook = m_directory.Path("hook"), ran = m_directory.Path("ran");
-    WriteFile(hook, "echo \"start $QOR_EVENT\" >>" + ran + "; sleep .4; echo end >>" + ran);
-    auto listener = StartListener({"--count", "6", "--exec", "sh " + hook});
+    WriteFile(hook, "echo \"start $QOR_EVENT $1\" >>" + ran + "; sleep .4; echo end >>" + ran);
+    auto listener = StartListener({"--count", "6", "--exec", "sh " + hook + " '*; no shell'"});
     for (int i = 0; i < 5; ++i)
     {
         const std::string wanted = " process-info\n";
@@ -156,8 +171,9 @@ TEST_F(CommandLine, EventsRunOneCommandAtATime)
     }
     Expect(0, "stored", "set-policy '" SAMPLE_POLICY "'");
     EXPECT_EQ(listener->Wait(), 0) << listener->Out() << qord->Out() << qord->Err();
-    EXPECT_EQ(ReadFile(ran), "start process-info\nend\nstart process-info\nend\n"
-                             "start policy-update\nend\n");
+    EXPECT_EQ(ReadFile(ran), "start process-info *; no shell\nend\n"
+                             "start process-info *; no shell\nend\n"
+                             "start policy-update *; no shell\nend\n");
 }
 
 TEST_F(CommandLine, PoliciesAreToldGotAndRestored)
