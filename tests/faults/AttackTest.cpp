@@ -244,11 +244,7 @@ TEST_F(AttackCost, QuestionsCostTheSameWhoeverIsRegistered)
         }
         const std::vector<std::string> questions = {GET_ALL, LIST_POLICIES, LIST_CLIENTS};
         status[clients == 1000] = Cost(1, questions, 20);
-        std::cout << clients << " clients, microseconds: policy of 4 KiB "
-                  << 1e6 * Cost(1, {GET_POLICY}, 100) << ", refused policy "
-                  << 1e6 * Cost(1, {SetPolicy(4096)}, 100) << ", status "
-                  << 1e6 * status[clients == 1000] << ", status for root "
-                  << 1e6 * Cost(0, questions, 20) << '\n';
+        std::cout << clients << " clients: status in " << status[clients == 1000] << " s\n";
         m_qord.reset();
     }
     EXPECT_LT(status[1], 3 * status[0]);
@@ -332,10 +328,7 @@ TEST_F(AttackedServer, DeparturesThatTheBusDoesNotTellAreSeenWithinAMinute)
     }
     ASSERT_TRUE(HasClients(3 * 180 + 60));
     users.pop_back();
-    const auto isSeen = [&] { return m_server->NumberOfClients() == 3 * 180; };
-    const double taken = Seconds([&] { EXPECT_TRUE(WaitUntil(isSeen, 90000)); });
-    std::cout << "departures are seen after " << taken << " s\n";
-    EXPECT_LT(taken, 62);
+    EXPECT_TRUE(WaitUntil([&] { return m_server->NumberOfClients() == 3 * 180; }, 62000));
 }
 
 } // namespace

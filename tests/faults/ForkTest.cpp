@@ -16,22 +16,12 @@
 
 using namespace qortest;
 
-static int g_isForkedChild = 0;
-
-// The leak checker asks: a forked child abandons what it inherits, and that is no leak.
-extern "C" __attribute__((visibility("default"))) int __lsan_is_turned_off();
-extern "C" int __lsan_is_turned_off()
-{
-    return g_isForkedChild;
-}
-
 // Runs the work in a forked child, which then exits as programs do, teardown included.
 static int ExitStatusOfChild(const std::function<void()>& work)
 {
     const pid_t child = fork();
     if (child == 0)
     {
-        g_isForkedChild = 1;
         alarm(20); // a child that hangs fails
         work();
         std::exit(0);

@@ -1,6 +1,4 @@
 // Hung and hostile neighbours on a bus with stock limits: the others are served all the same.
-//
-// QOR_TEST_SCALE=10 repeats ten times what a short run does once.
 #include <fcntl.h>
 #include <sys/resource.h>
 
@@ -21,27 +19,21 @@ using namespace qortest;
 
 using Neighbour = ServerTest;
 
-std::size_t Scale()
-{
-    const char* const pScale = getenv("QOR_TEST_SCALE");
-    return pScale == nullptr ? 1 : std::stoul(pScale);
-}
-
 // --- Events --------------------------------------------------------------------------------------
 
 TEST_F(Neighbour, SilentClientCostsOneCallAndTheOtherHearsEveryEvent)
 {
     Serve();
     const Peers silent = Clients(1, HOLD), good = Clients(1, YES);
-    const std::size_t events = 200 * Scale();
-    for (std::size_t i = 0; i < events; ++i)
+    constexpr std::size_t EVENTS = 200;
+    for (std::size_t i = 0; i < EVENTS; ++i)
     {
         ASSERT_EQ(Deliver(2, i == 0 ? 100 : WATCHDOG_MS), Counts(1, 1)) << i;
     }
     EXPECT_EQ(silent[0]->Count("Send"), 1U);
-    EXPECT_EQ(good[0]->Count("Send"), events);
+    EXPECT_EQ(good[0]->Count("Send"), EVENTS);
     EXPECT_TRUE(m_server->Clients()[0].m_isSuspended || m_server->Clients()[1].m_isSuspended);
-    EXPECT_EQ(LogCapture::Count(LOG_DEBUG, silent[0]->UniqueName() + " is suspended"), events - 1);
+    EXPECT_EQ(LogCapture::Count(LOG_DEBUG, silent[0]->UniqueName() + " is suspended"), EVENTS - 1);
     RawPeer other; // who is being answered is not called
     // Each Hello is worth a call, up to the share, and then an event that asks for no answer.
     for (int i = 0; i < 6; ++i)
@@ -121,7 +113,7 @@ TEST_F(Neighbour, MoreClientsThanTheBusHasSlotsHearEveryEvent)
                     client->AnswerHeld(YES);
                 }
             });
-        for (std::size_t i = 0; i < 3 * Scale(); ++i)
+        for (int i = 0; i < 3; ++i)
         {
             ASSERT_EQ(Deliver(), Counts(220, 0));
         }
