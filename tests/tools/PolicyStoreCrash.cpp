@@ -49,16 +49,14 @@ void PolicyStoreCrash::Write(const Disk& disk)
         }
     }
     // The files have other numbers here, and one has such a number in its name.
-    for (const auto& [name, file] : disk)
+    for (const auto& [number, path] : written)
     {
-        const std::string start = name.substr(0, UNFINISHED.size());
-        const auto replaced =
-            written.find(start == UNFINISHED ? std::stoull(name.substr(UNFINISHED.size())) : 0);
-        if (replaced != written.end())
+        const std::string unfinished = UNFINISHED + std::to_string(number);
+        if (disk.count(unfinished) != 0)
         {
-            const ino_t number = FileOf(AT_FDCWD, replaced->second.c_str());
-            boost::filesystem::rename(m_pDirectory->Path(name),
-                                      m_pDirectory->Path(UNFINISHED + std::to_string(number)));
+            const ino_t here = FileOf(AT_FDCWD, path.c_str());
+            boost::filesystem::rename(m_pDirectory->Path(unfinished),
+                                      m_pDirectory->Path(UNFINISHED + std::to_string(here)));
         }
     }
 }

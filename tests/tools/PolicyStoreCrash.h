@@ -33,12 +33,8 @@ struct Kind
 class PolicyStoreCrash : public testing::TestWithParam<Kind>
 {
 protected:
+    /// Again for each try of a test: a directory with three policies of one after the other.
     void SetUp() override
-    {
-        Prepare();
-    }
-
-    void Prepare()
     {
         m_pDirectory = std::make_unique<TemporaryDirectory>();
         for (const char* text : {"one", "two", OLD.c_str()})

@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <iostream>
 
 #include "PolicyStoreCrash.h"
 
@@ -26,7 +25,7 @@ TEST_P(PolicyStoreCrash, EachStepMayFailAndWhatWouldPutItRightToo)
         for (int step = 1; step <= steps; ++step)
         {
             SCOPED_TRACE(std::to_string(step) + ", " + strerror(error) + std::to_string(times));
-            Prepare();
+            SetUp();
             Watch watch;
             watch.fails = step;
             watch.error = error;
@@ -66,7 +65,7 @@ TEST_P(PolicyStoreCrash, EachStepMayBeTheLast)
     StoreAndWatch(steps);
     for (int point = 1; point <= 2 * steps; ++point)
     {
-        Prepare();
+        SetUp();
         Watch watch;
         (point % 2 == 0 ? watch.killedAfter : watch.killedBefore) = (point + 1) / 2;
         const pid_t process = fork();
@@ -82,7 +81,6 @@ TEST_P(PolicyStoreCrash, EachStepMayBeTheLast)
         EXPECT_LE(Kept(Read()), Copies()) << point;
         ExpectThatTheNextIsStored(std::to_string(point));
     }
-    std::cout << 2 * steps << " points\n";
 }
 
 TEST_P(PolicyStoreCrash, PowerMayBeLostAtAnyMoment)
@@ -100,7 +98,6 @@ TEST_P(PolicyStoreCrash, PowerMayBeLostAtAnyMoment)
         Write(disk);
         ExpectThatTheNextIsStored("a disk after a loss of power");
     }
-    std::cout << changes.size() << " changes, " << disks.size() << " disks\n";
 
     // The new file, the record, the directory; and where the old file needs a link, that before.
     const bool isLinked = GetParam().exchangeError != 0 && Copies() > 0;

@@ -55,7 +55,7 @@ TEST_P(PolicyStoreDisk, WithoutAnotherNameForItTheOldOneIsNotKeptAndThatIsSaid)
     int unknown = 0;
     for (int step = 1; step <= watch.steps; ++step)
     {
-        Prepare();
+        SetUp();
         Watch failing;
         failing.refused[SYS_linkat] = EPERM;
         failing.fails = step;
@@ -77,7 +77,7 @@ TEST_P(PolicyStoreDisk, AFullDiskTakesTheOldestCopiesAndNoMoreThanHelps)
     EXPECT_TRUE(HasAll(Read(), m_before));
     for (const unsigned int taken : {1U, 2U})
     {
-        Prepare();
+        SetUp();
         Watch full;
         full.fullUntilRemoved = 2 * static_cast<int>(taken); // each time the new file goes, too
         EXPECT_EQ(Store(NEW, &full), Copies() > 0 ? qor::POLICY_STORED : qor::POLICY_NOT_STORED);
@@ -186,6 +186,6 @@ TEST_P(PolicyStoreDisk, AServiceStartsOnADiskThatTakesNothing)
         EXPECT_EQ(text, OLD);
         EXPECT_EQ(store.List().size(), 1 + Copies());
         EXPECT_EQ(store.Store(NEW).m_result, qor::POLICY_STORED) << "when the disk is well again";
-        Prepare();
+        SetUp();
     }
 }
