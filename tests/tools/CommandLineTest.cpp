@@ -157,12 +157,16 @@ TEST_F(CommandLine, NoCommandOutlivesItsListener)
     }
 }
 
-TEST_F(CommandLine, EventsRunOneCommandAtATime)
+TEST_F(CommandLine, ListenersHearOfStoredPoliciesOnlyAndRunOneCommandAtATime)
 {
     auto qord = StartQuietQord();
     const std::string hook = m_directory.Path("hook"), ran = m_directory.Path("ran");
     WriteFile(hook, "echo \"start $QOR_EVENT $1\" >>" + ran + "; sleep .4; echo end >>" + ran);
     auto listener = StartListener({"--count", "6", "--exec", "sh " + hook + " '*; no shell'"});
+    auto json = StartListener({"--json", "--count", "6"});
+    auto failing = StartListener({"--count", "1", "--exec", "false"});
+    m_options.input = "<a>";
+    Expect(1, "not well-formed", "set-policy --no-check -");
     for (int i = 0; i < 5; ++i)
     {
         const std::string wanted = " process-info\n";
@@ -170,7 +174,11 @@ TEST_F(CommandLine, EventsRunOneCommandAtATime)
         ASSERT_TRUE(WaitUntil([&] { return CountOf(listener->Out(), wanted) > std::size_t(i); }));
     }
     Expect(0, "stored", "set-policy '" SAMPLE_POLICY "'");
-    EXPECT_EQ(listener->Wait(), 0) << listener->Out() << qord->Out() << qord->Err();
+    EXPECT_EQ(listener->Wait() + json->Wait() + failing->Wait(), 0) << listener->Out();
+    EXPECT_EQ(CountOf(listener->Out(), " policy-update\n"), 1U) << listener->Out();
+    EXPECT_EQ(CountOf(json->Out(), "\"event\":\"policy-update\"}\n"), 1U) << json->Out();
+    EXPECT_EQ(CountOf(json->Out(), "\n"), CountOf(json->Out(), "{\"time\":\"2")) << json->Out();
+    EXPECT_NE(failing->Err().find("ended with status 1"), std::string::npos) << failing->Err();
     EXPECT_EQ(ReadFile(ran), "start process-info *; no shell\nend\n"
                              "start process-info *; no shell\nend\n"
                              "start policy-update *; no shell\nend\n");

@@ -70,23 +70,6 @@ TEST_F(Tools, AbsentForeignAndUnreachableServicesAreExplained)
     Expect(2, "no system bus", "listen");
 }
 
-TEST_F(Tools, EveryListenerHearsOfStoredPoliciesOnly)
-{
-    auto qord = StartQuietQord();
-    auto plain = StartListener({"--count", "2"});
-    auto json = StartListener({"--json", "--count", "2"});
-    auto failing = StartListener({"--count", "1", "--exec", "false"});
-    SetPolicy(1, "not well-formed", "<a>");
-    SetPolicy(0, "stored", "<a/>");
-    ASSERT_TRUE(qord->WaitForOut("event policy-update: 3 delivered, 0 failed"));
-    qord->Signal(SIGUSR1);
-    EXPECT_EQ(plain->Wait() + json->Wait() + failing->Wait(), 0);
-    EXPECT_EQ(CountOf(plain->Out(), " policy-update\n"), 1U) << plain->Out();
-    EXPECT_EQ(CountOf(json->Out(), "\"event\":\"policy-update\"}\n"), 1U) << json->Out();
-    EXPECT_EQ(CountOf(json->Out(), "\n"), CountOf(json->Out(), "{\"time\":\"2")) << json->Out();
-    EXPECT_NE(failing->Err().find("ended with status 1"), std::string::npos) << failing->Err();
-}
-
 TEST_F(Tools, ListenerSaysWhenTheServiceComesAndGoes)
 {
     auto listener = StartTool(QORCTL, {"listen"});
