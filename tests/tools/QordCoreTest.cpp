@@ -196,6 +196,17 @@ TEST_F(PolicyHandler, ChecksNoTextTwice)
     open(5);
 }
 
+// With a number between both halves, where there is a second one.
+static std::string Times(std::size_t count, const std::string& text, const std::string& rest = "")
+{
+    std::string all;
+    for (std::size_t i = 0; i < count; ++i)
+    {
+        all += text + (rest.empty() ? "" : std::to_string(i) + rest);
+    }
+    return all;
+}
+
 TEST(PolicyXml, RefusalsSayWhereAndWhat)
 {
     std::string error, bomb = "<!DOCTYPE a [<!ENTITY e0 'xx'>";
@@ -228,26 +239,10 @@ TEST(PolicyXml, RefusalsSayWhereAndWhat)
     {
         EXPECT_EQ(Check(text, error), qor::POLICY_NOT_WELL_FORMED) << error;
     }
-    std::string deep, wide = "<a";
-    for (int i = 0; i < 100000; ++i)
-    {
-        deep += "<a>";
-        wide += " a" + std::to_string(i) + "=''";
-    }
+    const std::string deep = Times(100000, "<a>"), wide = Times(100000, " a", "=''");
     EXPECT_EQ(Check(deep, error), qor::POLICY_TOO_LARGE) << error;
-    EXPECT_EQ(Check(wide + "/>", error), qor::POLICY_TOO_LARGE) << error;
+    EXPECT_EQ(Check("<a" + wide + "/>", error), qor::POLICY_TOO_LARGE) << error;
     EXPECT_EQ(Check(deep, error, 100 << 20), qor::POLICY_NOT_WELL_FORMED) << error; // not closed
-}
-
-// With a number between both halves, where there is a second one.
-static std::string Times(std::size_t count, const std::string& text, const std::string& rest = "")
-{
-    std::string all;
-    for (std::size_t i = 0; i < count; ++i)
-    {
-        all += text + (rest.empty() ? "" : std::to_string(i) + rest);
-    }
-    return all;
 }
 
 // Each of them would take the parser seconds or minutes, or would were it a little longer.
