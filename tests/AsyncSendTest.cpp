@@ -18,7 +18,6 @@ using namespace qortest;
 using qor::ESendStatus;
 using qor::TCDbusClient;
 using qor::TSSendResult;
-using Clock = std::chrono::steady_clock;
 
 TEST_F(Sends, EachOutcomeHasItsStatusCodeAndText)
 {
@@ -85,8 +84,8 @@ TEST_F(Sends, WhatNobodyAnswersHasItsReasonToo)
     const TSSendResult late = Outcome(client, 150);
     EXPECT_EQ(late.m_status, ESendStatus::NO_ANSWER);
     EXPECT_EQ(late.m_code, G_IO_ERROR_TIMED_OUT);
-    EXPECT_GE(MillisecondsSince(start), 300);
-    EXPECT_LT(MillisecondsSince(start), 5000);
+    EXPECT_GE(SecondsSince(start), 0.3);
+    EXPECT_LT(SecondsSince(start), 5);
 
     const Bytes large(40 << 20);
     EXPECT_EQ(client.Call(1, large, WATCHDOG_MS, {}).m_status, ESendStatus::TOO_LARGE);

@@ -20,7 +20,6 @@ using qor::TCCancellation;
 using qor::TCContextThread;
 using qor::TCDbusClient;
 using qor::TSSendResult;
-using Clock = std::chrono::steady_clock;
 
 TEST_F(Sends, CancellationFromAnotherThreadEndsWhatWaits)
 {
@@ -37,7 +36,7 @@ TEST_F(Sends, CancellationFromAnotherThreadEndsWhatWaits)
     const auto start = Clock::now();
     std::thread([copy = cancellation]() mutable { copy.Cancel(); }).join();
     EXPECT_EQ(waiting.get().m_status, ESendStatus::CANCELLED);
-    EXPECT_LT(MillisecondsSince(start), 5000);
+    EXPECT_LT(SecondsSince(start), 5);
     ASSERT_TRUE(PumpUntil([&] { return results.Count() == 2; }));
     EXPECT_EQ(results.Status(0), ESendStatus::CANCELLED);
     EXPECT_EQ(results.Status(1), ESendStatus::CANCELLED);
@@ -69,7 +68,7 @@ TEST_F(Sends, SearchForALostBusKeepsToTimeLimitAndCancellation)
             return hung.Connections() == count; // not one that came too soon after the last
         };
         EXPECT_TRUE(WaitUntil(hasSearched));
-        EXPECT_LT(MillisecondsSince(start), 1500);
+        EXPECT_LT(SecondsSince(start), 1.5);
         return status;
     };
     EXPECT_EQ(searches(1, [&] { return Call(client, 200); }), ESendStatus::NO_BUS);
@@ -145,7 +144,7 @@ TEST_F(Sends, AnswerIsToldAtOnceAndNothingIsWokenUpWithoutOne)
         CallAsync(client, results);
         ASSERT_TRUE(PumpUntil([&] { return results.Count() == 1; }));
     }
-    EXPECT_LT(MillisecondsSince(start), 2500); // not with the next look, 100 ms later
+    EXPECT_LT(SecondsSince(start), 2.5); // not with the next look, 100 ms later
     PumpUntil([] { return false; }, 200);
     EXPECT_FALSE(PumpUntil([] { return g_main_context_pending(nullptr) != FALSE; }, 500));
 }

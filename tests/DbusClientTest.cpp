@@ -127,10 +127,9 @@ TEST_F(DbusClient, SynchronousSendGivesTheReplysResultAndOutput)
         m_service.ForgetCalls();
         m_service.AnswerWith(answer);
         Bytes response = before;
-        const auto start = std::chrono::steady_clock::now();
+        const auto start = Clock::now();
         EXPECT_EQ(client.SendMessage(258, {0xAA, 0xBB}, response, false), result);
-        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-        EXPECT_NEAR(took.count(), answer.kind == Answer::NEVER ? 10 : 0, 3);
+        EXPECT_NEAR(SecondsSince(start), answer.kind == Answer::NEVER ? 10 : 0, 3);
         EXPECT_EQ(response, output);
         EXPECT_EQ(LogCapture::Count(LOG_ERROR, ""), errors);
         EXPECT_EQ(m_service.Calls("Send").at(0).bytes, (Bytes{2, 1, 0, 0, 0, 0xAA, 0xBB}));

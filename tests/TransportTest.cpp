@@ -21,15 +21,9 @@ namespace
 using namespace qortest;
 using qor::TCDbusClient;
 using qor::TCDbusClientProvider;
-using Clock = std::chrono::steady_clock;
 using Transport = EndpointLife;
 
 const std::string NO_BUS = "Connecting to system bus error, errno ";
-
-double SecondsSince(Clock::time_point start)
-{
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 template <class T>
 bool IsThere(const std::future<T>& future)

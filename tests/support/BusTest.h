@@ -30,12 +30,14 @@ class BusTest : public ::testing::Test
 protected:
     BusTest()
     {
+        alarm(200); // a deadlock ends the program
         LogCapture::Clear();
     }
 
     ~BusTest() override // after the members of the tests
     {
         EXPECT_TRUE(SharedConnectionIsLetGo()) << "something still holds the shared connection";
+        alarm(0);
     }
 
     /// Iterates the default context until the answer is there.

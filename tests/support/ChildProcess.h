@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include <boost/algorithm/string.hpp>
 #include <boost/filesystem.hpp>
 
 #include "MainContext.h"
@@ -42,12 +43,8 @@ inline std::string ReadFile(const std::string& path)
 
 inline std::size_t CountOf(const std::string& text, const std::string& part)
 {
-    std::size_t count = 0;
-    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
-    {
-        ++count;
-    }
-    return count;
+    std::vector<std::string> found;
+    return boost::find_all(found, text, part).size();
 }
 
 /// A fresh directory under the system's temporary directory, removed with all its content.
@@ -84,26 +81,23 @@ private:
     std::string m_path = (boost::filesystem::temp_directory_path() / "qortest-XXXXXX").string();
 };
 
+struct ChildOptions
+{
+    std::map<std::string, std::string> environment; // added to this process's own
+    std::string input;                              // what it finds on standard input
+    bool keepInputOpen = false;                     // else the input ends after that text
+    std::string workingDirectory = ".";
+};
+
 /// Starts a program and collects what it prints. It dies with the thread that started it, and the
 /// destructor kills it if it still runs.
 class ChildProcess
 {
 public:
-    struct Options
-    {
-        std::map<std::string, std::string> environment; // added to this process's own
-        std::string input;                              // what it finds on standard input
-        bool keepInputOpen = false;                     // else the input ends after that text
-        std::string workingDirectory = ".";
-    };
+    using Options = ChildOptions;
 
     /// command[0] is a path or a name to look up. What cannot be started exits with 127.
-    explicit ChildProcess(const std::vector<std::string>& command)
-        : ChildProcess(command, Options())
-    {
-    }
-
-    ChildProcess(const std::vector<std::string>& command, const Options& options)
+    explicit ChildProcess(const std::vector<std::string>& command, const Options& options = {})
     {
         std::signal(SIGPIPE, SIG_IGN);
         const ObjectPtr<GSubprocessLauncher> launcher(

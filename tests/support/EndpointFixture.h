@@ -2,8 +2,6 @@
 #ifndef QORTEST_ENDPOINTFIXTURE_H
 #define QORTEST_ENDPOINTFIXTURE_H
 
-#include <unistd.h>
-
 #include <future>
 #include <memory>
 #include <string>
@@ -20,12 +18,7 @@ class EndpointLife : public BusTest
 protected:
     EndpointLife()
     {
-        alarm(200); // a deadlock ends the program
         Serve();
-    }
-    ~EndpointLife() override
-    {
-        alarm(0);
     }
 
     // In a context of its own, which gives back the last connection, also where no other runs.

@@ -16,6 +16,13 @@ namespace qortest
 /// Long enough for any machine under a sanitizer: reaching it means that a test hangs.
 constexpr int WATCHDOG_MS = 30000;
 
+using Clock = std::chrono::steady_clock;
+
+inline double SecondsSince(Clock::time_point start)
+{
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
 struct Unref
 {
     void operator()(gpointer p) const
@@ -44,9 +51,9 @@ inline void Pump()
 inline bool WaitUntil(const std::function<bool()>& condition, int watchdogMs = WATCHDOG_MS,
                       void (*step)() = &Pause)
 {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(watchdogMs);
+    const auto end = Clock::now() + std::chrono::milliseconds(watchdogMs);
     bool holds = condition();
-    for (; !holds && std::chrono::steady_clock::now() <= end; holds = condition())
+    for (; !holds && Clock::now() <= end; holds = condition())
     {
         step();
     }

@@ -26,7 +26,6 @@ class PrivateBus
 public:
     struct Options
     {
-        std::size_t maxMessageSize = 32 << 20;
         std::size_t maxMatchRules = 512; // of one connection
         std::string owning = "allow";    // or "deny", of names
     };
@@ -38,17 +37,12 @@ public:
         chmod(m_directory.Path().c_str(), 0711); // for peers of other users
         WriteFile(m_directory.Path("bus.conf"),
                   "<busconfig> <type>system</type> <auth>EXTERNAL</auth> <listen>" + m_address +
-                      "</listen> <limit name='max_message_size'>" +
-                      std::to_string(options.maxMessageSize) +
-                      "</limit> <limit name='max_match_rules_per_connection'>" +
+                      "</listen> <limit name='max_message_size'>33554432</limit>"
+                      "<limit name='max_match_rules_per_connection'>" +
                       std::to_string(options.maxMatchRules) +
                       "</limit> <policy context='default'> <allow user='*'/> <" + options.owning +
                       " own='*'/>"
-                      "<allow send_destination='*'/> <allow send_type='method_call'/>"
-                      "<allow send_requested_reply='true' send_type='method_return'/>"
-                      "<allow send_requested_reply='true' send_type='error'/>"
-                      "<allow receive_type='method_call'/> <allow receive_type='method_return'/>"
-                      "<allow receive_type='error'/> <allow receive_type='signal'/> </policy>"
+                      "<allow send_destination='*'/> <allow receive_sender='*'/> </policy>"
                       "</busconfig>");
         Restart();
         setenv("DBUS_SYSTEM_BUS_ADDRESS", m_address.c_str(), 1);

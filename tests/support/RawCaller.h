@@ -32,15 +32,8 @@ constexpr const char* INTERFACE_NAME = "com.norvane.qor.IControl";
 /// The bytes of a Hello, built apart from the code under test.
 inline Bytes EventList(const std::vector<std::int32_t>& types)
 {
-    Bytes bytes;
-    for (const std::int32_t type : types)
-    {
-        for (unsigned int shift = 0; shift < 32; shift += 8)
-        {
-            bytes.push_back(static_cast<unsigned char>(static_cast<std::uint32_t>(type) >> shift));
-        }
-    }
-    return bytes;
+    const auto* const pBytes = reinterpret_cast<const unsigned char*>(types.data());
+    return Bytes(pBytes, pBytes + sizeof(std::int32_t) * types.size());
 }
 
 /// A request envelope.
@@ -97,18 +90,13 @@ public:
     /// Asks the bus for a well-known name; true if this peer owns it now.
     bool OwnName(const std::string& name)
     {
-        const VariantPtr reply = CallBus("RequestName", g_variant_new("(su)", name.c_str(), 4U));
-        guint32 code = 0;
-        if (reply)
-        {
-            g_variant_get(reply.get(), "(u)", &code);
-        }
-        return code == 1 || code == 4; // the owner now, or already
+        const auto code = CallBus("RequestName", g_variant_new("(su)", name.c_str(), 4U)).text;
+        return code == "(1,)" || code == "(4,)"; // the owner now, or already
     }
 
     bool ReleaseName(const std::string& name)
     {
-        return CallBus("ReleaseName", g_variant_new("(s)", name.c_str())) != nullptr;
+        return CallBus("ReleaseName", g_variant_new("(s)", name.c_str())).ok;
     }
 
     /// Calls a method with one byte array and waits, iterating nothing: the receiver must be
@@ -232,12 +220,10 @@ private:
                      : CallResult{false, {}, "", "", Text(text.get()), pError->code};
     }
 
-    VariantPtr CallBus(const char* method, GVariant* pArguments)
+    CallResult CallBus(const char* method, GVariant* pArguments)
     {
-        return VariantPtr(g_dbus_connection_call_sync(
-            m_connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-            "org.freedesktop.DBus", method, pArguments, nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
-            nullptr, nullptr));
+        return Ask("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method,
+                   pArguments, -1, nullptr);
     }
 };
 

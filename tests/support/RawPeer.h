@@ -171,38 +171,27 @@ private:
             {
                 return;
             }
+            const bool isError = answer.kind == Answer::ERROR;
             const std::string text(answer.bytes.begin(), answer.bytes.end());
-            const MessagePtr reply(
-                answer.kind == Answer::ERROR
-                    ? g_dbus_message_new_method_error_literal(call.get(), answer.errorName.c_str(),
-                                                              text.empty() ? "test" : text.c_str())
-                    : g_dbus_message_new_method_reply(call.get()));
-            if (answer.kind == Answer::REPLY || answer.kind == Answer::WRONG_TYPE)
-            {
-                const bool isRight = answer.kind == Answer::REPLY;
-                g_dbus_message_set_body(reply.get(), isRight ? Wrap(answer.bytes)
-                                                             : g_variant_new("(s)", "not bytes"));
-            }
-            Send(reply);
+            Reply(call,
+                  answer.kind == Answer::REPLY        ? Wrap(answer.bytes)
+                  : answer.kind == Answer::WRONG_TYPE ? g_variant_new("(s)", "not bytes")
+                                                      : nullptr,
+                  isError ? answer.errorName : "", text.empty() ? "test" : text);
         }
 
-        GDBusMessage* Return(MessagePtr call, const std::string& method) const
+        // With the body if there is one, or with the error if it has a name.
+        void Reply(const MessagePtr& call, GVariant* pBody, const std::string& errorName,
+                   const std::string& text = "test") const
         {
-            GVariant* const pValue = methods(method);
-            const MessagePtr reply(pValue == nullptr
-                                       ? g_dbus_message_new_method_error_literal(
-                                             call.get(), "com.norvane.qor.Error.NotStored", "test")
-                                       : g_dbus_message_new_method_reply(call.get()));
-            if (pValue != nullptr)
+            const MessagePtr reply(errorName.empty()
+                                       ? g_dbus_message_new_method_reply(call.get())
+                                       : g_dbus_message_new_method_error_literal(
+                                             call.get(), errorName.c_str(), text.c_str()));
+            if (pBody != nullptr)
             {
-                g_dbus_message_set_body(reply.get(), pValue);
+                g_dbus_message_set_body(reply.get(), pBody);
             }
-            Send(reply);
-            return nullptr;
-        }
-
-        void Send(const MessagePtr& reply) const
-        {
             g_dbus_connection_send_message(connection, reply.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE,
                                            nullptr, nullptr);
         }
@@ -227,7 +216,14 @@ private:
             state.calls.push_back(call);
             if (Text(g_dbus_message_get_interface(pMessage)) != INTERFACE_NAME)
             {
-                return state.methods ? state.Return(MessagePtr(pMessage), call.method) : pMessage;
+                if (!state.methods)
+                {
+                    return pMessage;
+                }
+                GVariant* const pValue = state.methods(call.method);
+                state.Reply(MessagePtr(pMessage), pValue,
+                            pValue == nullptr ? "com.norvane.qor.Error.NotStored" : "");
+                return nullptr;
             }
             state.Handle(MessagePtr(pMessage),
                          (call.method == "Send" ? state.answerer : state.greeter)(call));

@@ -2,7 +2,6 @@
 #ifndef QORTEST_SENDSFIXTURE_H
 #define QORTEST_SENDSFIXTURE_H
 
-#include <chrono>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -55,12 +54,6 @@ private:
     };
     std::shared_ptr<State> m_state = std::make_shared<State>();
 };
-
-inline int MillisecondsSince(std::chrono::steady_clock::time_point start)
-{
-    const auto passed = std::chrono::steady_clock::now() - start;
-    return static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(passed).count());
-}
 
 class Sends : public EndpointLife
 {

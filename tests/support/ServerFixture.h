@@ -5,7 +5,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <numeric>
@@ -21,7 +20,6 @@
 namespace qortest
 {
 
-using Clock = std::chrono::steady_clock;
 using Counts = std::pair<std::size_t, std::size_t>;
 using Peers = std::vector<std::unique_ptr<RawPeer>>;
 
@@ -43,7 +41,7 @@ inline double Seconds(const std::function<void()>& work)
 {
     const auto start = Clock::now();
     work();
-    return std::chrono::duration<double>(Clock::now() - start).count();
+    return SecondsSince(start);
 }
 
 inline std::size_t CallsTo(const Peers& peers)
