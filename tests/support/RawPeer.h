@@ -34,7 +34,7 @@ struct Answer
     {
         REPLY,      // with the bytes
         ERROR,      // with the error name, and the bytes or "test" for its text
-        WRONG_TYPE, // a reply that holds a string
+        WRONG_TYPE, // a reply that holds more than the bytes
         NO_VALUE,   // a reply without any argument
         NEVER,      // the call stays unanswered
         HOLD,       // answered later, by AnswerHeld
@@ -175,7 +175,7 @@ private:
             const std::string text(answer.bytes.begin(), answer.bytes.end());
             Reply(call,
                   answer.kind == Answer::REPLY        ? Wrap(answer.bytes)
-                  : answer.kind == Answer::WRONG_TYPE ? g_variant_new("(s)", "not bytes")
+                  : answer.kind == Answer::WRONG_TYPE ? g_variant_new("(^ays)", "\1", "more")
                                                       : nullptr,
                   isError ? answer.errorName : "", text.empty() ? "test" : text);
         }
