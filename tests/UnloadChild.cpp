@@ -10,8 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 
@@ -52,11 +50,10 @@ void Find(TFunction*& pFunction, const char* name)
     }
 }
 
-bool IsMapped()
+bool IsLoaded(const char* library)
 {
-    std::ifstream maps("/proc/self/maps");
-    const std::string text(std::istreambuf_iterator<char>(maps), {});
-    return text.find("libQOR.so") != std::string::npos;
+    void* const pFound = dlopen(library, RTLD_NOW | RTLD_NOLOAD);
+    return pFound != nullptr && dlclose(pFound) == 0;
 }
 
 template <int N>
@@ -177,7 +174,7 @@ int main(int argc, char** argv)
         hasOther = !isUnloaded;
         Use();
     }
-    printf("loaded %d\n", IsMapped());
+    printf("loaded %d\n", IsLoaded(argv[1]));
     if (isUnloaded)
     {
         dlclose(pLibrary);
@@ -186,7 +183,7 @@ int main(int argc, char** argv)
             g_main_context_iteration(nullptr, FALSE);
             g_usleep(1000);
         }
-        printf("still loaded %d\n", IsMapped());
+        printf("still loaded %d\n", IsLoaded(argv[1]));
     }
     printf("end\n");
     return 0;
