@@ -41,45 +41,44 @@ protected:
     {
         return [&told](EClientState state) { told.push_back(state); };
     }
+
+    Told m_told;
+    TCDbusClient m_client{false};
+    const unsigned int m_id = m_client.AddStateCallback(Into(m_told));
 };
 
 TEST_F(States, ObserversHearEachChangeAndNewOnesHowThingsStand)
 {
-    TCDbusClient client(false);
-    Told first, second, third;
-    const unsigned int id = client.AddStateCallback(Into(first));
-    EXPECT_NE(id, 0U);
-    EXPECT_TRUE(Hears(first, {APPEARED, REGISTERED}));
-    client.AddStateCallback(Into(second));
+    Told second, third;
+    EXPECT_NE(m_id, 0U);
+    EXPECT_TRUE(Hears(m_told, {APPEARED, REGISTERED}));
+    m_client.AddStateCallback(Into(second));
     EXPECT_TRUE(Hears(second, {APPEARED, REGISTERED}));
     m_service->ReleaseName(SERVICE_NAME);
-    EXPECT_TRUE(Hears(first, {APPEARED, REGISTERED, VANISHED}));
-    EXPECT_TRUE(client.RemoveStateCallback(id));
-    EXPECT_FALSE(client.RemoveStateCallback(id));
+    EXPECT_TRUE(Hears(m_told, {APPEARED, REGISTERED, VANISHED}));
+    EXPECT_TRUE(m_client.RemoveStateCallback(m_id));
+    EXPECT_FALSE(m_client.RemoveStateCallback(m_id));
     m_service->OwnName(SERVICE_NAME);
     EXPECT_TRUE(Hears(second, {APPEARED, REGISTERED, VANISHED, APPEARED, REGISTERED}));
     second.clear();
     m_bus.Kill();
     EXPECT_TRUE(Hears(second, {VANISHED, LOST}));
-    client.AddStateCallback(Into(third));
+    m_client.AddStateCallback(Into(third));
     EXPECT_TRUE(Hears(third, {LOST}));
     m_bus.Restart();
     Serve();
     EXPECT_TRUE(Hears(second, {VANISHED, LOST, FOUND, APPEARED, REGISTERED}));
     EXPECT_TRUE(Hears(third, {LOST, FOUND, APPEARED, REGISTERED}));
-    EXPECT_EQ(first.size(), 3U);
+    EXPECT_EQ(m_told.size(), 3U);
 }
 
 // A thread that sends sees the new bus before the main context has seen the old one go.
 TEST_F(States, LossIsToldThoughASendWasFirstToFindTheBus)
 {
-    TCDbusClient client(false);
-    Told told;
-    client.AddStateCallback(Into(told));
-    EXPECT_TRUE(Hears(told, {APPEARED, REGISTERED}));
+    EXPECT_TRUE(Hears(m_told, {APPEARED, REGISTERED}));
     RestartBus();
-    EXPECT_TRUE(WaitUntil([&] { return Sends(client); }));
-    EXPECT_TRUE(Hears(told, {APPEARED, REGISTERED, VANISHED, LOST, FOUND, APPEARED, REGISTERED}));
+    EXPECT_TRUE(WaitUntil([&] { return Sends(m_client); }));
+    EXPECT_TRUE(Hears(m_told, {APPEARED, REGISTERED, VANISHED, LOST, FOUND, APPEARED, REGISTERED}));
 }
 
 TEST_F(States, RegisteredIsToldWhenTheNewestTypesAreConfirmedAndNotBefore)
@@ -91,49 +90,42 @@ TEST_F(States, RegisteredIsToldWhenTheNewestTypesAreConfirmedAndNotBefore)
         return Answer{isRefused ? Answer::ERROR : Answer::NO_VALUE, {}, "a.b"};
     };
     m_service->AnswerHelloUsing(greet);
-    TCDbusClient client(false);
-    Told told;
-    client.AddStateCallback(Into(told));
-    EXPECT_TRUE(Hears(told, {APPEARED, REGISTERED}));
-    client.SetCallback(2, Accept);
-    client.SetCallback(3, Accept); // one word for both
-    EXPECT_TRUE(Hears(told, {APPEARED, REGISTERED, REGISTERED}));
+    EXPECT_TRUE(Hears(m_told, {APPEARED, REGISTERED}));
+    m_client.SetCallback(2, Accept);
+    m_client.SetCallback(3, Accept); // one word for both
+    EXPECT_TRUE(Hears(m_told, {APPEARED, REGISTERED, REGISTERED}));
     refusals = 2;
-    client.SetCallback(4, Accept);
+    m_client.SetCallback(4, Accept);
     ASSERT_TRUE(WaitUntil([&] { return refusals < 2; }));
     PumpUntil([] { return false; }, 20);
-    EXPECT_EQ(told.size(), 3U);
+    EXPECT_EQ(m_told.size(), 3U);
     Told late; // is not told of what was confirmed before
-    client.AddStateCallback(Into(late));
-    EXPECT_TRUE(Hears(told, {APPEARED, REGISTERED, REGISTERED, UNREGISTERED, REGISTERED}));
+    m_client.AddStateCallback(Into(late));
+    EXPECT_TRUE(Hears(m_told, {APPEARED, REGISTERED, REGISTERED, UNREGISTERED, REGISTERED}));
     EXPECT_TRUE(Hears(late, {APPEARED, UNREGISTERED, REGISTERED}));
 }
 
 TEST_F(States, ObserverRunsWhileNoCallbackDoes)
 {
-    TCDbusClient client(false);
-    Told told;
-    client.AddStateCallback(Into(told));
-    EXPECT_TRUE(Hears(told, {APPEARED, REGISTERED}));
+    EXPECT_TRUE(Hears(m_told, {APPEARED, REGISTERED}));
     bool wasTold = true;
     const auto iterate = [&](const Bytes&, Bytes&)
     {
-        const std::size_t before = told.size();
+        const std::size_t before = m_told.size();
         m_service->ReleaseName(SERVICE_NAME);
         PumpUntil([] { return false; }, 100);
-        wasTold = told.size() != before;
+        wasTold = m_told.size() != before;
         return true;
     };
-    client.SetCallback(2, iterate);
-    Await(Event(client.GetUniqueName(), 2));
+    m_client.SetCallback(2, iterate);
+    Await(Event(m_client.GetUniqueName(), 2));
     EXPECT_FALSE(wasTold);
-    PumpUntil([&] { return told.back() == VANISHED; });
-    EXPECT_EQ(told.back(), VANISHED);
+    PumpUntil([&] { return m_told.back() == VANISHED; });
+    EXPECT_EQ(m_told.back(), VANISHED);
 }
 
 TEST_F(States, RemovedObserverIsNotRunningAndMayRemoveItself)
 {
-    TCDbusClient client(false);
     const BackgroundPump pump;
     std::promise<void> entered;
     std::atomic<bool> left{false};
@@ -146,28 +138,28 @@ TEST_F(States, RemovedObserverIsNotRunningAndMayRemoveItself)
             left = true;
         }
     };
-    const unsigned int id = client.AddStateCallback(slow);
+    const unsigned int id = m_client.AddStateCallback(slow);
     entered.get_future().wait();
-    EXPECT_TRUE(client.RemoveStateCallback(id));
+    EXPECT_TRUE(m_client.RemoveStateCallback(id));
     EXPECT_TRUE(left);
     std::atomic<int> calls{0};
     std::atomic<unsigned int> own{0};
-    own = client.AddStateCallback(
+    own = m_client.AddStateCallback(
         [&](EClientState)
         {
             WaitUntil([&] { return own != 0; });
             ++calls;
-            EXPECT_TRUE(client.RemoveStateCallback(own));
+            EXPECT_TRUE(m_client.RemoveStateCallback(own));
         });
     EXPECT_TRUE(WaitUntil([&] { return calls == 1; }));
     m_service->ReleaseName(SERVICE_NAME);
-    EXPECT_TRUE(WaitUntil([&] { return !client.IsReady(); }));
+    EXPECT_TRUE(WaitUntil([&] { return !m_client.IsReady(); }));
     EXPECT_EQ(calls, 1);
 }
 
 // --- A thread for a context ----------------------------------------------------------------------
 
-TEST_F(States, ContextThreadIteratesWhatIsMadeOnIt)
+TEST_F(EndpointLife, ContextThreadIteratesWhatIsMadeOnIt)
 {
     std::atomic<int> told{0};
     std::thread::id toldOn;

@@ -1,7 +1,6 @@
 // Orders of life that endpoints must stand: successors, callbacks that iterate the main context or
 // own what they must not, and a bus that goes away and comes back.
 #include <atomic>
-#include <functional>
 #include <future>
 #include <memory>
 #include <string>
@@ -89,22 +88,22 @@ TEST_F(EndpointLife, RemovedCallbackMayOwnWhatRegistersAndUnregisters)
     m_service.reset();
     TCDbusServer server(false);
     TCDbusClient client(true);
-    for (qor::IDbus* pEndpoint :
-         {static_cast<qor::IDbus*>(static_cast<qor::IDbusServer*>(&server)),
-          static_cast<qor::IDbus*>(static_cast<qor::IDbusClient*>(&client))})
+    const auto test = [](auto& endpoint)
     {
-        const auto owning = [pEndpoint](int type)
+        const auto owning = [&endpoint](int type)
         {
-            const auto last = [=](void*) { pEndpoint->UnSetCallback(type); };
+            const auto last = [=, &endpoint](void*) { endpoint.UnSetCallback(type); };
             const std::shared_ptr<void> p(nullptr, last);
             return [p](const Bytes&, Bytes&) { return true; };
         };
-        EXPECT_TRUE(pEndpoint->SetCallback(6, Accept));
-        EXPECT_TRUE(pEndpoint->SetCallback(5, owning(6)));
-        EXPECT_FALSE(pEndpoint->SetCallback(5, owning(7))); // refused, and gone
-        EXPECT_TRUE(pEndpoint->UnSetCallback(5));
-        EXPECT_FALSE(pEndpoint->UnSetCallback(6));
-    }
+        EXPECT_TRUE(endpoint.SetCallback(6, Accept));
+        EXPECT_TRUE(endpoint.SetCallback(5, owning(6)));
+        EXPECT_FALSE(endpoint.SetCallback(5, owning(7))); // refused, and gone
+        EXPECT_TRUE(endpoint.UnSetCallback(5));
+        EXPECT_FALSE(endpoint.UnSetCallback(6));
+    };
+    test(server);
+    test(client);
 }
 
 // --- Contexts ------------------------------------------------------------------------------------
@@ -116,25 +115,15 @@ TEST_F(EndpointLife, ServerHearsOfDeparturesInAContextThatIsNobodysDefault)
     g_main_context_push_thread_default(context.get());
     auto server = std::make_unique<TCDbusServer>(false);
     g_main_context_pop_thread_default(context.get());
-    const auto until = [&](const std::function<bool()>& condition)
-    {
-        const auto iterate = [&]
-        {
-            g_main_context_iteration(context.get(), FALSE);
-            return condition();
-        };
-        return WaitUntil(iterate);
-    };
+    const auto isIdle = [&] { return !g_main_context_iteration(context.get(), FALSE); };
     RawPeer client;
-    ASSERT_TRUE(until([&] { return server->IsReady(); }));
+    ASSERT_TRUE(WaitUntil([&] { return isIdle() && server->IsReady(); }));
     client.PostHello(SERVICE_NAME, {2});
-    EXPECT_TRUE(until([&] { return server->NumberOfClients() == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return isIdle() && server->NumberOfClients() == 1; }));
     client.Leave();
-    EXPECT_TRUE(until([&] { return server->NumberOfClients() == 0; }));
+    EXPECT_TRUE(WaitUntil([&] { return isIdle() && server->NumberOfClients() == 0; }));
     server.reset();
-    while (g_main_context_iteration(context.get(), FALSE)) // what holds the connection
-    {
-    }
+    EXPECT_TRUE(WaitUntil(isIdle)); // what holds the connection has gone
 }
 
 // --- The bus comes back --------------------------------------------------------------------------
