@@ -197,6 +197,23 @@ TEST_F(Policies, ResultIsThatOfTheServiceOrTheReasonWhyThereIsNone)
     EXPECT_EQ(m_service->Calls("Send").at(1).bytes, Request(4, false, Archive("p")));
 }
 
+TEST_F(Sends, PolicyIsFetchedByteForByteInBothForms)
+{
+    const Bytes policy{'<', 0xFF, 0, '/', '>'};
+    m_service->AnswerMethodsUsing(
+        [&](const std::string& method)
+        { return method == "GetPolicyBytes" ? RawPeer::Wrap(policy) : nullptr; });
+    qor::TCPolicyControlProxy control;
+    std::promise<std::string> later;
+    control.GetPolicyAsync(
+        3, -1, {}, [&](const auto& text) { later.set_value(text.m_policy); }, nullptr);
+    for (const std::string& text :
+         {control.GetPolicy(0, -1, {}).m_policy, Await(later.get_future())})
+    {
+        EXPECT_EQ(Bytes(text.begin(), text.end()), policy);
+    }
+}
+
 // The teardown destroys the endpoint while a result of it is being told.
 TEST_F(BusTest, ProcessMayExitFromInsideAResult)
 {

@@ -5,7 +5,6 @@
 
 #include <qor/QORDbusClient.h>
 #include <qor/QORDbusServer.h>
-#include <qor/api.h>
 
 #include "BusTest.h"
 
@@ -218,28 +217,6 @@ TEST_F(Methods, EndWithReasonsWhereNoAnswerComes)
     EXPECT_FALSE(nobody.m_pBody);
     m_bus.Kill();
     EXPECT_EQ(Call("A").m_send.m_status, ESendStatus::NO_BUS);
-}
-
-TEST_F(Methods, FetchThePolicy)
-{
-    QORTEST_IN_CHILD({
-        const auto control = qor::api::GetPolicyControl();
-        const std::string policy("<\xff\0/>", 5);
-        m_service.AnswerMethodsUsing(
-            [&](const std::string& method)
-            {
-                return method == "GetPolicyBytes"
-                           ? g_variant_new("(@ay)", g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE,
-                                                                              policy.data(),
-                                                                              policy.size(), 1))
-                           : nullptr;
-            });
-        EXPECT_EQ(control->GetPolicy(0, -1, {}).m_policy, policy);
-        std::string later;
-        control->GetPolicyAsync(
-            3, -1, {}, [&](const qor::TSPolicyText& text) { later = text.m_policy; }, nullptr);
-        EXPECT_TRUE(PumpUntil([&] { return later == policy; }));
-    });
 }
 
 } // namespace

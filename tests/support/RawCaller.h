@@ -152,19 +152,20 @@ public:
         Break(m_connection.get());
     }
 
+    /// The arguments of a call, or the body of a reply, that is one byte array; floating.
+    static GVariant* Wrap(const Bytes& bytes)
+    {
+        GVariant* const pArray =
+            g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, bytes.data(), bytes.size(), 1);
+        return g_variant_new_tuple(&pArray, 1);
+    }
+
 protected:
     using VariantPtr = qor::TGlibPtr<GVariant>;
 
     static std::string Text(const char* text)
     {
         return text == nullptr ? "" : text;
-    }
-
-    static GVariant* Wrap(const Bytes& bytes)
-    {
-        GVariant* const pArray =
-            g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, bytes.data(), bytes.size(), 1);
-        return g_variant_new_tuple(&pArray, 1);
     }
 
     static Bytes Unwrap(GVariant* pTuple)
