@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <future>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <qor/QORDbusClient.h>
@@ -21,14 +22,7 @@ using qor::TSSendResult;
 
 TEST_F(Sends, EachOutcomeHasItsStatusCodeAndText)
 {
-    struct Case
-    {
-        Answer answer;
-        ESendStatus status;
-        int code;
-        std::string text;
-        Bytes response;
-    };
+    using Case = std::tuple<Answer, ESendStatus, int, std::string, Bytes>;
     const std::string prefix = "org.freedesktop.DBus.Error.";
     const auto error = [&](const std::string& name, ESendStatus status, int code) {
         return Case{{Answer::ERROR, {}, name}, status, code, name + ": test", {}};
@@ -49,25 +43,25 @@ TEST_F(Sends, EachOutcomeHasItsStatusCodeAndText)
         error(prefix + "Failed", ESendStatus::FAILED, G_DBUS_ERROR_FAILED)};
     TCDbusClient client(false);
     ASSERT_TRUE(PumpUntil([&] { return client.IsReady(); }));
-    for (const Case& one : cases)
+    for (const auto& [answer, status, code, text, response] : cases)
     {
-        m_service->AnswerWith(one.answer);
+        m_service->AnswerWith(answer);
         LogCapture::Clear();
-        EXPECT_EQ(EndpointLife::Sends(client), one.status == ESendStatus::ANSWERED_TRUE);
+        EXPECT_EQ(EndpointLife::Sends(client), status == ESendStatus::ANSWERED_TRUE);
         const std::vector<TSSendResult> results{Call(client), Outcome(client)};
         // The same for each kind of send.
-        const std::string line = "> Sending message error, errno " + std::to_string(one.code);
+        const std::string line = "> Sending message error, errno " + std::to_string(code);
         const auto isLine = [&](const LogLine& logged)
         { return logged.text.substr(logged.text.find('>')) == line; };
         const auto lines = LogCapture::Lines();
-        EXPECT_EQ(lines.size(), one.text.empty() ? 0U : 3U) << one.text;
-        EXPECT_TRUE(std::all_of(lines.begin(), lines.end(), isLine)) << one.text;
+        EXPECT_EQ(lines.size(), text.empty() ? 0U : 3U) << text;
+        EXPECT_TRUE(std::all_of(lines.begin(), lines.end(), isLine)) << text;
         for (const TSSendResult& result : results)
         {
-            EXPECT_EQ(result.m_status, one.status) << one.text;
-            EXPECT_EQ(result.m_code, one.code) << one.text;
-            EXPECT_EQ(result.m_text, one.text);
-            EXPECT_EQ(result.m_response, one.response) << one.text;
+            EXPECT_EQ(result.m_status, status) << text;
+            EXPECT_EQ(result.m_code, code) << text;
+            EXPECT_EQ(result.m_text, text);
+            EXPECT_EQ(result.m_response, response) << text;
         }
     }
     const auto sent = m_service->Calls("Send");
@@ -155,42 +149,31 @@ TEST_F(Sends, TextIsPrintableAndBounded)
     EXPECT_EQ(text(std::string(994, 'x') + "\u00e9"), "a.b: " + std::string(994, 'x')); // whole
 }
 
-class Policies : public Sends
+TEST_F(Sends, ResultOfAPolicyIsThatOfTheServiceOrTheReasonWhyThereIsNone)
 {
-protected:
-    qor::TCPolicyControlProxy m_control;
-};
-
-TEST_F(Policies, ResultIsThatOfTheServiceOrTheReasonWhyThereIsNone)
-{
-    struct Case
+    const std::tuple<Bytes, ESendStatus, int, std::string, int> cases[] = {
+        {PolicyReply(5), ESendStatus::ANSWERED_TRUE, 0, "", 5},
+        {{1, 2, 3},
+         ESendStatus::FAILED,
+         G_IO_ERROR_INVALID_DATA,
+         "The answer cannot be read: ",
+         -1},
+        {{0}, ESendStatus::ANSWERED_FALSE, 0, "", -1}};
+    qor::TCPolicyControlProxy control;
+    for (const auto& [reply, status, code, text, expected] : cases)
     {
-        Bytes reply;
-        ESendStatus status;
-        int code, result;
-        std::string text;
-    };
-    const std::vector<Case> cases{{PolicyReply(5), ESendStatus::ANSWERED_TRUE, 0, 5, ""},
-                                  {{1, 2, 3},
-                                   ESendStatus::FAILED,
-                                   G_IO_ERROR_INVALID_DATA,
-                                   -1,
-                                   "The answer cannot be read: "},
-                                  {{0}, ESendStatus::ANSWERED_FALSE, 0, -1, ""}};
-    for (const Case& one : cases)
-    {
-        m_service->AnswerWith({Answer::REPLY, one.reply, ""});
+        m_service->AnswerWith({Answer::REPLY, reply, ""});
         std::promise<qor::TSPolicyResult> promise;
-        m_control.SetPolicyAsync(
+        control.SetPolicyAsync(
             "p", WATCHDOG_MS, {}, [&](const auto& result) { promise.set_value(result); }, nullptr);
-        const qor::TSPolicyResult direct = m_control.SetPolicy("p", WATCHDOG_MS, {});
+        const qor::TSPolicyResult direct = control.SetPolicy("p", WATCHDOG_MS, {});
         for (const qor::TSPolicyResult& result : {direct, Await(promise.get_future())})
         {
-            EXPECT_EQ(result.m_send.m_status, one.status);
-            EXPECT_EQ(result.m_send.m_code, one.code);
-            EXPECT_EQ(result.m_send.m_text.rfind(one.text, 0), 0U) << result.m_send.m_text;
-            EXPECT_EQ(result.m_send.m_text.empty(), one.text.empty());
-            EXPECT_EQ(result.m_result, one.result);
+            EXPECT_EQ(result.m_send.m_status, status);
+            EXPECT_EQ(result.m_send.m_code, code);
+            EXPECT_EQ(result.m_send.m_text.rfind(text, 0), 0U) << result.m_send.m_text;
+            EXPECT_EQ(result.m_send.m_text.empty(), text.empty());
+            EXPECT_EQ(result.m_result, expected);
         }
     }
     EXPECT_EQ(m_service->Calls("Send").at(0).bytes, Request(4, true, Archive("p")));

@@ -84,12 +84,8 @@ TEST_F(States, LossIsToldThoughASendWasFirstToFindTheBus)
 TEST_F(States, RegisteredIsToldWhenTheNewestTypesAreConfirmedAndNotBefore)
 {
     std::atomic<int> refusals{0};
-    const auto greet = [&](const IncomingCall&)
-    {
-        const bool isRefused = refusals-- > 0;
-        return Answer{isRefused ? Answer::ERROR : Answer::NO_VALUE, {}, "a.b"};
-    };
-    m_service->AnswerHelloUsing(greet);
+    m_service->AnswerHelloUsing([&](const IncomingCall&)
+                                { return refusals-- > 0 ? DbusError("Failed") : NO_VALUE; });
     EXPECT_TRUE(Hears(m_told, {APPEARED, REGISTERED}));
     m_client.SetCallback(2, Accept);
     m_client.SetCallback(3, Accept); // one word for both

@@ -108,17 +108,16 @@ TEST_F(DbusClient, SynchronousSendGivesTheReplysResultAndOutput)
     TCDbusClient client(false);
     ASSERT_TRUE(Appears(client));
     const Bytes before{9, 9};
-    const std::string denied = "org.freedesktop.DBus.Error.AccessDenied";
     const std::tuple<Answer, bool, Bytes, std::size_t> cases[] = {
         {{Answer::REPLY, {1, 5, 6, 7}, ""}, true, {5, 6, 7}, 0},
         {{Answer::REPLY, {0, 0xAA}, ""}, false, {0xAA}, 0},
         {{Answer::REPLY, {0x80}, ""}, true, {}, 0},
         {{Answer::REPLY, {}, ""}, true, before, 1},
         {{Answer::WRONG_TYPE, {}, ""}, true, before, 1},
-        {{Answer::NO_VALUE, {}, ""}, true, before, 1},
-        {{Answer::ERROR, {}, denied}, false, before, 1},
+        {NO_VALUE, true, before, 1},
+        {DbusError("AccessDenied"), false, before, 1},
         {NEVER, false, before, 1},
-        {{Answer::LEAVE, {}, ""}, false, before, 1},
+        {LEAVE, false, before, 1},
     };
     for (const auto& [answer, result, output, errors] : cases)
     {

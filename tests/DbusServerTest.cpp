@@ -1,6 +1,7 @@
 // The server endpoint: its name, its registry, its events and its stop, with raw peers as clients.
 #include <dlfcn.h>
 
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -62,26 +63,22 @@ protected:
 
 TEST_F(DbusServer, HelloNamesTheTypesOfTheClientUntilItLeaves)
 {
-    const std::tuple<Bytes, std::vector<int>, std::vector<int>> cases[] = {
-        {{1, 0, 0, 0, 3, 0, 0, 0, 5}, {1, 3}, {5, 0}},
-        {{2, 0, 0, 0, 9, 0}, {2}, {1, 3, 9, 0}}, // in place of the first ones
-        {{2, 0, 0}, {}, {0, 2}},
-        {{}, {}, {0, 2}},
-        {EventList({7, -2, 258, 7}), {7, -2, 258}, {0, 2, 254}},
+    const std::pair<Bytes, std::set<int>> cases[] = {
+        {{1, 0, 0, 0, 3, 0, 0, 0, 5}, {1, 3}},
+        {{2, 0, 0, 0, 9, 0}, {2}}, // in place of the first ones
+        {{2, 0, 0}, {}},
+        {{}, {}},
+        {EventList({7, -2, 258, 7}), {7, -2, 258}},
     };
     RawPeer client;
-    for (const auto& [bytes, types, others] : cases)
+    for (const auto& [bytes, types] : cases)
     {
         const auto hello = Await(client.StartCall(SERVICE_NAME, SERVICE_PATH, "Hello", bytes));
         EXPECT_EQ(hello.signature, "()");
         ASSERT_TRUE(HasClients(1));
-        for (const int type : types)
+        for (const int type : {-2, 0, 1, 2, 3, 5, 7, 9, 254, 258})
         {
-            EXPECT_EQ(Deliver(type), Counts(1, 0)) << type;
-        }
-        for (const int type : others)
-        {
-            EXPECT_EQ(Deliver(type), Counts(0, 0)) << type;
+            EXPECT_EQ(Deliver(type), Counts(types.count(type), 0)) << type;
         }
     }
     client.Leave(); // one watch: one line, and no complaint about an unknown client

@@ -61,10 +61,8 @@ TEST_F(ControlProxy, BadRepliesFailOrThrowAndTheProxyGoesOn)
     const Bytes whole = PolicyReply(7);
     Bytes refused = whole;
     refused[0] = 0;
-    const std::vector<Answer> failures{{Answer::REPLY, refused, ""},
-                                       {Answer::REPLY, {0, 1, 2, 3}, ""},
-                                       {Answer::ERROR, {}, "org.freedesktop.DBus.Error.Failed"}};
-    for (const Answer& answer : failures)
+    for (const Answer& answer : {Answer{Answer::REPLY, refused, ""},
+                                 Answer{Answer::REPLY, {0, 1, 2, 3}, ""}, DbusError("Failed")})
     {
         m_service.AnswerWith(answer);
         EXPECT_EQ(proxy.SetPolicy("p"), -1);

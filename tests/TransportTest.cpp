@@ -116,9 +116,7 @@ TEST_F(Transport, RefusedHelloIsRepeatedUntilItIsConfirmedOrTheServiceHasLeft)
     const auto greet = [&](const IncomingCall&)
     {
         const int left = refusals--;
-        const std::string error = left % 2 == 0 ? "NoReply" : "LimitsExceeded";
-        return Answer{
-            left > 0 ? Answer::ERROR : Answer::NO_VALUE, {}, "org.freedesktop.DBus.Error." + error};
+        return left > 0 ? DbusError(left % 2 == 0 ? "NoReply" : "LimitsExceeded") : NO_VALUE;
     };
     const auto isConfirmed = [&] { return refusals < 0; };
     const auto pass = [] { PumpUntil([] { return false; }, 1500); }; // longer than the next pause
