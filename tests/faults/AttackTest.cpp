@@ -280,6 +280,10 @@ TEST_F(AttackedServer, LargeAnswersThatNobodyReadsAreNotKept)
 // wait.
 TEST_F(AttackedServer, BusIsAskedAboutAFewOfManyNewSendersAtATime)
 {
+    if (getenv("QOR_TEST_BUS") != nullptr)
+    {
+        GTEST_SKIP() << "stops dbus-broker's launcher, and not the bus";
+    }
     constexpr std::size_t SENDERS = 60, AT_A_TIME = 32;
     static std::atomic<std::size_t> s_calls, s_questions, s_signals;
     static std::atomic<bool> s_isHeld;
