@@ -1,6 +1,7 @@
 // Facts about the service, the policy and the applications, as D-Bus values.
 #include "qord/PolicyFacts.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +17,7 @@
 #include "common/Events.h"
 #include "common/Text.h"
 #include "qord/Dictionary.h"
+#include "qord/Directory.h"
 
 namespace qord
 {
@@ -137,7 +139,16 @@ bool IsSameFile(const struct stat& left, const struct stat& right)
 {
     return left.st_ino == right.st_ino && left.st_dev == right.st_dev &&
            left.st_size == right.st_size && left.st_mtim.tv_sec == right.st_mtim.tv_sec &&
-           left.st_mtim.tv_nsec == right.st_mtim.tv_nsec;
+           left.st_mtim.tv_nsec == right.st_mtim.tv_nsec &&
+           left.st_ctim.tv_sec == right.st_ctim.tv_sec &&
+           left.st_ctim.tv_nsec == right.st_ctim.tv_nsec;
+}
+
+// What is known of its text says nothing about that.
+bool IsReadable(const std::string& file)
+{
+    const TCDescriptor opened(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    return opened.Get() >= 0;
 }
 
 } // namespace
@@ -186,7 +197,8 @@ const TCPolicyFacts::TSInForce& TCPolicyFacts::m_Look()
         m_inForce.m_isThere = true;
         m_inForce.m_file = policies.back().m_status;
         m_inForce.m_entry = m_handler.History().Find(m_handler.Store(), policies.back());
-        m_inForce.m_isGood = m_handler.IsGood(m_inForce.m_entry.m_sha256);
+        m_inForce.m_isGood =
+            IsReadable(m_options.m_policyFile) && m_handler.IsGood(m_inForce.m_entry.m_sha256);
     }
     return m_inForce;
 }
