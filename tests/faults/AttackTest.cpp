@@ -113,9 +113,9 @@ const Row ROWS[] = {
 // --- Attacks on qord -----------------------------------------------------------------------------
 
 // The longest time of one of the steps, which are repeated for so long.
-double Longest(int seconds, const std::function<void()>& step)
+double Longest(double seconds, const std::function<void()>& step)
 {
-    const auto end = Clock::now() + std::chrono::seconds(seconds);
+    const auto end = Clock::now() + std::chrono::duration<double>(seconds);
     double longest = 0;
     do
     {
@@ -160,7 +160,7 @@ protected:
         m_heard = std::string(message).find("WATCHDOG=1") == 0 ? Clock::now() : m_heard;
     }
 
-    double SetPolicies(RawPeer& good, std::size_t size, int seconds)
+    double SetPolicies(RawPeer& good, std::size_t size, double seconds)
     {
         const auto policy = [&] { return Text(size, "<n" + std::to_string(++m_stored) + "/>"); };
         return Longest(seconds, [&] { EXPECT_EQ(SendPolicy(good, policy()), 0); });
@@ -205,7 +205,7 @@ TEST_P(Attacked, ServiceStoresPoliciesAndIsAliveAndItsMemoryAndItsLogAreBounded)
     {
         attackers.emplace_back(user, row.attack);
     }
-    const double longest = SetPolicies(good, row.policySize, IS_LONG ? row.seconds : 1);
+    const double longest = SetPolicies(good, row.policySize, IS_LONG ? row.seconds : 0.5);
     const std::size_t memory = ResidentKilobytes(m_qord->Pid(), "VmHWM:") >> 10;
     const std::string log = '\n' + m_qord->Out() + m_qord->Err();
     const std::size_t lines = CountOf(log, "\nqord: ") + CountOf(log, "\nE/QOR(");
@@ -266,7 +266,7 @@ TEST_F(AttackedServer, LargeAnswersThatNobodyReadsAreNotKept)
     for (const std::size_t connections : {1U, 8U})
     {
         const Attacker attacker(1, Ask(connections, 0, {SetPolicy(1)}, 200));
-        const double longest = Longest(IS_LONG ? 10 : 1, [&] { EXPECT_TRUE(Send(good).ok); });
+        const double longest = Longest(IS_LONG ? 10 : 0.5, [&] { EXPECT_TRUE(Send(good).ok); });
         const std::size_t memory = ResidentKilobytes(getpid(), "VmHWM:") >> 10;
         std::cout << connections << " read nothing: an answer within " << longest << " s, "
                   << memory << " MiB\n";
