@@ -157,6 +157,18 @@ TEST_F(DbusClient, SynchronousSendSaysHelloFirstAndFailsWithoutAServiceUnlikeAnA
     EXPECT_EQ(calls[1].bytes, EventList({6}));
 }
 
+TEST_F(DbusClient, MessageThatIsSentAtTheEndArrives)
+{
+    StartService();
+    {
+        TCDbusClient client(false);
+        ASSERT_TRUE(Appears(client));
+        Bytes response;
+        EXPECT_TRUE(client.SendMessage(1, Bytes(16 << 20), response, true));
+    }
+    EXPECT_TRUE(m_service.WaitForCalls("Send", 1));
+}
+
 TEST_F(DbusClient, MessagesUpToTheLimitGoBothWaysAndLargerOnesAreRefusedUnsent)
 {
     StartService();

@@ -86,7 +86,9 @@ TEST_F(Debug, FreshSettingsPrintOnStandardOutputAndTheFileIsAppendedTo)
     m_debug.EnableStdoutLog(false);
     m_debug.EnableFileLog(true);
     m_debug.External("C", "F", 1, "first");
+    const FILE* const pOpen = m_debug.m_pLogFile;
     m_debug.EnableFileLog(true);
+    EXPECT_EQ(m_debug.m_pLogFile, pOpen);
     m_debug.EnableFileLog(false);
     EXPECT_EQ(StdoutOf([&] { m_debug.External("C", "F", 2, "between"); }), "");
     m_debug.EnableFileLog(true);

@@ -162,10 +162,28 @@ TEST_F(Transport, ChangesThatTheServiceDoesNotConfirmLeaveRoomForSendsAndTheLast
     client.SetCallback(3, Accept);
     EXPECT_TRUE(Sends(client));
     EXPECT_LE(m_service->Count("Hello"), 16U);
+    const auto isTold = [&](const std::vector<std::int32_t>& types) {
+        return WaitUntil([&]
+                         { return m_service->Calls("Hello").back().bytes == EventList(types); });
+    };
     m_service->AnswerHelloUsing([](const IncomingCall&) { return NO_VALUE; });
     m_service->AnswerHeld(NO_VALUE);
-    EXPECT_TRUE(
-        WaitUntil([&] { return m_service->Calls("Hello").back().bytes == EventList({3}); }));
+    EXPECT_TRUE(isTold({3}));
+
+    // What the service that was there before answers is not counted.
+    m_service->AnswerHelloUsing([](const IncomingCall&) { return HOLD; });
+    client.SetCallback(4, Accept);
+    client.SetCallback(5, Accept);
+    EXPECT_TRUE(isTold({3, 4, 5}));
+    ASSERT_TRUE(m_service->ReleaseName(SERVICE_NAME));
+    EXPECT_TRUE(PumpUntil([&] { return !client.IsReady(); }));
+    m_service->AnswerHelloUsing([](const IncomingCall&) { return NO_VALUE; });
+    ASSERT_TRUE(m_service->OwnName(SERVICE_NAME));
+    EXPECT_TRUE(PumpUntil([&] { return client.IsReady(); }));
+    m_service->AnswerHeld(NO_VALUE);
+    EXPECT_TRUE(Sends(client));
+    client.SetCallback(6, Accept);
+    EXPECT_TRUE(isTold({3, 4, 5, 6}));
 }
 
 TEST_F(Transport, ErrorNamesThatTheServiceInventsAreNotKept)

@@ -71,6 +71,15 @@ protected:
     std::vector<Outcomes> m_told;
 };
 
+TEST_F(Event, GoesOutAlsoAfterOneThatAThreadHasWaitedFor)
+{
+    Start();
+    const Peers clients = Clients(1, YES);
+    EXPECT_EQ(Deliver(), Counts(1, 0));
+    PumpUntil([] { return false; }, 300); // until the loop thread no longer wakes up by itself
+    EXPECT_EQ(Send(2), (Outcomes{{clients[0]->UniqueName(), DELIVERED}}));
+}
+
 TEST_F(Event, EachClientHasItsOutcome)
 {
     Start();
@@ -83,6 +92,7 @@ TEST_F(Event, EachClientHasItsOutcome)
         {NO, REFUSING},
         {NO_VALUE, REFUSING},
         {DbusError("LimitsExceeded"), {EDelivery::FAILED, G_DBUS_ERROR_LIMITS_EXCEEDED}},
+        {DbusError("ServiceUnknown"), {EDelivery::FAILED, G_DBUS_ERROR_SERVICE_UNKNOWN}},
         {{Answer::ERROR, Bytes(100000, 'x'), "a." + std::string(250, 'b')},
          {EDelivery::FAILED, G_IO_ERROR_DBUS_ERROR}},
     };

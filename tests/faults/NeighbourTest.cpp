@@ -271,6 +271,7 @@ TEST_F(Neighbour, WhatHasBeenHandledIsNoLongerCounted)
     for (int i = 0; i <= 4096; ++i)
     {
         elsewhere = peers[0].Call(SERVICE_NAME, "/elsewhere", "Send", {});
+        peers[0].Post(SERVICE_NAME, "/elsewhere", "Send", {}); // and wants no answer
     }
     EXPECT_FALSE(elsewhere.ok || elsewhere.errorName == REFUSED) << elsewhere.errorName;
 }

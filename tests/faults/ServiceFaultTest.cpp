@@ -145,6 +145,7 @@ TEST_F(Fault, WhoAnswersLateOfOnePolicyHasHeardOfTheNextOne)
     RawPeer peer;
     peer.Call(SERVICE_NAME, SERVICE_PATH, "Hello", EventList({2}));
     const auto hasHeard = [] { return Status()["clients"][0]["heard"] == true; };
+    EXPECT_FALSE(hasHeard()); // there is no policy yet
     peer.AnswerWith(HOLD);
     ExpectResult(qor::POLICY_STORED, "<late/>");
     ASSERT_TRUE(peer.WaitForCalls("Send", 1));

@@ -64,7 +64,12 @@ protected:
 
     void TellStates()
     {
-        m_server->SetStateCallback([this](EServiceState state) { m_states.push_back(state); });
+        const auto tell = [this](EServiceState state)
+        {
+            EXPECT_TRUE(state != EServiceState::ACQUIRED || m_server->IsReady());
+            m_states.push_back(state);
+        };
+        m_server->SetStateCallback(tell);
     }
 
     void ExpectStates(const States& states)

@@ -103,6 +103,10 @@ TEST_F(CommandLine, WhatCannotBeWrittenIsNoSuccess)
                "stat -c '%A %h %n' in/file; ls -A in; exit $status",
                "true'; " + std::string(limit) + "'" QORCTL);
     }
+    const std::string longest(255, 'x'); // no file fits beside it
+    WriteFile(m_directory.Path(longest), std::string(9999, 'x'));
+    Expect(0, "", "get-policy --output " + longest);
+    EXPECT_EQ(ReadFile(m_directory.Path(longest)), ReadFile(SAMPLE_POLICY));
     // Nothing happens any more that would make it write.
     Expect(141, "service appeared", "listen | head -n 1; exit ${PIPESTATUS[0]}");
 }
@@ -136,18 +140,21 @@ TEST_F(CommandLine, NoCommandOutlivesItsListener)
 {
     auto qord = StartQuietQord();
     const std::string hook = m_directory.Path("hook"), ran = m_directory.Path("ran");
-    WriteFile(hook, "trap '' TERM; sleep 99 & echo $$ $! >" + ran + "; wait");
+    WriteFile(hook, "trap '' TERM; sleep 99 & echo $$ $! >>" + ran + "; wait");
     for (const char* timeout : {"2", "99"})
     {
         WriteFile(ran, "");
         auto listener = StartListener({"--timeout", timeout, "--exec", "sh " + hook});
         qord->Signal(SIGUSR1);
         ASSERT_TRUE(WaitUntil([&] { return ReadFile(ran).find('\n') != std::string::npos; }));
+        qord->Signal(SIGUSR1); // whose command does not get its turn
+        EXPECT_TRUE(WaitUntil([&] { return CountOf(listener->Out(), "process-info") == 2; }));
         if (timeout == std::string("99"))
         {
             listener->Signal(SIGTERM);
         }
         EXPECT_EQ(listener->Wait(), 0);
+        EXPECT_EQ(CountOf(ReadFile(ran), "\n"), 1U);
         std::istringstream processes(ReadFile(ran));
         for (std::string process; processes >> process;)
         {
@@ -297,6 +304,10 @@ TEST_F(CommandLine, TheLaterOfTwoDoesNotWinUnseen)
     const std::string second = Json({"status", "--json"})["policy"]["sha256"];
     Expect(0, "stored policy 1", "restore 1 --if-match " + second);
     EXPECT_EQ(StoredPolicy(), "<a/>");
+    const auto waits = [&] { // for a time that is rounded up
+        return Qorctl({"set-policy", "--wait", "--timeout", "1", "-"}, "<a/>").exitCode == 0;
+    };
+    EXPECT_TRUE(WaitUntil(waits));
     Expect(1, "there is no policy 77777777777", "restore 77777777777");
     EXPECT_EQ(Json({"status", "--json"})["since_start"]["refused"], 2);
 }

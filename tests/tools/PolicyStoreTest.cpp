@@ -124,6 +124,11 @@ TEST_F(PolicyStore, TrapsAreNotFollowedAndFilesOfOthersAreLeftAlone)
     fs::create_directories(Temporary() + "/in-the-way");
     EXPECT_FALSE(Store(m_path, "x", {3, 0}));
     EXPECT_EQ(ReadFile(m_path), "five");
+
+    fs::remove(m_path + ".kept-2");
+    fs::create_symlink(victim, m_path + ".kept-2");
+    std::string text;
+    EXPECT_FALSE(qord::TCPolicyStore(m_path, {2, 0}).Read(2, text, 100, m_warning)) << text;
 }
 
 TEST_F(PolicyStore, NamesThatPeopleGaveAreNobodysAndNothingIsOverwritten)

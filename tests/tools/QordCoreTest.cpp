@@ -170,6 +170,14 @@ TEST(RefusalLog, CountsUsersApartTellsWhenTheTimeIsOverAndIsQuietThen)
             EXPECT_EQ(qortest::CountOf(errors, words), lines) << words << '\n' << errors;
         }
     }
+    qord::TCRefusalLog brief(users, 0); // each of its times is over at once
+    testing::internal::CaptureStderr();
+    for (int i = 0; i < 9; ++i)
+    {
+        brief.Write(500000, {}, "of a time of its own");
+    }
+    EXPECT_EQ(qortest::CountOf(testing::internal::GetCapturedStderr(), "of a time of its own\n"),
+              9U);
 }
 
 // Also at a start: a policy that takes long to check must not make each start long.

@@ -5,6 +5,7 @@
 
 #include <qor/api.h>
 
+#include "FaultSupport.h"
 #include "MuteBus.h"
 #include "RawPeer.h"
 #include "ToolRunner.h"
@@ -141,7 +142,9 @@ TEST_F(Tools, ServiceManagerAndStatusKnowWhenTheServiceIsThere)
         told += Received(notified);
         return told.find(words) != std::string::npos;
     };
+    const std::size_t files = OpenFiles(qord->Pid());
     EXPECT_TRUE(WaitUntil([&] { return isTold("WATCHDOG=1"); })) << told;
+    EXPECT_TRUE(WaitUntil([&] { return OpenFiles(qord->Pid()) == files; }));
     qord->Signal(SIGTERM);
     EXPECT_TRUE(WaitUntil([&] { return isTold("STOPPING=1"); })) << told; // or the socket blocks
     EXPECT_EQ(qord->Wait(), 0);

@@ -1,5 +1,6 @@
 // The host layer against a machine that the test makes up.
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -17,10 +18,16 @@ namespace fs = boost::filesystem;
 
 static std::string logged; // what the log daemon has got
 static int daemonError;    // and the error that it answers with
+static int usedSocket = -1;
 
 extern "C" __attribute__((visibility("default"))) ssize_t
-sendto(int, const void* pData, size_t size, int, const sockaddr*, socklen_t)
+sendto(int file, const void* pData, size_t size, int, const sockaddr*, socklen_t)
 {
+    usedSocket = file;
+    if (fcntl(file, F_GETFD) < 0)
+    {
+        return -1; // with EBADF
+    }
     errno = daemonError;
     logged.append(static_cast<const char*>(pData), daemonError == 0 ? size : 0) += "\n";
     return daemonError == 0 ? static_cast<ssize_t>(size) : -1;
@@ -56,6 +63,9 @@ TEST_F(HostLayer, LogLinesGoToTheLogDaemonOrNowhere)
     const auto print = reinterpret_cast<decltype(&__dlog_print)>(dlsym(pLibrary, "__dlog_print"));
     EXPECT_GT(print(LOG_ID_SYSTEM, DLOG_ERROR, "QOR", "number %d", 3), 0);
     EXPECT_EQ(logged, "<27>QOR[" + std::to_string(getpid()) + "]: number 3\n");
+    close(usedSocket); // as a host does that becomes a daemon
+    EXPECT_GT(print(LOG_ID_SYSTEM, DLOG_ERROR, "QOR", "number %d", 4), 0);
+    EXPECT_NE(logged.find(": number 4\n"), std::string::npos);
     daemonError = ECONNREFUSED;
     EXPECT_EQ(print(LOG_ID_SYSTEM, DLOG_DEBUG, "QOR", "lost"), 0);
 }
@@ -94,6 +104,8 @@ TEST_F(HostLayer, SystemInformationHasTypes)
     EXPECT_NE(system_info_get_value_int(SYSTEM_INFO_KEY_MODEL, &number), 0);
     EXPECT_EQ(system_info_get_value_int(SYSTEM_INFO_KEY_PROCESSOR_COUNT, &number), 0);
     EXPECT_EQ(number, sysconf(_SC_NPROCESSORS_ONLN));
+    EXPECT_EQ(system_info_get_value_int(SYSTEM_INFO_KEY_MEMORY_MIB, &number), 0);
+    EXPECT_EQ(number, sysconf(_SC_PHYS_PAGES) / ((1 << 20) / sysconf(_SC_PAGESIZE)));
 }
 
 TEST_F(HostLayer, UsbDisksAreTheOnesBelowARootHub)
