@@ -1,15 +1,18 @@
 // A user database that hangs while there is a file "hang" in the directory QOR_TEST_USERS, and that
-// has a group, with the number of "daemon", for each other file there. Linked or preloaded.
+// has a group of many, with the number of "daemon", for each other file there. Linked or preloaded.
 #include <dlfcn.h>
 #include <grp.h>
 #include <pwd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 
 namespace
 {
+
+constexpr size_t MANY_MEMBERS = 10000; // bytes that their names take
 
 bool HasFile(const std::string& name)
 {
@@ -36,6 +39,11 @@ int getpwuid_r(uid_t id, passwd* pEntry, char* buffer, size_t size, passwd** ppF
 
 int getgrnam_r(const char* name, group* pEntry, char* buffer, size_t size, group** ppFound)
 {
+    if (HasFile(name) && size < MANY_MEMBERS)
+    {
+        *ppFound = nullptr;
+        return ERANGE;
+    }
     return Ask(&getgrnam_r, "getgrnam_r", HasFile(name) ? "daemon" : name, pEntry, buffer, size,
                ppFound);
 }
