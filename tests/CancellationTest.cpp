@@ -219,6 +219,7 @@ TEST_F(Sends, DestructorWaitsForAResultThatIsBeingTold)
 TEST_F(Sends, ResultMayLetGoOfTheLastPointerToTheEndpoint)
 {
     const TCContextThread other;
+    m_service->AnswerWith(HOLD);
     for (GMainContext* const pContext : {static_cast<GMainContext*>(nullptr), other.Context()})
     {
         auto client = boost::make_shared<TCDbusClient>(false);
@@ -229,8 +230,11 @@ TEST_F(Sends, ResultMayLetGoOfTheLastPointerToTheEndpoint)
             [client, take = results.Taker()](const TSSendResult& result) { take(result); },
             pContext);
         client.reset();
+        ASSERT_TRUE(m_service->WaitForCalls("Send", 1));
         EXPECT_FALSE(alive.expired());
+        m_service->AnswerHeld(YES);
         EXPECT_TRUE(PumpUntil([&] { return results.Count() == 1 && alive.expired(); }));
+        m_service->ForgetCalls();
     }
 }
 
