@@ -164,7 +164,7 @@ TEST_F(DbusClient, MessageThatIsSentAtTheEndArrives)
         TCDbusClient client(false);
         ASSERT_TRUE(Appears(client));
         Bytes response;
-        EXPECT_TRUE(client.SendMessage(1, Bytes(16 << 20), response, true));
+        EXPECT_TRUE(client.SendMessage(1, Bytes(2 << 20), response, true));
     }
     EXPECT_TRUE(m_service.WaitForCalls("Send", 1));
 }
