@@ -5,11 +5,12 @@ set -euo pipefail
 export LC_ALL=C DEBIAN_FRONTEND=noninteractive
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-# What stands in the root, but for what the system itself keeps changing.
+# What stands in the root, but for what the system itself keeps changing, and the compiler's cache,
+# which other roots share.
 inventory() {
     find / -xdev \( -path /proc -o -path /sys -o -path /tmp -o -path /run -o -path /dev \
         -o -path /var/log -o -path /var/cache -o -path /var/lib/apt -o -path /var/lib/dpkg \
-        -o -path "$HOME/.rpmdb" \) -prune -o -printf '%p %m %u %g\n' | sort
+        -o -path "$HOME/.rpmdb" -o -path "$HOME/.cache" \) -prune -o -printf '%p %m %u %g\n' | sort
     sort /etc/passwd /etc/group
 }
 service_is_another() { # than PID
