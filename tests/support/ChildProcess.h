@@ -157,7 +157,7 @@ public:
         }
         if (signal == SIGSTOP)
         {
-            WaitUntil([this] { return m_IsStopped(); });
+            WaitUntil([this] { return AllThreadsAre('T'); });
         }
     }
 
@@ -204,16 +204,17 @@ public:
         }
     }
 
-private:
-    bool m_IsStopped() const
+    /// A state as in proc(5): S for asleep, T for stopped.
+    bool AllThreadsAre(char state) const
     {
         const boost::filesystem::path tasks("/proc/" + std::to_string(m_pid) + "/task");
         return std::all_of(
             boost::filesystem::directory_iterator(tasks), {},
-            [](const boost::filesystem::path& task)
-            { return ReadFile((task / "stat").string()).find(") T ") != std::string::npos; });
+            [part = std::string(") ") + state + ' '](const boost::filesystem::path& task)
+            { return ReadFile((task / "stat").string()).find(part) != std::string::npos; });
     }
 
+private:
     // Files in memory: a program is never held up by a reader.
     const int m_out = memfd_create("out", MFD_CLOEXEC);
     const int m_err = memfd_create("err", MFD_CLOEXEC);
