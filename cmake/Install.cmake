@@ -60,6 +60,13 @@ install(TARGETS qord qorctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONEN
 if(QOR_SYSTEMD STREQUAL "AUTO")
     pkg_search_module(QOR_SYSTEMD_FILES QUIET systemd libsystemd)
     set(_has_systemd ${QOR_SYSTEMD_FILES_FOUND})
+    if(NOT CMAKE_CROSSCOMPILING) # a system may run systemd and have no package with that file
+        find_program(QOR_SYSTEMCTL systemctl)
+        mark_as_advanced(QOR_SYSTEMCTL)
+        if(QOR_SYSTEMCTL)
+            set(_has_systemd TRUE)
+        endif()
+    endif()
 elseif(QOR_SYSTEMD MATCHES "^(ON|OFF)$")
     set(_has_systemd ${QOR_SYSTEMD})
 else()
