@@ -36,7 +36,7 @@ std::optional<TJson> Ask(const TSOptions& options, int& exitStatus)
     if (status.is_object())
     {
         exitStatus = tools::EXIT_OK;
-        return std::make_optional<TJson>(status); // a TJson converts to an optional by itself, too
+        return std::make_optional<TJson>(status); // TJson has a conversion of its own
     }
     const qor::TSSendResult& result = answer.m_send;
     exitStatus = IsGood(result) ? tools::EXIT_BAD_ANSWER : tools::EXIT_NOT_DELIVERED;
