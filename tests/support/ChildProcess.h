@@ -13,6 +13,7 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -33,12 +34,12 @@ inline void WriteFile(const std::string& path, const std::string& content)
     }
 }
 
-/// Empty if there is none.
+/// Empty if there is none, or if it cannot be read, as that of a process that has just gone.
 inline std::string ReadFile(const std::string& path)
 {
-    std::ifstream file(path, std::ios::binary);
-    const bool isText = file && !boost::filesystem::is_directory(path);
-    return isText ? std::string(std::istreambuf_iterator<char>(file), {}) : "";
+    std::ostringstream content;
+    content << std::ifstream(path, std::ios::binary).rdbuf();
+    return content.str();
 }
 
 inline std::size_t CountOf(const std::string& text, const std::string& part)
@@ -88,6 +89,21 @@ struct ChildOptions
     bool keepInputOpen = false;                     // else the input ends after that text
     std::string workingDirectory = ".";
 };
+
+/// A state as in proc(5): S for asleep, T for stopped, Z for ended, as also one that is gone is.
+inline bool AllThreadsAre(char state, pid_t process)
+{
+    const boost::filesystem::path tasks("/proc/" + std::to_string(process) + "/task");
+    boost::system::error_code ended; // meanwhile
+    bool areAll = true;
+    for (boost::filesystem::directory_iterator task(tasks, ended), end; task != end;
+         task.increment(ended))
+    {
+        const std::string status = ReadFile((task->path() / "stat").string());
+        areAll = areAll && status.find(std::string(") ") + state + ' ') != std::string::npos;
+    }
+    return areAll;
+}
 
 /// Starts a program and collects what it prints. It dies with the thread that started it, and the
 /// destructor kills it if it still runs.
@@ -157,7 +173,7 @@ public:
         }
         if (signal == SIGSTOP)
         {
-            WaitUntil([this] { return AllThreadsAre('T'); });
+            WaitUntil([this] { return AllThreadsAre('T', m_pid); });
         }
     }
 
@@ -204,14 +220,12 @@ public:
         }
     }
 
-    /// A state as in proc(5): S for asleep, T for stopped.
-    bool AllThreadsAre(char state) const
+    /// The processes that it has started itself.
+    std::vector<pid_t> Children() const
     {
-        const boost::filesystem::path tasks("/proc/" + std::to_string(m_pid) + "/task");
-        return std::all_of(
-            boost::filesystem::directory_iterator(tasks), {},
-            [part = std::string(") ") + state + ' '](const boost::filesystem::path& task)
-            { return ReadFile((task / "stat").string()).find(part) != std::string::npos; });
+        const std::string tasks = "/proc/" + std::to_string(m_pid) + "/task/";
+        std::istringstream list(ReadFile(tasks + std::to_string(m_pid) + "/children"));
+        return {std::istream_iterator<pid_t>(list), {}};
     }
 
 private:

@@ -11,6 +11,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "ChildProcess.h"
 
@@ -48,17 +49,26 @@ public:
         setenv("DBUS_SYSTEM_BUS_ADDRESS", m_address.c_str(), 1);
     }
 
-    /// Ends the daemon at once, as if it had crashed.
+    ~PrivateBus()
+    {
+        Kill();
+    }
+
+    /// Ends the daemon at once, as if it had crashed. All its connections are closed on return.
     void Kill()
     {
-        m_daemon.reset();
-        unlink(m_directory.Path("socket").c_str());
+        if (m_daemon)
+        {
+            Signal(SIGKILL);
+            m_daemon.reset();
+            unlink(m_directory.Path("socket").c_str());
+        }
     }
 
     /// Stops the daemon in its tracks, or lets it go on.
     void Freeze(bool isFrozen)
     {
-        m_daemon->Signal(isFrozen ? SIGSTOP : SIGCONT);
+        Signal(isFrozen ? SIGSTOP : SIGCONT);
     }
 
     /// A new daemon on the same address, after Kill.
@@ -76,6 +86,19 @@ public:
     }
 
 private:
+    // Also of what it has started: the launcher of dbus-broker starts the broker.
+    void Signal(int signal)
+    {
+        const std::vector<pid_t> children = m_daemon->Children();
+        m_daemon->Signal(signal);
+        for (const pid_t process : children)
+        {
+            kill(process, signal);
+            const char state = signal == SIGSTOP ? 'T' : 'Z';
+            WaitUntil([&] { return signal == SIGCONT || AllThreadsAre(state, process); });
+        }
+    }
+
     const TemporaryDirectory m_directory;
     const std::string m_address = "unix:path=" + m_directory.Path("socket");
     std::unique_ptr<ChildProcess> m_daemon;
