@@ -48,7 +48,7 @@ TEST_F(Sends, CancellationFromAnotherThreadAndTheEndOfTheBusEndWhatWaits)
             EXPECT_TRUE(cancellation.IsCancelled());
         }
         EXPECT_EQ(waiting.get().m_status, status);
-        EXPECT_LT(SecondsSince(start), 5);
+        EXPECT_LT(SecondsSince(start), 15); // not the watchdog
         ASSERT_TRUE(PumpUntil([&] { return results.Count() == 2; }));
         EXPECT_EQ(results.Status(0), status);
         EXPECT_EQ(results.Status(1), status);
@@ -168,7 +168,7 @@ TEST_F(Sends, AnswerIsToldAtOnceAndNothingIsWokenUpWithoutOne)
         CallAsync(client, results);
         ASSERT_TRUE(PumpUntil([&] { return results.Count() == 1; }));
     }
-    EXPECT_LT(SecondsSince(start), 2.5); // not with the next look, 100 ms later
+    EXPECT_LT(SecondsSince(start), 4); // not with the next look, 100 ms later
     PumpUntil([] { return false; }, 200);
     EXPECT_FALSE(PumpUntil([] { return g_main_context_pending(nullptr) != FALSE; }, 500));
 }

@@ -216,7 +216,7 @@ TEST_P(Attacked, ServiceStoresPoliciesAndIsAliveAndItsMemoryAndItsLogAreBounded)
               << seen.asked << " questions, " << seen.answered << " answers\n";
     EXPECT_GE(seen.answered, row.attack.connections);
     EXPECT_LT(longest, LIMIT);
-    EXPECT_LT(m_silence, LIMIT / 2);
+    EXPECT_TRUE(!IS_LONG || m_silence < 1) << m_silence; // a short attack is over before
     EXPECT_TRUE(IS_SANITIZED || memory < row.megabytes) << memory;
     EXPECT_EQ(CountOf(log, " bytes is stored (SHA-256"), m_stored);
     EXPECT_LT(lines, 20 * m_stored + 100); // each is announced, and some have not heard
