@@ -124,19 +124,13 @@ void NameTimeout(GError** ppError)
 // The process that was first to ask for a connection, or 0.
 std::atomic<pid_t> g_process{0};
 
-bool IsForkedChild(GError** ppError)
-{
-    pid_t first = 0;
-    const bool isChild = !g_process.compare_exchange_strong(first, getpid()) && first != getpid();
-    if (isChild)
-    {
-        g_set_error_literal(ppError, G_IO_ERROR, G_IO_ERROR_NOT_SUPPORTED,
-                            "The process was forked from one that uses the bus");
-    }
-    return isChild;
-}
-
 } // namespace
+
+bool IsForkedChild()
+{
+    const pid_t first = g_process;
+    return first != 0 && first != getpid();
+}
 
 bool HasFreeDescriptors(GError** ppError)
 {
@@ -164,7 +158,8 @@ bool HasFreeDescriptors(GError** ppError)
 
 TGlibPtr<GDBusConnection> BusConnection(GMainContext* pContext, GError** ppError)
 {
-    if (IsForkedChild(ppError) || !HasFreeDescriptors(ppError))
+    g_process = getpid();
+    if (!HasFreeDescriptors(ppError))
     {
         return nullptr;
     }

@@ -21,10 +21,13 @@ constexpr const char* BUS_PATH = "/org/freedesktop/DBus";
 constexpr int CONNECT_TIMEOUT_MS = 2000;
 constexpr std::int64_t NO_DEADLINE = std::numeric_limits<std::int64_t>::max();
 
+// Whether this process was forked from one that has asked for a connection: the threads that a
+// connection needs are not in the child, and locks of GLib's that they held are never released
+// there. So such a child calls nothing of GLib, nor does this.
+bool IsForkedChild();
+
 // The connection that GIO shares in the process; if that has closed, a new one that is made in the
-// caller's context; null with an error. Blocks for the time above at most. Fails in a forked child
-// of a process that has called it before, because the threads that a connection needs are not in
-// the child.
+// caller's context; null with an error. Blocks for the time above at most.
 TGlibPtr<GDBusConnection> BusConnection(GMainContext* pContext, GError** ppError);
 
 // A new connection of the caller's own, with the same limit, and no longer than until the deadline

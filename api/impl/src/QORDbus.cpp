@@ -60,6 +60,10 @@ TCDbus::TCDbus(bool testMode)
       m_pTurns(std::make_unique<TCDbusTurns>()),
       m_pLink(NewDbusLink(this))
 {
+    if (IsForkedChild())
+    {
+        m_pLink->m_process = NO_PROCESS;
+    }
 }
 
 TCDbus::~TCDbus()
@@ -114,6 +118,11 @@ bool TCDbus::t_Start()
 
 bool TCDbus::t_Connect()
 {
+    if (!t_IsInOwnProcess())
+    {
+        QOR_LOG_ERROR("Connecting to system bus error, errno %d", G_IO_ERROR_NOT_SUPPORTED);
+        return false;
+    }
     t_SetDbusCallback(t_dbusSendMethod,
                       boost::bind(&TCDbus::m_HandleMessage, this, boost::placeholders::_1,
                                   boost::placeholders::_2, boost::placeholders::_3));
@@ -247,6 +256,10 @@ bool TCDbus::t_IsInOwnProcess() const
 // Not analysed: the child has no other thread, and the locks are made anew.
 void TCDbus::t_Abandon() QOR_NOT_ANALYSED
 {
+    if (m_pLink->m_process == NO_PROCESS)
+    {
+        return; // nothing is inherited
+    }
     m_pLink = nullptr;
     MakeAnew(t_callbacksMutex);
     MakeAnew(t_callbacks);

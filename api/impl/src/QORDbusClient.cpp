@@ -36,8 +36,8 @@ TCDbusClient::TCDbusClient(bool testMode)
     : TCDbus(testMode),
       m_watcherId(0),
       m_nextAttempt(0),
-      m_pPending(std::make_shared<TCDbusPending>()),
-      m_pStates(std::make_unique<TCDbusStates>())
+      m_pPending(t_IsInOwnProcess() ? std::make_shared<TCDbusPending>() : nullptr),
+      m_pStates(t_IsInOwnProcess() ? std::make_unique<TCDbusStates>() : nullptr)
 {
     t_Start();
 }

@@ -32,8 +32,11 @@ struct TSDbusLink
                                                     // main context
     pthread_t m_runner QOR_GUARDED_BY(m_mutex);     // the thread of the running handlers: one
                                                     // context, so one at a time
-    pid_t m_process;                                // that created the target
+    pid_t m_process;                                // that created the target, or NO_PROCESS
 };
+
+// Of an endpoint that no process may use, since a forked child has made it.
+constexpr pid_t NO_PROCESS = 0;
 
 // GLib releases its reference with this function, which is GLib's own for the same reason.
 constexpr GDestroyNotify RELEASE_DBUS_LINK = &g_atomic_rc_box_release;

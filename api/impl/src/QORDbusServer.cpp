@@ -58,14 +58,17 @@ TCDbusServer::TCDbusServer(bool testMode, const std::vector<TSServiceInterface>&
     : TCDbus(testMode),
       m_ownNameId(0),
       m_numberOfTypes(0),
-      m_pInterfaces(std::make_unique<TCDbusServerInterfaces>()),
+      m_pInterfaces(t_IsInOwnProcess() ? std::make_unique<TCDbusServerInterfaces>() : nullptr),
       m_state(EServiceState::STARTING),
       m_toldState(EServiceState::STARTING),
       m_nameAnswer(0)
 {
-    for (const TSServiceInterface& own : interfaces)
+    if (m_pInterfaces != nullptr)
     {
-        m_pInterfaces->Add(own);
+        for (const TSServiceInterface& own : interfaces)
+        {
+            m_pInterfaces->Add(own);
+        }
     }
     try
     {

@@ -11,6 +11,7 @@
 #include <qor/QORDeactivator.h>
 #include <qor/api.h>
 
+#include "QORBusConnection.h"
 #include "QORProxySingleton.h"
 
 namespace qor
@@ -49,9 +50,10 @@ TSPolicyResult ReadResult(const TSSendResult& sent)
 
 constexpr char GET_POLICY_BYTES[] = "GetPolicyBytes";
 
+// None in a forked child, whose call is refused without it.
 GVariant* NumberArgument(std::uint64_t number)
 {
-    return g_variant_new("(t)", static_cast<guint64>(number));
+    return IsForkedChild() ? nullptr : g_variant_new("(t)", static_cast<guint64>(number));
 }
 
 TSPolicyText ReadText(const TSMethodResult& answer)
