@@ -184,6 +184,7 @@ TEST_F(Event, LateAnswerIsToldAndTheClientCanBeSentWhatItHasMissed)
     EXPECT_EQ(resumed.size(), 0U);
     answerAll();
     using Resumed = std::vector<std::pair<std::string, int>>;
+    EXPECT_TRUE(PumpUntil([&] { return m_told.size() >= 5; }));
     EXPECT_EQ(resumed, (Resumed{{name, 3}, {name, 2}}));
     EXPECT_EQ(m_told.size(), 5U);
     EXPECT_EQ(m_told.back(), heard);

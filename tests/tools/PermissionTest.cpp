@@ -10,6 +10,7 @@
 #include <glib.h>
 #include <gtest/gtest.h>
 
+#include "MainContext.h"
 #include "common/Text.h"
 #include "qord/Permission.h"
 #include "qord/StopSignals.h"
@@ -30,22 +31,33 @@ TEST(Permission, RootTheServicesUserAndGroupsMayChange)
     constexpr auto YES = qord::EPermission::GRANTED;
     qor::TSPeer peer;
     peer.m_isKnown = true;
-    EXPECT_EQ(permission.MayChange(peer), YES);
+    const auto mayChange = [&] // as soon as the users are known
+    {
+        auto permitted = qord::EPermission::UNKNOWN;
+        qortest::WaitUntil(
+            [&]
+            {
+                permitted = permission.MayChange(peer);
+                return permitted != qord::EPermission::UNKNOWN;
+            });
+        return permitted;
+    };
+    EXPECT_EQ(mayChange(), YES);
     peer.m_userId = geteuid() + 12345;
-    EXPECT_EQ(permission.MayChange(peer), qord::EPermission::REFUSED);
+    EXPECT_EQ(mayChange(), qord::EPermission::REFUSED);
     const auto asService = [&] // not as root, where that can be: a thread may have its own user
     {
         syscall(SYS_setresuid, -1, peer.m_userId, -1);
         peer.m_userId = geteuid();
-        EXPECT_EQ(permission.MayChange(peer), YES);
+        EXPECT_EQ(mayChange(), YES);
     };
     std::thread(asService).join();
     peer.m_userId = getpwnam("daemon")->pw_uid; // whose groups the bus may leave out
-    EXPECT_EQ(permission.MayChange(peer), YES);
+    EXPECT_EQ(mayChange(), YES);
     peer.m_hasGroups = true;
-    EXPECT_EQ(permission.MayChange(peer), qord::EPermission::REFUSED);
+    EXPECT_EQ(mayChange(), qord::EPermission::REFUSED);
     peer.m_groupIds = {99999, getgrnam("daemon")->gr_gid};
-    EXPECT_EQ(permission.MayChange(peer), YES);
+    EXPECT_EQ(mayChange(), YES);
     peer.m_groupIds.clear();
     rules.m_everyone = true;
     EXPECT_EQ(qord::TCPermission(rules, users).MayChange(peer), YES);
