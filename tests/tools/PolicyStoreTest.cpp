@@ -334,7 +334,7 @@ TEST_F(PolicyHistory, WhoSetAPolicyIsKnownAfterItsFilesWereCarriedElsewhere)
     // What somebody has put there is nobody's, though its text or its time is known.
     const std::string first = m_path + ".kept-1", second = m_path + ".kept-2";
     PutInPlace(first, "other", Status(first).st_mtim);
-    PutInPlace(second, "two", {Status(second).st_mtim.tv_sec - 1, 0});
+    PutInPlace(second, "two", {Status(second).st_mtim.tv_sec - 100, 0});
     EXPECT_EQ(Setters(), "unknown unknown carol dave ");
 
     // Nor is it lost where the time of a file is the year 2381, which nanoseconds do not reach.
