@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include <csignal>
+#include <iostream>
 #include <map>
 #include <random>
 
@@ -218,15 +219,19 @@ TEST_F(Fault, ABusThatNeverAnswersOrIsGoneDoesNotKeepTheServiceFromEnding)
         // ThreadSanitizer delivers a signal that comes just before a wait only after that wait.
         EXPECT_TRUE(WaitUntil(
             [&] { return mute.Connections() > before && AllThreadsAre('S', qord->Pid()); }));
+        const auto start = std::chrono::steady_clock::now();
         qord->Signal(SIGTERM);
         while (signals == 2 && qord->IsRunning()) // until it has taken the first one
         {
             qord->Signal(SIGTERM);
         }
-        return qord->Wait();
+        const int status = qord->Wait();
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+        std::cout << "ended with " << status << ": " << qord->Err() << '\n';
+        return status;
     };
-    // On a busy machine the limit for a stop may come first.
-    EXPECT_TRUE(WaitUntil([&] { return endsWith(1) == 0; }));
+    // On a busy machine the limit for a stop may come first; hardly twice.
+    EXPECT_TRUE(endsWith(1) == 0 || endsWith(1) == 0);
     EXPECT_EQ(endsWith(2), 128 + SIGTERM);
 
     auto qord = StartQuietQord();
